@@ -13,7 +13,8 @@
 
 namespace Norvale_Plugin_Flickr {
 
-/// One photo or video of the service, as listed in one set. A plain value; all texts are UTF-8, all times UTC.
+/// One photo or video of the service, as listed in one set. A plain value; all texts are UTF-8, all times
+/// UTC.
 class Photo {
 public:
     /// Empties the record but for the nested set: texts and tags empty, sizes 0, times the current moment.

@@ -4,9 +4,13 @@
 
 namespace Norvale_Plugin_Flickr {
 
-void PhotoSet::Initialize() { *this = PhotoSet(); }
+void PhotoSet::Initialize() {
+    *this = PhotoSet();
+}
 
-void PhotoSet::Clone(PhotoSet other) { *this = std::move(other); }
+void PhotoSet::Clone(PhotoSet other) {
+    *this = std::move(other);
+}
 
 void PhotoSet::setTitle(std::string title) {
     title_ = Norvale_Plugin_Core::Utils().NormalizeString(std::move(title));

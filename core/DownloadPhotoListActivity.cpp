@@ -1,0 +1,132 @@
+#include "core/DownloadPhotoListActivity.h"
+
+#include <Poco/Exception.h>
+#include <Poco/Net/HTTPResponse.h>
+
+#include "core/DownloadPhotoSetListActivity.h"
+#include "core/PhotoListSaxHandler.h"
+#include "core/RunSupport.h"
+
+namespace Norvale_Plugin_Flickr {
+
+namespace {
+
+// The service's page size for the photos of a set; no request asks for another.
+constexpr int kItemsPerPage = 500;
+
+}  // namespace
+
+DownloadPhotoListActivity::DownloadPhotoListActivity()
+    : activity_(this, &DownloadPhotoListActivity::runActivity), exceptionHandler_(kServiceName) {}
+
+void DownloadPhotoListActivity::setData(std::string photoSetId, PhotoSet set, std::string authToken,
+                                        std::string apiKey, std::string apiSecret, std::string dataUrl,
+                                        Poco::DateTime fromDate, std::string mediaToBackup) {
+    photoSetId_ = std::move(photoSetId);
+    photoSet_ = std::move(set);
+    access_ = {std::move(dataUrl), std::move(authToken), std::move(apiKey), std::move(apiSecret)};
+    fromDate_ = fromDate;
+    mediaToBackup_ = std::move(mediaToBackup);
+}
+
+void DownloadPhotoListActivity::start() {
+    activity_.start();
+}
+
+void DownloadPhotoListActivity::stop() {
+    activity_.stop();
+    activity_.wait();
+}
+
+void DownloadPhotoListActivity::runActivity() {
+    tryGettingPhotoList();
+    sortPhotos();
+}
+
+void DownloadPhotoListActivity::tryGettingPhotoList() {
+    tryAttempts("Getting Photo List Attempt - ", "Backup Stopped in tryGettingPhotoList()",
+                [this](int attempt) { return getPhotoList(attempt) == 1; });
+}
+
+int DownloadPhotoListActivity::getPhotoList(int attempt) {
+    try {
+        return getAllPages();
+    } catch (Poco::Exception& exception) {
+        logFailure("Unable to downlod / parse / sort photo list - " + exception.displayText());
+        exceptionHandler_.handleException(
+            exception,
+            "Exception occurred in DownloadPhotoListActivity::getPhotoList(): " + exception.displayText(),
+            attempt);
+        return 0;
+    }
+}
+
+int DownloadPhotoListActivity::getAllPages() {
+    const bool anonymous = photoSetId_ == kAnonymousSet;
+    const int items = photoSet_.getNumberOfPhotos();
+    const int pages = items <= kItemsPerPage ? 1 : items / kItemsPerPage + (items % kItemsPerPage ? 1 : 0);
+
+    // The items in no set are not counted anywhere: their listing ends with a page that brings nothing new.
+    std::size_t previousCount = 0;
+    for (int page = 1; anonymous || page <= pages; ++page) {
+        if (stoppedAt("Backup Stopped in DownloadPhotoListActivity::getPhotoList()")) return 0;
+
+        std::size_t count = 0;
+        const int status = pageRequest(page).send([&](std::istream& body) { count = parseDataV2(body); });
+        if (status != Poco::Net::HTTPResponse::HTTP_OK) {
+            throw Poco::Exception("UNABLE TO DOWNLOAD PHOTOSET", 0);
+        }
+        if (anonymous && count == previousCount) return 1;
+        previousCount = count;
+    }
+    return 1;
+}
+
+SignedRequest DownloadPhotoListActivity::pageRequest(int page) const {
+    const bool anonymous = photoSetId_ == kAnonymousSet;
+    SignedRequest request(access_, anonymous ? "flickr.photos.getNotInSet" : "flickr.photosets.getPhotos");
+    if (!anonymous) request.add("photoset_id", photoSetId_);
+    request.addExtras().addToken().add("page", std::to_string(page));
+    return request;
+}
+
+std::size_t DownloadPhotoListActivity::parseDataV2(std::istream& body) {
+    const std::string document = readWhole(body);
+    if (stoppedAt("Backup Stopped in DownloadPhotoListActivity::parseDataV2()")) return 0;
+
+    // The handler gets no known items: merging its own into the map comes to the same, costs the same for
+    // every page of a listing, and leaves the map as it was when the page cannot be read.
+    PhotoListSaxHandler handler;
+    handler.setData(access_.apiSecret, access_.apiKey, access_.authToken, photoSet_, {}, access_.dataUrl);
+    try {
+        handler.read(document);
+    } catch (Poco::Exception& exception) {
+        logFailure("Unable to parse photo list " + exception.displayText());
+        throw;
+    }
+    photoMap_.merge(std::move(handler).getPhotoList());
+    return photoMap_.size();
+}
+
+void DownloadPhotoListActivity::sortPhotos() {
+    for (auto& [id, photo] : photoMap_) {
+        const Poco::DateTime updated = photo.getUpdatedDateTime();
+        const std::string mediaType = photo.getMediaType();
+        if (updated > fromDate_) {
+            if (mediaToBackup_ != "all" && mediaToBackup_ != mediaType) continue;
+            if (mediaType == "photo") photos_.emplace(updated, std::move(photo));
+            if (mediaType == "video") videos_.emplace(updated, std::move(photo));
+        } else if (photo.getRawPhotoID() == photoSet_.getCoverImageID()) {
+            photos_.emplace(updated, std::move(photo));
+        }
+    }
+    photoMap_.clear();
+
+    if (photos_.size() == 1) {
+        const auto& [updated, photo] = *photos_.begin();
+        if (photo.getRawPhotoID() == photoSet_.getCoverImageID() && updated < fromDate_) photos_.clear();
+    }
+    logInfo("Available new/updated media to process: " + std::to_string(photos_.size() + videos_.size()));
+}
+
+}  // namespace Norvale_Plugin_Flickr

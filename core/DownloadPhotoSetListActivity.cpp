@@ -1,0 +1,91 @@
+#include "core/DownloadPhotoSetListActivity.h"
+
+#include <Poco/Exception.h>
+#include <Poco/Net/HTTPResponse.h>
+
+#include "core/PhotosetSaxHandler.h"
+#include "core/RunSupport.h"
+#include "hostapi/CSConfigException.h"
+#include "hostapi/CSNetworkException.h"
+
+namespace Norvale_Plugin_Flickr {
+
+using Poco::Net::HTTPResponse;
+
+DownloadPhotoSetListActivity::DownloadPhotoSetListActivity()
+    : activity_(this, &DownloadPhotoSetListActivity::runActivity), exceptionHandler_(kServiceName) {}
+
+void DownloadPhotoSetListActivity::setData(std::string dataUrl, std::string authToken, std::string apiKey,
+                                           std::string apiSecret, Poco::DateTime fromDate,
+                                           std::string mediaToBackup) {
+    access_ = {std::move(dataUrl), std::move(authToken), std::move(apiKey), std::move(apiSecret)};
+    fromDate_ = fromDate;
+    mediaToBackup_ = std::move(mediaToBackup);
+}
+
+void DownloadPhotoSetListActivity::start() {
+    activity_.start();
+}
+
+void DownloadPhotoSetListActivity::stop() {
+    activity_.stop();
+    activity_.wait();
+}
+
+void DownloadPhotoSetListActivity::runActivity() {
+    tryGettingPhotoSetList();
+}
+
+void DownloadPhotoSetListActivity::tryGettingPhotoSetList() {
+    tryAttempts("Getting PhotoSet List Attempt - ", "Backup Stopped in tryGettingPhotoSetList()",
+                [this](int attempt) { return getPhotoSetList(attempt) == 1; });
+}
+
+int DownloadPhotoSetListActivity::getPhotoSetList(int attempt) {
+    try {
+        const SignedRequest request = SignedRequest(access_, "flickr.photosets.getList").addToken();
+        const int status = request.send([this](std::istream& body) { insertPhotoSets(parseDataV2(body)); });
+        if (status == HTTPResponse::HTTP_OK) return 1;
+
+        const std::string message =
+            "UNABLE TO DOWNLOAD PHOTOSET. Response Status - " + std::to_string(status);
+        if (status == HTTPResponse::HTTP_UNAUTHORIZED) {
+            Norvale_Plugin_Core::CSConfigException refused(0);
+            exceptionHandler_.handleException(refused, message, retryAttempts());
+        }
+        throw Norvale_Plugin_Core::CSNetworkException(message, 0);
+    } catch (Poco::Exception& exception) {
+        exceptionHandler_.handleException(
+            exception, "Exception occurred in getPhotoSetList() : " + exception.displayText(), attempt);
+        if (attempt == retryAttempts()) dataTypeBackupStatus_ = false;
+        return 0;
+    }
+}
+
+std::map<std::string, PhotoSet> DownloadPhotoSetListActivity::parseDataV2(std::istream& body) {
+    const std::string document = readWhole(body);
+    if (stoppedAt("Backup Stopped in DownloadPhotoSetListActivity::parseDataV2()")) return {};
+
+    PhotosetSaxHandler handler;
+    try {
+        handler.read(document);
+    } catch (Poco::Exception& exception) {
+        throw Poco::Exception(exception);
+    }
+    std::map<std::string, PhotoSet> sets = std::move(handler).getPhotosetList();
+
+    PhotoSet anonymous;
+    anonymous.setPhotoSetID(kAnonymousSet);
+    anonymous.setTitle(kAnonymousSet);
+    anonymous.setDescription(kAnonymousSet);
+    anonymous.setResourceTitle(anonymous.getTitle());
+    sets.emplace(kAnonymousSet, anonymous);
+    return sets;
+}
+
+void DownloadPhotoSetListActivity::insertPhotoSets(std::map<std::string, PhotoSet> sets) {
+    for (auto& [id, set] : sets) photoSets_.emplace(id, std::move(set));
+    logInfo("Available new/updated photo sets to process: " + std::to_string(photoSets_.size()));
+}
+
+}  // namespace Norvale_Plugin_Flickr

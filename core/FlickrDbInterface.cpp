@@ -1,0 +1,145 @@
+#include "core/FlickrDbInterface.h"
+
+#include <Poco/Data/SQLite/Connector.h>
+#include <Poco/Data/Session.h>
+#include <Poco/Data/Statement.h>
+#include <Poco/Exception.h>
+
+#include "core/RunSupport.h"
+
+namespace Norvale_Plugin_Flickr {
+
+using Poco::Data::Session;
+using Poco::Data::Keywords::into;
+using Poco::Data::Keywords::now;
+using Poco::Data::Keywords::use;
+using Poco::Data::SQLite::Connector;
+
+namespace {
+
+/// A session whose connector is registered for as long as the session lives.
+class ConnectorSession {
+public:
+    explicit ConnectorSession(const std::string& path) : session_("SQLite", path) {}
+    ~ConnectorSession() {
+        try {
+            session_.close();
+        } catch (Poco::Exception&) {
+            // What the session did is done; a failed close must not hide how it went.
+        }
+    }
+    ConnectorSession(const ConnectorSession&) = delete;
+    ConnectorSession& operator=(const ConnectorSession&) = delete;
+
+    Session& operator*() { return session_; }
+
+private:
+    struct Registration {
+        Registration() { Connector::registerConnector(); }
+        ~Registration() { Connector::unregisterConnector(); }
+    };
+
+    Registration registration_;
+    Session session_;
+};
+
+}  // namespace
+
+/// Does work, false when a Poco::Exception ended it; the exception is then reported behind message.
+template <typename Work>
+bool FlickrDbInterface::guarded(const char* message, Work work) {
+    try {
+        work();
+        return true;
+    } catch (Poco::Exception& exception) {
+        exceptionHandler_.handleException(exception, message + exception.displayText(), retryAttempts());
+        return false;
+    }
+}
+
+std::string FlickrDbInterface::selectTextById(const char* message, const char* statement, std::string id) {
+    std::string text;
+    guarded(message, [&] {
+        ConnectorSession session(connectionString_);
+        *session << statement, into(text), use(id), now;
+    });
+    return text;
+}
+
+Poco::DateTime FlickrDbInterface::getLatestBackupTime() {
+    std::string text;
+    guarded("Exception occurred in GetLatestBackupTime() : ", [&] {
+        ConnectorSession session(connectionString_);
+        *session << "SELECT ItemUpdatedOn FROM backupmetadata WHERE ItemType = 'FlickrLatestBackUpDateTime'",
+            into(text), now;
+    });
+    return convertToDateTime(text);
+}
+
+std::string FlickrDbInterface::getPhotoSetNameById(std::string setId) {
+    return selectTextById("Exception occurred in getPhotoSetNameById() :",
+                          "SELECT ItemName FROM backupmetadata WHERE ItemId = :photoSetId", std::move(setId));
+}
+
+std::string FlickrDbInterface::getPhotoNameById(std::string photoId) {
+    return selectTextById("Exception occurred in getPhotoNameById() :",
+                          "SELECT ItemName FROM backupmetadata WHERE ItemId = :photoId", std::move(photoId));
+}
+
+std::string FlickrDbInterface::getPhotoUpdatedById(std::string photoId) {
+    return selectTextById("Exception occurred in getPhotoUpdatedById() :",
+                          "SELECT ItemUpdatedOn FROM backupmetadata WHERE ItemId = :photoId",
+                          std::move(photoId));
+}
+
+void FlickrDbInterface::updateLatestBackupTime(Poco::DateTime time) {
+    guarded("Exception occurred in updateLatestBackupTime() :", [&] {
+        std::string updated = convertToString(time);
+        ConnectorSession session(connectionString_);
+        *session << "UPDATE BackupMetaData SET ItemUpdatedOn = :sLastUpdateddateTime WHERE ItemType = "
+                    "'FlickrLatestBackUpDateTime'",
+            use(updated), now;
+    });
+}
+
+void FlickrDbInterface::updatePhotoUpdatedTime(std::string newUpdatedTime, std::string itemId) {
+    guarded("Exception occurred in updatePhotoUpdatedTime() :", [&] {
+        ConnectorSession session(connectionString_);
+        *session << "UPDATE BackupMetaData SET ItemUpdatedOn = :newUpdatedTime WHERE ItemID = :itemId",
+            use(newUpdatedTime), use(itemId), now;
+    });
+}
+
+bool FlickrDbInterface::updateContainerTitleV2(std::string itemId, std::string orgName,
+                                               std::string derivedName, std::string /*oldName*/,
+                                               std::string newUpdatedTime) {
+    return guarded("Exception in updateContainerTitle(): - ", [&] {
+        initialize();
+        {
+            ConnectorSession session(connectionString_);
+            *session << "UPDATE backupmetadata SET ItemName = :orgItemName, DerivedItemName = "
+                        ":derivedItemName, ItemUpdatedOn = :newUpdatedTime WHERE OriginalItemId = :itemId",
+                use(orgName), use(derivedName), use(newUpdatedTime), use(itemId), now;
+            *session << "UPDATE backupmetadata SET ItemContainerName = :orgItemName, DerivedContainerName = "
+                        ":derContainerName WHERE OriginalContainerId = :itemId",
+                use(derivedName), use(derivedName), use(itemId), now;
+        }
+        uninitialize();
+    });
+}
+
+bool FlickrDbInterface::updateFileTitleV2(std::string itemId, std::string orgName, std::string derivedName,
+                                          std::string newUpdatedTime) {
+    return guarded("Exception in updateFileTitleV2(): - ", [&] {
+        initialize();
+        {
+            ConnectorSession session(connectionString_);
+            *session << "UPDATE backupmetadata SET ItemName = :orgItemName, DerivedItemName = "
+                        ":derivedItemName, ItemUpdatedOn = :newUpdatedTime WHERE ItemId = :itemId",
+                use(orgName), use(derivedName), use(newUpdatedTime), use(itemId), now;
+        }
+        uninitialize();
+    });
+}
+
+}  // namespace Norvale_Plugin_Flickr

@@ -1,0 +1,145 @@
+#include "core/MediaSession.h"
+
+#include <Poco/Exception.h>
+#include <Poco/Net/AcceptCertificateHandler.h>
+#include <Poco/Net/Context.h>
+#include <Poco/Net/HTTPRequest.h>
+#include <Poco/Net/HTTPSClientSession.h>
+#include <Poco/Net/NetException.h>
+#include <Poco/Net/SSLManager.h>
+#include <Poco/Net/SecureStreamSocket.h>
+#include <Poco/Net/Session.h>
+#include <Poco/NumberParser.h>
+
+#include <map>
+#include <mutex>
+#include <string>
+
+namespace Norvale_Plugin_Flickr {
+
+using Poco::Net::Context;
+using Poco::Net::HTTPClientSession;
+using Poco::Net::HTTPMessage;
+using Poco::Net::HTTPRequest;
+using Poco::Net::HTTPResponse;
+using Poco::Net::HTTPSClientSession;
+
+namespace {
+
+constexpr int kVerificationDepth = 9;
+constexpr const char* kCipherList = "ALL:!ADH:!LOW:!EXP:!MD5:@STRENGTH";
+// A redirect can name any host: what is kept for them has an end.
+constexpr std::size_t kRememberedHosts = 64;
+
+/// A session that lets its bytes be read.
+template <typename Session>
+class RawSession : public Session, public RawBytes {
+public:
+    using Session::Session;
+    int nextByte() override { return Session::get(); }
+    int readBytes(char* buffer, std::streamsize count) override { return Session::read(buffer, count); }
+};
+
+/// The process's TLS settings and the sessions by which its connections are resumed.
+class TlsClient {
+public:
+    static TlsClient& instance() {
+        // Never destroyed: other threads may still be connected when the process ends.
+        static TlsClient& client = *new TlsClient;
+        return client;
+    }
+
+    std::unique_ptr<HTTPClientSession> connect(const std::string& host) {
+        return std::make_unique<RawSession<HTTPSClientSession>>(host, HTTPSClientSession::HTTPS_PORT,
+                                                                context_, sessionOf(host));
+    }
+
+    void remember(const std::string& host, Poco::Net::Session::Ptr session) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (sessions_.size() >= kRememberedHosts) sessions_.clear();
+        sessions_[host] = session;
+    }
+
+private:
+    TlsClient()
+        : context_(new Context(Context::CLIENT_USE, "", "", "", Context::VERIFY_NONE, kVerificationDepth,
+                               false, kCipherList)) {
+        context_->enableSessionCache(true);
+        Poco::Net::SSLManager::instance().initializeClient(
+            nullptr, new Poco::Net::AcceptCertificateHandler(false), context_);
+    }
+
+    Poco::Net::Session::Ptr sessionOf(const std::string& host) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto found = sessions_.find(host);
+        return found == sessions_.end() ? Poco::Net::Session::Ptr() : found->second;
+    }
+
+    Context::Ptr context_;
+    std::mutex mutex_;
+    std::map<std::string, Poco::Net::Session::Ptr> sessions_;
+};
+
+std::string pathAndQuery(const Poco::URI& address) {
+    const std::string path = address.getPathAndQuery();
+    return path.empty() ? "/" : path;
+}
+
+}  // namespace
+
+bool MediaSession::supports(const Poco::URI& address) {
+    return address.getScheme() == "http" || address.getScheme() == "https";
+}
+
+MediaSession::MediaSession(const Poco::URI& address, const std::string& url) : host_(address.getHost()) {
+    if (address.getScheme() == "https") {
+        session_ = TlsClient::instance().connect(host_);
+        target_ = pathAndQuery(address);
+    } else {
+        session_ = std::make_unique<RawSession<HTTPClientSession>>(host_, address.getPort());
+        target_ = url;
+    }
+}
+
+MediaSession::~MediaSession() {
+    if (!session_->secure() || !session_->connected()) return;
+    try {
+        // Asked of the socket, when the answer was read, and not of the session, which only knows the ticket
+        // of the handshake: TLS 1.3 sends its tickets behind it.
+        Poco::Net::SecureStreamSocket socket(session_->socket());
+        TlsClient::instance().remember(host_, socket.currentSession());
+    } catch (Poco::Exception&) {
+        // The next connection makes a session of its own.
+    }
+}
+
+const HTTPResponse& MediaSession::exchange() {
+    HTTPRequest request(HTTPRequest::HTTP_GET, target_, HTTPRequest::HTTP_1_1);
+    session_->sendRequest(request);
+    body_ = &session_->receiveResponse(response_);
+    if (response_.getChunkedTransferEncoding()) {
+        chunks_ = std::make_unique<ChunkedBody>(dynamic_cast<RawBytes&>(*session_));
+        chunkedStream_ = std::make_unique<std::istream>(chunks_.get());
+        body_ = chunkedStream_.get();
+    }
+    return response_;
+}
+
+std::int64_t MediaSession::contentLength() const {
+    if (response_.getChunkedTransferEncoding() || !response_.hasContentLength()) return -1;
+    const std::string& announced = response_.get(HTTPMessage::CONTENT_LENGTH);
+    for (const auto& [name, value] : response_) {
+        if (Poco::icompare(name, HTTPMessage::CONTENT_LENGTH) == 0 && value != announced) {
+            throw Poco::Net::MessageException("the answer announces two content lengths");
+        }
+    }
+    const std::int64_t length = Poco::NumberParser::parse64(announced);
+    if (length < 0) throw Poco::Net::MessageException("the answer announces a negative content length");
+    return length;
+}
+
+void MediaSession::rethrowNetworkFailure() const {
+    if (session_->networkException()) session_->networkException()->rethrow();
+}
+
+}  // namespace Norvale_Plugin_Flickr

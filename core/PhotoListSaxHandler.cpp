@@ -1,0 +1,174 @@
+#include "core/PhotoListSaxHandler.h"
+
+#include <Poco/DateTimeParser.h>
+#include <Poco/DynamicAny.h>
+#include <Poco/Exception.h>
+#include <Poco/Net/HTTPResponse.h>
+#include <Poco/SAX/Attributes.h>
+#include <Poco/Timestamp.h>
+
+#include "core/PhotoInformationSaxHandler.h"
+#include "core/RunSupport.h"
+#include "hostapi/ExceptionHandlerMac.h"
+
+namespace Norvale_Plugin_Flickr {
+
+namespace {
+
+// The last second of the year 9999, past which Poco::DateTime has no values.
+constexpr Poco::Int64 kLastSecond = 253402300799;
+
+/// Seconds since 1970-01-01 00:00 UTC as a date. Throws Poco::Exception for text that is no such number.
+Poco::DateTime fromEpochText(const std::string& text) {
+    const auto seconds = Poco::DynamicAny(text).convert<Poco::Int64>();
+    if (seconds < 0 || seconds > kLastSecond) throw Poco::RangeException("date out of range", text);
+    return Poco::DateTime(Poco::Timestamp::fromEpochTime(seconds));
+}
+
+/// The date that the camera wrote, which can be anything: one that is no date becomes the epoch, since the
+/// picture matters more than when it was taken.
+Poco::DateTime parseTakenDate(const std::string& text) {
+    try {
+        int timeZoneDifferential = 0;
+        return Poco::DateTimeParser::parse(text, timeZoneDifferential);
+    } catch (Poco::Exception& exception) {
+        logFailure("Unable to read the date taken \"" + text + "\" - " + exception.displayText());
+        return Poco::DateTime(Poco::Timestamp::fromEpochTime(0));
+    }
+}
+
+/// Removes the character at the text's end, then at its start; a text of nothing else stays as it is.
+void stripEnds(std::string& text, char character) {
+    const std::string::size_type last = text.find_last_not_of(character);
+    if (last == std::string::npos) return;
+    text.erase(last + 1);
+    text.erase(0, text.find_first_not_of(character));
+}
+
+std::string suffixOf(const std::string& mediaType) {
+    if (mediaType == "photo") return ".jpg";
+    if (mediaType == "video") return ".mp4";
+    return "";
+}
+
+}  // namespace
+
+void PhotoListSaxHandler::setData(std::string apiSecret, std::string apiKey, std::string authToken,
+                                  PhotoSet set, std::map<std::string, Photo> photoMap, std::string dataUrl) {
+    access_ = {std::move(dataUrl), std::move(authToken), std::move(apiKey), std::move(apiSecret)};
+    set_ = std::move(set);
+    photoMap_ = std::move(photoMap);
+}
+
+void PhotoListSaxHandler::startElement(const Poco::XML::XMLString&, const Poco::XML::XMLString& localName,
+                                       const Poco::XML::XMLString&, const Poco::XML::Attributes& attributes) {
+    if (stoppedAt("Backup Stopped in PhotoListSaxHandler::startElement()")) return;
+
+    if (localName == "photo") {
+        logInfo("*********************** Photo Started**************************");
+        photo_.Initialize();
+        inPhoto_ = true;
+        buffer_.clear();
+        readAttributes(attributes);
+    } else if (inPhoto_ && localName == "description") {
+        inDescription_ = true;
+    }
+}
+
+void PhotoListSaxHandler::readAttributes(const Poco::XML::Attributes& attributes) {
+    for (int i = 0; i < attributes.getLength(); ++i) {
+        const Poco::XML::XMLString& name = attributes.getLocalName(i);
+        const Poco::XML::XMLString& value = attributes.getValue(i);
+        if (name == "id") {
+            photo_.setPhotoID(value);
+            photo_.setRawPhotoID(value);
+        } else if (name == "title") {
+            photo_.setPhotoTitle(value);
+        } else if (name == "dateupload") {
+            photo_.setUploadDateTime(fromEpochText(value));
+        } else if (name == "lastupdate") {
+            photo_.setUpdatedDateTime(fromEpochText(value));
+        } else if (name == "datetaken") {
+            photo_.setTakenDateTime(parseTakenDate(value));
+        } else if (name == "media") {
+            photo_.setMediaType(value);
+        } else if (name == "tags" && !value.empty()) {
+            std::string::size_type start = 0;
+            std::string::size_type blank;
+            while ((blank = value.find(' ', start)) != std::string::npos) {
+                photo_.setTags(value.substr(start, blank - start));
+                start = blank + 1;
+            }
+            photo_.setTags(value.substr(start));
+        }
+    }
+}
+
+void PhotoListSaxHandler::characters(const Poco::XML::XMLChar text[], int start, int length) {
+    if (inDescription_ && length > 0) buffer_.append(text + start, length);
+}
+
+void PhotoListSaxHandler::endElement(const Poco::XML::XMLString&, const Poco::XML::XMLString& localName,
+                                     const Poco::XML::XMLString&) {
+    if (inDescription_ && localName == "description") {
+        std::string description = sanetizeString(buffer_);
+        if (!description.empty() && description != "\n") photo_.setDescription(std::move(description));
+        inDescription_ = false;
+    } else if (inPhoto_ && localName == "photo") {
+        logInfo("*********************** Photo Ended**************************");
+        finishPhoto();
+        inPhoto_ = false;
+    }
+}
+
+void PhotoListSaxHandler::finishPhoto() {
+    getPhotoInformation(photo_);
+    photo_.setPhotoSetID(set_.getPhotoSetID());
+    photo_.setPhotoSet(set_);
+    photo_.setPhotoID(photo_.getRawPhotoID() + "_" + set_.getPhotoSetID());
+    photo_.setPhotoTitle(photo_.getPhotoTitle() + suffixOf(photo_.getMediaType()));
+    if (photo_.getImagePath().empty()) return;
+
+    Photo listed;
+    listed.Clone(photo_);
+    std::string id = listed.getPhotoID();
+    photoMap_.emplace(std::move(id), std::move(listed));
+}
+
+void PhotoListSaxHandler::getPhotoInformation(Photo& photo) {
+    try {
+        SignedRequest request(access_, "flickr.photos.getSizes");
+        request.add("photo_id", photo.getPhotoID()).addToken();
+        const int status = request.send([&](std::istream& body) { parsePhotoInformationV2(body, photo); });
+        if (status != Poco::Net::HTTPResponse::HTTP_OK) {
+            throw Poco::Exception("UNABLE TO DOWNLOAD PHOTOSET", 0);
+        }
+    } catch (Poco::Exception& exception) {
+        logFailure("Unable to downlod / parse / sort photo list - " + exception.displayText());
+        Norvale_Plugin_Core::ExceptionHandlerMac(kServiceName)
+            .handleException(exception,
+                             "Exception occurred in getPhotoInformation() : " + exception.displayText(),
+                             retryAttempts());
+    }
+}
+
+void PhotoListSaxHandler::parsePhotoInformationV2(std::istream& body, Photo& photo) {
+    const std::string document = readWhole(body);
+    PhotoInformationSaxHandler handler;
+    handler.setPhoto(photo);
+    try {
+        handler.read(document);
+    } catch (Poco::Exception& exception) {
+        logFailure("Unable to parse photo information " + exception.displayText());
+        throw;
+    }
+    photo = std::move(handler).getPhoto();
+}
+
+std::string PhotoListSaxHandler::sanetizeString(std::string text) {
+    stripEnds(text, '\n');
+    stripEnds(text, '\t');
+    return utils_.trimString(std::move(text));
+}
+
+}  // namespace Norvale_Plugin_Flickr

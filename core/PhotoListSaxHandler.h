@@ -1,0 +1,73 @@
+// Reader of the answers to flickr.photosets.getPhotos and flickr.photos.getNotInSet:
+//
+//   <rsp stat="ok"><photoset id="72157" …>
+//     <photo id="4011" title="Sunset" dateupload="1400000000" lastupdate="1400000100"
+//            datetaken="2014-05-13 18:53:20" media="photo" tags="sea sun" …>
+//       <description>…</description>
+//     </photo> …
+//   </photoset></rsp>
+//
+// dateupload and lastupdate are seconds since 1970-01-01 00:00 UTC. Elements and attributes that are not
+// named here are passed over.
+
+#ifndef CORE_PHOTOLISTSAXHANDLER_H
+#define CORE_PHOTOLISTSAXHANDLER_H
+
+#include <istream>
+#include <map>
+#include <string>
+
+#include "core/Photo.h"
+#include "core/PhotoSet.h"
+#include "core/SaxReader.h"
+#include "core/SignedRequest.h"
+#include "hostapi/Utils.h"
+
+namespace Norvale_Plugin_Flickr {
+
+/// Collects the photos and videos of one page. For each of them it asks the service, while it reads, for the
+/// item's renditions; an item without one to download is left out. After a stop request it passes over every
+/// element.
+class PhotoListSaxHandler : public SaxReader {
+public:
+    /// photoMap holds the items that are known already, by their PhotoID; a known one keeps its record.
+    void setData(std::string apiSecret, std::string apiKey, std::string authToken, PhotoSet set,
+                 std::map<std::string, Photo> photoMap, std::string dataUrl);
+
+    /// The known items and those that were read.
+    std::map<std::string, Photo> getPhotoList() const& { return photoMap_; }
+    std::map<std::string, Photo> getPhotoList() && { return std::move(photoMap_); }
+
+    void startElement(const Poco::XML::XMLString& uri, const Poco::XML::XMLString& localName,
+                      const Poco::XML::XMLString& qname, const Poco::XML::Attributes& attributes) override;
+    void endElement(const Poco::XML::XMLString& uri, const Poco::XML::XMLString& localName,
+                    const Poco::XML::XMLString& qname) override;
+    void characters(const Poco::XML::XMLChar text[], int start, int length) override;
+
+    /// Asks flickr.photos.getSizes for the item's renditions and completes its record. A failure is reported
+    /// and leaves the record as it was.
+    void getPhotoInformation(Photo& photo);
+
+    /// Completes the record from the answer. Throws Poco::Exception for one that cannot be read.
+    void parsePhotoInformationV2(std::istream& body, Photo& photo);
+
+    /// The text without the line feeds, then the tabs, then the white space at its ends.
+    std::string sanetizeString(std::string text);
+
+private:
+    void readAttributes(const Poco::XML::Attributes& attributes);
+    void finishPhoto();
+
+    std::string buffer_;
+    bool inPhoto_ = false;
+    bool inDescription_ = false;
+    Photo photo_;
+    ServiceAccess access_;
+    PhotoSet set_;
+    std::map<std::string, Photo> photoMap_;
+    Norvale_Plugin_Core::Utils utils_;
+};
+
+}  // namespace Norvale_Plugin_Flickr
+
+#endif

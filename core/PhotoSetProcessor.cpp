@@ -1,0 +1,257 @@
+#include "core/PhotoSetProcessor.h"
+
+#include <Poco/Exception.h>
+#include <Poco/ThreadPool.h>
+
+#include <algorithm>
+#include <iterator>
+#include <memory>
+
+#include "core/DownloadPhotoListActivity.h"
+#include "core/DownloadPhotoSetListActivity.h"
+#include "core/MediaDownloadActivity.h"
+#include "core/RunSupport.h"
+#include "hostapi/HostServiceUsageParams.h"
+#include "hostapi/ItemDataManager.h"
+#include "hostapi/MediaFolderTemplate.h"
+
+namespace Norvale_Plugin_Flickr {
+
+using Norvale_Plugin_Core::HostServiceUsageParams;
+
+namespace {
+
+constexpr const char* kFileServiceSuccess = "SUC";
+constexpr const char* kStopLine = "Backup Stopped in Process PhotoSet";
+
+std::string thumbnailFolder() {
+    return HostServiceUsageParams::getInstance()->getValue("ThumbnailKey");
+}
+
+}  // namespace
+
+PhotoSetProcessor::PhotoSetProcessor(std::string& name)
+    : exceptionHandler_(name.empty() ? kServiceName : name) {}
+
+void PhotoSetProcessor::initialize(std::string connectionString, std::string authToken, std::string apiKey,
+                                   std::string apiSecret, std::string dataUrl, std::string mediaToBackup) {
+    connectionString_ = std::move(connectionString);
+    authToken_ = std::move(authToken);
+    apiKey_ = std::move(apiKey);
+    apiSecret_ = std::move(apiSecret);
+    dataUrl_ = std::move(dataUrl);
+    mediaToBackup_ = std::move(mediaToBackup);
+    database_.setConnectionString(connectionString_);
+}
+
+std::multimap<Poco::DateTime, Photo> PhotoSetProcessor::processPhotoSet(
+    std::multimap<std::string, PhotoSet> sets, Poco::DateTime since) {
+    std::multimap<Poco::DateTime, Photo> videosMet;
+    bool factoryRegistered = false;
+    for (auto& [id, set] : sets) {
+        if (stoppedAt(kStopLine)) break;
+        processOneSet(set, since, factoryRegistered, videosMet);
+    }
+    return videosMet;
+}
+
+void PhotoSetProcessor::processOneSet(PhotoSet& set, const Poco::DateTime& since, bool& factoryRegistered,
+                                      std::multimap<Poco::DateTime, Photo>& videosMet) {
+    logInfo("Processing Photo Set: " + set.getTitle());
+
+    DownloadPhotoListActivity list;
+    try {
+        list.setData(set.getPhotoSetID(), set, authToken_, apiKey_, apiSecret_, dataUrl_, since,
+                     mediaToBackup_);
+        list.start();
+        Poco::ThreadPool::defaultPool().joinAll();
+        list.stop();
+    } catch (Poco::Exception& exception) {
+        exceptionHandler_.handleException(
+            exception, "Exception occurred in DownloadPhotoListActivity() : " + exception.displayText(),
+            retryAttempts());
+    }
+    const std::multimap<Poco::DateTime, Photo> videos = std::move(list).getVideos();
+    const std::multimap<Poco::DateTime, Photo> photos = std::move(list).getPhotos();
+
+    if (!videos.empty() || !photos.empty()) {
+        const std::string storedName = database_.getPhotoSetNameById(set.getPhotoSetID());
+        if (storedName.empty()) {
+            isNewPhotoSet(set, storedName);
+        } else {
+            isPhotoSetRenamed(set, storedName);
+        }
+    }
+
+    for (const auto& [updated, listed] : videos) {
+        if (stoppedAt(kStopLine)) break;
+        Photo video = listed;
+        video.edited_ = false;
+        switch (changeOf(video, "Video")) {
+            case Change::New:
+                logInfo("Video ID - " + video.getPhotoID() + "URL - " + video.getImagePath());
+                ProcessPhoto(set, video, false, false, false, factoryRegistered);
+                break;
+            case Change::Edited:
+                video.edited_ = true;
+                ProcessPhoto(set, video, true, true, false, factoryRegistered);
+                break;
+            case Change::None:
+                break;
+        }
+        videosMet.emplace(updated, std::move(video));
+    }
+
+    for (const auto& [updated, listed] : photos) {
+        if (stoppedAt(kStopLine)) break;
+        if (isVideo(listed.getPhotoTitle())) continue;
+        Photo photo = listed;
+        switch (changeOf(photo, "Photo")) {
+            case Change::New:
+                ProcessPhoto(set, photo, false, false, false, factoryRegistered);
+                break;
+            case Change::Edited:
+                ProcessPhoto(set, photo, true, true, false, factoryRegistered);
+                break;
+            case Change::None:
+                break;
+        }
+    }
+
+    writeSetDescription(set, photos);
+}
+
+PhotoSetProcessor::Change PhotoSetProcessor::changeOf(const Photo& item, const char* kind) {
+    if (database_.getPhotoSetNameById(item.getPhotoID()).empty()) return Change::New;
+
+    const std::string stored = database_.getPhotoUpdatedById(item.getPhotoID());
+    const std::string updated = database_.convertToString(item.getUpdatedDateTime());
+    const std::string name = std::string(kind) + " - " + item.getPhotoTitle();
+    if (stored == updated) {
+        logInfo(name + " already backed up no change, continuing to next photo");
+        return Change::None;
+    }
+    logInfo("Org date -" + stored + " Changed date - " + updated);
+    logInfo(name + " is edited, Downloading again.");
+    return Change::Edited;
+}
+
+void PhotoSetProcessor::writeSetDescription(PhotoSet& set,
+                                            const std::multimap<Poco::DateTime, Photo>& photos) {
+    if (set.getPhotoSetID() == kAnonymousSet) return;
+
+    const std::string coverId = set.getCoverImageID() + "_" + set.getPhotoSetID();
+    Photo latest;
+    latest.Initialize();
+    if (!photos.empty()) latest = std::prev(photos.end())->second;
+    writeDataXML(set, latest, database_.getDerivedItemNamebyID(coverId),
+                 database_.getImageExtensionByID(coverId));
+}
+
+int PhotoSetProcessor::isNewPhotoSet(PhotoSet& set, std::string storedName) {
+    if (!storedName.empty()) return 0;
+    const std::string id = set.getPhotoSetID();
+    const bool anonymous = id == kAnonymousSet;
+    if (!anonymous) set.setTitle(database_.generateFolderName(set.getTitle(), id));
+    const std::string folder = set.getTitle();
+
+    std::string command, result, error;
+    client_.connect();
+    client_.createDirectory(folder, command, result, error);
+    if (result != kFileServiceSuccess) logFailure("Error occured while creating directory - " + folder);
+
+    client_.createDirectory(anonymous ? thumbnailFolder() : folder + "/" + thumbnailFolder(), command, result,
+                            error);
+    if (result != kFileServiceSuccess) {
+        logFailure("Unable to create thumbnail directory for - " + folder);
+        client_.deleteDirectory(folder, command, result, error);
+        return 0;
+    }
+
+    const Poco::DateTime now;
+    database_.createEntry(id, set.getResourceTitle(), "Flickr", folder, "Flickr", id, "Flickr_ID", now, now,
+                          "FlickrFolder", "", "", "", "");
+    logInfo("PhotoSet and Thumbnail directory created for photoSet - " + folder);
+    return 1;
+}
+
+int PhotoSetProcessor::isPhotoSetRenamed(PhotoSet& set, std::string storedName) {
+    const std::string id = set.getPhotoSetID();
+    if (set.getTitle() == storedName) {
+        set.setTitle(database_.getDerivedItemNamebyID(id));
+        return PhotoSetUnchanged;
+    }
+
+    set.setTitle(database_.generateFolderName(set.getTitle(), id));
+    const std::string oldFolder = database_.getDerivedItemNamebyID(id);
+    std::string command, result, error;
+    client_.renameDirectory(oldFolder, set.getTitle(), command, result, error);
+    if (result != kFileServiceSuccess) {
+        logFailure("Unable to rename photoSet - " + oldFolder + " to " + set.getTitle());
+        return PhotoSetRenameFailed;
+    }
+    database_.updateContainerTitleV2(id, set.getResourceTitle(), set.getTitle(), storedName,
+                                     database_.convertToString(Poco::DateTime()));
+    return PhotoSetRenamed;
+}
+
+void PhotoSetProcessor::ProcessPhoto(PhotoSet& set, Photo& photo, bool updateExisting, bool titleChanged,
+                                     bool titleResolved, bool& factoryRegistered) {
+    try {
+        MediaDownloadActivity activity;
+        if (!factoryRegistered) {
+            activity.registerFactory();
+            factoryRegistered = true;
+        }
+        activity.initialize(connectionString_);
+        activity.setData(set, photo, updateExisting, titleChanged, titleResolved);
+        activity.runActivity();
+        activity.tearDown();
+
+        photo.setImageExtension(activity.getImageExtension());
+        if (!activity.getCoverImageName().empty()) {
+            set.setCoverImageName(activity.getCoverImageName());
+            set.setCoverImageExtension(activity.getCoverImageExtension());
+        }
+        logInfo("Closed socket connection for activity to download photo -" + photo.getPhotoTitle());
+        activity.tearDown();
+    } catch (Poco::Exception& exception) {
+        exceptionHandler_.handleException(
+            exception, "Exception occurred in ProcessPhoto():" + exception.displayText(), retryAttempts());
+    }
+}
+
+bool PhotoSetProcessor::isVideo(std::string fileName) {
+    static constexpr const char* kExtensions[] = {"3gp", "avi", "asf", "mov", "wmv",
+                                                  "mpg", "mp4", "m2t", "mmv", "m2ts"};
+    // From the first dot, on purpose: "a.b.mp4" does not count as a video here.
+    const std::string::size_type dot = fileName.find('.');
+    if (dot == std::string::npos) return false;
+    const std::string extension = fileName.substr(dot + 1);
+    return std::find(std::begin(kExtensions), std::end(kExtensions), extension) != std::end(kExtensions);
+}
+
+void PhotoSetProcessor::writeDataXML(PhotoSet set, Photo latest, std::string coverDeviceName,
+                                     std::string coverExtension) {
+    const std::string thumbFolder = thumbnailFolder();
+    const int count = database_.getTotalCountInContainer(set.getTitle());
+
+    auto record = std::make_unique<Norvale_Plugin_Core::MediaFolderTemplate>();
+    record->setID(set.getPhotoSetID());
+    record->setPhysicalFileName(set.getTitle());
+    record->setName(set.getTitle());
+    record->setTotalItems(std::to_string(count));
+    if (!coverDeviceName.empty()) {
+        const std::string base = coverDeviceName.substr(0, coverDeviceName.rfind('.'));
+        record->setCoverImage(set.getTitle() + "/" + thumbFolder + "/" + base + "_" + set.getCoverImageID() +
+                              "_" + set.getPhotoSetID() + "." + coverExtension);
+    }
+    record->setLatestUpdatedDate(database_.createLatestUpdatedItemDate(latest.getUpdatedDateTime()));
+    record->setLatestUpdatedItem(latest.getPhotoTitle());
+    const std::string text = Norvale_Plugin_Core::ItemDataManager().saveItemData(record.get());
+    record.reset();
+
+    client_.writeFolderDataXML(HostServiceUsageParams::getInstance()->getPluginRoot() + "/", text, "");
+}
+
+}  // namespace Norvale_Plugin_Flickr

@@ -1,0 +1,67 @@
+// What every activity needs of a run: its log lines, its stop flag and its attempts.
+
+#ifndef CORE_RUNSUPPORT_H
+#define CORE_RUNSUPPORT_H
+
+#include <cstddef>
+#include <istream>
+#include <string>
+#include <utility>
+
+#include "hostapi/DevLogger.h"
+#include "hostapi/HostServiceUsageParams.h"
+
+namespace Norvale_Plugin_Flickr {
+
+/// The service's name, as exceptions are reported under it.
+constexpr const char* kServiceName = "Flickr";
+
+/// Writes one line at level 3. The source position is the caller's.
+inline void logInfo(std::string message, const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
+    Norvale_Plugin_Core::DevLogger::writeLog(std::move(message), Norvale_Plugin_Core::LogLevelInformation,
+                                             file, line);
+}
+
+/// Writes one line at level 0.
+inline void logFailure(std::string message, const char* file = __builtin_FILE(),
+                       int line = __builtin_LINE()) {
+    Norvale_Plugin_Core::DevLogger::writeLog(std::move(message), Norvale_Plugin_Core::LogLevelFailure, file,
+                                             line);
+}
+
+/// The checkpoint of every loop: true after a stop request, which is then logged with stopLine.
+inline bool stoppedAt(const char* stopLine, const char* file = __builtin_FILE(),
+                      int line = __builtin_LINE()) {
+    if (!Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->isBackupStopped()) return false;
+    logInfo(stopLine, file, line);
+    return true;
+}
+
+/// The number of attempts that the host allows for every request and download.
+inline int retryAttempts() {
+    return Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->getRetryAttempts();
+}
+
+/// Calls attempt(number) for 1, 2, … up to the host's retry count until it answers true; there is no pause
+/// between attempts. Each one is logged as attemptLine followed by its number. A stop request ends the loop
+/// before the next attempt, with stopLine in the log.
+template <typename Attempt>
+void tryAttempts(const char* attemptLine, const char* stopLine, Attempt attempt) {
+    for (int number = 1; number <= retryAttempts(); ++number) {
+        if (stoppedAt(stopLine)) return;
+        logInfo(attemptLine + std::to_string(number));
+        if (attempt(number)) return;
+    }
+}
+
+/// Size in bytes of the blocks in which bodies are read.
+constexpr std::size_t kBlockSize = 8192;
+
+/// Reads up to a block from the body and returns how many bytes it got; 0 at the body's end and from a stream
+/// that failed. A block is only smaller than kBlockSize at the end, or when a stop request came while a slow
+/// peer was sending it.
+std::streamsize readBlock(std::istream& body, char* block);
+
+}  // namespace Norvale_Plugin_Flickr
+
+#endif

@@ -1,0 +1,90 @@
+#include "core/SignedRequest.h"
+
+#include <Poco/DigestEngine.h>
+#include <Poco/Exception.h>
+#include <Poco/MD5Engine.h>
+#include <Poco/Net/HTTPClientSession.h>
+#include <Poco/Net/HTTPRequest.h>
+#include <Poco/Net/HTTPResponse.h>
+#include <Poco/URI.h>
+
+#include <algorithm>
+
+namespace Norvale_Plugin_Flickr {
+
+using Poco::Net::HTTPClientSession;
+using Poco::Net::HTTPRequest;
+using Poco::Net::HTTPResponse;
+
+namespace {
+
+constexpr const char* kExtras =
+    "date_upload, last_update, date_taken, media, url_m, url_o, url_t, tags, description";
+constexpr const char* kExtrasEncoded =
+    "date_upload%2C+last_update%2C+date_taken%2C+media%2C+url_m%2C+url_o%2C+url_t%2C+tags%2C+description";
+
+}  // namespace
+
+SignedRequest::SignedRequest(const ServiceAccess& access, std::string method) : access_(access) {
+    add("method", std::move(method));
+    add("api_key", access.apiKey);
+}
+
+SignedRequest& SignedRequest::add(std::string name, std::string value, std::string encoded) {
+    parameters_.push_back({std::move(name), std::move(value), std::move(encoded)});
+    return *this;
+}
+
+SignedRequest& SignedRequest::add(std::string name, std::string value) {
+    std::string encoded = value;
+    return add(std::move(name), std::move(value), std::move(encoded));
+}
+
+SignedRequest& SignedRequest::addToken() {
+    return add("auth_token", access_.authToken);
+}
+
+SignedRequest& SignedRequest::addExtras() {
+    return add("extras", kExtras, kExtrasEncoded);
+}
+
+std::string SignedRequest::signature() const {
+    std::vector<const Parameter*> byName;
+    for (const Parameter& parameter : parameters_) byName.push_back(&parameter);
+    std::sort(byName.begin(), byName.end(),
+              [](const Parameter* a, const Parameter* b) { return a->name < b->name; });
+
+    Poco::MD5Engine md5;
+    md5.update(access_.apiSecret);
+    for (const Parameter* parameter : byName) {
+        md5.update(parameter->name);
+        md5.update(parameter->value);
+    }
+    return Poco::DigestEngine::digestToHex(md5.digest());
+}
+
+std::string SignedRequest::target() const {
+    std::string target = Poco::URI(access_.dataUrl).getPath();
+    char separator = '?';
+    for (const Parameter& parameter : parameters_) {
+        target += separator;
+        target += parameter.name + '=' + parameter.encoded;
+        separator = '&';
+    }
+    return target + "&api_sig=" + signature();
+}
+
+int SignedRequest::send(const std::function<void(std::istream& body)>& read) const {
+    const Poco::URI endpoint(access_.dataUrl);
+    HTTPClientSession session(endpoint.getHost(), endpoint.getPort());
+    HTTPRequest request(HTTPRequest::HTTP_GET, target(), HTTPRequest::HTTP_1_1);
+    request.setKeepAlive(false);
+    session.sendRequest(request);
+
+    HTTPResponse response;
+    std::istream& stream = session.receiveResponse(response);
+    if (response.getStatus() == HTTPResponse::HTTP_OK) read(stream);
+    return response.getStatus();
+}
+
+}  // namespace Norvale_Plugin_Flickr
