@@ -37,6 +37,7 @@ bool isRedirect(HTTPResponse::HTTPStatus status) {
 
 /// The address to which a redirect leads, RFC 3986 section 5. An absolute one is kept as it was written.
 std::string resolve(const Poco::URI& base, const std::string& location) {
+    if (location.compare(0, 2, "//") == 0) return base.getScheme() + ":" + location;
     if (!Poco::URI(location).isRelative()) return location;
     Poco::URI resolved(base);
     resolved.resolve(location);

@@ -11,6 +11,7 @@
 #include <Poco/Net/Session.h>
 #include <Poco/NumberParser.h>
 
+#include <algorithm>
 #include <map>
 #include <mutex>
 #include <string>
@@ -80,6 +81,11 @@ private:
     std::map<std::string, Poco::Net::Session::Ptr> sessions_;
 };
 
+/// Whether the text can stand in a request line; white space and control characters would end it early.
+bool isPrintable(const std::string& text) {
+    return std::all_of(text.begin(), text.end(), [](unsigned char c) { return c > 0x20 && c != 0x7f; });
+}
+
 std::string pathAndQuery(const Poco::URI& address) {
     const std::string path = address.getPathAndQuery();
     return path.empty() ? "/" : path;
@@ -97,7 +103,7 @@ MediaSession::MediaSession(const Poco::URI& address, const std::string& url) : h
         target_ = pathAndQuery(address);
     } else {
         session_ = std::make_unique<RawSession<HTTPClientSession>>(host_, address.getPort());
-        target_ = url;
+        target_ = isPrintable(url) ? url : address.toString();
     }
 }
 
