@@ -1,0 +1,140 @@
+// The simulated service: REST interface and content server on one loopback address.
+//
+//   Account account;
+//   const std::string trip = account.addSet("Trip");
+//   const std::string id = account.addItem(trip, photo("sunset"));
+//   FlickrSim sim(account);
+//   sim.faults().add(media(id), nth(1), fault::status(503));
+//   ... a client uses sim.dataUrl() ...
+//   EXPECT_EQ(sim.counts().media, 2u);
+
+#ifndef SIM_FLICKRSIM_H
+#define SIM_FLICKRSIM_H
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sim/Account.h"
+#include "sim/Faults.h"
+#include "sim/Message.h"
+
+namespace flickr_sim {
+
+class Listener;
+
+/// What the service accepts; the values are for demonstrations only.
+struct Credentials {
+    std::string apiKey = "demo0key0for0the0simulated0flickr";
+    std::string apiSecret = "demo0secret";
+    std::string token = "demo-token-1";
+};
+
+/// How media files are handed out; can be changed at any time.
+struct MediaDelivery {
+    bool https = false;        ///< addresses in answers are https (needs a TLS listener)
+    unsigned redirects = 0;    ///< redirects before the file is sent
+    int redirectStatus = 302;  ///< 301, 302, 303 or 307
+    bool relativeLocations = false;
+    bool redirectToHttps = false;  ///< a further redirect, to https, as the last
+    Framing framing = Framing::ContentLength;
+};
+
+struct SimOptions {
+    std::string address = "127.0.0.1";  ///< of 127.0.0.0/8
+    std::uint16_t port = 0;             ///< 0: the system picks
+    /// TLS with a certificate made at start; 0: the system picks, none: no TLS. Clients that ignore the port
+    /// of https addresses need 443.
+    std::optional<std::uint16_t> httpsPort;
+    Credentials credentials;
+    MediaDelivery delivery;
+    /// flickr.photos.getNotInSet answers pages past the end with the last one again.
+    bool repeatLastPage = false;
+    bool keepLog = true;  ///< record every request; off for long runs
+};
+
+/// Requests received, orders to the simulator left out.
+struct Counts {
+    std::uint64_t rest = 0;
+    std::uint64_t media = 0;
+    std::uint64_t thumbnails = 0;
+    std::uint64_t other = 0;
+    std::uint64_t connections = 0;
+    std::map<std::string, std::uint64_t> methods;  ///< REST calls by method name
+};
+
+/// A server that runs from construction to destruction, a thread for each connection. All operations can be
+/// called from any thread.
+class FlickrSim {
+public:
+    /// Starts to serve the account, which must outlive the server. Throws Poco::Exception with a sentence
+    /// that says which address it cannot listen on and why.
+    explicit FlickrSim(Account& account, SimOptions options = {});
+    /// Closes every connection, at once.
+    ~FlickrSim();
+    FlickrSim(const FlickrSim&) = delete;
+    FlickrSim& operator=(const FlickrSim&) = delete;
+
+    /// A loopback address that differs from process to process, so that several can have its port 443.
+    static std::string ownLoopbackAddress();
+
+    /// "http://127.0.0.1:PORT/services/rest/"
+    std::string dataUrl() const;
+    /// "http://127.0.0.1:PORT", or the https one; without a slash at the end.
+    std::string baseUrl(bool https = false) const;
+    std::uint16_t port() const;
+    /// 0 without TLS.
+    std::uint16_t httpsPort() const;
+    const Credentials& credentials() const { return options_.credentials; }
+    /// The address of one rendition, as answers give it.
+    std::string mediaUrl(const std::string& itemId, const std::string& label = "Original") const;
+
+    Account& account() { return account_; }
+    Faults& faults() { return faults_; }
+    void setDelivery(const MediaDelivery& delivery);
+    void setRepeatLastPage(bool repeat) { repeatLastPage_ = repeat; }
+
+    /// Calls the function on the thread of the connection for each request (orders to the simulator left out)
+    /// before the account is asked: what it changes there shows in the answer. Replaces the former one.
+    void onRequest(std::function<void(const Request&)> hook);
+
+    Counts counts() const;
+    /// The requests so far in the order of their arrival, when the log is kept.
+    std::vector<Request> log() const;
+    /// Empties log and counts.
+    void clearLog();
+
+private:
+    void serve(Wire& wire, Request& request, bool& keepAlive);
+    void classify(Request& request) const;
+    Reply answer(const Request& request);
+    Reply mediaReply(const Request& request);
+    bool transmit(Wire& wire, const Request& request, const Reply& reply, bool& keepAlive);
+    void record(Request& request);
+    void recordStatus(const Request& request, int status);
+    MediaDelivery delivery() const;
+
+    Account& account_;
+    const SimOptions options_;
+    Faults faults_;
+    std::atomic<bool> repeatLastPage_;
+    mutable std::mutex mutex_;  // guards what follows
+    MediaDelivery delivery_;
+    std::function<void(const Request&)> hook_;
+    Counts counts_;
+    std::vector<Request> log_;
+    std::uint64_t received_ = 0;
+    std::uint64_t logStart_ = 1;  // number of the first request in log_
+    std::unique_ptr<Listener> http_;
+    std::unique_ptr<Listener> https_;
+};
+
+}  // namespace flickr_sim
+
+#endif

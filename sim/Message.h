@@ -1,0 +1,87 @@
+// What a client asked and what it is answered.
+
+#ifndef SIM_MESSAGE_H
+#define SIM_MESSAGE_H
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "sim/Content.h"
+
+namespace flickr_sim {
+
+enum class Kind {
+    Rest,       ///< a call to /services/rest/
+    Media,      ///< a media file: any rendition but the thumbnail
+    Thumbnail,  ///< the rendition "Thumbnail"
+    Control,    ///< an order to the simulator itself, under /sim/
+    Other       ///< anything else
+};
+
+using Headers = std::vector<std::pair<std::string, std::string>>;
+
+/// A request as it was received.
+struct Request {
+    std::uint64_t number = 0;  ///< 1 for the first that the simulator received
+    std::string line;          ///< the request line without its end, exactly
+    Headers headers;           ///< in the order received, names and values exactly
+    std::string verb;          ///< "GET"
+    std::string target;        ///< as in the line
+    std::string path;          ///< decoded; without scheme and host when the target is a whole URL
+    std::map<std::string, std::string> parameters;  ///< of the query, decoded
+    Kind kind = Kind::Other;
+    std::string method;  ///< of REST calls: "flickr.photosets.getList"
+    std::string itemId;  ///< of media and thumbnails, and photo_id of REST calls
+    std::string label;   ///< of media and thumbnails: "Original"
+    bool https = false;
+    int status = 0;  ///< answered; 0: not yet, or none (dropped, raw)
+
+    /// The value of a header, whatever its case; empty when it is missing.
+    std::string header(const std::string& name) const;
+    /// The value of a parameter; empty when it is missing.
+    std::string parameter(const std::string& name) const;
+};
+
+/// A connection as the writer of raw answers sees it.
+class Wire {
+public:
+    virtual ~Wire() = default;
+    /// Sends all bytes; false once the client is gone or the simulator stops.
+    virtual bool send(const char* data, std::size_t length) = 0;
+    bool send(const std::string& text) { return send(text.data(), text.size()); }
+    /// Sends what has been gathered.
+    virtual bool flush() = 0;
+    /// Waits; false at once when the simulator stops.
+    virtual bool wait(std::chrono::milliseconds time) = 0;
+    /// Makes the end of the connection a reset (RST) instead of an orderly close.
+    virtual void resetOnClose() = 0;
+};
+
+/// How the end of a body is told.
+enum class Framing { ContentLength, Chunked, Close };
+
+/// An answer, before it is sent: what faults change.
+struct Reply {
+    int status = 200;  ///< 0: nothing is sent, the connection is closed
+    Headers headers;   ///< without those that frame the body
+    Content body;
+    Framing framing = Framing::ContentLength;
+    std::vector<std::string> announcedLengths;  ///< instead of the true one; several give several headers
+    std::uint64_t headerLimit = UINT64_MAX;     ///< bytes of the header sent before the connection is closed
+    std::uint64_t bodyLimit = UINT64_MAX;       ///< bytes of the body sent before the connection is closed
+    bool reset = false;                         ///< close with a reset
+    std::size_t blockSize = 0;                ///< 0: as fast as possible; otherwise blocks of that many bytes
+    std::chrono::milliseconds blockDelay{0};  ///< wait before the header and between blocks
+    /// When set, writes all that is sent instead; the connection is closed afterwards.
+    std::function<void(const Request&, Wire&)> raw;
+};
+
+}  // namespace flickr_sim
+
+#endif
