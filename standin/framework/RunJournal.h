@@ -1,0 +1,98 @@
+// What one backup run did, item by item, as a person wants to be told afterwards.
+//
+// The plug-in reports through one status and its log; neither names an item that failed for good. The journal
+// follows what the plug-in does anyway and puts that together: the file service's answers, the exceptions it
+// hands over, and the fixed texts of its log lines:
+//
+//   "Processing Photo Set: S"                                     items belong to S from here on
+//   "Getting Photo List Attempt - N"                              S is being listed
+//   "Photo - T already backed up no change, ..." ("Video - ")     T is unchanged
+//   "Photo - T is edited, Downloading again."    ("Video - ")     the next item is an edited one
+//   "F successfully downloaded."                                  F, the file opened last, is on the device
+//   "Closed socket connection for activity to download photo -F"  the item has ended: without the line
+//                                                                 before, it failed with the last reason
+//                                                                 seen, or was cut off by a stop
+//   "Unable to create thumbnail directory for - S", "Error occured while creating directory - S",
+//   "Unable to rename photoSet - S to T"                          the folder failed
+//
+// Titles come from outside: each line is matched from its start and, where the title is in its middle, to its
+// end as well, so that no title can pass for another line.
+
+#ifndef STANDIN_FRAMEWORK_RUNJOURNAL_H
+#define STANDIN_FRAMEWORK_RUNJOURNAL_H
+
+#include <Poco/Exception.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace Norvale_Plugin_Core {
+
+/// Something that was to be backed up and is not.
+struct Failure {
+    std::string name;    ///< the item's file name or title, the folder's name; empty for a set's list
+    std::string set;     ///< title of the photo set; "Anonymous" for items in no set
+    std::string reason;  ///< one sentence or the error's own text
+};
+
+struct RunSummary {
+    long newItems = 0;
+    long editedItems = 0;
+    long unchangedItems = 0;
+    long interruptedItems = 0;  ///< begun, and cut off by a stop
+    double bytes = 0;           ///< written to the device
+    std::vector<Failure> failures;
+    std::vector<std::string>
+        errors;  ///< what failed for no single item or set: the list of sets, the database
+    std::vector<std::string> warnings;  ///< what may be in order and should be looked at
+    bool complete() const { return failures.empty() && errors.empty(); }
+};
+
+/// The journal of the current run. Every operation may be called from any thread. Its memory grows with the
+/// failures, not with the items.
+class RunJournal {
+public:
+    static RunJournal& instance();
+
+    /// Begins a run with an empty journal.
+    void begin();
+
+    /// The run as it stands, at its end or before.
+    RunSummary summary() const;
+
+    // What the framework's parts report.
+    void logLine(const std::string& message);
+    void exception(const std::string& message, int attempt);
+    void fileOpened(const std::string& path);
+    void fileServiceFailed(const std::string& explanation);
+    /// A folder's description record could not be placed.
+    void folderRecordFailed(const std::string& folder, const std::string& explanation);
+
+private:
+    RunJournal() = default;
+
+    void endItem(const std::string& name);
+    void addFailure(std::string name, std::string reason);
+    void addError(std::string text);
+    void leaveOutItem(const std::string& reason);
+    void endListing();
+
+    mutable std::mutex mutex_;
+    RunSummary summary_;
+    std::string set_;
+    std::string file_;    // name of the file opened first for the current item
+    std::string reason_;  // last one seen since the previous item ended
+    bool edited_ = false;
+    bool downloaded_ = false;
+    bool setsListed_ = false;  // a list of sets has arrived
+    bool runEnded_ = false;
+    int listAttempts_ = 0;  // for the current set
+    long listedItems_ = 0;  // by the current attempt
+    bool listFailed_ = false;
+    std::size_t leftOutFrom_ = 0;  // index of the first failure that the current listing attempt added
+};
+
+}  // namespace Norvale_Plugin_Core
+
+#endif
