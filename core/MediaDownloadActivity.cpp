@@ -8,6 +8,7 @@
 #include <Poco/Net/HTTPResponse.h>
 #include <Poco/Net/HTTPStreamFactory.h>
 #include <Poco/URI.h>
+#include <Poco/URIStreamOpener.h>
 
 #include <algorithm>
 

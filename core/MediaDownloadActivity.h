@@ -33,7 +33,7 @@ class MediaDownloadActivity {
 public:
     MediaDownloadActivity();
 
-    /// Registers the network library's stream factory for HTTP.
+    /// Registers the network library's stream factory for HTTP, unless an earlier run in this process did.
     void registerFactory();
 
     /// Connects to the host's file service. dbConnectionString: path of the metadata database.
