@@ -1,0 +1,229 @@
+// The records, the readers of the service's answers and the small rules, without a network.
+
+#include <Poco/DateTimeFormatter.h>
+#include <Poco/Exception.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "core/ChunkedBody.h"
+#include "core/FlickrPluginCore.h"
+#include "core/PhotoInformationSaxHandler.h"
+#include "core/PhotoListSaxHandler.h"
+#include "core/PhotoSetProcessor.h"
+#include "core/PhotosetSaxHandler.h"
+#include "core/RunSupport.h"
+#include "core/SignedRequest.h"
+
+using namespace Norvale_Plugin_Flickr;
+using Norvale_Plugin_Core::HostServiceUsageParams;
+using testing::ElementsAre;
+
+TEST(Records, CloneAndInitializeKeepTheirOddities) {
+    PhotoSet trip, other;
+    trip.setTitle("Trip");
+    other.setTitle("Other");
+
+    Photo source;
+    source.setPhotoID("1_2");
+    source.setDescription("d");
+    source.setImageExtension("jpg");
+    source.setPhotoSet(trip);
+    source.setTags("a");
+    source.setTags("b");
+
+    Photo clone;
+    clone.setPhotoSet(other);
+    clone.setTags("gone");
+    clone.Clone(source);
+    EXPECT_EQ(clone.getPhotoID(), "1_2");
+    EXPECT_EQ(clone.getImageExtension(), "d") << "the description stands in until the download";
+    EXPECT_EQ(clone.getPhotoSet().getTitle(), "Other") << "the nested set stays the clone's own";
+    EXPECT_THAT(clone.getTags(), ElementsAre("a", "b"));
+
+    source.Initialize();
+    EXPECT_EQ(source.getPhotoSet().getTitle(), "Trip");
+    EXPECT_TRUE(source.getTags().empty());
+    EXPECT_EQ(source.getImageExtension() + source.getPhotoID() + source.getDescription(), "");
+    EXPECT_TRUE(trip.isNew());
+}
+
+TEST(SignedRequest, TargetAndSignatureOfEveryMethod) {
+    const ServiceAccess access{"http://localhost:8080/services/rest/", "T", "K", "S"};
+    SignedRequest page(access, "flickr.photosets.getPhotos");
+    page.add("photoset_id", "72157").addExtras().addToken().add("page", "2");
+    // md5 of Sapi_keyKauth_tokenTextrasdate_upload, last_update, date_taken, media, url_m, url_o, url_t,
+    // tags, descriptionmethodflickr.photosets.getPhotospage2photoset_id72157
+    const std::string signature = page.signature();
+    EXPECT_EQ(signature, "7b38dd0f7ef48e1ac4b9c7601a33fc20");
+    EXPECT_EQ(page.target(),
+              "/services/rest/?method=flickr.photosets.getPhotos&api_key=K&photoset_id=72157"
+              "&extras=date_upload%2C+last_update%2C+date_taken%2C+media%2C+url_m%2C+url_o%2C+url_t%2C+tags"
+              "%2C+description&auth_token=T&page=2&api_sig=" +
+                  signature);
+    // md5 of Sapi_keyKauth_tokenTmethodflickr.photosets.getList
+    EXPECT_EQ(
+        SignedRequest(access, "flickr.photosets.getList").addToken().target(),
+        "/services/rest/"
+        "?method=flickr.photosets.getList&api_key=K&auth_token=T&api_sig=4327c7f4fdcaa6d0bf22092d3ed612a5");
+}
+
+TEST(PhotosetSaxHandler, ReadsARealShapedList) {
+    HostServiceUsageParams::getInstance()->setBackupState(false);
+    PhotosetSaxHandler handler;
+    handler.read(R"(<?xml version="1.0" encoding="utf-8" ?>
+<rsp stat="ok"><photosets cancreate="1" page="1" pages="1" perpage="500" total="3">
+  <photoset id="7" owner="1@N00" primary="41" secret="s" server="5" farm="6" photos="3" videos="2" can_comment="0">
+    <title>Trip</title><description>By &lt;sea&gt;</description></photoset>
+  <photoset id="7" primary="99" photos="1" videos="0"><title>Second of the same id</title></photoset>
+  <photoset id="8" videos="2" photos="3"><title>Tom &amp; Jerry</title><description></description></photoset>
+</photosets></rsp>)");
+    const auto sets = handler.getPhotosetList();
+    ASSERT_EQ(sets.size(), 2u);
+    const PhotoSet& trip = sets.at("7");
+    EXPECT_EQ(trip.getTitle() + "|" + trip.getResourceTitle() + "|" + trip.getCoverImageID(), "Trip|Trip|41");
+    EXPECT_EQ(trip.getNumberOfPhotos(), 5);
+    EXPECT_EQ(sets.at("8").getNumberOfPhotos(), 3) << "a photos attribute behind videos replaces the count";
+    EXPECT_NE(sets.at("8").getTitle(), "Tom & Jerry") << "of a text in several chunks the last one counts";
+}
+
+TEST(PhotosetSaxHandler, AFailureAnswerIsAnAuthorisationErrorAndStopsTheRun) {
+    auto* params = HostServiceUsageParams::getInstance();
+    params->setBackupState(false);
+    params->setRetryAttempts("3");
+    PhotosetSaxHandler handler;
+    handler.read(R"(<rsp stat="fail"><err code="98" msg="Invalid auth token"/></rsp>)");
+    EXPECT_TRUE(handler.getPhotosetList().empty());
+    int code = 0;
+    std::string text;
+    params->getErrorDetails(code, text);
+    EXPECT_GE(code, 2);
+    EXPECT_TRUE(params->isBackupStopped());
+    EXPECT_FALSE(params->isManuallyStopped());
+}
+
+namespace {
+
+std::string size(const std::string& label, const std::string& source, int width, int height) {
+    return "<size label=\"" + label + "\" width=\"" + std::to_string(width) + "\" height=\"" +
+           std::to_string(height) + "\" source=\"" + source + "\" url=\"u\" media=\"photo\"/>";
+}
+
+Photo complete(const std::string& mediaType, const std::string& sizes) {
+    Photo photo;
+    photo.setMediaType(mediaType);
+    std::istringstream body("<rsp stat=\"ok\"><sizes canblog=\"1\" canprint=\"1\" candownload=\"1\">" +
+                            sizes + "</sizes></rsp>");
+    PhotoListSaxHandler().parsePhotoInformationV2(body, photo);
+    return photo;
+}
+
+}  // namespace
+
+TEST(SizeSelection, TakesTheLastSuitableRendition) {
+    HostServiceUsageParams::getInstance()->setBackupState(false);
+    const std::string square = size("Square", "sq", 75, 75), thumb = size("Thumbnail", "th", 100, 75),
+                      small = size("Small 320", "s3", 320, 240), medium = size("Medium", "m", 500, 375),
+                      medium800 = size("Medium 800", "m8", 800, 600), large = size("Large", "l", 1024, 768),
+                      original = size("Original", "o", 4000, 3000), hidden = size("Original", "", 4000, 3000);
+    const std::string player = size("Video Player", "vp", 640, 480),
+                      site = size("Site MP4", "site", 640, 360),
+                      video = size("Video Original", "vo", 1920, 1080),
+                      unsized = "<size label=\"Mobile MP4\" width=\"\" height=\"\" source=\"mob\"/>";
+    struct {
+        const char* mediaType;
+        std::string sizes, thumbnail, path;
+        int width;
+    } const cases[] = {
+        {"photo", square + thumb + small + medium + medium800 + large + original, "th", "o", 4000},
+        {"photo", square + thumb + small + medium + medium800 + large, "th", "l", 1024},
+        {"photo", thumb + large + hidden, "th", "l", 4000},
+        {"photo", thumb + original + medium, "th", "m", 500},
+        {"photo", thumb, "th", "th", 0},
+        {"photo", thumb + size("medium", "x", 1, 1) + player, "th", "th", 0},
+        {"photo", square, "", "", 0},
+        {"video", thumb + large + player + site + video, "th", "vo", 1920},
+        {"video", thumb + video + site, "th", "site", 640},
+        {"video", thumb + video + unsized, "th", "mob", 0},
+        {"video", thumb + original, "th", "", 0},
+        {"", thumb + original, "", "", 0},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.sizes);
+        const Photo photo = complete(test.mediaType, test.sizes);
+        EXPECT_EQ(photo.getThumbnailUrl(), test.thumbnail);
+        EXPECT_EQ(photo.getImagePath(), test.path);
+        EXPECT_EQ(photo.getWidth(), test.width);
+    }
+    Photo untouched;
+    untouched.setMediaType("photo");
+    std::istringstream cutOff("<rsp stat=\"ok\"><sizes>" + thumb + large.substr(0, 30));
+    EXPECT_THROW(PhotoListSaxHandler().parsePhotoInformationV2(cutOff, untouched), Poco::Exception);
+    EXPECT_EQ(untouched.getImagePath(), "") << "a thumbnail must not be taken for the picture";
+}
+
+TEST(PhotoListSaxHandler, StripsDescriptions) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"\n\tHello\t\n", "Hello"}, {"\n\n", "\n\n"}, {"\t\t", ""}, {"  a\n b ", "a\n b"}, {"", ""}};
+    PhotoListSaxHandler handler;
+    for (const auto& [text, expected] : cases) {
+        // What is left of a text of line feeds only is the host's trimming.
+        const std::string trimmed = Norvale_Plugin_Core::Utils().trimString(expected);
+        EXPECT_EQ(handler.sanetizeString(text), trimmed) << testing::PrintToString(text);
+    }
+}
+
+TEST(PhotoSetProcessor, KnowsVideosByTheFirstDot) {
+    std::string name;
+    PhotoSetProcessor processor(name);
+    for (const char* video : {"clip.mov", "clip.mp4", "x.m2ts", ".3gp"})
+        EXPECT_TRUE(processor.isVideo(video));
+    for (const char* other : {"clip.MOV", "a.b.mp4", "mp4", "", "clip.", "clip.jpg", "clip.mp4 "}) {
+        EXPECT_FALSE(processor.isVideo(other)) << other;
+    }
+}
+
+namespace {
+
+class TextBytes : public RawBytes {
+public:
+    explicit TextBytes(std::string text) : text_(std::move(text)) {}
+    int nextByte() override { return at_ < text_.size() ? static_cast<unsigned char>(text_[at_++]) : -1; }
+    int readBytes(char* buffer, std::streamsize count) override {
+        const std::size_t size = text_.copy(buffer, static_cast<std::size_t>(count), at_);
+        at_ += size;
+        return static_cast<int>(size);
+    }
+
+private:
+    std::string text_;
+    std::size_t at_ = 0;
+};
+
+}  // namespace
+
+TEST(ChunkedBody, TellsAWholeBodyFromOneThatBreaksOff) {
+    const std::string whole = "5\r\nhello\r\n6;name=value\r\n world\r\n0\r\n\r\n";
+    const std::size_t lastChunk = whole.find("0\r\n\r\n");
+    for (std::size_t length = 0; length <= whole.size(); ++length) {
+        TextBytes source(whole.substr(0, length));
+        ChunkedBody chunks(source);
+        std::istream body(&chunks);
+        char block[kBlockSize];
+        std::string read;
+        while (const std::streamsize count = readBlock(body, block)) read.append(block, count);
+        // The size line of the last chunk is the end; what follows carries nothing.
+        const bool complete = length >= lastChunk + 3;
+        EXPECT_EQ(!body.bad(), complete) << length;
+        if (complete) EXPECT_EQ(read, "hello world");
+    }
+    for (const char* nonsense :
+         {"\r\n\r\n", "-5\r\nhello", "5\r\nhello world", "fffffffffffffffff\r\nx", "zz\r\n"}) {
+        TextBytes source(nonsense);
+        ChunkedBody chunks(source);
+        std::istream body(&chunks);
+        body.ignore(1000);
+        EXPECT_TRUE(body.bad()) << nonsense;
+    }
+}

@@ -1,0 +1,476 @@
+// Whole runs of the plug-in on the stand-in's framework against the simulated service: what goes over the
+// wire, and what the device, the database and the log hold afterwards.
+
+#include <Poco/Exception.h>
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <filesystem>
+#include <thread>
+
+#include "core/FlickrPluginCore.h"
+#include "hostapi/HostServiceUsageParams.h"
+#include "standin/framework/RunJournal.h"
+#include "tests/BackupFixture.h"
+
+using namespace flickr_sim;
+using namespace testing;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::time_t kOld = 1700000000;
+constexpr std::time_t kNew = 1700009999;
+
+class Run : public BackupFixture {
+protected:
+    /// Three sets, one of them empty, two videos and two items in no set.
+    void fill() {
+        trip_ = account_.addSet("Trip");
+        sunset_ = account_.addItem(trip_, photo("sunset", kOld + 5));
+        beach_ = account_.addItem(trip_, photo("beach", kOld));
+        clip_ = account_.addItem(trip_, video("clip", kOld + 1));
+        city_ = account_.addSet("Città: día?");
+        account_.addItem(city_, photo("a/b", kOld + 2));
+        account_.addToSet(city_, sunset_);
+        account_.addSet("Empty");
+        loose_ = account_.addItem("", photo("loose", kOld + 3));
+        account_.addItem("", video("film", kOld + 4));
+    }
+
+    std::vector<std::string> targets(Kind kind) const {
+        std::vector<std::string> list;
+        for (const Request& request : sim_->log()) {
+            if (request.kind == kind) list.push_back(request.line);
+        }
+        return list;
+    }
+
+    std::string trip_, city_, sunset_, beach_, clip_, loose_;
+};
+
+/// The log's lines that hold the text, counted.
+int count(const std::string& log, const std::string& text) {
+    int found = 0;
+    for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++found;
+    return found;
+}
+
+}  // namespace
+
+TEST_F(Run, LeavesFilesRowsAndRecordsAndThenDownloadsNothing) {
+    fill();
+    serve();
+    const RunResult first = run();
+    EXPECT_EQ(first.status, 1) << first.error;
+    expectComplete();
+    const std::string sunset = sunset_ + "_" + trip_, clip = clip_ + "_" + trip_,
+                      loose = loose_ + "_Anonymous";
+    const auto files = device();
+    EXPECT_THAT(files, AllOf(Contains(Key("Trip/sunset.jpg")), Contains(Key("Trip/clip.mp4")),
+                             Contains(Key("Trip/Thumbnail/sunset_" + sunset + ".jpg")),
+                             Contains(Key("Trip/Thumbnail/clip_" + clip + ".jpg")),
+                             Contains(Key("loose.jpg")), Contains(Key("Thumbnail/loose_" + loose + ".jpg")),
+                             Contains(Key("Anonymous/")), Not(Contains(Key("Empty/")))));
+    EXPECT_EQ(files.at("Trip/Thumbnail/sunset_" + sunset + ".jpg"),
+              contentOf(*account_.item(sunset_), "Thumbnail").text());
+    EXPECT_THAT(
+        rows("SELECT ItemId, ItemName, ItemContainerName, DerivedItemName, DerivedContainerName, "
+             "OriginalItemId,"
+             " OriginalContainerId, ItemUpdatedOn, ItemType FROM backupmetadata WHERE ItemId IN ('" +
+             sunset + "','" + clip + "','" + loose + "') ORDER BY ItemName"),
+        ElementsAre(
+            StartsWith(clip + "|clip.mp4|Trip|clip.mp4|Trip|" + clip_ + "|" + trip_ + "|"),
+            StartsWith(loose + "|loose.jpg|Anonymous|loose.jpg|Anonymous|" + loose_ + "|Anonymous|"),
+            AllOf(StartsWith(sunset + "|sunset.jpg|Trip|sunset.jpg|Trip|" + sunset_ + "|" + trip_ + "|"),
+                  EndsWith("|FlickrPhoto"))));
+    EXPECT_THAT(rows("SELECT ItemId, ItemName, ItemContainerName, DerivedItemName, DerivedContainerName, "
+                     "OriginalItemId, OriginalContainerId, ItemType FROM backupmetadata WHERE ItemId = '" +
+                     trip_ + "'"),
+                ElementsAre(trip_ + "|Trip|Flickr|Trip|Flickr|" + trip_ + "|Flickr_ID|FlickrFolder"));
+    EXPECT_THAT(log(),
+                AllOf(HasSubstr("Flickr Backup Started."), HasSubstr("Processing Photo Set: Trip"),
+                      HasSubstr("sunset.jpg successfully downloaded."),
+                      HasSubstr("PhotoSet and Thumbnail directory created for photoSet - Trip"),
+                      HasSubstr("User Selected Data Types - Images;Videos;"),
+                      HasSubstr("Backup stopped due to catastrophic exception. Error Info - Error code - 1"),
+                      Not(HasSubstr("demo-token-1"))));
+
+    sim_->clearLog();
+    EXPECT_EQ(run().status, 1);
+    EXPECT_EQ(sim_->counts().media + sim_->counts().thumbnails, 0u);
+    EXPECT_EQ(device(), files);
+    EXPECT_EQ(count(log(), "already backed up no change, continuing to next photo"), 7);
+}
+
+TEST_F(Run, SpeaksTheExactWire) {
+    const std::string set = account_.addSet("Trip");
+    const std::string item = account_.addItem(set, photo("sunset"));
+    serve();
+    run();
+    const std::string extras =
+        "&extras=date_upload%2C+last_update%2C+date_taken%2C+media%2C+url_m%2C+url_o%2C+url_t%2C+tags%2C+"
+        "description";
+    const std::string key = "&api_key=demo0key0for0the0simulated0flickr", token = "&auth_token=demo-token-1";
+    const std::string start = "GET /services/rest/?method=flickr.", end = "&api_sig=[0-9a-f]{32} HTTP/1.1";
+    std::vector<std::string> expected = {
+        start + "photosets.getList" + key + token + end,
+        start + "photosets.getPhotos" + key + "&photoset_id=" + set + extras + token + "&page=1" + end,
+        start + "photos.getSizes" + key + "&photo_id=" + item + token + end,
+        start + "photos.getNotInSet" + key + extras + token + "&page=1" + end};
+    const std::vector<std::string> rest = targets(Kind::Rest);
+    ASSERT_EQ(rest.size(), expected.size());
+    for (std::size_t i = 0; i < rest.size(); ++i) {
+        std::string pattern = expected[i];
+        for (const char* special : {"?", "+"}) {
+            for (auto at = pattern.find(special); at != std::string::npos;
+                 at = pattern.find(special, at + 2)) {
+                pattern.insert(at, "\\");
+            }
+        }
+        EXPECT_THAT(rest[i], MatchesRegex(pattern));
+    }
+    for (const Request& request : sim_->log()) {
+        EXPECT_EQ(request.status, 200) << request.line;
+        EXPECT_EQ(request.headers.size(), 2u) << request.line;
+        EXPECT_EQ(request.header("Connection"), "Close");
+        EXPECT_THAT(request.header("Host"), StartsWith("127.0.0.1"));
+        // A plain transfer names the whole address.
+        if (request.kind != Kind::Rest) EXPECT_THAT(request.target, StartsWith(sim_->baseUrl()));
+    }
+    EXPECT_EQ(sim_->counts().connections, 6u) << "a connection for each request";
+}
+
+TEST_F(Run, FollowsEditsRenamesAndNewItems) {
+    fill();
+    serve();
+    run();
+    account_.edit(beach_, Content::bytes("edited beach"), kNew);
+    account_.retitle(sunset_, "dawn", kNew);
+    account_.edit(clip_, Content::video(5000, 9), kNew);
+    account_.renameSet(trip_, "Journey");
+    account_.addItem(trip_, photo("new", kNew));
+    sim_->clearLog();
+
+    EXPECT_EQ(run().status, 1);
+    expectComplete();
+    EXPECT_EQ(sim_->counts().media, 5u) << "beach, dawn in two sets, clip and new";
+    EXPECT_EQ(read("Journey/beach.jpg"), "edited beach");
+    EXPECT_THAT(names(), AllOf(HasSubstr("Journey/dawn.jpg"), Not(HasSubstr("sunset")),
+                               Not(HasSubstr("Trip")), Not(HasSubstr("_Old"))));
+    EXPECT_THAT(rows("SELECT DISTINCT ItemContainerName, DerivedContainerName FROM backupmetadata WHERE "
+                     "OriginalContainerId = '" +
+                     trip_ + "'"),
+                ElementsAre("Journey|Journey"));
+    const auto after = device();
+    run();
+    EXPECT_EQ(device(), after);
+}
+
+TEST_F(Run, KeepsTheOldVersionWhenATransferFails) {
+    struct {
+        const char* name;
+        Action action;
+        bool thumbnail;
+    } const faults[] = {
+        {"status 503", fault::status(503), false},
+        {"status 404 for the thumbnail", fault::status(404), true},
+        {"dropped before the header", fault::dropBeforeHeader(), false},
+        {"dropped in the header", fault::dropInHeader(), false},
+        {"reset in the body", fault::dropInBody(100, true), false},
+        {"body too short", fault::shortBody(1), false},
+        {"chunked body that breaks off",
+         [](const Request& r, Reply& reply) {
+             fault::framing(Framing::Chunked)(r, reply);
+             fault::dropInBody(100)(r, reply);
+         },
+         false},
+        {"two content lengths", fault::contentLength({"5", "6"}), false},
+        {"negative content length", fault::contentLength({"-1"}), false},
+        {"content length that is no number", fault::contentLength({"many"}), false},
+        {"redirect to another scheme", fault::redirect("ftp://127.0.0.1/x"), false},
+        {"redirect to nowhere", fault::redirect(""), false},
+        {"redirect to a file", fault::redirect("file:///etc/passwd"), false},
+        {"header without end", fault::hugeHeader(1 << 20), false},
+        {"bytes that are no answer", fault::raw("\0\xff garbage\r\n\r\n"), false},
+    };
+    fill();
+    serve();
+    run();
+    const std::string before = read("Trip/beach.jpg");
+    const std::string row =
+        "SELECT ItemUpdatedOn FROM backupmetadata WHERE ItemId = '" + beach_ + "_" + trip_ + "'";
+    std::time_t updated = kNew;
+    for (const auto& test : faults) {
+        SCOPED_TRACE(test.name);
+        const auto recorded = rows(row);
+        const std::string fresh = account_.addItem(trip_, photo("fresh", ++updated));
+        account_.edit(beach_, Content::bytes(std::string(1000, 'e') + test.name), updated);
+        for (const std::string& id : {fresh, beach_}) {
+            sim_->faults().add(test.thumbnail ? thumbnail(id) : media(id), always(), test.action);
+        }
+        run();
+        const auto files = device();
+        EXPECT_EQ(files.count("Trip/fresh.jpg"), 0u);
+        EXPECT_EQ(rows("SELECT * FROM backupmetadata WHERE ItemId = '" + fresh + "_" + trip_ + "'").size(),
+                  0u);
+        EXPECT_EQ(rows(row), recorded);
+        // After a failed thumbnail the old version stays aside until the next run.
+        EXPECT_EQ(read(test.thumbnail ? "Trip/beach_Old.jpg" : "Trip/beach.jpg"), before);
+        const auto summary = Norvale_Plugin_Core::RunJournal::instance().summary();
+        EXPECT_EQ(summary.failures.size(), 2u) << "both are named";
+
+        sim_->faults().clear();
+        account_.deleteItem(fresh);
+        account_.edit(beach_, Content::bytes(before), updated);
+        EXPECT_EQ(run().status, 1);
+        EXPECT_EQ(read("Trip/beach.jpg"), before);
+        EXPECT_THAT(names(), Not(HasSubstr("_Old")));
+    }
+}
+
+TEST_F(Run, SucceedsThroughEveryHonestDelivery) {
+    SimOptions options;
+    options.address = FlickrSim::ownLoopbackAddress();
+    options.httpsPort = 443;
+    fill();
+    try {
+        serve(options);
+    } catch (Poco::Exception& exception) {
+        GTEST_SKIP() << "port 443 cannot be had: " << exception.displayText();
+    }
+    std::vector<MediaDelivery> deliveries(8);
+    deliveries[1].framing = Framing::Chunked;
+    deliveries[2].framing = Framing::Close;
+    deliveries[3].redirects = 25;
+    deliveries[4].redirects = 2;
+    deliveries[4].relativeLocations = true;
+    deliveries[4].redirectStatus = 307;
+    deliveries[5].https = true;
+    deliveries[6].redirects = 1;
+    deliveries[6].redirectToHttps = true;
+    deliveries[6].redirectStatus = 303;
+    deliveries[7].https = true;
+    deliveries[7].framing = Framing::Chunked;
+    std::time_t updated = kNew;
+    run();
+    for (const MediaDelivery& delivery : deliveries) {
+        SCOPED_TRACE(&delivery - deliveries.data());
+        sim_->setDelivery(delivery);
+        account_.edit(beach_, Content::pattern(100000, ++updated), updated);
+        account_.edit(clip_, Content::bytes(""), updated);
+        EXPECT_EQ(run().status, 1);
+        expectComplete();
+    }
+}
+
+TEST_F(Run, StopsAtEveryRequestAndCompletesInTheNextRun) {
+    fill();
+    serve();
+    std::uint64_t total = 0;
+    for (std::uint64_t stopAt = 1; total == 0 || stopAt <= total; ++stopAt) {
+        SCOPED_TRACE(stopAt);
+        std::atomic<std::uint64_t> seen{0};
+        sim_->onRequest([&](const Request&) {
+            if (++seen == stopAt) Norvale_Plugin_Flickr::stopBackup(nullptr, nullptr);
+        });
+        const RunResult stopped = run();
+        if (seen < stopAt) {
+            total = seen;
+            break;
+        }
+        EXPECT_EQ(stopped.status, 1) << "a stop is no error";
+        EXPECT_EQ(seen, stopAt) << "nothing is asked after a stop";
+        sim_->onRequest(nullptr);
+        EXPECT_EQ(run().status, 1);
+        expectComplete();
+        // Begin again with an empty device.
+        database_.reset();
+        fs::remove_all(folder_ + "/device");
+        fs::create_directories(service_);
+        database_ = std::make_unique<Norvale_Plugin_Core::BackupDatabase>(folder_ + "/device/backup.db");
+    }
+    EXPECT_GT(total, 20u);
+    EXPECT_THAT(log(),
+                AllOf(HasSubstr("Stop backup called Plugin core: "), HasSubstr("Flickr Backup Finished."),
+                      HasSubstr("Backup Stopped in Process PhotoSet"),
+                      HasSubstr("Delete file due to stop backup called: 1")));
+}
+
+TEST_F(Run, StopEndsEndlessRedirectsAndSlowBodies) {
+    const std::string set = account_.addSet("Trip");
+    account_.addItem(set, photo("sunset"));
+    serve();
+    const std::pair<Match, Action> traps[] = {
+        {media(), fault::redirectToSelf()},
+        {media(), fault::redirectForever()},
+        {media(), fault::slow(10, std::chrono::milliseconds(20))},
+        {rest("flickr.photosets.getPhotos"), fault::slow(10, std::chrono::milliseconds(20))},
+    };
+    for (const auto& [match, action] : traps) {
+        SCOPED_TRACE(&action - &traps[0].second);
+        sim_->faults().clear();
+        sim_->faults().add(match, always(), action);
+        std::atomic<int> hits{0};
+        const bool redirects = &action - &traps[2].second < 0;
+        sim_->onRequest([&](const Request& request) {
+            if (match(request) && ++hits == (redirects ? 30 : 1)) {
+                std::thread([] {
+                    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+                    Norvale_Plugin_Flickr::stopBackup(nullptr, nullptr);
+                }).detach();
+            }
+        });
+        EXPECT_EQ(run().status, 1);  // the runner's time limit catches a run that does not end
+        EXPECT_THAT(names(), Not(HasSubstr("sunset")));
+    }
+}
+
+TEST_F(Run, ListsAsManyPagesAsThereAre) {
+    serve();
+    RunOptions later;
+    later.from = "1/1/2030";
+    for (const auto& [items, pages] :
+         std::vector<std::pair<int, unsigned>>{{0, 1}, {1, 1}, {500, 1}, {501, 2}, {1000, 2}, {1001, 3}}) {
+        SCOPED_TRACE(items);
+        const std::string set = account_.addSet("Set");
+        for (int i = 0; i < items; ++i) account_.addItem(set, photo("p"));
+        sim_->clearLog();
+        EXPECT_EQ(run(later).status, 1);
+        auto counts = sim_->counts();
+        EXPECT_EQ(counts.methods["flickr.photosets.getPhotos"], pages);
+        EXPECT_EQ(counts.methods["flickr.photos.getSizes"], static_cast<unsigned>(items));
+        for (const auto& item : account_.items(set)) account_.deleteItem(item->id);
+        account_.deleteSet(set);
+    }
+    // Items in no set: pages of 100, up to the first that brings nothing new.
+    unsigned loose = 0;
+    for (const auto& [items, pages] :
+         std::vector<std::pair<unsigned, unsigned>>{{0, 1}, {1, 2}, {100, 2}, {101, 3}}) {
+        for (; loose < items; ++loose) account_.addItem("", photo("p"));
+        for (const bool repeats : {false, true}) {
+            SCOPED_TRACE(items + repeats * 0.5);
+            sim_->setRepeatLastPage(repeats);
+            sim_->clearLog();
+            EXPECT_EQ(run(later).status, 1);
+            EXPECT_EQ(sim_->counts().methods["flickr.photos.getNotInSet"], pages);
+        }
+    }
+}
+
+TEST_F(Run, TakesOnlyWhatWasSelected) {
+    fill();
+    serve();
+    account_.setCover(trip_, beach_);
+    struct {
+        const char* dataTypes;
+        const char* from;
+        unsigned media;
+    } const cases[] = {
+        {"", "1/1/2001", 2},  // covers only, where they are not alone
+        {"Images;Videos", "1/1/2030", 0},
+        {"images;", "1/1/2001", 0},
+        {"Videos", "1/1/2001", 0},
+        {"Videos;", "1/1/2001", 2},
+        {"Images;Videos", "1/1/2001", 5},
+        {"Videos;Images;", "1/1/2001", 7},
+    };
+    for (const auto& test : cases) {
+        if (std::string(test.dataTypes).empty()) continue;
+        SCOPED_TRACE(test.dataTypes);
+        database_.reset();
+        fs::remove_all(folder_ + "/device");
+        fs::create_directories(service_);
+        database_ = std::make_unique<Norvale_Plugin_Core::BackupDatabase>(folder_ + "/device/backup.db");
+        sim_->clearLog();
+        RunOptions options;
+        options.dataTypes = test.dataTypes;
+        options.from = test.from;
+        EXPECT_EQ(run(options).status, 1);
+        EXPECT_EQ(sim_->counts().media, test.media);
+    }
+    // An unchanged cover comes with a newer item, whatever the user selected, and never alone.
+    account_.retitle(clip_, "clip", 1900000000);
+    account_.retitle(sunset_, "sunset", 1900000000);
+    RunOptions options;
+    options.from = "1/1/2030";
+    sim_->clearLog();
+    EXPECT_EQ(run(options).status, 1);
+    EXPECT_THAT(targets(Kind::Media), Contains(HasSubstr(beach_)).Times(0)) << "it is on the device already";
+    EXPECT_THAT(log(), HasSubstr("Photo - beach.jpg already backed up no change, continuing to next photo"));
+}
+
+TEST_F(Run, AnswersWithTheRightStatus) {
+    fill();
+    serve();
+    struct {
+        const char* name;
+        Match match;
+        Schedule schedule;
+        Action action;
+        bool succeeds;
+        const char* logged;
+    } const cases[] = {
+        {"one failed list", rest("flickr.photosets.getList"), nth(1), fault::status(500), true,
+         "Exception occurred in getPhotoSetList() : "},
+        {"no list", rest("flickr.photosets.getList"), always(), fault::status(500), false,
+         "UNABLE TO DOWNLOAD PHOTOSET. Response Status - 500"},
+        {"refused", rest("flickr.photosets.getList"), always(), fault::status(401), false,
+         "UNABLE TO DOWNLOAD PHOTOSET. Response Status - 401"},
+        {"refused by the service", rest("flickr.photosets.getList"), always(), fault::serviceError(98, "no"),
+         false, "Invalid Auth Token"},
+        {"a page that fails once", rest("flickr.photosets.getPhotos"), nth(1), fault::malformed(), true,
+         "Unable to parse photo list "},
+        {"a set that cannot be listed", rest("flickr.photosets.getPhotos"), firstTimes(2), fault::status(502),
+         false, "Exception occurred in DownloadPhotoListActivity::getPhotoList(): "},
+        {"sizes that cannot be had", rest("flickr.photos.getSizes", sunset_), nth(1), fault::malformed(),
+         false, "Exception occurred in getPhotoInformation() : "},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.name);
+        sim_->faults().clear();
+        sim_->faults().add(test.match, test.schedule, test.action);
+        const RunResult result = run();
+        EXPECT_EQ(result.status == 1, test.succeeds) << result.status << ": " << result.error;
+        EXPECT_THAT(log(), HasSubstr(test.logged));
+    }
+    sim_->faults().clear();
+    RunOptions wrong;
+    wrong.token = "somebody-else";
+    EXPECT_NE(run(wrong).status, 1);
+    EXPECT_EQ(run().status, 1);
+    expectComplete();
+
+    const std::string url = sim_->dataUrl();
+    const std::uint64_t before = sim_->counts().rest;
+    configure(url, "0");
+    EXPECT_EQ(run().status, 1);
+    EXPECT_EQ(sim_->counts().rest, before) << "no attempts, no requests";
+    configure(url, "");
+    const RunResult noAttempts = run();
+    EXPECT_NE(noAttempts.status, 1);
+    EXPECT_THAT(noAttempts.error, HasSubstr("plugin.retryAttempts"));
+    configure("", "1");
+    EXPECT_THAT(run().error, HasSubstr("plugin.dataUrl"));
+    configure("http://127.0.0.1:1/services/rest/", "3");
+    EXPECT_EQ(run().status, 511);
+    EXPECT_GE(count(log(), "Getting PhotoSet List Attempt - 3"), 1);
+}
+
+TEST_F(Run, ReportsVideosInWholeEntries) {
+    const std::string set = account_.addSet("Trip");
+    serve();
+    account_.addItem(set, photo("sunset"));
+    EXPECT_EQ(run().videos, "");
+    const std::string first = account_.addItem(set, video("clip", kOld));
+    // The entry's set title is that of a record whose nested set is not filled.
+    EXPECT_EQ(run().videos,
+              sim_->mediaUrl(first, "Video Original") + "||clip.mp4.mp4|" + first + "_" + set + ";");
+    for (int i = 0; i < 30; ++i) account_.addItem(set, video("clip " + std::to_string(i), kOld + 1 + i));
+    const std::string list = run().videos;
+    EXPECT_THAT(list, EndsWith(";"));
+    EXPECT_LT(list.size(), Norvale_Plugin_Flickr::kVideoListCapacity);
+    EXPECT_GT(list.size(), Norvale_Plugin_Flickr::kVideoListCapacity - 200);
+    const auto entries = std::count(list.begin(), list.end(), ';');
+    EXPECT_THAT(log(), HasSubstr("entries left out: " + std::to_string(31 - entries)));
+}
