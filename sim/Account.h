@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <ctime>
+#include <functional>
 #include <memory>
 #include <shared_mutex>
 #include <string>
@@ -91,8 +92,8 @@ public:
     void addToSet(const std::string& setId, const std::string& itemId);
     /// Replaces an item's content and says when. The item stays where it is.
     void edit(const std::string& itemId, Content content, std::time_t updated);
-    /// Replaces an item as a whole, but for its id.
-    void replace(const std::string& itemId, Item item);
+    /// Changes anything else of an item but its id and whether it is a video.
+    void change(const std::string& itemId, const std::function<void(Item&)>& edit);
     void retitle(const std::string& itemId, std::string title, std::time_t updated);
     void renameSet(const std::string& setId, std::string title);
     void setCover(const std::string& setId, const std::string& itemId);
@@ -124,7 +125,7 @@ private:
     Entry& entry(const std::string& itemId);
     const Entry& entry(const std::string& itemId) const;
     static void append(Album& album, const Item& item);
-    static bool remove(Album& album, const Item& item);
+    static void remove(Album& album, const Item& item);
 
     mutable std::shared_mutex mutex_;
     std::vector<std::unique_ptr<Album>> albums_;  // in the order of the list

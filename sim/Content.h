@@ -25,6 +25,8 @@ public:
         virtual std::uint64_t size() const = 0;
         /// Hands over all bytes in order; false when the sink ended it or they could not be read.
         virtual bool send(const Sink& sink) const = 0;
+        /// Of a JPEG file, the same picture made smaller; otherwise none.
+        virtual Content reducedPicture(int) const { return Content(); }
     };
 
     /// None: not even an empty file. Tests false.
@@ -43,15 +45,14 @@ public:
     /// A JPEG picture of the given pixels that holds mark as a comment, and further comments that bring it to
     /// size bytes if it is smaller. A few designs exist; design is taken modulo their number.
     static Content picture(unsigned design, int width, int height, std::string mark, std::uint64_t size = 0);
-    /// A JPEG file scaled down until its longer side has at most longestSide pixels. A file that cannot be
-    /// decoded is replaced by a picture().
-    static Content reduced(std::string jpegPath, int longestSide);
-
     explicit operator bool() const { return source_ != nullptr; }
     std::uint64_t size() const { return source_ ? source_->size() : 0; }
     /// Hands the first limit bytes, or all, to the sink in blocks. False when the sink ended it or the bytes
     /// could not be read.
     bool send(const Sink& sink, std::uint64_t limit = UINT64_MAX) const;
+    /// A JPEG file's picture scaled down until its longer side has at most longestSide pixels, made when it
+    /// is first asked for (a drawn one when the file cannot be decoded). None for what is not a JPEG file.
+    Content reducedPicture(int longestSide) const;
     /// All bytes at once; for small contents.
     std::string text() const;
     /// Whether the file holds exactly these bytes.

@@ -88,9 +88,9 @@ public:
     std::string dataUrl() const;
     /// "http://127.0.0.1:PORT", or the https one; without a slash at the end.
     std::string baseUrl(bool https = false) const;
-    std::uint16_t port() const;
+    std::uint16_t port() const { return port_; }
     /// 0 without TLS.
-    std::uint16_t httpsPort() const;
+    std::uint16_t httpsPort() const { return httpsPort_; }
     const Credentials& credentials() const { return options_.credentials; }
     /// The address of one rendition, as answers give it.
     std::string mediaUrl(const std::string& itemId, const std::string& label = "Original") const;
@@ -111,13 +111,13 @@ public:
     void clearLog();
 
 private:
-    void serve(Wire& wire, Request& request, bool& keepAlive);
+    void serve(Wire& wire, Request& request, bool firstOfConnection, bool& keepAlive);
     void classify(Request& request) const;
+    std::function<void(const Request&)> record(Request& request, bool firstOfConnection);
+    void recordStatus(const Request& request);
     Reply answer(const Request& request);
     Reply mediaReply(const Request& request);
-    bool transmit(Wire& wire, const Request& request, const Reply& reply, bool& keepAlive);
-    void record(Request& request);
-    void recordStatus(const Request& request, int status);
+    static void transmit(Wire& wire, const Request& request, const Reply& reply, bool& keepAlive);
     MediaDelivery delivery() const;
 
     Account& account_;
@@ -131,6 +131,8 @@ private:
     std::vector<Request> log_;
     std::uint64_t received_ = 0;
     std::uint64_t logStart_ = 1;  // number of the first request in log_
+    std::uint16_t port_ = 0;
+    std::uint16_t httpsPort_ = 0;
     std::unique_ptr<Listener> http_;
     std::unique_ptr<Listener> https_;
 };

@@ -33,7 +33,7 @@ struct Request {
     Headers headers;           ///< in the order received, names and values exactly
     std::string verb;          ///< "GET"
     std::string target;        ///< as in the line
-    std::string path;          ///< decoded; without scheme and host when the target is a whole URL
+    std::string path;  ///< as in the target, encoded; without scheme and host when the target is a whole URL
     std::map<std::string, std::string> parameters;  ///< of the query, decoded
     Kind kind = Kind::Other;
     std::string method;  ///< of REST calls: "flickr.photosets.getList"
@@ -48,13 +48,20 @@ struct Request {
     std::string parameter(const std::string& name) const;
 };
 
+/// Reads a request line and its headers, all without the empty line at the end; sets the fields down to
+/// parameters. False when it is no HTTP/1 request.
+bool parseRequest(const std::string& text, Request& request);
+
+/// The name of an HTTP status: "Not Found".
+std::string reasonOf(int status);
+
 /// A connection as the writer of raw answers sees it.
 class Wire {
 public:
     virtual ~Wire() = default;
     /// Sends all bytes; false once the client is gone or the simulator stops.
     virtual bool send(const char* data, std::size_t length) = 0;
-    bool send(const std::string& text) { return send(text.data(), text.size()); }
+    bool write(const std::string& text) { return send(text.data(), text.size()); }
     /// Sends what has been gathered.
     virtual bool flush() = 0;
     /// Waits; false at once when the simulator stops.
@@ -72,10 +79,11 @@ struct Reply {
     Headers headers;   ///< without those that frame the body
     Content body;
     Framing framing = Framing::ContentLength;
-    std::vector<std::string> announcedLengths;  ///< instead of the true one; several give several headers
-    std::uint64_t headerLimit = UINT64_MAX;     ///< bytes of the header sent before the connection is closed
-    std::uint64_t bodyLimit = UINT64_MAX;       ///< bytes of the body sent before the connection is closed
-    bool reset = false;                         ///< close with a reset
+    /// Content-Length headers instead of the true one; an empty list: none.
+    std::optional<std::vector<std::string>> announcedLengths;
+    std::uint64_t headerLimit = UINT64_MAX;   ///< bytes of the header sent before the connection is closed
+    std::uint64_t bodyLimit = UINT64_MAX;     ///< bytes of the body sent before the connection is closed
+    bool reset = false;                       ///< close with a reset
     std::size_t blockSize = 0;                ///< 0: as fast as possible; otherwise blocks of that many bytes
     std::chrono::milliseconds blockDelay{0};  ///< wait before the header and between blocks
     /// When set, writes all that is sent instead; the connection is closed afterwards.

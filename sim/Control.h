@@ -1,0 +1,37 @@
+// Orders to the simulator while it runs: GET requests under /sim/ on its plain HTTP address.
+//
+//   /sim/counts                                requests so far, as JSON
+//   /sim/list                                  the account, a line for each set and item: kind, id, title
+//   /sim/add?title=T[&set=ID][&media=video][&bytes=N]      a new item; set=none: in no set
+//   /sim/edit[?id=ID][&bytes=N]                new content and a later update time
+//   /sim/retitle?title=T[&id=ID]
+//   /sim/add-set?title=T
+//   /sim/rename-set?title=T[&id=ID]
+//   /sim/delete[?id=ID]                        an item
+//   /sim/delete-set[?id=ID]
+//   /sim/fault?spec=TEXT                       one more fault, in the text form of Faults.h
+//   /sim/clear-faults
+//   /sim/reset-counts
+//
+// An id or set that is left out is the first set or its first item. Answers are one line of text: the id of
+// what was made or changed, or with status 400 what is wrong.
+
+#ifndef SIM_CONTROL_H
+#define SIM_CONTROL_H
+
+#include "sim/FlickrSim.h"
+
+namespace flickr_sim {
+
+/// Carries out an order.
+Reply obey(const Request& order, FlickrSim& sim);
+
+/// An answer of plain text.
+Reply plainReply(int status, std::string text);
+
+/// Counts as a JSON object in one line.
+std::string toJson(const Counts& counts);
+
+}  // namespace flickr_sim
+
+#endif

@@ -1,0 +1,264 @@
+#include "sim/FlickrSim.h"
+
+#include <Poco/Exception.h>
+#include <Poco/NumberParser.h>
+#include <Poco/URI.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+
+#include "sim/Control.h"
+#include "sim/Listener.h"
+#include "sim/MediaAddress.h"
+#include "sim/RestApi.h"
+
+namespace flickr_sim {
+
+namespace {
+
+constexpr const char* kRestPath = "/services/rest/";
+// The query parameter that counts the redirects that are still to come.
+constexpr const char* kHops = "hops";
+
+std::string typeOf(const Request& request, const Item& item) {
+    if (request.label.find("Video") == 0 || request.label.find("MP4") != std::string::npos)
+        return "video/mp4";
+    const std::string extension = request.label == "Original" ? item.extension : "jpg";
+    if (extension == "jpg" || extension == "jpeg") return "image/jpeg";
+    return "image/" + (extension == "tif" ? std::string("tiff") : extension);
+}
+
+}  // namespace
+
+FlickrSim::FlickrSim(Account& account, SimOptions options)
+    : account_(account),
+      options_(std::move(options)),
+      repeatLastPage_(options_.repeatLastPage),
+      delivery_(options_.delivery) {
+    const auto handler = [this](Wire& wire, Request& request, bool first, bool& keepAlive) {
+        serve(wire, request, first, keepAlive);
+    };
+    // The lock keeps a first request waiting until both ports are known.
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (options_.httpsPort) {
+        https_ = std::make_unique<Listener>(options_.address, *options_.httpsPort, true, handler);
+        httpsPort_ = https_->port();
+    }
+    http_ = std::make_unique<Listener>(options_.address, options_.port, false, handler);
+    port_ = http_->port();
+}
+
+FlickrSim::~FlickrSim() {
+    http_.reset();
+    https_.reset();
+}
+
+std::string FlickrSim::ownLoopbackAddress() {
+    const unsigned id = static_cast<unsigned>(::getpid());
+    char text[24];
+    std::snprintf(text, sizeof text, "127.%u.%u.%u", 1 + (id >> 16) % 250, (id >> 8) & 255, 1 + id % 250);
+    return text;
+}
+
+std::string FlickrSim::dataUrl() const {
+    return baseUrl() + kRestPath;
+}
+
+std::string FlickrSim::baseUrl(bool https) const {
+    const std::string host = (https ? "https://" : "http://") + options_.address;
+    if (!https) return host + ':' + std::to_string(port());
+    return httpsPort() == 443 ? host : host + ':' + std::to_string(httpsPort());
+}
+
+std::string FlickrSim::mediaUrl(const std::string& itemId, const std::string& label) const {
+    return baseUrl(delivery().https) + mediaPath(*account_.item(itemId), label);
+}
+
+MediaDelivery FlickrSim::delivery() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return delivery_;
+}
+
+void FlickrSim::setDelivery(const MediaDelivery& delivery) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    delivery_ = delivery;
+}
+
+void FlickrSim::onRequest(std::function<void(const Request&)> hook) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    hook_ = std::move(hook);
+}
+
+Counts FlickrSim::counts() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return counts_;
+}
+
+std::vector<Request> FlickrSim::log() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return log_;
+}
+
+void FlickrSim::clearLog() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    counts_ = Counts();
+    log_.clear();
+    logStart_ = received_ + 1;
+}
+
+void FlickrSim::serve(Wire& wire, Request& request, bool first, bool& keepAlive) {
+    classify(request);
+    Reply reply;
+    if (request.kind == Kind::Control) {
+        reply = obey(request, *this);
+    } else {
+        std::function<void(const Request&)> hook = record(request, first);
+        if (hook) hook(request);
+        reply = answer(request);
+        faults_.apply(request, reply);
+        request.status = reply.raw ? 0 : reply.status;
+        recordStatus(request);
+    }
+    transmit(wire, request, reply, keepAlive);
+}
+
+void FlickrSim::classify(Request& request) const {
+    if (request.path == kRestPath || request.path + '/' == kRestPath) {
+        request.kind = Kind::Rest;
+        request.method = request.parameter("method");
+        request.itemId = request.parameter("photo_id");
+    } else if (request.path.compare(0, 5, "/sim/") == 0) {
+        request.kind = Kind::Control;
+    } else if (parseMediaPath(request.path, request.itemId, request.label)) {
+        request.kind = request.label == "Thumbnail" ? Kind::Thumbnail : Kind::Media;
+    }
+}
+
+std::function<void(const Request&)> FlickrSim::record(Request& request, bool firstOfConnection) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    request.number = ++received_;
+    if (firstOfConnection) ++counts_.connections;
+    switch (request.kind) {
+        case Kind::Rest:
+            ++counts_.rest;
+            ++counts_.methods[request.method];
+            break;
+        case Kind::Media:
+            ++counts_.media;
+            break;
+        case Kind::Thumbnail:
+            ++counts_.thumbnails;
+            break;
+        default:
+            ++counts_.other;
+    }
+    if (options_.keepLog) log_.push_back(request);
+    return hook_;
+}
+
+void FlickrSim::recordStatus(const Request& request) {
+    if (!options_.keepLog) return;
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (request.number >= logStart_) log_[request.number - logStart_].status = request.status;
+}
+
+Reply FlickrSim::answer(const Request& request) {
+    if (request.verb != "GET" && request.verb != "HEAD") return plainReply(405, "Only GET is answered.\n");
+    switch (request.kind) {
+        case Kind::Rest: {
+            const RestContext context{account_, options_.credentials, baseUrl(delivery().https),
+                                      repeatLastPage_};
+            Reply reply;
+            reply.headers.emplace_back("Content-Type", "text/xml; charset=utf-8");
+            reply.body = Content::bytes(answerCall(request, context));
+            return reply;
+        }
+        case Kind::Media:
+        case Kind::Thumbnail:
+            return mediaReply(request);
+        default:
+            return plainReply(404, "There is nothing here.\n");
+    }
+}
+
+Reply FlickrSim::mediaReply(const Request& request) {
+    Account::ItemPtr item;
+    try {
+        item = account_.item(request.itemId);
+    } catch (Poco::NotFoundException&) {
+        return plainReply(404, "There is no such item.\n");
+    }
+    const MediaDelivery how = delivery();
+    unsigned hops = how.redirects + (how.redirectToHttps ? 1 : 0);
+    Poco::NumberParser::tryParseUnsigned(request.parameter(kHops), hops);
+    if (hops > 0) {
+        const bool toHttps = how.redirectToHttps && hops == 1;
+        const bool relative = how.relativeLocations && !toHttps;
+        Reply reply = plainReply(how.redirectStatus, "Elsewhere.\n");
+        reply.headers.emplace_back("Location", (relative ? "" : baseUrl(toHttps || request.https)) +
+                                                   request.path + '?' + kHops + '=' +
+                                                   std::to_string(hops - 1));
+        return reply;
+    }
+    Reply reply;
+    reply.body = contentOf(*item, request.label);
+    if (!reply.body) return plainReply(404, "There is no such rendition.\n");
+    reply.headers.emplace_back("Content-Type", typeOf(request, *item));
+    reply.framing = how.framing;
+    return reply;
+}
+
+void FlickrSim::transmit(Wire& wire, const Request& request, const Reply& reply, bool& keepAlive) {
+    if (reply.reset) wire.resetOnClose();
+    if (reply.raw || reply.status == 0) keepAlive = false;
+    if (reply.raw) return reply.raw(request, wire);
+    if (reply.status == 0) return;
+
+    const std::uint64_t size = reply.body.size();
+    const std::uint64_t limit = request.verb == "HEAD" ? 0 : std::min(size, reply.bodyLimit);
+    const bool chunked = reply.framing == Framing::Chunked;
+    keepAlive = keepAlive && reply.framing != Framing::Close && !reply.announcedLengths &&
+                reply.bodyLimit >= size && reply.headerLimit == UINT64_MAX;
+    std::string header = "HTTP/1.1 " + std::to_string(reply.status) + ' ' + reasonOf(reply.status) + "\r\n";
+    for (const auto& line : reply.headers) header += line.first + ": " + line.second + "\r\n";
+    if (reply.announcedLengths) {
+        for (const std::string& length : *reply.announcedLengths)
+            header += "Content-Length: " + length + "\r\n";
+    } else if (reply.framing == Framing::ContentLength) {
+        header += "Content-Length: " + std::to_string(size) + "\r\n";
+    }
+    if (chunked) header += "Transfer-Encoding: chunked\r\n";
+    header += keepAlive ? "Connection: keep-alive\r\n\r\n" : "Connection: close\r\n\r\n";
+
+    const bool isSlow = reply.blockSize > 0;
+    const auto pause = [&] { return !isSlow || (wire.flush() && wire.wait(reply.blockDelay)); };
+    if (!pause()) return;
+    if (reply.headerLimit < header.size()) {
+        wire.send(header.data(), static_cast<std::size_t>(reply.headerLimit));
+        return;
+    }
+    wire.write(header);
+    std::uint64_t sent = 0;
+    const auto sendBlock = [&](const char* data, std::size_t length) {
+        if (length == 0) return true;
+        char chunk[24];
+        if (chunked)
+            wire.send(chunk, static_cast<std::size_t>(std::snprintf(chunk, sizeof chunk, "%zx\r\n", length)));
+        sent += length;
+        return wire.send(data, length) && (!chunked || wire.send("\r\n", 2));
+    };
+    reply.body.send(
+        [&](const char* data, std::size_t length) {
+            const std::size_t step = isSlow ? reply.blockSize : length;
+            for (std::size_t at = 0; at < length; at += step) {
+                if (!sendBlock(data + at, std::min(step, length - at)) || !pause()) return false;
+            }
+            return true;
+        },
+        limit);
+    if (sent < limit) keepAlive = false;  // the client is gone, or a file became shorter
+    if (chunked && sent == size) wire.write("0\r\n\r\n");
+}
+
+}  // namespace flickr_sim

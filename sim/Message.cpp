@@ -1,0 +1,90 @@
+#include "sim/Message.h"
+
+#include <Poco/Exception.h>
+#include <Poco/Net/HTTPResponse.h>
+#include <Poco/String.h>
+#include <Poco/URI.h>
+
+#include <algorithm>
+
+namespace flickr_sim {
+
+namespace {
+
+/// Undoes the encoding of a query's names and values; what cannot be decoded stays as it is.
+std::string decodeQuery(std::string text) {
+    std::replace(text.begin(), text.end(), '+', ' ');
+    try {
+        std::string decoded;
+        Poco::URI::decode(text, decoded);
+        return decoded;
+    } catch (Poco::Exception&) {
+        return text;
+    }
+}
+
+}  // namespace
+
+std::string Request::header(const std::string& name) const {
+    for (const auto& header : headers) {
+        if (Poco::icompare(header.first, name) == 0) return header.second;
+    }
+    return std::string();
+}
+
+std::string Request::parameter(const std::string& name) const {
+    const auto found = parameters.find(name);
+    return found == parameters.end() ? std::string() : found->second;
+}
+
+bool parseRequest(const std::string& text, Request& request) {
+    const auto lineEnd = [&](std::size_t start) { return std::min(text.find('\n', start), text.size()); };
+    const auto lineFrom = [&](std::size_t start, std::size_t end) {
+        if (end > start && text[end - 1] == '\r') --end;
+        return text.substr(start, end - start);
+    };
+    std::size_t end = lineEnd(0);
+    request.line = lineFrom(0, end);
+    const std::size_t first = request.line.find(' ');
+    const std::size_t last = request.line.rfind(' ');
+    if (first == std::string::npos || first == last || request.line.compare(last, 7, " HTTP/1") != 0)
+        return false;
+    request.verb = request.line.substr(0, first);
+    request.target = request.line.substr(first + 1, last - first - 1);
+
+    while (end < text.size()) {
+        const std::size_t start = end + 1;
+        end = lineEnd(start);
+        const std::string line = lineFrom(start, end);
+        if (line.empty()) break;
+        const std::size_t colon = line.find(':');
+        if (colon == std::string::npos) return false;
+        request.headers.emplace_back(line.substr(0, colon), Poco::trim(line.substr(colon + 1)));
+    }
+
+    std::size_t pathStart = 0;
+    const std::size_t scheme = request.target.find("://");
+    if (scheme != std::string::npos && scheme < request.target.find_first_of("/?")) {
+        pathStart = std::min(request.target.find_first_of("/?", scheme + 3), request.target.size());
+    }
+    const std::size_t question = std::min(request.target.find('?', pathStart), request.target.size());
+    request.path = request.target.substr(pathStart, question - pathStart);
+    for (std::size_t at = question; at < request.target.size();) {
+        const std::size_t start = at + 1;
+        at = std::min(request.target.find('&', start), request.target.size());
+        const std::string pair = request.target.substr(start, at - start);
+        const std::size_t equals = std::min(pair.find('='), pair.size());
+        std::string name = decodeQuery(pair.substr(0, equals));
+        if (name.empty()) continue;
+        request.parameters[std::move(name)] =
+            equals < pair.size() ? decodeQuery(pair.substr(equals + 1)) : std::string();
+    }
+    return true;
+}
+
+std::string reasonOf(int status) {
+    return Poco::Net::HTTPResponse::getReasonForStatus(
+        static_cast<Poco::Net::HTTPResponse::HTTPStatus>(status));
+}
+
+}  // namespace flickr_sim
