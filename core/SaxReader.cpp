@@ -2,8 +2,11 @@
 
 #include <Poco/DynamicAny.h>
 #include <Poco/Exception.h>
+#include <Poco/SAX/DefaultHandler.h>
 #include <Poco/SAX/SAXParser.h>
 #include <Poco/SAX/XMLReader.h>
+
+#include <exception>
 
 #include "core/RunSupport.h"
 
@@ -14,16 +17,63 @@ namespace {
 // Many times the largest answer of the service; a peer that sends more is not the service.
 constexpr std::size_t kMaximumAnswer = 256u << 20;
 
+/// Hands the events on until the handler throws, and keeps what it threw: an exception that passes through
+/// the parser's C code leaves the parser in a state in which it is never freed.
+class EventGate : public Poco::XML::DefaultHandler {
+public:
+    explicit EventGate(Poco::XML::ContentHandler& handler) : handler_(handler) {}
+
+    void setDocumentLocator(const Poco::XML::Locator* locator) override {
+        handler_.setDocumentLocator(locator);
+    }
+    void startElement(const Poco::XML::XMLString& uri, const Poco::XML::XMLString& localName,
+                      const Poco::XML::XMLString& qname, const Poco::XML::Attributes& attributes) override {
+        pass([&] { handler_.startElement(uri, localName, qname, attributes); });
+    }
+    void endElement(const Poco::XML::XMLString& uri, const Poco::XML::XMLString& localName,
+                    const Poco::XML::XMLString& qname) override {
+        pass([&] { handler_.endElement(uri, localName, qname); });
+    }
+    void characters(const Poco::XML::XMLChar text[], int start, int length) override {
+        pass([&] { handler_.characters(text, start, length); });
+    }
+
+    void rethrow() const {
+        if (thrown_) std::rethrow_exception(thrown_);
+    }
+
+private:
+    template <typename Event>
+    void pass(Event event) {
+        if (thrown_) return;
+        try {
+            event();
+        } catch (...) {
+            thrown_ = std::current_exception();
+        }
+    }
+
+    Poco::XML::ContentHandler& handler_;
+    std::exception_ptr thrown_;
+};
+
 }  // namespace
 
 void SaxReader::read(const std::string& document) {
     Poco::XML::SAXParser parser;
     parser.setFeature(Poco::XML::XMLReader::FEATURE_NAMESPACES, true);
     parser.setFeature(Poco::XML::XMLReader::FEATURE_NAMESPACE_PREFIXES, true);
-    parser.setContentHandler(this);
+    EventGate gate(*this);
+    parser.setContentHandler(&gate);
     parser.setProperty(Poco::XML::XMLReader::PROPERTY_LEXICAL_HANDLER,
                        static_cast<Poco::XML::LexicalHandler*>(this));
-    parser.parseString(document);
+    try {
+        parser.parseString(document);
+    } catch (Poco::Exception&) {
+        gate.rethrow();  // It came first.
+        throw;
+    }
+    gate.rethrow();
 }
 
 std::string readWhole(std::istream& body) {
