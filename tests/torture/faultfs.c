@@ -1,0 +1,175 @@
+// Preloaded into the program under test: numbers the calls that change a directory, and at one of them ends
+// the process or lets the call fail. Settings come from the environment:
+//
+//   FAULT_UNDER=DIR[:DIR...]  the directories; calls elsewhere are left alone
+//   FAULT_PATH=TEXT           only calls on paths that hold this text
+//   FAULT_CALLS=NAME[,NAME]   only these calls, by the names below
+//   FAULT_AT=N                the call that is hit, from 1; without it calls are only counted
+//   FAULT_HOW=before          SIGKILL in place of the call
+//             after           SIGKILL behind it
+//             torn            SIGKILL behind the first half of a write; as "after" for other calls
+//             stop            SIGSTOP before the call, for a driver that changes things under the program
+//             28              the call fails with that errno
+//   FAULT_FOR=N               so many calls from there fail; -1: all
+//   FAULT_TRACE=FILE          one line for each call: its number, name, path, and a rename's or link's source
+
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdatomic.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#define REAL(name) ((__typeof__(&name))dlsym(RTLD_NEXT, #name))
+
+enum { GO_ON = 0, KILL_AFTER = -1, KILL_TORN = -2 };  // above 0: fail with that errno
+
+static atomic_long calls;
+
+static void die(void) {
+    syscall(SYS_kill, getpid(), SIGKILL);
+}
+
+static int listed(const char* list, const char* word) {
+    const size_t length = strlen(word);
+    for (const char* at = list; (at = strstr(at, word)); at += length) {
+        if ((at == list || at[-1] == ',') && (at[length] == ',' || !at[length])) return 1;
+    }
+    return 0;
+}
+
+static int under(const char* path) {
+    const char* root = getenv("FAULT_UNDER");
+    while (root && *root) {
+        const size_t length = strcspn(root, ":");
+        if (!strncmp(path, root, length) && (path[length] == '/' || !path[length])) return 1;
+        root += length + (root[length] == ':');
+    }
+    return 0;
+}
+
+// The absolute path of a name in the directory of a descriptor, or of the descriptor itself for a null name.
+static void locate(char* path, int directory, const char* name) {
+    if (name && *name == '/') {
+        snprintf(path, PATH_MAX, "%s", name);
+        return;
+    }
+    char link[64];
+    snprintf(link, sizeof link, directory == AT_FDCWD ? "/proc/self/cwd" : "/proc/self/fd/%d", directory);
+    const ssize_t length = readlink(link, path, PATH_MAX - 1);
+    path[length < 0 ? 0 : length] = 0;
+    if (name) snprintf(path + strlen(path), PATH_MAX - strlen(path), "/%s", name);
+}
+
+static int judge(const char* call, int directory, const char* name, const char* source) {
+    const int error = errno;
+    char path[PATH_MAX];
+    locate(path, directory, name);
+    const char *part = getenv("FAULT_PATH"), *only = getenv("FAULT_CALLS");
+    errno = error;
+    if (!under(path) || (part && !strstr(path, part)) || (only && !listed(only, call))) return GO_ON;
+
+    const long number = atomic_fetch_add(&calls, 1) + 1;
+    const char *trace = getenv("FAULT_TRACE"), *at = getenv("FAULT_AT");
+    if (trace) {
+        char line[3 * PATH_MAX];
+        const int length = snprintf(line, sizeof line, "%ld\t%s\t%s\t%s\n", number, call, path, source);
+        const int file = (int)syscall(SYS_openat, AT_FDCWD, trace, O_WRONLY | O_APPEND | O_CREAT, 0600);
+        syscall(SYS_write, file, line, length);
+        syscall(SYS_close, file);
+    }
+    errno = error;
+    if (!at) return GO_ON;
+    const char *how = getenv("FAULT_HOW"), *count = getenv("FAULT_FOR");
+    const long first = atol(at), last = !count ? first : atol(count) < 0 ? LONG_MAX : first + atol(count) - 1;
+    if (number < first || number > last) return GO_ON;
+    if (!strcmp(how, "after")) return KILL_AFTER;
+    if (!strcmp(how, "torn")) return KILL_TORN;
+    if (!strcmp(how, "before")) die();
+    if (!strcmp(how, "stop")) raise(SIGSTOP);
+    return atoi(how);
+}
+
+#define BODY(type, failed, name, arguments, directory, path, source) \
+    {                                                                \
+        const int verdict = judge(#name, directory, path, source);   \
+        if (verdict > 0) return errno = verdict, failed;             \
+        type const result = REAL(name) arguments;                    \
+        if (verdict < 0) die();                                      \
+        return result;                                               \
+    }
+#define AT_PATH(name, parameters, arguments, directory, path, source) \
+    int name parameters BODY(int, -1, name, arguments, directory, path, source)
+#define ON_FILE(type, name, parameters, arguments) \
+    type name parameters BODY(type, -1, name, arguments, file, 0, "")
+
+AT_PATH(rename, (const char* from, const char* to), (from, to), AT_FDCWD, to, from)
+AT_PATH(renameat, (int a, const char* from, int b, const char* to), (a, from, b, to), b, to, from)
+AT_PATH(renameat2, (int a, const char* from, int b, const char* to, unsigned flags), (a, from, b, to, flags),
+        b, to, from)
+AT_PATH(link, (const char* from, const char* to), (from, to), AT_FDCWD, to, from)
+AT_PATH(linkat, (int a, const char* from, int b, const char* to, int flags), (a, from, b, to, flags), b, to,
+        from)
+AT_PATH(symlink, (const char* from, const char* to), (from, to), AT_FDCWD, to, from)
+AT_PATH(unlink, (const char* path), (path), AT_FDCWD, path, "")
+AT_PATH(unlinkat, (int at, const char* path, int flags), (at, path, flags), at, path, "")
+AT_PATH(remove, (const char* path), (path), AT_FDCWD, path, "")
+AT_PATH(rmdir, (const char* path), (path), AT_FDCWD, path, "")
+AT_PATH(mkdir, (const char* path, mode_t mode), (path, mode), AT_FDCWD, path, "")
+AT_PATH(mkdirat, (int at, const char* path, mode_t mode), (at, path, mode), at, path, "")
+AT_PATH(truncate, (const char* path, off_t size), (path, size), AT_FDCWD, path, "")
+ON_FILE(int, ftruncate, (int file, off_t size), (file, size))
+ON_FILE(int, ftruncate64, (int file, off64_t size), (file, size))
+ON_FILE(int, fallocate, (int file, int mode, off_t at, off_t size), (file, mode, at, size))
+ON_FILE(int, fallocate64, (int file, int mode, off64_t at, off64_t size), (file, mode, at, size))
+ON_FILE(int, fsync, (int file), (file))
+ON_FILE(int, fdatasync, (int file), (file))
+ON_FILE(int, syncfs, (int file), (file))
+ON_FILE(ssize_t, writev, (int file, const struct iovec* parts, int count), (file, parts, count))
+
+// A write can also be torn: its first half is done.
+#define WRITE(name, parameters, arguments, half)                                              \
+    ssize_t name parameters {                                                                 \
+        const int verdict = judge(#name, file, 0, "");                                        \
+        if (verdict > 0) return errno = verdict, -1;                                          \
+        const ssize_t result = verdict == KILL_TORN ? REAL(name) half : REAL(name) arguments; \
+        if (verdict < 0) die();                                                               \
+        return result;                                                                        \
+    }
+WRITE(write, (int file, const void* data, size_t size), (file, data, size), (file, data, size / 2))
+WRITE(pwrite, (int file, const void* data, size_t size, off_t at), (file, data, size, at),
+      (file, data, size / 2, at))
+WRITE(pwrite64, (int file, const void* data, size_t size, off64_t at), (file, data, size, at),
+      (file, data, size / 2, at))
+
+// Opening counts when it can make or empty a file.
+#define OPEN(name, parameters, arguments, directory)                                    \
+    int name parameters {                                                               \
+        va_list more;                                                                   \
+        va_start(more, flags);                                                          \
+        const mode_t mode = flags & (O_CREAT | __O_TMPFILE) ? va_arg(more, mode_t) : 0; \
+        va_end(more);                                                                   \
+        if (!(flags & (O_CREAT | O_TRUNC | __O_TMPFILE))) return REAL(name) arguments;  \
+        BODY(int, -1, name, arguments, directory, path, "")                             \
+    }
+OPEN(open, (const char* path, int flags, ...), (path, flags, mode), AT_FDCWD)
+OPEN(open64, (const char* path, int flags, ...), (path, flags, mode), AT_FDCWD)
+OPEN(openat, (int at, const char* path, int flags, ...), (at, path, flags, mode), at)
+OPEN(openat64, (int at, const char* path, int flags, ...), (at, path, flags, mode), at)
+
+#define FOPEN(name)                                               \
+    FILE* name(const char* path, const char* mode) {              \
+        if (*mode == 'r') return REAL(name)(path, mode);          \
+        BODY(FILE*, NULL, name, (path, mode), AT_FDCWD, path, "") \
+    }
+FOPEN(fopen)
+FOPEN(fopen64)
