@@ -113,9 +113,7 @@ public:
             std::uint64_t length = std::min<std::uint64_t>(missing, kSegmentMax);
             // What is left over must still have room for a segment's own bytes.
             if (missing - length > 0 && missing - length < kSegment) length -= kSegment;
-            std::string filling(length - kSegment, '\0');
-            for (char& c : filling) c = static_cast<char>('0' + random() % 64);
-            appendSegment(out, filling);
+            appendSegment(out, letters().substr(random() % kSegmentMax, length - kSegment));
             missing -= length;
             if (out.size() > kBlock) {
                 if (!sink(out.data(), out.size())) return false;
@@ -129,6 +127,18 @@ public:
 private:
     static constexpr std::uint64_t kSegment = 4;         // marker and length
     static constexpr std::uint64_t kSegmentMax = 65537;  // of marker, length and text
+
+    /// What fillings are cut from, at a place that depends on the mark: drawing each anew would cost more
+    /// than sending it.
+    static const std::string& letters() {
+        static const std::string drawn = [] {
+            std::mt19937 random;
+            std::string text(2 * kSegmentMax, '\0');
+            for (char& c : text) c = static_cast<char>('0' + random() % 64);
+            return text;
+        }();
+        return drawn;
+    }
 
     static void appendSegment(std::string& out, const std::string& text) {
         const std::size_t length = text.size() + 2;

@@ -167,7 +167,11 @@ Reply FlickrSim::answer(const Request& request) {
     if (request.verb != "GET" && request.verb != "HEAD") return plainReply(405, "Only GET is answered.\n");
     switch (request.kind) {
         case Kind::Rest: {
-            const RestContext context{account_, options_.credentials, baseUrl(delivery().https),
+            const bool https = delivery().https;
+            // Addresses lead back the way by which the call came, through a relay too.
+            const std::string host = request.header("Host");
+            const RestContext context{account_, options_.credentials,
+                                      https || host.empty() ? baseUrl(https) : "http://" + host,
                                       repeatLastPage_};
             Reply reply;
             reply.headers.emplace_back("Content-Type", "text/xml; charset=utf-8");
