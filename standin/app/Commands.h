@@ -1,0 +1,25 @@
+// The program's commands, one source file each.
+
+#ifndef STANDIN_APP_COMMANDS_H
+#define STANDIN_APP_COMMANDS_H
+
+#include <CLI/CLI.hpp>
+
+namespace flickr_app {
+
+// Each adds its command with options, help and example to the program. When the command is given it is done
+// while the command line is parsed, and its exit status is put into status; what it throws passes through:
+// UsageError for what the user has to put right, Poco::Exception for what failed.
+
+/// "configure": writes the plug-in's configuration.
+void addConfigureCommand(CLI::App& program, int& status);
+/// "run": backs up.
+void addRunCommand(CLI::App& program, int& status);
+/// "status": lists what is backed up.
+void addStatusCommand(CLI::App& program, int& status);
+/// "verify": compares every file with what is recorded.
+void addVerifyCommand(CLI::App& program, int& status);
+
+}  // namespace flickr_app
+
+#endif

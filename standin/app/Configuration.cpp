@@ -1,0 +1,167 @@
+#include "standin/app/Configuration.h"
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Base64Decoder.h>
+#include <Poco/Base64Encoder.h>
+#include <Poco/NumberParser.h>
+#include <Poco/URI.h>
+#include <Poco/Util/XMLConfiguration.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <sstream>
+
+#include "standin/app/UsageError.h"
+#include "standin/framework/Cipher.h"
+
+namespace flickr_app {
+namespace {
+
+constexpr const char* kRestPath = "/services/rest/";
+
+const Norvale_Plugin_Core::Cipher& cipher() {
+    static const Norvale_Plugin_Core::Cipher instance("", kPluginSalt);
+    return instance;
+}
+
+[[noreturn]] void failToWrite(const std::string& path, const std::string& temporary) {
+    const std::string reason = std::strerror(errno);
+    if (!temporary.empty()) ::unlink(temporary.c_str());
+    throw UsageError("The configuration file " + path + " cannot be written: " + reason +
+                     "; install the program where you may write, or configure it as the user who may.");
+}
+
+/// On disk before it takes its name, and the name on disk as well.
+void replaceFile(const std::string& path, const std::string& content) {
+    std::string temporary = path + ".XXXXXX";
+    const int file = ::mkstemp(temporary.data());  // for its owner only
+    if (file < 0) failToWrite(path, "");
+    std::size_t done = 0;
+    while (done < content.size()) {
+        const ssize_t count = ::write(file, content.data() + done, content.size() - done);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) break;
+        done += static_cast<std::size_t>(count);
+    }
+    const bool written = done == content.size() && ::fsync(file) == 0;
+    if (!written) {
+        const int error = errno;
+        ::close(file);
+        errno = error;
+        failToWrite(path, temporary);
+    }
+    if (::close(file) != 0 || std::rename(temporary.c_str(), path.c_str()) != 0) failToWrite(path, temporary);
+
+    const int directory = ::open(path.substr(0, path.rfind('/') + 1).c_str(), O_RDONLY | O_DIRECTORY);
+    if (directory >= 0) {
+        ::fsync(directory);
+        ::close(directory);
+    }
+}
+
+}  // namespace
+
+void checkDataUrl(const std::string& url) {
+    Poco::URI uri;
+    try {
+        uri = url;
+    } catch (Poco::Exception&) {
+        throw UsageError("The data URL \"" + url + "\" is no address; give one like \"http://HOST" +
+                         kRestPath + "\".");
+    }
+    if (uri.getScheme() != "http") {
+        throw UsageError("The data URL \"" + url +
+                         "\" has to begin with \"http://\": the plug-in speaks plain HTTP to the service.");
+    }
+    if (uri.getHost().empty() || uri.getPort() == 0 || !uri.getUserInfo().empty()) {
+        throw UsageError("The data URL \"" + url +
+                         "\" has to name a host, and a port where it is not 80, and nothing else before its "
+                         "path.");
+    }
+    if (uri.getPath() != kRestPath || !uri.getRawQuery().empty() || !uri.getFragment().empty()) {
+        throw UsageError("The data URL \"" + url + "\" has to end in the service's path: \"http://" +
+                         uri.getAuthority() + kRestPath + "\".");
+    }
+}
+
+std::string sealSecret(const std::string& secret) {
+    std::ostringstream text;
+    Poco::Base64Encoder encoder(text);
+    encoder.rdbuf()->setLineLength(0);
+    encoder << cipher().encrypt(secret);
+    encoder.close();
+    return text.str();
+}
+
+std::string openSecret(const std::string& sealed) {
+    std::istringstream text(sealed);
+    Poco::Base64Decoder decoder(text);
+    return cipher().decrypt(std::string(std::istreambuf_iterator<char>(decoder), {}));
+}
+
+void writeConfiguration(const std::string& path, const Configuration& configuration) {
+    checkDataUrl(configuration.dataUrl);
+    Poco::AutoPtr<Poco::Util::XMLConfiguration> file(new Poco::Util::XMLConfiguration);
+    file->loadEmpty("config");
+    const std::pair<const char*, std::string> values[] = {
+        {"name", "Flickr"},
+        {"id", "flickr"},
+        {"version", FLICKR_BACKUP_VERSION},
+        {"targetHostVersion", "1.0"},
+        {"supportedDataTypes", "Images;Videos;"},
+        {"authenticationMechanism", "OAuth"},
+        {"legend", "Flickr photos and videos"},
+        {"CEK", ""},
+        {"dataUrl", configuration.dataUrl},
+        {"retryAttempts", std::to_string(configuration.retryAttempts)},
+        {"apiKey", sealSecret(configuration.apiKey)},
+        {"apiSecret", sealSecret(configuration.apiSecret)},
+    };
+    for (const auto& [key, value] : values) file->setString(std::string("plugin.") + key, value);
+    std::ostringstream text;
+    file->save(text);
+    replaceFile(path, text.str());
+}
+
+Configuration readConfiguration(const std::string& path) {
+    const std::string remedy = "; run \"flickr-backup configure\".";
+    Poco::AutoPtr<Poco::Util::XMLConfiguration> file;
+    if (::access(path.c_str(), F_OK) != 0) {
+        throw UsageError("The program is not configured yet: " + path + " is missing" + remedy);
+    }
+    try {
+        file = new Poco::Util::XMLConfiguration(path);
+    } catch (Poco::Exception&) {
+        throw UsageError("The configuration file " + path + " cannot be read" + remedy);
+    }
+    auto value = [&](const char* key) {
+        const std::string name = std::string("plugin.") + key;
+        if (!file->has(name)) {
+            throw UsageError("The configuration file " + path + " has no value for \"" + name + "\"" +
+                             remedy);
+        }
+        return file->getRawString(name);
+    };
+    Configuration configuration;
+    configuration.dataUrl = value("dataUrl");
+    if (!Poco::NumberParser::tryParse(value("retryAttempts"), configuration.retryAttempts)) {
+        throw UsageError("The number of attempts in the configuration file " + path + " is no number" +
+                         remedy);
+    }
+    try {
+        configuration.apiKey = openSecret(value("apiKey"));
+        configuration.apiSecret = openSecret(value("apiSecret"));
+    } catch (Poco::Exception&) {
+        throw UsageError("The API key or secret in the configuration file " + path + " cannot be deciphered" +
+                         remedy);
+    }
+    return configuration;
+}
+
+}  // namespace flickr_app

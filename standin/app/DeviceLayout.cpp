@@ -1,0 +1,99 @@
+#include "standin/app/DeviceLayout.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <vector>
+
+#include "standin/app/UsageError.h"
+#include "standin/framework/Localisation.h"
+#include "standin/framework/Names.h"
+
+namespace fs = std::filesystem;
+
+namespace flickr_app {
+namespace {
+
+/// Anything but the host's own files, whose names begin with a dot.
+bool holdsSomething(const std::string& folder) {
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator(folder, error)) {
+        if (entry.path().filename().string().front() != '.') return true;
+    }
+    return false;
+}
+
+/// The culture whose service folder on the device holds something; empty when there is none.
+std::string cultureOnDevice(const std::string& device) {
+    for (const std::string& culture : Norvale_Plugin_Core::knownCultures()) {
+        if (holdsSomething(serviceFolderOn(device, culture))) return culture;
+    }
+    return "";
+}
+
+/// A culture's language: "de" for "de-AT".
+std::string languageOf(const std::string& culture) {
+    return culture.substr(0, culture.find_first_of("-_."));
+}
+
+void checkCulture(const std::string& culture) {
+    const std::vector<std::string> known = Norvale_Plugin_Core::knownCultures();
+    if (std::find(known.begin(), known.end(), languageOf(culture)) != known.end()) return;
+    std::string list;
+    for (const std::string& name : known) list += (list.empty() ? "" : ", ") + name;
+    throw UsageError("The culture \"" + culture + "\" is not known; give one of " + list + ".");
+}
+
+}  // namespace
+
+std::string serviceFolderOn(const std::string& device, const std::string& culture) {
+    return (device == "/" ? "" : device) + "/Brightkettle/" +
+           Norvale_Plugin_Core::localisedServiceFolderName(culture);
+}
+
+DeviceLayout layoutOf(const std::string& device, const std::string& databaseName,
+                      const std::string& culture) {
+    std::error_code error;
+    DeviceLayout layout;
+    layout.device = fs::canonical(device, error).string();
+    if (error || !fs::is_directory(layout.device, error)) {
+        throw UsageError("The device " + device +
+                         " is no directory that can be reached; mount it, or give the right one.");
+    }
+    if (databaseName.empty() || databaseName == "Brightkettle" || databaseName.front() == '.' ||
+        databaseName != Norvale_Plugin_Core::safeName(databaseName)) {
+        throw UsageError("The database's name \"" + databaseName +
+                         "\" cannot be used; give a plain file name like \"" + kDefaultDatabase + "\".");
+    }
+    if (!culture.empty()) checkCulture(culture);
+
+    const std::string present = cultureOnDevice(layout.device);
+    layout.holdsBackup = !present.empty();
+    layout.culture = !culture.empty() ? culture : layout.holdsBackup ? present : "en";
+    layout.serviceFolder = serviceFolderOn(layout.device, layout.culture);
+    layout.databasePath = (layout.device == "/" ? "" : layout.device) + "/" + databaseName;
+    if (!layout.holdsBackup) return layout;
+
+    if (layout.serviceFolder != serviceFolderOn(layout.device, present)) {
+        throw UsageError("The device " + layout.device + " holds a backup in the culture \"" + present +
+                         "\"; use that one, or another device.");
+    }
+    if (!fs::exists(layout.databasePath, error)) {
+        throw UsageError("The device holds a backup in " + layout.serviceFolder + ", but its database " +
+                         layout.databasePath +
+                         " is missing; give its name with --database, or move the folder away to begin "
+                         "a new backup.");
+    }
+    return layout;
+}
+
+DeviceLayout existingBackup(const std::string& device, const std::string& databaseName) {
+    DeviceLayout layout = layoutOf(device, databaseName, "");
+    std::error_code error;
+    if (!fs::exists(layout.databasePath, error)) {
+        throw UsageError("There is no backup on the device " + layout.device + ": it has no database \"" +
+                         databaseName + "\".");
+    }
+    return layout;
+}
+
+}  // namespace flickr_app

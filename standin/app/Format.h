@@ -1,0 +1,25 @@
+// Numbers and texts as a person reads them on a terminal.
+
+#ifndef STANDIN_APP_FORMAT_H
+#define STANDIN_APP_FORMAT_H
+
+#include <string>
+
+namespace flickr_app {
+
+/// "512 B", "1.5 kB", "20.0 MB": decimal units.
+std::string formatBytes(double bytes);
+
+/// "4.2 s", "3 min 05 s", "2 h 07 min".
+std::string formatDuration(double seconds);
+
+/// "1 item", "12,345 items".
+std::string formatCount(long count, const std::string& noun);
+
+/// The text as one line that cannot steer a terminal or turn the direction of what follows: valid UTF-8, with
+/// "?" for every control character and direction mark.
+std::string printable(const std::string& text);
+
+}  // namespace flickr_app
+
+#endif

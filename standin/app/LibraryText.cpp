@@ -1,0 +1,25 @@
+#include "standin/app/LibraryText.h"
+
+#include <string>
+#include <vector>
+
+#include "standin/app/Format.h"
+
+namespace flickr_app {
+
+void printDisagreements(std::ostream& out, const Norvale_Plugin_Core::LibraryReport& report) {
+    if (report.agrees()) {
+        out << "Database and device agree.\n";
+        return;
+    }
+    const auto list = [&](const char* title, const std::vector<std::string>& paths) {
+        if (paths.empty()) return;
+        out << title << " (" << paths.size() << "):\n";
+        for (const std::string& path : paths) out << "  " << printable(path) << "\n";
+    };
+    list("Recorded, but missing on the device", report.missing);
+    list("Altered since it was backed up", report.altered);
+    list("On the device, but not recorded", report.unrecorded);
+}
+
+}  // namespace flickr_app

@@ -1,0 +1,17 @@
+// How disagreements between the database and the device are told.
+
+#ifndef STANDIN_APP_LIBRARYTEXT_H
+#define STANDIN_APP_LIBRARYTEXT_H
+
+#include <ostream>
+
+#include "standin/framework/LibraryCheck.h"
+
+namespace flickr_app {
+
+/// Lists missing, altered and unrecorded files, or says that there are none.
+void printDisagreements(std::ostream& out, const Norvale_Plugin_Core::LibraryReport& report);
+
+}  // namespace flickr_app
+
+#endif

@@ -1,0 +1,252 @@
+#include <Poco/DateTime.h>
+#include <Poco/NumberParser.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "standin/app/ApplicationFolder.h"
+#include "standin/app/Commands.h"
+#include "standin/app/Configuration.h"
+#include "standin/app/Credentials.h"
+#include "standin/app/DeviceLayout.h"
+#include "standin/app/Format.h"
+#include "standin/app/PerformRun.h"
+#include "standin/app/ProgressLine.h"
+#include "standin/app/Summary.h"
+#include "standin/app/UsageError.h"
+#include "standin/framework/BackupDatabase.h"
+#include "standin/framework/DeviceLock.h"
+#include "standin/framework/LibraryCheck.h"
+#include "standin/framework/Recovery.h"
+#include "standin/framework/RunJournal.h"
+#include "standin/framework/RunSettings.h"
+
+namespace flickr_app {
+namespace {
+
+using Norvale_Plugin_Core::BackupDatabase;
+using Clock = std::chrono::steady_clock;
+
+struct Options {
+    std::string device;
+    std::string credentials;
+    std::string from = "2001-01-01";
+    std::vector<std::string> media = {"images", "videos"};
+    std::string culture;
+    std::string database = kDefaultDatabase;
+    bool json = false;
+};
+
+volatile std::sig_atomic_t stopSignals = 0;
+
+/// SIGINT and SIGTERM are counted while this lives; the run sees to the rest.
+class StopSignals {
+public:
+    StopSignals() {
+        stopSignals = 0;
+        struct sigaction action {};
+        action.sa_handler = [](int) { stopSignals = stopSignals + 1; };
+        action.sa_flags = SA_RESTART;
+        ::sigemptyset(&action.sa_mask);
+        ::sigaction(SIGINT, &action, &interrupt_);
+        ::sigaction(SIGTERM, &action, &terminate_);
+    }
+    ~StopSignals() {
+        ::sigaction(SIGINT, &interrupt_, nullptr);
+        ::sigaction(SIGTERM, &terminate_, nullptr);
+    }
+    StopSignals(const StopSignals&) = delete;
+    StopSignals& operator=(const StopSignals&) = delete;
+
+private:
+    struct sigaction interrupt_ {};
+    struct sigaction terminate_ {};
+};
+
+double secondsSince(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+/// Shows a run's progress, and passes on the signals to stop.
+class Terminal : public RunListener {
+public:
+    explicit Terminal(ProgressLine& line) : line_(line) {}
+
+    void progress(double items, double bytes) override {
+        items_ = items;
+        bytes_ = bytes;
+        line_.show(secondsSince(start_), items, bytes, stopsSeen_ ? "stopping" : "");
+    }
+
+    bool stopRequested() override {
+        const int signals = stopSignals;
+        if (signals != stopsSeen_) {
+            line_.message(stopsSeen_ == 0 ? "Stopping: the item being transferred is discarded."
+                                          : "Stopping already; please wait.");
+            stopsSeen_ = signals;
+        }
+        return signals > 0;
+    }
+
+    bool pauseRequested() override { return false; }
+    void paused(bool) override {}
+
+private:
+    ProgressLine& line_;
+    const Clock::time_point start_ = Clock::now();
+    int stopsSeen_ = 0;
+    double items_ = 0;
+    double bytes_ = 0;
+};
+
+void readDate(const std::string& text, RunRequest& request) {
+    int year = 0, month = 0, day = 0;
+    const bool shaped = text.size() == 10 && text[4] == '-' && text[7] == '-' &&
+                        text.find_first_not_of("0123456789-") == std::string::npos;
+    if (!shaped || !Poco::NumberParser::tryParse(text.substr(0, 4), year) ||
+        !Poco::NumberParser::tryParse(text.substr(5, 2), month) ||
+        !Poco::NumberParser::tryParse(text.substr(8, 2), day) || !Poco::DateTime::isValid(year, month, day)) {
+        throw UsageError("\"" + text + "\" is no date; give --from as YYYY-MM-DD, like 2001-01-01.");
+    }
+    request.fromYear = year;
+    request.fromMonth = month;
+    request.fromDay = day;
+}
+
+std::vector<std::string> dataTypesOf(const std::vector<std::string>& media) {
+    bool images = false, videos = false;
+    for (const std::string& kind : media) {
+        if (kind != "images" && kind != "videos") {
+            throw UsageError("\"" + kind + "\" cannot be backed up; give --media images, videos or both.");
+        }
+        (kind == "images" ? images : videos) = true;
+    }
+    std::vector<std::string> types;
+    if (images) types.push_back("Images");
+    if (videos) types.push_back("Videos");
+    return types;
+}
+
+/// The token; key and secret are the configured ones, which have to be the file's.
+Credentials credentialsFor(const Options& options) {
+    const Credentials credentials = readCredentials(options.credentials);
+    const Configuration configured = readConfiguration(configurationFile());
+    if (configured.apiKey != credentials.apiKey || configured.apiSecret != credentials.apiSecret) {
+        throw UsageError("The API key or secret in " + options.credentials +
+                         " is not the configured one; run \"flickr-backup configure\" again.");
+    }
+    return credentials;
+}
+
+/// A database that names files where there are none would make a run pass over them.
+void refuseLostFiles(BackupDatabase& database, const DeviceLayout& layout) {
+    long recorded = 0;
+    for (const auto& folder : database.folders()) recorded += folder.items;
+    if (recorded == 0 || layout.holdsBackup) return;
+    throw UsageError("The database " + layout.databasePath + " records " + formatCount(recorded, "item") +
+                     ", but there is nothing in " + layout.serviceFolder +
+                     "; put the folder back, or move the database away to begin a new backup.");
+}
+
+/// Items that are recorded, so that no run fetches them, and whose files are not there as recorded.
+void addDamage(BackupDatabase& database, const DeviceLayout& layout,
+               Norvale_Plugin_Core::RunSummary& summary) {
+    const auto report = Norvale_Plugin_Core::compareLibrary(database, layout.serviceFolder);
+    for (const std::string& path : report.missing) {
+        summary.errors.push_back("Backed up earlier and missing on the device now: " + path);
+    }
+    for (const std::string& path : report.altered) {
+        summary.errors.push_back("Backed up earlier and of another size on the device now: " + path);
+    }
+}
+
+int run(const Options& options) {
+    RunRequest request;
+    readDate(options.from, request);
+    request.dataTypes = dataTypesOf(options.media);
+    const Credentials credentials = credentialsFor(options);
+    const DeviceLayout layout = layoutOf(options.device, options.database, options.culture);
+    request.device = layout.device;
+    request.databaseName = options.database;
+    request.authToken = credentials.token;
+    request.culture = layout.culture;
+    Norvale_Plugin_Core::setLogSecrets({credentials.token, credentials.apiKey, credentials.apiSecret});
+
+    const StopSignals signals;
+    const Norvale_Plugin_Core::DeviceLock lock(layout.device);
+    BackupDatabase database(layout.databasePath);
+    refuseLostFiles(database, layout);
+    const auto recover = [&] {
+        if (!std::filesystem::is_directory(layout.serviceFolder)) return;
+        Norvale_Plugin_Core::recoverDevice(database, layout.serviceFolder);
+    };
+    recover();
+
+    RunReport report;
+    report.serviceFolder = layout.serviceFolder;
+    report.database = layout.databasePath;
+    report.log = logFile();
+    Norvale_Plugin_Core::RunJournal::instance().begin();
+    const Clock::time_point start = Clock::now();
+    {
+        ProgressLine line(std::cerr, ::isatty(STDERR_FILENO));
+        Terminal terminal(line);
+        report.outcome = performRun(request, terminal);
+    }
+    report.done = Norvale_Plugin_Core::RunJournal::instance().summary();
+    try {
+        recover();
+        if (!report.outcome.stopped) addDamage(database, layout, report.done);
+    } catch (Poco::Exception& exception) {
+        report.done.errors.push_back(exception.message());
+    }
+    report.seconds = secondsSince(start);
+
+    std::cout << (options.json ? summaryJson(report) : summaryText(report)) << std::flush;
+    return exitStatus(report);
+}
+
+}  // namespace
+
+void addRunCommand(CLI::App& program, int& status) {
+    auto options = std::make_shared<Options>();
+    CLI::App* command = program.add_subcommand("run", "Back up what is new or changed");
+    command->add_option("--device", options->device, "Directory to which the backup goes")
+        ->required()
+        ->type_name("DIR");
+    command->add_option("--credentials", options->credentials, "File with api_key, api_secret and token")
+        ->required()
+        ->type_name("FILE");
+    command->add_option("--from", options->from, "Back up items updated after the start of this day")
+        ->type_name("YYYY-MM-DD")
+        ->capture_default_str();
+    command->add_option("--media", options->media, "What to back up: images, videos or both")
+        ->delimiter(',')
+        ->type_name("KINDS")
+        ->default_str("images,videos");
+    command
+        ->add_option("--culture", options->culture,
+                     "Language of folder names: de, en, fr or ja; without it that of the backup there, or en")
+        ->type_name("TEXT");
+    command->add_option("--database", options->database, "The metadata database's name under the device")
+        ->type_name("NAME")
+        ->capture_default_str();
+    command->add_flag("--json", options->json, "Print the summary as one JSON object");
+    command->footer(
+        "Progress goes to standard error, the summary to standard output. SIGINT (Ctrl-C) and SIGTERM stop\n"
+        "the run; the next one goes on from there. Exit status: 0 complete, 1 failed or something is not\n"
+        "backed up, 2 wrong usage, 130 stopped.\n"
+        "\n"
+        "Example:\n"
+        "  flickr-backup run --device /media/usb --credentials ~/.flickr.ini --from 2015-06-01");
+    command->callback([options, &status] { status = run(*options); });
+}
+
+}  // namespace flickr_app

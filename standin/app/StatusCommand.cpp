@@ -1,0 +1,100 @@
+#include <algorithm>
+#include <cstdint>
+#include <filesystem>
+#include <iomanip>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "hostapi/HostServiceUsageParams.h"
+#include "standin/app/Commands.h"
+#include "standin/app/DeviceLayout.h"
+#include "standin/app/Format.h"
+#include "standin/app/LibraryText.h"
+#include "standin/app/UsageError.h"
+#include "standin/framework/BackupDatabase.h"
+#include "standin/framework/LibraryCheck.h"
+
+namespace flickr_app {
+namespace {
+
+using Norvale_Plugin_Core::BackupDatabase;
+using Norvale_Plugin_Core::FolderRow;
+
+struct Options {
+    std::string device;
+    std::string database = kDefaultDatabase;
+};
+
+/// Bytes of media and thumbnails by device folder.
+std::map<std::string, std::uintmax_t> sizesByFolder(BackupDatabase& database,
+                                                    const std::string& serviceFolder) {
+    std::map<std::string, std::uintmax_t> sizes;
+    database.forEachItem([&](const Norvale_Plugin_Core::ItemRow& item) {
+        for (const std::string& path : {item.mediaPath, item.thumbnailPath}) {
+            std::error_code error;
+            const std::uintmax_t size = std::filesystem::file_size(serviceFolder + "/" + path, error);
+            if (!error) sizes[item.folder] += size;
+        }
+    });
+    return sizes;
+}
+
+std::string titleOf(const FolderRow& folder) {
+    if (folder.deviceName.empty()) return "(in no set)";
+    std::string title = printable(folder.serviceName);
+    if (folder.deviceName != folder.serviceName) title += " (folder " + printable(folder.deviceName) + ")";
+    return title;
+}
+
+int showStatus(const Options& options) {
+    const DeviceLayout layout = existingBackup(options.device, options.database);
+    BackupDatabase database(layout.databasePath, BackupDatabase::Missing::Refuse);
+    Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->setCulture(layout.culture);
+
+    const std::vector<FolderRow> folders = database.folders();
+    const auto sizes = sizesByFolder(database, layout.serviceFolder);
+    long items = 0;
+    std::uintmax_t bytes = 0;
+    std::cout << std::setw(8) << "Items" << std::setw(12) << "Size"
+              << "  " << std::left << std::setw(21) << "Last update (UTC)" << std::right << "Set\n";
+    for (const FolderRow& folder : folders) {
+        const auto found = sizes.find(folder.deviceName);
+        const std::uintmax_t size = found == sizes.end() ? 0 : found->second;
+        items += folder.items;
+        bytes += size;
+        std::cout << std::setw(8) << folder.items << std::setw(12) << formatBytes(static_cast<double>(size))
+                  << "  " << std::left << std::setw(21) << (folder.updated.empty() ? "-" : folder.updated)
+                  << std::right << titleOf(folder) << "\n";
+    }
+    std::cout << formatCount(items, "item") << ", " << formatBytes(static_cast<double>(bytes)) << " in "
+              << layout.serviceFolder << "\n";
+
+    const auto report = Norvale_Plugin_Core::compareLibrary(database, layout.serviceFolder);
+    printDisagreements(std::cout, report);
+    std::cout << std::flush;
+    return report.agrees() ? ExitSuccess : ExitFailure;
+}
+
+}  // namespace
+
+void addStatusCommand(CLI::App& program, int& status) {
+    auto options = std::make_shared<Options>();
+    CLI::App* command = program.add_subcommand("status", "List what is backed up on a device");
+    command->add_option("--device", options->device, "Directory that holds the backup")
+        ->required()
+        ->type_name("DIR");
+    command->add_option("--database", options->database, "The metadata database's name under the device")
+        ->type_name("NAME")
+        ->capture_default_str();
+    command->footer(
+        "Exit status: 0 when database and device agree, 1 when they do not, 2 wrong usage.\n"
+        "\n"
+        "Example:\n"
+        "  flickr-backup status --device /media/usb");
+    command->callback([options, &status] { status = showStatus(*options); });
+}
+
+}  // namespace flickr_app

@@ -1,0 +1,125 @@
+#include "standin/app/Summary.h"
+
+#include <Poco/JSON/Array.h>
+#include <Poco/JSON/Object.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <sstream>
+#include <utility>
+#include <vector>
+
+#include "standin/app/Format.h"
+#include "standin/app/UsageError.h"
+#include "standin/framework/BackupDatabase.h"
+#include "standin/framework/Names.h"
+
+namespace flickr_app {
+namespace {
+
+constexpr int kPluginSuccess = 1;
+
+/// A failed run's errors: those of the journal, or what the plug-in or the host says.
+std::vector<std::string> errorsOf(const RunReport& report) {
+    std::vector<std::string> errors = report.done.errors;
+    if (report.outcome.status == kPluginSuccess || report.outcome.stopped) return errors;
+    const std::string& text = report.outcome.errorText;
+    if (!text.empty()) {
+        if (std::find(errors.begin(), errors.end(), text) == errors.end()) errors.push_back(text);
+    } else if (report.outcome.detail == "110") {
+        errors.push_back("The user is not signed in with OAuth, or the token is empty");
+    } else if (report.outcome.detail == "500") {
+        errors.push_back("No kind of media is chosen, or the host failed");
+    } else if (errors.empty() && report.done.failures.empty()) {
+        errors.push_back("The plug-in ended with status " + std::to_string(report.outcome.status));
+    }
+    return errors;
+}
+
+std::string nameOf(const Norvale_Plugin_Core::Failure& failure) {
+    const std::string set = failure.set == Norvale_Plugin_Core::kNoSetId
+                                ? "items in no set"
+                                : "\"" + printable(failure.set) + "\"";
+    if (failure.name.empty()) return set;
+    return "\"" + printable(failure.name) + "\" in " + set;
+}
+
+}  // namespace
+
+int exitStatus(const RunReport& report) {
+    if (report.outcome.stopped) return ExitStopped;
+    return report.outcome.status == kPluginSuccess && report.done.complete() ? ExitSuccess : ExitFailure;
+}
+
+std::string summaryText(const RunReport& report) {
+    const Norvale_Plugin_Core::RunSummary& done = report.done;
+    const int status = exitStatus(report);
+    std::ostringstream text;
+    text << (status == ExitSuccess   ? "Backup complete"
+             : status == ExitStopped ? "Backup stopped; the next run goes on from here"
+                                     : "Backup NOT complete")
+         << " after " << formatDuration(report.seconds) << ".\n";
+    text << "  new        " << formatCount(done.newItems, "item") << "\n"
+         << "  edited     " << formatCount(done.editedItems, "item") << "\n"
+         << "  unchanged  " << formatCount(done.unchangedItems, "item") << "\n";
+    if (done.interruptedItems) text << "  cut off    " << formatCount(done.interruptedItems, "item") << "\n";
+    text << "  written    " << formatBytes(done.bytes) << "\n"
+         << "  files      " << report.serviceFolder << "\n";
+
+    if (!done.failures.empty()) {
+        text << "Not backed up (" << done.failures.size() << "):\n";
+        for (const auto& failure : done.failures) {
+            text << "  " << nameOf(failure) << ": " << printable(failure.reason) << "\n";
+        }
+    }
+    const auto list = [&](const char* title, const std::vector<std::string>& lines) {
+        if (lines.empty()) return;
+        text << title << "\n";
+        for (const std::string& line : lines) text << "  " << printable(line) << "\n";
+    };
+    list("Errors:", errorsOf(report));
+    list("To be looked at:", done.warnings);
+    if (status == ExitFailure) text << "Details are in " << report.log << "\n";
+    return text.str();
+}
+
+std::string summaryJson(const RunReport& report) {
+    using Norvale_Plugin_Core::validUtf8;
+    const Norvale_Plugin_Core::RunSummary& done = report.done;
+    const int status = exitStatus(report);
+    const auto array = [](const std::vector<std::string>& lines) {
+        Poco::JSON::Array values;
+        for (const std::string& line : lines) values.add(validUtf8(line));
+        return values;
+    };
+    Poco::JSON::Array failures;
+    for (const auto& failure : done.failures) {
+        Poco::JSON::Object entry(Poco::JSON_PRESERVE_KEY_ORDER);
+        entry.set("name", validUtf8(failure.name));
+        entry.set("set", validUtf8(failure.set));
+        entry.set("reason", validUtf8(failure.reason));
+        failures.add(entry);
+    }
+    Poco::JSON::Object object(Poco::JSON_PRESERVE_KEY_ORDER);
+    object.set("result", status == ExitSuccess ? "success" : status == ExitStopped ? "stopped" : "failed");
+    object.set("status", report.outcome.status);
+    object.set("detail", report.outcome.detail);
+    object.set("new", std::int64_t{done.newItems});
+    object.set("edited", std::int64_t{done.editedItems});
+    object.set("unchanged", std::int64_t{done.unchangedItems});
+    object.set("interrupted", std::int64_t{done.interruptedItems});
+    object.set("bytes", static_cast<std::int64_t>(done.bytes));
+    object.set("seconds", report.seconds);
+    object.set("failures", failures);
+    object.set("errors", array(errorsOf(report)));
+    object.set("warnings", array(done.warnings));
+    object.set("folder", validUtf8(report.serviceFolder));
+    object.set("database", validUtf8(report.database));
+    object.set("log", validUtf8(report.log));
+    std::ostringstream text;
+    object.stringify(text);
+    text << "\n";
+    return text.str();
+}
+
+}  // namespace flickr_app

@@ -1,0 +1,80 @@
+#include <unistd.h>
+
+#include <chrono>
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include "hostapi/HostServiceUsageParams.h"
+#include "standin/app/Commands.h"
+#include "standin/app/DeviceLayout.h"
+#include "standin/app/Format.h"
+#include "standin/app/LibraryText.h"
+#include "standin/app/UsageError.h"
+#include "standin/framework/BackupDatabase.h"
+#include "standin/framework/DeviceLock.h"
+#include "standin/framework/LibraryCheck.h"
+
+namespace flickr_app {
+namespace {
+
+using Norvale_Plugin_Core::BackupDatabase;
+using Clock = std::chrono::steady_clock;
+
+struct Options {
+    std::string device;
+    std::string database = kDefaultDatabase;
+};
+
+int verify(const Options& options) {
+    const DeviceLayout layout = existingBackup(options.device, options.database);
+    const Norvale_Plugin_Core::DeviceLock lock(layout.device);
+    BackupDatabase database(layout.databasePath, BackupDatabase::Missing::Refuse);
+    Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->setCulture(layout.culture);
+    const std::string problem = database.integrityProblem();
+
+    const bool terminal = ::isatty(STDERR_FILENO);
+    Clock::time_point next = Clock::now();
+    const auto report =
+        Norvale_Plugin_Core::verifyLibrary(database, layout.serviceFolder, [&](std::uint64_t bytes) {
+            if (!terminal || Clock::now() < next) return;
+            next = Clock::now() + std::chrono::seconds(1);
+            std::cerr << "\r\033[K" << formatBytes(static_cast<double>(bytes)) << " read" << std::flush;
+        });
+    if (terminal) std::cerr << "\r\033[K" << std::flush;
+
+    std::cout << formatCount(report.items, "item") << ", " << formatCount(report.files, "file") << ", "
+              << formatBytes(static_cast<double>(report.bytes)) << " read in " << layout.serviceFolder
+              << "\n";
+    if (report.withoutChecksum) {
+        std::cout << formatCount(report.withoutChecksum, "file")
+                  << " could be compared by size only, since no checksum is kept.\n";
+    }
+    if (!problem.empty()) std::cout << "The database is damaged: " << printable(problem) << "\n";
+    printDisagreements(std::cout, report);
+    std::cout << std::flush;
+    return report.agrees() && problem.empty() ? ExitSuccess : ExitFailure;
+}
+
+}  // namespace
+
+void addVerifyCommand(CLI::App& program, int& status) {
+    auto options = std::make_shared<Options>();
+    CLI::App* command =
+        program.add_subcommand("verify", "Read every file of a backup and compare it with its checksum");
+    command->add_option("--device", options->device, "Directory that holds the backup")
+        ->required()
+        ->type_name("DIR");
+    command->add_option("--database", options->database, "The metadata database's name under the device")
+        ->type_name("NAME")
+        ->capture_default_str();
+    command->footer(
+        "Exit status: 0 when everything is as it was backed up, 1 when something is missing, altered or\n"
+        "not recorded, 2 wrong usage.\n"
+        "\n"
+        "Example:\n"
+        "  flickr-backup verify --device /media/usb");
+    command->callback([options, &status] { status = verify(*options); });
+}
+
+}  // namespace flickr_app

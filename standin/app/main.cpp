@@ -1,0 +1,46 @@
+// flickr-backup: backs up a Flickr account to a directory, with the plug-in and the stand-in for its host.
+
+#include <Poco/Exception.h>
+#include <signal.h>
+
+#include <exception>
+#include <iostream>
+#include <string>
+
+#include "standin/app/Commands.h"
+#include "standin/app/UsageError.h"
+
+namespace {
+
+int fail(const std::string& sentence, int status) {
+    std::cerr << "flickr-backup: " << sentence << std::endl;
+    return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    ::signal(SIGPIPE, SIG_IGN);  // of the service or of whoever reads the output
+    CLI::App program("Backs up the photos and videos of a Flickr account to a directory.", "flickr-backup");
+    program.require_subcommand(1);
+    program.set_version_flag("--version", FLICKR_BACKUP_VERSION);
+    int status = flickr_app::ExitUsage;
+    flickr_app::addConfigureCommand(program, status);
+    flickr_app::addRunCommand(program, status);
+    flickr_app::addStatusCommand(program, status);
+    flickr_app::addVerifyCommand(program, status);
+    try {
+        program.parse(argc, argv);
+        return status;
+    } catch (const CLI::Success& help) {  // --help, --version
+        return program.exit(help);
+    } catch (const CLI::ParseError& error) {
+        return fail(std::string(error.what()) + "; see flickr-backup --help.", flickr_app::ExitUsage);
+    } catch (const flickr_app::UsageError& error) {
+        return fail(error.what(), flickr_app::ExitUsage);
+    } catch (const Poco::Exception& error) {
+        return fail(error.message().empty() ? error.displayText() : error.message(), flickr_app::ExitFailure);
+    } catch (const std::exception& error) {
+        return fail(error.what(), flickr_app::ExitFailure);
+    }
+}
