@@ -11,8 +11,7 @@ namespace flickr_sim {
 
 namespace {
 
-/// A form that the service makes of an original with a longer side: by label and its own longer side. The two
-/// squares are cut out.
+/// A form that the service makes of an original: its label and longer side.
 struct Step {
     const char* label;
     int longestSide;
@@ -175,7 +174,9 @@ void Account::retitle(const std::string& itemId, std::string title, std::time_t 
 
 void Account::renameSet(const std::string& setId, std::string title) {
     std::unique_lock<std::shared_mutex> lock(mutex_);
-    album(setId).set.title = std::move(title);
+    Set& set = album(setId).set;
+    set.title = std::move(title);
+    ++set.updated;
 }
 
 void Account::setCover(const std::string& setId, const std::string& itemId) {

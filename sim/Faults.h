@@ -73,7 +73,7 @@ Action serviceError(int code, std::string message);
 /// Closes the connection without an answer, after some bytes of the header, or after some bytes of the body.
 Action dropBeforeHeader(bool reset = false);
 Action dropInHeader(std::uint64_t bytes = 20, bool reset = false);
-/// The announced length stays the true one.
+/// The announced length stays the true one; a chunked body ends behind a whole chunk, without the last one.
 Action dropInBody(std::uint64_t bytes, bool reset = false);
 /// Announces the true length and sends so many bytes fewer, then closes.
 Action shortBody(std::uint64_t missing);
