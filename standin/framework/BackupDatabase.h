@@ -28,6 +28,9 @@ namespace Norvale_Plugin_Core {
 /// The set id under which the plug-in keeps the items that are in no set. They stand in the root folder.
 constexpr const char* kNoSetId = "Anonymous";
 
+/// Form of ItemUpdatedOn for Poco::DateTimeFormatter, UTC.
+constexpr const char* kUpdatedFormat = "%Y-%m-%d %H:%M:%S";
+
 /// ItemType of a folder's row.
 constexpr const char* kFolderType = "FlickrFolder";
 

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -21,9 +22,10 @@ struct LibraryReport {
     long files = 0;            ///< recorded files that were looked at: media and thumbnails
     std::uint64_t bytes = 0;   ///< their size
     long withoutChecksum = 0;  ///< files whose content could not be compared because no checksum is kept
-    std::vector<std::string> missing;     ///< recorded, and not on the device
-    std::vector<std::string> altered;     ///< on the device with another size or content
-    std::vector<std::string> unrecorded;  ///< on the device, and recorded nowhere
+    std::map<std::string, std::uint64_t> folderBytes;  ///< by device folder, "" for the items in no set
+    std::vector<std::string> missing;                  ///< recorded, and not on the device
+    std::vector<std::string> altered;                  ///< on the device with another size or content
+    std::vector<std::string> unrecorded;               ///< on the device, and recorded nowhere
     bool agrees() const { return missing.empty() && altered.empty() && unrecorded.empty(); }
 };
 

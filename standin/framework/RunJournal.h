@@ -63,7 +63,10 @@ public:
 
     // What the framework's parts report.
     void logLine(const std::string& message);
-    void exception(const std::string& message, int attempt);
+    /// lastAttempt: nothing more is tried for what failed.
+    void exception(const std::string& message, bool lastAttempt);
+    /// The title that this thread read last: the one of the item that an exception belongs to.
+    static void noteTitle(const std::string& title);
     void fileOpened(const std::string& path);
     void fileServiceFailed(const std::string& explanation);
     /// A folder's description record could not be placed.
@@ -72,25 +75,29 @@ public:
 private:
     RunJournal() = default;
 
+    bool followItem(const std::string& line);
+    bool followFolder(const std::string& line);
+    bool followLists(const std::string& line);
+    void beginSet(const std::string& title);
     void endItem(const std::string& name);
-    void addFailure(std::string name, std::string reason);
-    void addError(std::string text);
-    void leaveOutItem(const std::string& reason);
     void endListing();
+    void leaveOutItem(const std::string& title, const std::string& reason);
+    void addFailure(std::string name, std::string reason);
+    void addError(const std::string& text);
+    std::string takeReason();
 
     mutable std::mutex mutex_;
     RunSummary summary_;
     std::string set_;
     std::string file_;    // name of the file opened first for the current item
-    std::string reason_;  // last one seen since the previous item ended
+    std::string reason_;  // the last one seen since the previous item ended
     bool edited_ = false;
     bool downloaded_ = false;
-    bool setsListed_ = false;  // a list of sets has arrived
-    bool runEnded_ = false;
-    int listAttempts_ = 0;  // for the current set
-    long listedItems_ = 0;  // by the current attempt
-    bool listFailed_ = false;
-    std::size_t leftOutFrom_ = 0;  // index of the first failure that the current listing attempt added
+    bool recordFailed_ = false;  // of the current set's folder
+    bool setsListed_ = false;
+    int listAttempts_ = 0;         // for the current set
+    long listedItems_ = 0;         // by the current attempt
+    std::size_t leftOutFrom_ = 0;  // the first failure that the current attempt may have added
 };
 
 }  // namespace Norvale_Plugin_Core

@@ -1,0 +1,118 @@
+// A service folder on a backup device, through which nothing outside it can be reached.
+
+#ifndef STANDIN_FRAMEWORK_DEVICE_H
+#define STANDIN_FRAMEWORK_DEVICE_H
+
+#include <Poco/Exception.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "standin/framework/Ledger.h"
+
+namespace Norvale_Plugin_Core {
+
+/// An open file descriptor, closed with the object. -1 for none.
+class Descriptor {
+public:
+    explicit Descriptor(int number = -1) : number_(number) {}
+    ~Descriptor();
+    Descriptor(Descriptor&& other) noexcept : number_(other.release()) {}
+    Descriptor& operator=(Descriptor&& other) noexcept;
+
+    int get() const { return number_; }
+    bool isOpen() const { return number_ >= 0; }
+    int release();
+
+private:
+    int number_;
+};
+
+/// A file operation that was refused or failed; the message is a sentence for the user.
+class DeviceException : public Poco::Exception {
+public:
+    explicit DeviceException(const std::string& message) : Poco::Exception(message) {}
+};
+
+/// The service folder with its ledger. Paths are relative to it, in the form of HostServiceClientMac; every
+/// step of one is opened without following symbolic links. Failures are thrown as DeviceException, the ones
+/// that end a run (the device is full, gone or read-only) after they were recorded as the run's error.
+class Device {
+public:
+    /// The device at serviceFolder, which all callers in the process share until close(). The
+    /// folder is made when it is missing, and below mountPoint also the folders that lead to it; the mount
+    /// point itself, or without one the parent folder, has to exist: a device that is not there is not
+    /// replaced by a folder on another one.
+    static std::shared_ptr<Device> open(const std::string& serviceFolder, const std::string& mountPoint);
+
+    /// The device of the current run, or none when there is no service folder yet.
+    static std::shared_ptr<Device> current();
+
+    /// Lets go of the shared device; whoever still holds it keeps it open.
+    static void close();
+
+    /// The item's row is in the backup database: nothing of it is pending on the device in use.
+    static void noteRecorded(const std::string& itemId);
+
+    Device(Descriptor root, std::string path);
+
+    Ledger& ledger() { return ledger_; }
+    const std::string& path() const { return path_; }
+
+    /// Throws for a path that leads out of the service folder or into the service's own folders.
+    static void checkPath(const std::string& path);
+
+    Descriptor openFolder(const std::string& folder);
+    /// What stands at path, or none.
+    std::optional<struct stat> status(const std::string& path);
+    bool isFolder(const std::string& path);
+    bool isFile(const std::string& path);
+
+    /// True when the file at path was written by the file service for that item.
+    bool owns(const std::string& path, const std::string& item);
+    /// True when it was written by the file service for any item.
+    bool owns(const std::string& path);
+
+    void makeFolder(const std::string& path);
+    void removeFolder(const std::string& path);
+    void renameFolder(const std::string& from, const std::string& to);
+    /// Removes a file with its record, and then its row.
+    void removeFile(const std::string& path);
+    void renameFile(const std::string& from, const std::string& to, const std::string& was);
+
+    /// Puts text under name into the record folder of folder, whole or not at all. flush: it is on the disk
+    /// when this returns.
+    void writeRecord(const std::string& folder, const std::string& name, const std::string& text,
+                     const std::string& partName, bool flush);
+    /// A record's text; empty when there is none.
+    std::string readRecord(const std::string& folder, const std::string& name);
+    void removeRecord(const std::string& folder, const std::string& name);
+    void moveRecord(const std::string& from, const std::string& to);
+
+    /// Calls visit with each block of the file.
+    void readFile(const std::string& path, const std::function<void(const char*, std::size_t)>& visit);
+
+    /// Throws what the error number means for doing what to the path; records the run's error for one that
+    /// ends a run.
+    [[noreturn]] void fail(const std::string& what, const std::string& path, int error);
+
+private:
+    bool isGone() const;
+    Descriptor openRecordFolder(const std::string& folder, bool create);
+
+    Descriptor root_;
+    std::string path_;
+    struct stat identity_ = {};
+    Ledger ledger_;
+};
+
+/// Renames without replacing anything; 0 or an error number.
+int renameWithoutReplacing(int fromFolder, const std::string& from, int toFolder, const std::string& to);
+
+}  // namespace Norvale_Plugin_Core
+
+#endif

@@ -1,0 +1,324 @@
+// How a file comes to the device, so that a kill between any two steps leaves either nothing under its final
+// name or all of it:
+//
+//   openFile     the ledger notes the temporary name, then Trip/.part-PID-N is made
+//   writeFileV2  bytes go there
+//   closeFile    the file is flushed; the ledger enters the final name as pending; the record is written and
+//                flushed; the file takes its final name; the folder is flushed
+//
+// The ledger's row stays pending until the item's row is known to be in the backup database; Recovery.h
+// settles what is left.
+
+#include "hostapi/HostServiceClientMac.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <map>
+
+#include "hostapi/DevLogger.h"
+#include "standin/framework/Checksum.h"
+#include "standin/framework/Device.h"
+#include "standin/framework/ItemRecord.h"
+#include "standin/framework/Names.h"
+#include "standin/framework/RunJournal.h"
+#include "standin/framework/RunSettings.h"
+
+namespace Norvale_Plugin_Core {
+
+namespace {
+
+constexpr const char* kSuccess = "SUC";
+constexpr const char* kFailure = "ERR";
+
+// A large file's bytes are sent to the disk while it still grows, so that closing it does not wait for all.
+constexpr std::uint64_t kWriteBehind = 8 << 20;
+
+struct OpenFile {
+    std::string path;
+    std::string partPath;
+    Descriptor folder;
+    Descriptor file;
+    std::uint64_t size = 0;
+    std::uint64_t sentSize = 0;
+    Checksum checksum;
+};
+
+std::string newPartName() {
+    static std::atomic<unsigned long> counter{0};
+    return kPartPrefix + std::to_string(::getpid()) + "-" + std::to_string(++counter);
+}
+
+}  // namespace
+
+struct HostServiceClientMac::Impl {
+    std::shared_ptr<Device> device;
+    std::map<long, OpenFile> files;
+    std::string lastItem;  // the item closed last: the next file without a record is its thumbnail
+
+    /// The device of the run; the service folder may have changed since the last call.
+    Device& current() {
+        const std::string folder = currentServiceFolder();
+        if (!device || device->path() != folder || files.empty()) {
+            device = Device::open(folder, currentMountPoint());
+        }
+        return *device;
+    }
+
+    OpenFile& file(long handle) {
+        const auto found = files.find(handle);
+        if (found == files.end()) throw DeviceException("No file is open under " + std::to_string(handle));
+        return found->second;
+    }
+
+    void discard(long handle) {
+        OpenFile& open = file(handle);
+        ::unlinkat(open.folder.get(), nameOf(open.partPath).c_str(), 0);
+        device->ledger().erasePartLater(open.partPath);
+        files.erase(handle);
+    }
+
+    void close(long handle, const std::string& metadata);
+    void place(OpenFile& open, const std::string& item, const std::string& metadata);
+};
+
+namespace {
+
+/// Runs an operation and turns how it went into the three texts.
+template <typename Operation>
+void answer(const std::string& description, std::string& command, std::string& result, std::string& error,
+            bool isReason, Operation operation) {
+    command = description;
+    result = kSuccess;
+    error.clear();
+    try {
+        operation();
+        return;
+    } catch (DeviceException& exception) {
+        error = exception.message();
+    } catch (Poco::Exception& exception) {
+        error = exception.displayText();
+        recordRunError(runErrorOf(exception), error);
+    }
+    result = kFailure;
+    DevLogger::writeLog(description + " - " + error, LogLevelFailure, __FILE__, __LINE__);
+    if (isReason) RunJournal::instance().fileServiceFailed(error);
+}
+
+}  // namespace
+
+HostServiceClientMac::HostServiceClientMac() : impl_(std::make_unique<Impl>()) {}
+
+HostServiceClientMac::~HostServiceClientMac() {
+    while (!impl_->files.empty()) impl_->discard(impl_->files.begin()->first);
+}
+
+void HostServiceClientMac::connect() {
+    std::string command, result, error;
+    answer("CONNECT", command, result, error, true, [&] { impl_->current(); });
+}
+
+void HostServiceClientMac::disConnect() {
+    if (impl_->files.empty()) impl_->lastItem.clear();
+}
+
+long HostServiceClientMac::openFile(std::string path, long mode, std::string& command, std::string& result,
+                                    std::string& error) {
+    RunJournal::instance().fileOpened(path);
+    answer("OPEN " + path, command, result, error, true, [&] {
+        if (impl_->files.count(mode) != 0) impl_->discard(mode);
+        Device& device = impl_->current();
+        Device::checkPath(path);
+        OpenFile open;
+        open.path = path;
+        open.folder = device.openFolder(folderOf(path));
+        open.partPath = joinPath(folderOf(path), newPartName());
+        device.ledger().addPart(open.partPath);
+        open.file = Descriptor(::openat(open.folder.get(), nameOf(open.partPath).c_str(),
+                                        O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+        if (!open.file.isOpen()) {
+            const int reason = errno;
+            device.ledger().erasePartLater(open.partPath);
+            device.fail("make a file for", path, reason);
+        }
+        impl_->files.emplace(mode, std::move(open));
+    });
+    return mode;
+}
+
+void HostServiceClientMac::writeFileV2(int handle, char* buffer, int count, std::string& command,
+                                       std::string& result, std::string& error) {
+    answer("WRITE " + std::to_string(handle) + " " + std::to_string(count), command, result, error, true,
+           [&] {
+               OpenFile& open = impl_->file(handle);
+               if (count < 0 || (count > 0 && !buffer)) throw DeviceException("There are no bytes to write");
+               const auto size = static_cast<std::size_t>(count);
+               for (std::size_t at = 0; at < size;) {
+                   const ssize_t written = ::write(open.file.get(), buffer + at, size - at);
+                   if (written < 0 && errno == EINTR) continue;
+                   if (written < 0) impl_->device->fail("write", open.path, errno);
+                   at += static_cast<std::size_t>(written);
+               }
+               open.checksum.update(buffer, size);
+               open.size += size;
+               addWrittenBytes(size);
+               if (open.size - open.sentSize >= kWriteBehind) {
+                   ::sync_file_range(open.file.get(), static_cast<off64_t>(open.sentSize),
+                                     static_cast<off64_t>(open.size - open.sentSize), SYNC_FILE_RANGE_WRITE);
+                   open.sentSize = open.size;
+               }
+           });
+}
+
+void HostServiceClientMac::closeFile(long handle, char* metadata, int length, std::string& command,
+                                     std::string& result, std::string& error) {
+    answer("CLOSE " + std::to_string(handle), command, result, error, true, [&] {
+        std::string text;
+        if (metadata && length > 0) text.assign(metadata, static_cast<std::size_t>(length));
+        impl_->close(handle, text);
+    });
+}
+
+void HostServiceClientMac::Impl::close(long handle, const std::string& metadata) {
+    OpenFile& open = file(handle);
+    if (::fsync(open.file.get()) != 0) device->fail("write", open.path, errno);
+
+    const std::string item = metadata.empty() ? lastItem : recordField(metadata, "ID");
+    place(open, item, metadata);
+    device->ledger().erasePartLater(open.partPath);
+    files.erase(handle);
+    if (!metadata.empty()) {
+        lastItem = item;
+        addFinishedItem();
+    }
+}
+
+void HostServiceClientMac::Impl::place(OpenFile& open, const std::string& item, const std::string& metadata) {
+    Ledger& ledger = device->ledger();
+    const std::string folder = folderOf(open.path), name = nameOf(open.path), part = nameOf(open.partPath);
+    const bool standing = device->status(open.path).has_value();
+    if (standing && !device->owns(open.path, item)) {
+        throw DeviceException("Cannot write \"" + open.path + "\": something else stands there already");
+    }
+
+    const std::optional<LedgerFile> before = ledger.file(open.path);
+    LedgerFile now{open.path, item, open.size, open.checksum.text(), "", standing ? 2 : 1};
+    ledger.putFile(now);
+    const auto undo = [&] {
+        if (!standing) device->removeRecord(folder, name + kRecordExtension);
+        if (before) {
+            ledger.putFile(*before);
+        } else {
+            ledger.eraseFile(open.path);
+        }
+    };
+    try {
+        if (!metadata.empty()) {
+            // Where the record stands says where its file is; see ItemRecord.h.
+            const std::string record = recordField(metadata, "PhysicalFileName") == open.path
+                                           ? withRecordField(metadata, "PhysicalFileName", name)
+                                           : metadata;
+            device->writeRecord(folder, name + kRecordExtension, record, part, true);
+        }
+        int error = 0;
+        if (standing) {
+            if (::renameat(open.folder.get(), part.c_str(), open.folder.get(), name.c_str()) != 0)
+                error = errno;
+        } else {
+            error = renameWithoutReplacing(open.folder.get(), part, open.folder.get(), name);
+        }
+        if (error != 0) device->fail("write", open.path, error);
+    } catch (Poco::Exception&) {
+        undo();
+        throw;
+    }
+    if (::fsync(open.folder.get()) != 0) device->fail("write", open.path, errno);
+    if (standing) ledger.setPending(open.path, 1);
+}
+
+void HostServiceClientMac::deleteFile(long handle, std::string& command, std::string& result,
+                                      std::string& error) {
+    answer("DISCARD " + std::to_string(handle), command, result, error, false,
+           [&] { impl_->discard(handle); });
+}
+
+void HostServiceClientMac::deleteFile(std::string path, std::string& command, std::string& result,
+                                      std::string& error) {
+    answer("DELETE " + path, command, result, error, false, [&] {
+        Device& device = impl_->current();
+        Device::checkPath(path);
+        if (!device.status(path)) throw DeviceException("\"" + path + "\" does not exist");
+        if (!device.owns(path)) throw DeviceException("\"" + path + "\" was not written by the backup");
+        device.removeFile(path);
+    });
+}
+
+void HostServiceClientMac::renameFile(std::string from, std::string to, std::string& command,
+                                      std::string& result, std::string& error) {
+    answer("RENAME " + from + " " + to, command, result, error, false, [&] {
+        Device& device = impl_->current();
+        Device::checkPath(from);
+        Device::checkPath(to);
+        if (!device.status(from)) throw DeviceException("\"" + from + "\" does not exist");
+        if (!device.owns(from)) throw DeviceException("\"" + from + "\" was not written by the backup");
+        if (from == to) return;
+        const std::optional<LedgerFile> file = device.ledger().file(from);
+        // Back where it was before: nothing is aside any more.
+        const bool back = file && file->was == nameOf(to);
+        const bool aside = !back && folderOf(from) == folderOf(to);
+        device.renameFile(from, to, aside ? nameOf(from) : "");
+    });
+}
+
+void HostServiceClientMac::createDirectory(std::string path, std::string& command, std::string& result,
+                                           std::string& error) {
+    answer("MKDIR " + path, command, result, error, true, [&] {
+        Device& device = impl_->current();
+        Device::checkPath(path);
+        device.makeFolder(path);
+    });
+}
+
+void HostServiceClientMac::renameDirectory(std::string from, std::string to, std::string& command,
+                                           std::string& result, std::string& error) {
+    answer("RENAMEDIR " + from + " " + to, command, result, error, true, [&] {
+        Device& device = impl_->current();
+        Device::checkPath(from);
+        Device::checkPath(to);
+        device.renameFolder(from, to);
+    });
+}
+
+void HostServiceClientMac::deleteDirectory(std::string path, std::string& command, std::string& result,
+                                           std::string& error) {
+    answer("RMDIR " + path, command, result, error, false, [&] {
+        Device& device = impl_->current();
+        Device::checkPath(path);
+        device.removeFolder(path);
+    });
+}
+
+void HostServiceClientMac::writeFolderDataXML(std::string root, std::string record, std::string) {
+    const std::string folder = recordField(record, "PhysicalFileName");
+    std::string command, result, error;
+    answer("RECORD " + folder, command, result, error, false, [&] {
+        Device& device = impl_->current();
+        if (root != device.path() + "/") throw DeviceException("\"" + root + "\" is not the service folder");
+        Device::checkPath(folder);
+        if (!device.isFolder(folder)) return;  // a set without items on the device has no folder
+        if (recordField(record, "LatestUpdatedItem").empty()) {
+            // A run that found nothing to do for the set knows no latest item. What stands there says more.
+            if (!device.readRecord(folder, kFolderRecord).empty()) return;
+            record = withRecordField(record, "LatestUpdatedDate", "");
+        }
+        const std::string part = std::string(kPartPrefix) + "folder";
+        device.ledger().addPart(joinPath(folder, part));
+        device.writeRecord(folder, kFolderRecord, record, part, false);
+    });
+    if (result != kSuccess) RunJournal::instance().folderRecordFailed(folder, error);
+}
+
+}  // namespace Norvale_Plugin_Core

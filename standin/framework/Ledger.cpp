@@ -1,0 +1,318 @@
+#include "standin/framework/Ledger.h"
+
+#include <Poco/Exception.h>
+
+#include <algorithm>
+
+namespace Norvale_Plugin_Core {
+
+namespace {
+
+constexpr std::int64_t kRoot = 1;
+
+constexpr const char* kSchema = R"(
+    CREATE TABLE IF NOT EXISTS folders (
+        id INTEGER PRIMARY KEY, parent INTEGER NOT NULL, name TEXT NOT NULL, made INTEGER NOT NULL DEFAULT 0,
+        was TEXT NOT NULL DEFAULT '', pending INTEGER NOT NULL DEFAULT 0, UNIQUE (parent, name));
+    CREATE INDEX IF NOT EXISTS pendingfolders ON folders (id) WHERE pending <> 0;
+    INSERT OR IGNORE INTO folders (id, parent, name) VALUES (1, 0, '');
+    CREATE TABLE IF NOT EXISTS files (
+        folder INTEGER NOT NULL, name TEXT NOT NULL, item TEXT NOT NULL, size INTEGER NOT NULL,
+        checksum TEXT NOT NULL, was TEXT NOT NULL, pending INTEGER NOT NULL,
+        PRIMARY KEY (folder, name)) WITHOUT ROWID;
+    CREATE INDEX IF NOT EXISTS filesofitem ON files (item);
+    CREATE INDEX IF NOT EXISTS pendingfiles ON files (folder, name) WHERE pending <> 0;
+    CREATE TABLE IF NOT EXISTS parts (path TEXT PRIMARY KEY) WITHOUT ROWID;
+)";
+
+constexpr const char* kFileColumns = "SELECT folder, name, item, size, checksum, was, pending FROM files ";
+
+}  // namespace
+
+std::string folderOf(const std::string& path) {
+    const std::string::size_type slash = path.rfind('/');
+    return slash == std::string::npos ? std::string() : path.substr(0, slash);
+}
+
+std::string nameOf(const std::string& path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
+std::string joinPath(const std::string& folder, const std::string& name) {
+    return folder.empty() ? name : folder + "/" + name;
+}
+
+struct Ledger::Statements {
+    explicit Statements(sqlite3* db)
+        : findFolder(db, "SELECT id FROM folders WHERE parent = ? AND name = ?"),
+          addFolder(db, "INSERT INTO folders (parent, name) VALUES (?, ?)"),
+          folderName(db, "SELECT parent, name FROM folders WHERE id = ?"),
+          findFile(db, (std::string(kFileColumns) + "WHERE folder = ? AND name = ?").c_str()),
+          putFile(db,
+                  "INSERT OR REPLACE INTO files (folder, name, item, size, checksum, was, pending) "
+                  "VALUES (?, ?, ?, ?, ?, ?, ?)"),
+          eraseFile(db, "DELETE FROM files WHERE folder = ? AND name = ?"),
+          settleItem(db, "UPDATE files SET pending = 0 WHERE item = ? AND was = '' AND pending <> 0"),
+          addPart(db, "INSERT OR IGNORE INTO parts (path) VALUES (?)"),
+          erasePart(db, "DELETE FROM parts WHERE path = ?") {}
+
+    Statement findFolder, addFolder, folderName, findFile, putFile, eraseFile, settleItem, addPart, erasePart;
+};
+
+Ledger::Ledger(const std::string& path) : database_(path, SqliteFile::Open::OrCreate) {
+    try {
+        database_.execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;");
+        Transaction transaction(database_);
+        database_.execute(kSchema);
+        transaction.commit();
+        sql_ = std::make_unique<Statements>(database_.handle());
+    } catch (Poco::Exception& exception) {
+        throw Poco::DataException(
+            "The list of backed up files " + path + " cannot be used: " + exception.message() +
+                ". If it is damaged, delete it: the next run takes in the recorded files "
+                "again, without their checksums.",
+            exception, exception.code());
+    }
+}
+
+Ledger::~Ledger() {
+    try {
+        write([] {});
+    } catch (Poco::Exception&) {
+        // What was put off is found pending by the next run.
+    }
+}
+
+template <typename Change>
+void Ledger::write(Change change) {
+    Transaction transaction(database_);
+    for (const std::string& item : laterSettled_) StatementUse(sql_->settleItem, item).run();
+    for (const std::string& part : laterErasedParts_) StatementUse(sql_->erasePart, part).run();
+    change();
+    transaction.commit();
+    laterSettled_.clear();
+    laterErasedParts_.clear();
+}
+
+bool Ledger::isEmpty() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return database_.value("SELECT 1 FROM files LIMIT 1").empty();
+}
+
+/// 0 when the folder is not known and not to be created.
+std::int64_t Ledger::folderId(const std::string& path, bool create) {
+    if (path.empty()) return kRoot;
+    const auto known = folderIds_.find(path);
+    if (known != folderIds_.end()) return known->second;
+    const std::int64_t parent = folderId(folderOf(path), create);
+    if (parent == 0) return 0;
+    const std::string name = nameOf(path);
+    std::int64_t id = 0;
+    {
+        StatementUse find(sql_->findFolder, parent, name);
+        if (find.step()) id = find->number(0);
+    }
+    if (id == 0 && create) {
+        StatementUse(sql_->addFolder, parent, name).run();
+        id = sqlite3_last_insert_rowid(database_.handle());
+        return id;  // not remembered: the transaction may be rolled back
+    }
+    if (id != 0) folderIds_[path] = id;
+    return id;
+}
+
+std::string Ledger::folderPath(std::int64_t id) {
+    std::string path;
+    while (id != kRoot && id != 0) {
+        StatementUse find(sql_->folderName, id);
+        if (!find.step()) break;
+        path = path.empty() ? find->text(1) : find->text(1) + "/" + path;
+        id = find->number(0);
+    }
+    return path;
+}
+
+LedgerFile Ledger::fileOfRow(const Statement& row) {
+    LedgerFile file;
+    file.path = joinPath(folderPath(row.number(0)), row.text(1));
+    file.item = row.text(2);
+    file.size = static_cast<std::uint64_t>(row.number(3));
+    file.checksum = row.text(4);
+    file.was = row.text(5);
+    file.pending = static_cast<int>(row.number(6));
+    return file;
+}
+
+std::vector<LedgerFile> Ledger::readFiles(StatementUse& use) {
+    std::vector<LedgerFile> files;
+    while (use.step()) files.push_back(fileOfRow(*use.operator->()));
+    return files;
+}
+
+std::optional<LedgerFile> Ledger::file(const std::string& path) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::int64_t folder = folderId(folderOf(path), false);
+    if (folder == 0) return std::nullopt;
+    StatementUse find(sql_->findFile, folder, nameOf(path));
+    if (!find.step()) return std::nullopt;
+    return fileOfRow(*find.operator->());
+}
+
+std::vector<LedgerFile> Ledger::filesOfItem(const std::string& item) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto statement = database_.prepare((std::string(kFileColumns) + "WHERE item = ?").c_str());
+    StatementUse use(*statement, item);
+    return readFiles(use);
+}
+
+std::vector<LedgerFile> Ledger::pendingFiles() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    write([] {});
+    const auto statement = database_.prepare((std::string(kFileColumns) + "WHERE pending <> 0").c_str());
+    StatementUse use(*statement);
+    return readFiles(use);
+}
+
+void Ledger::putFile(const LedgerFile& file) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    write([&] {
+        StatementUse(sql_->putFile, folderId(folderOf(file.path), true), nameOf(file.path), file.item,
+                     static_cast<std::int64_t>(file.size), file.checksum, file.was,
+                     static_cast<std::int64_t>(file.pending))
+            .run();
+    });
+}
+
+void Ledger::eraseFile(const std::string& path) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::int64_t folder = folderId(folderOf(path), false);
+    if (folder == 0) return;
+    write([&] { StatementUse(sql_->eraseFile, folder, nameOf(path)).run(); });
+}
+
+void Ledger::moveFile(const std::string& from, const std::string& to, const std::string& was) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    write([&] {
+        const std::int64_t toFolder = folderId(folderOf(to), true);
+        const std::int64_t fromFolder = folderId(folderOf(from), true);
+        StatementUse(sql_->eraseFile, toFolder, nameOf(to)).run();
+        const auto move = database_.prepare(
+            "UPDATE files SET folder = ?, name = ?, was = ?, pending = 1 WHERE folder = ? AND name = ?");
+        StatementUse(*move, toFolder, nameOf(to), was, fromFolder, nameOf(from)).run();
+    });
+}
+
+void Ledger::setPending(const std::string& path, int pending) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::int64_t folder = folderId(folderOf(path), false);
+    if (folder == 0) return;
+    write([&] {
+        const auto set = database_.prepare("UPDATE files SET pending = ? WHERE folder = ? AND name = ?");
+        StatementUse(*set, static_cast<std::int64_t>(pending), folder, nameOf(path)).run();
+    });
+}
+
+void Ledger::settleItemLater(const std::string& item) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    laterSettled_.push_back(item);
+}
+
+void Ledger::addPart(const std::string& path) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    write([&] { StatementUse(sql_->addPart, path).run(); });
+}
+
+void Ledger::erasePartLater(const std::string& path) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    laterErasedParts_.push_back(path);
+}
+
+std::vector<std::string> Ledger::parts() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    write([] {});
+    std::vector<std::string> paths;
+    const auto statement = database_.prepare("SELECT path FROM parts");
+    while (statement->step()) paths.push_back(statement->text(0));
+    return paths;
+}
+
+bool Ledger::madeFolder(const std::string& path) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::int64_t id = folderId(path, false);
+    if (id == 0) return false;
+    const auto statement = database_.prepare("SELECT made FROM folders WHERE id = ?");
+    StatementUse use(*statement, id);
+    return use.step() && use->number(0) != 0;
+}
+
+void Ledger::addMadeFolder(const std::string& path) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    write([&] {
+        const std::int64_t id = folderId(path, true);
+        const auto statement = database_.prepare("UPDATE folders SET made = 1, pending = 1 WHERE id = ?");
+        StatementUse(*statement, id).run();
+    });
+}
+
+void Ledger::moveFolder(const std::string& from, const std::string& to, bool pending) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    write([&] {
+        const std::int64_t stale = folderId(to, false);
+        if (stale != 0) forgetFolderRows(stale);
+        const std::int64_t id = folderId(from, true);
+        const std::int64_t parent = folderId(folderOf(to), true);
+        folderIds_.clear();
+        const auto statement =
+            database_.prepare("UPDATE folders SET parent = ?, name = ?, was = ?, pending = ? WHERE id = ?");
+        StatementUse(*statement, parent, nameOf(to), pending ? from : std::string(),
+                     static_cast<std::int64_t>(pending), id)
+            .run();
+    });
+    folderIds_.clear();
+}
+
+void Ledger::forgetFolder(const std::string& path) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::int64_t id = folderId(path, false);
+    if (id > kRoot) write([&] { forgetFolderRows(id); });
+}
+
+void Ledger::forgetFolderRows(std::int64_t id) {
+    folderIds_.clear();
+    std::vector<std::int64_t> children;
+    const auto find = database_.prepare("SELECT id FROM folders WHERE parent = ?");
+    find->bind(1, id);
+    while (find->step()) children.push_back(find->number(0));
+    for (const std::int64_t child : children) forgetFolderRows(child);
+    const auto eraseFiles = database_.prepare("DELETE FROM files WHERE folder = ?");
+    StatementUse(*eraseFiles, id).run();
+    const auto eraseFolder = database_.prepare("DELETE FROM folders WHERE id = ?");
+    StatementUse(*eraseFolder, id).run();
+}
+
+void Ledger::settleFolder(const std::string& path) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::int64_t id = folderId(path, false);
+    if (id == 0) return;
+    write([&] {
+        const auto statement = database_.prepare("UPDATE folders SET was = '', pending = 0 WHERE id = ?");
+        StatementUse(*statement, id).run();
+    });
+}
+
+std::vector<LedgerFolder> Ledger::pendingFolders() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<LedgerFolder> folders;
+    const auto statement = database_.prepare("SELECT id, was FROM folders WHERE pending <> 0");
+    while (statement->step()) {
+        folders.push_back({folderPath(statement->number(0)), statement->text(1)});
+    }
+    const auto depth = [](const LedgerFolder& folder) {
+        return std::count(folder.path.begin(), folder.path.end(), '/');
+    };
+    std::stable_sort(folders.begin(), folders.end(),
+                     [&](const LedgerFolder& a, const LedgerFolder& b) { return depth(a) > depth(b); });
+    return folders;
+}
+
+}  // namespace Norvale_Plugin_Core

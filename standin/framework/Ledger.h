@@ -1,0 +1,107 @@
+// The file service's own list of what it put on a device: ".records/.ledger.db" in the service folder.
+//
+//   folders   one row for each folder that holds files of the backup. A file's row points to its folder's, so
+//             that a renamed folder is one changed row.
+//       made      1 for a folder that the file service made itself
+//       was       its path before a rename that is not settled yet
+//   files     one row for each file: who it belongs to, its size and checksum
+//       item      id of the item, also for its thumbnail
+//       was       its name before a rename that is not settled yet
+//       pending   1 until it is known that the item's row in the backup database names the file, 2 while in
+//                 addition the file may be an older one than its size and checksum say
+//   parts     files that are being written, by the path of their temporary name
+//
+// A row changes before the file does, and is pending then: after a kill at any moment the pending rows and
+// the parts are all that has to be looked at. What only clears up is written together with the next change.
+
+#ifndef STANDIN_FRAMEWORK_LEDGER_H
+#define STANDIN_FRAMEWORK_LEDGER_H
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "standin/framework/Sqlite.h"
+
+namespace Norvale_Plugin_Core {
+
+/// The folder and the name of a path relative to the service folder; the root folder is "".
+std::string folderOf(const std::string& path);
+std::string nameOf(const std::string& path);
+std::string joinPath(const std::string& folder, const std::string& name);
+
+struct LedgerFile {
+    std::string path;
+    std::string item;
+    std::uint64_t size = 0;
+    std::string checksum;  ///< empty when none is kept
+    std::string was;
+    int pending = 1;
+};
+
+struct LedgerFolder {
+    std::string path;
+    std::string was;
+};
+
+/// All paths are relative to the service folder. Every operation may be called from any thread and throws a
+/// Poco::Exception when the database fails.
+class Ledger {
+public:
+    /// Opens the ledger at path and makes it when it is missing. Throws with a sentence when it is damaged.
+    explicit Ledger(const std::string& path);
+    ~Ledger();
+
+    /// True until the first file was entered.
+    bool isEmpty();
+
+    std::optional<LedgerFile> file(const std::string& path);
+    std::vector<LedgerFile> filesOfItem(const std::string& item);
+    std::vector<LedgerFile> pendingFiles();
+    void putFile(const LedgerFile& file);
+    void eraseFile(const std::string& path);
+    /// Moves the row from one path to another, pending, and notes where it was when the folder is the same.
+    void moveFile(const std::string& from, const std::string& to, const std::string& was);
+    void setPending(const std::string& path, int pending);
+    /// Nothing of the item is pending any more, except files that stand aside.
+    void settleItemLater(const std::string& item);
+
+    void addPart(const std::string& path);
+    void erasePartLater(const std::string& path);
+    std::vector<std::string> parts();
+
+    bool madeFolder(const std::string& path);
+    void addMadeFolder(const std::string& path);
+    void moveFolder(const std::string& from, const std::string& to, bool pending);
+    void forgetFolder(const std::string& path);
+    void settleFolder(const std::string& path);
+    /// Folders that were made or renamed and are not settled, the deepest first.
+    std::vector<LedgerFolder> pendingFolders();
+
+private:
+    struct Statements;
+
+    std::int64_t folderId(const std::string& path, bool create);
+    std::string folderPath(std::int64_t id);
+    void forgetFolderRows(std::int64_t id);
+    LedgerFile fileOfRow(const Statement& row);
+    std::vector<LedgerFile> readFiles(StatementUse& use);
+    /// Runs change and everything that was put off, in one transaction.
+    template <typename Change>
+    void write(Change change);
+
+    std::mutex mutex_;
+    SqliteFile database_;
+    std::unique_ptr<Statements> sql_;
+    std::map<std::string, std::int64_t> folderIds_;
+    std::vector<std::string> laterSettled_;
+    std::vector<std::string> laterErasedParts_;
+};
+
+}  // namespace Norvale_Plugin_Core
+
+#endif

@@ -1,0 +1,137 @@
+#include "standin/framework/LibraryCheck.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <unordered_set>
+
+#include "standin/framework/BackupDatabase.h"
+#include "standin/framework/Checksum.h"
+#include "standin/framework/Device.h"
+#include "standin/framework/ItemFiles.h"
+#include "standin/framework/Names.h"
+
+namespace Norvale_Plugin_Core {
+
+namespace {
+
+class LibraryCheck {
+public:
+    LibraryCheck(BackupDatabase& database, Device& device, bool readContents,
+                 const std::function<void(std::uint64_t)>& progress)
+        : database_(database), device_(device), readContents_(readContents), progress_(progress) {}
+
+    LibraryReport run() {
+        database_.forEachItem([&](const ItemRow& row) {
+            ++report_.items;
+            checkFile(row.mediaPath, row);
+            checkFile(thumbnailOf(row), row);
+        });
+        findUnrecorded("");
+        for (auto* list : {&report_.missing, &report_.altered, &report_.unrecorded}) {
+            std::sort(list->begin(), list->end());
+        }
+        return std::move(report_);
+    }
+
+private:
+    /// Where the thumbnail really is: its row names it by the current language.
+    std::string thumbnailOf(const ItemRow& row) {
+        if (device_.isFile(row.thumbnailPath)) return row.thumbnailPath;
+        for (const LedgerFile& file : device_.ledger().filesOfItem(row.id)) {
+            if (isThumbnailOf(row, file.path) && device_.isFile(file.path)) return file.path;
+        }
+        return row.thumbnailPath;
+    }
+
+    void checkFile(const std::string& path, const ItemRow& row) {
+        recorded_.insert(path);
+        ++report_.files;
+        const auto status = device_.status(path);
+        if (!status || !S_ISREG(status->st_mode)) {
+            report_.missing.push_back(path);
+            return;
+        }
+        const auto size = static_cast<std::uint64_t>(status->st_size);
+        report_.bytes += size;
+        report_.folderBytes[row.folder] += size;
+        const auto entry = device_.ledger().file(path);
+        if (entry && entry->size != size) {
+            report_.altered.push_back(path);
+        } else if (!entry || entry->checksum.empty()) {
+            ++report_.withoutChecksum;
+        } else if (readContents_ && checksumOf(path) != entry->checksum) {
+            report_.altered.push_back(path);
+        }
+        if (progress_) progress_(report_.bytes);
+    }
+
+    std::string checksumOf(const std::string& path) {
+        Checksum checksum;
+        device_.readFile(path, [&](const char* data, std::size_t size) { checksum.update(data, size); });
+        return checksum.text();
+    }
+
+    bool isOwnFile(const std::string& path) const {
+        if (path == ".backup.lock") return true;
+        // The database may lie in the service folder.
+        const std::string full = device_.path() + "/" + path;
+        return full.compare(0, database_.path().size(), database_.path()) == 0;
+    }
+
+    void findUnrecorded(const std::string& folder) {
+        Descriptor descriptor = device_.openFolder(folder);
+        const std::unique_ptr<DIR, int (*)(DIR*)> entries(::fdopendir(descriptor.get()), &::closedir);
+        if (!entries) device_.fail("list", folder, errno);
+        descriptor.release();
+        while (const dirent* entry = ::readdir(entries.get())) {
+            const std::string name = entry->d_name;
+            if (name == "." || name == ".." || name == kRecordFolder) continue;
+            const std::string path = joinPath(folder, name);
+            if (device_.isFolder(path)) {
+                findUnrecorded(path);
+            } else if (recorded_.count(path) == 0 && !isOwnFile(path)) {
+                report_.unrecorded.push_back(path);
+            }
+        }
+    }
+
+    BackupDatabase& database_;
+    Device& device_;
+    const bool readContents_;
+    const std::function<void(std::uint64_t)>& progress_;
+    std::unordered_set<std::string> recorded_;
+    LibraryReport report_;
+};
+
+LibraryReport check(BackupDatabase& database, const std::string& serviceFolder, bool readContents,
+                    const std::function<void(std::uint64_t)>& progress) {
+    std::string folder = serviceFolder;
+    while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
+    struct stat status = {};
+    if (::stat(folder.c_str(), &status) != 0) {
+        throw Poco::FileNotFoundException("There is no backup at " + folder + ": " + std::strerror(errno));
+    }
+    Device::close();
+    const std::shared_ptr<Device> device = Device::open(folder, "");
+    LibraryReport report = LibraryCheck(database, *device, readContents, progress).run();
+    Device::close();
+    return report;
+}
+
+}  // namespace
+
+LibraryReport verifyLibrary(BackupDatabase& database, const std::string& serviceFolder,
+                            const std::function<void(std::uint64_t)>& progress) {
+    return check(database, serviceFolder, true, progress);
+}
+
+LibraryReport compareLibrary(BackupDatabase& database, const std::string& serviceFolder) {
+    return check(database, serviceFolder, false, {});
+}
+
+}  // namespace Norvale_Plugin_Core

@@ -1,0 +1,16 @@
+// Where the developer log goes.
+
+#ifndef STANDIN_FRAMEWORK_LOGFILE_H
+#define STANDIN_FRAMEWORK_LOGFILE_H
+
+#include <string>
+
+namespace Norvale_Plugin_Core {
+
+/// Sends the developer log to the file at path from now on. It grows to at most 10 MiB; two older ones are
+/// kept beside it.
+void nameLogFile(const std::string& path);
+
+}  // namespace Norvale_Plugin_Core
+
+#endif

@@ -1,0 +1,61 @@
+// Names of files and folders that are safe and unique wherever a backup device may be read.
+//
+// A name is safe when FAT, exFAT, NTFS, APFS and ext4 all take it: valid UTF-8 without control characters and
+// without any of  < > : " / \ | ? *,  not one of the names that Windows keeps for devices ("con", "NUL.txt",
+// "com1"), with no blank or dot at its end, and 1 to 255 bytes long.
+//
+// Two names are the same name to some of these file systems when they differ in case or in the way their
+// characters are composed. A name's key leaves these differences out: names with different keys can stand in
+// one folder anywhere.
+
+#ifndef STANDIN_FRAMEWORK_NAMES_H
+#define STANDIN_FRAMEWORK_NAMES_H
+
+#include <cstddef>
+#include <string>
+
+namespace Norvale_Plugin_Core {
+
+/// Longest name in bytes.
+constexpr std::size_t kLongestName = 255;
+
+/// Folder in each folder of the device in which the description records lie, and in the service folder also
+/// the ledger.
+constexpr const char* kRecordFolder = ".records";
+
+/// How the name of a file begins that is still being written.
+constexpr const char* kPartPrefix = ".part-";
+
+/// The text as valid UTF-8: each byte that belongs to no character becomes "_".
+std::string validUtf8(const std::string& text);
+
+/// The text cut to at most limit bytes, between two characters.
+std::string cutUtf8(const std::string& text, std::size_t limit);
+
+/// The text as a safe name. A safe name comes back unchanged, and an empty text as "_". When the text has to
+/// be cut a file extension at its end is kept.
+std::string safeName(const std::string& text);
+
+/// The name without the differences that file systems may ignore.
+std::string nameKey(const std::string& name);
+
+/// A name in two parts: before its last dot, and from it. Without a dot the second is empty. This is how the
+/// plug-in takes names apart when it puts a suffix to them.
+struct NameParts {
+    std::string base;
+    std::string extension;
+};
+NameParts splitName(const std::string& name);
+
+/// A safe name for an item made from title, with the extension kept and room left for what is put to it: a
+/// thumbnail's name holds base, itemId and "_Old" as well. Never begins with a dot, never has a base that
+/// ends in "_Old", and is none of the words that the system needs.
+/// number: 1 for the name itself, from 2 on for "name (2).jpg".
+std::string itemName(const std::string& title, const std::string& itemId, long number);
+
+/// The same for a folder.
+std::string folderName(const std::string& title, long number);
+
+}  // namespace Norvale_Plugin_Core
+
+#endif

@@ -1,0 +1,251 @@
+// What is settled, in this order, each step harmless to repeat:
+//
+//   adoption          a ledger without rows beside a database with rows was lost: recorded files are entered
+//   parts             half-written files are removed
+//   renamed folders   the set's row has the new name: the rows of its items get it too; it has the old name:
+//                     the folder gets it back
+//   files             see settleAside() and settleWritten()
+//   made folders      an empty folder that no row names is removed
+//   recorded folders  each exists, with its thumbnail folder, so that new items find their place
+
+#include "standin/framework/Recovery.h"
+
+#include <unistd.h>
+
+#include <map>
+#include <optional>
+#include <set>
+
+#include "hostapi/HostServiceUsageParams.h"
+#include "standin/framework/BackupDatabase.h"
+#include "standin/framework/Checksum.h"
+#include "standin/framework/Device.h"
+#include "standin/framework/ItemFiles.h"
+#include "standin/framework/ItemRecord.h"
+#include "standin/framework/Names.h"
+#include "standin/framework/RunSettings.h"
+
+namespace Norvale_Plugin_Core {
+
+namespace {
+
+class Recovery {
+public:
+    Recovery(BackupDatabase& database, Device& device) : database_(database), device_(device) {}
+
+    RecoveryReport run() {
+        if (device_.ledger().isEmpty()) adoptFiles();
+        removeParts();
+        settleRenamedFolders();
+        for (const LedgerFile& file : device_.ledger().pendingFiles()) settleFile(file);
+        removeUnusedFolders();
+        makeRecordedFolders();
+        return report_;
+    }
+
+private:
+    void adoptFiles();
+    void adopt(const std::string& path, const std::string& item);
+    void removeParts();
+    void settleRenamedFolders();
+    void settleFile(const LedgerFile& file);
+    void settleAside(const LedgerFile& file, const std::optional<ItemRow>& row);
+    void settleWritten(const LedgerFile& file, const std::optional<ItemRow>& row);
+    void settleThumbnail(const LedgerFile& file, const ItemRow& row);
+    bool hasNewVersion(const LedgerFile& aside, const ItemRow& row);
+    void rehash(LedgerFile file);
+    void remove(const std::string& path);
+    void removeUnusedFolders();
+    void makeRecordedFolders();
+
+    BackupDatabase& database_;
+    Device& device_;
+    RecoveryReport report_;
+};
+
+void Recovery::adopt(const std::string& path, const std::string& item) {
+    const std::optional<struct stat> status = device_.status(path);
+    if (!status || !S_ISREG(status->st_mode)) return;
+    device_.ledger().putFile({path, item, static_cast<std::uint64_t>(status->st_size), "", "", 0});
+    ++report_.adopted;
+}
+
+void Recovery::adoptFiles() {
+    database_.forEachItem([&](const ItemRow& row) {
+        adopt(row.mediaPath, row.id);
+        adopt(row.thumbnailPath, row.id);
+    });
+    for (const FolderRow& folder : database_.folders()) {
+        if (folder.deviceName.empty() || !device_.isFolder(folder.deviceName)) continue;
+        device_.ledger().addMadeFolder(folder.deviceName);
+        device_.ledger().settleFolder(folder.deviceName);
+    }
+}
+
+void Recovery::removeParts() {
+    for (const std::string& part : device_.ledger().parts()) {
+        const std::string folder = folderOf(part), name = nameOf(part);
+        if (folder.empty() || device_.isFolder(folder)) {
+            const Descriptor parent = device_.openFolder(folder);
+            if (::unlinkat(parent.get(), name.c_str(), 0) == 0) ++report_.removed;
+            device_.removeRecord(folder, name);
+        }
+        device_.ledger().erasePartLater(part);
+    }
+}
+
+void Recovery::settleRenamedFolders() {
+    Ledger& ledger = device_.ledger();
+    for (const LedgerFolder& folder : ledger.pendingFolders()) {
+        if (folder.was.empty()) continue;
+        const std::string set = database_.folderIdByDeviceName(folder.path);
+        if (!set.empty()) {
+            // The set's own row comes first, its items' rows after it.
+            database_.moveItems(set, folder.path);
+        } else if (!device_.isFolder(folder.was)) {
+            if (!database_.folderIdByDeviceName(folder.was).empty() && device_.isFolder(folder.path)) {
+                device_.renameFolder(folder.path, folder.was);
+                ledger.settleFolder(folder.was);
+                ++report_.restored;
+                continue;
+            }
+        } else if (!device_.isFolder(folder.path)) {
+            // Killed before the folder itself was renamed.
+            ledger.moveFolder(folder.path, folder.was, false);
+            continue;
+        }
+        ledger.settleFolder(folder.path);
+    }
+}
+
+void Recovery::settleFile(const LedgerFile& file) {
+    const std::optional<ItemRow> row = database_.item(file.item);
+    if (file.was.empty()) {
+        settleWritten(file, row);
+    } else {
+        settleAside(file, row);
+    }
+}
+
+/// A file that stands aside under "_Old" until a new version is recorded.
+void Recovery::settleAside(const LedgerFile& file, const std::optional<ItemRow>& row) {
+    Ledger& ledger = device_.ledger();
+    const std::string before = joinPath(folderOf(file.path), file.was);
+    if (!device_.isFile(file.path)) {
+        // Either it was never moved, or it is gone.
+        if (device_.isFile(before) && !ledger.file(before)) {
+            ledger.moveFile(file.path, before, "");
+            ledger.setPending(before, 0);
+        } else {
+            ledger.eraseFile(file.path);
+        }
+        return;
+    }
+    if (row && hasNewVersion(file, *row)) {
+        remove(file.path);
+    } else if (!device_.status(before)) {
+        device_.renameFile(file.path, before, "");
+        ledger.setPending(before, 0);
+        ++report_.restored;
+    }
+}
+
+/// True when the file that takes the place of one that stands aside is on the device.
+bool Recovery::hasNewVersion(const LedgerFile& aside, const ItemRow& row) {
+    const bool thumbnail = folderOf(aside.path) != row.folder;
+    if (!thumbnail) return device_.isFile(row.mediaPath);
+    for (const LedgerFile& other : device_.ledger().filesOfItem(row.id)) {
+        if (other.was.empty() && isThumbnailOf(row, other.path) && device_.isFile(other.path)) return true;
+    }
+    return false;
+}
+
+/// A file that was written and may not be recorded.
+void Recovery::settleWritten(const LedgerFile& file, const std::optional<ItemRow>& row) {
+    if (!device_.isFile(file.path)) {
+        device_.removeRecord(folderOf(file.path), nameOf(file.path) + kRecordExtension);
+        device_.ledger().eraseFile(file.path);
+        return;
+    }
+    const bool thumbnail = row && isThumbnailOf(*row, file.path);
+    if (!row || (file.path != row->mediaPath && !thumbnail)) {
+        remove(file.path);
+        return;
+    }
+    if (file.pending == 2) rehash(file);
+    device_.ledger().setPending(file.path, 0);
+    if (thumbnail) settleThumbnail(file, *row);
+}
+
+/// The item's row gets the extension that its thumbnail has; thumbnails with other extensions, or in the
+/// folder of another language, are older.
+void Recovery::settleThumbnail(const LedgerFile& file, const ItemRow& row) {
+    const std::string extension = splitName(nameOf(file.path)).extension;
+    if (!extension.empty()) database_.setImageExtension(row.id, extension.substr(1));
+    for (const LedgerFile& other : device_.ledger().filesOfItem(row.id)) {
+        const bool older = other.path != file.path && other.path != row.mediaPath && other.pending == 0;
+        if (older) remove(other.path);
+    }
+}
+
+void Recovery::rehash(LedgerFile file) {
+    Checksum checksum;
+    file.size = 0;
+    device_.readFile(file.path, [&](const char* data, std::size_t size) {
+        checksum.update(data, size);
+        file.size += size;
+    });
+    file.checksum = checksum.text();
+    device_.ledger().putFile(file);
+}
+
+void Recovery::remove(const std::string& path) {
+    if (device_.isFile(path)) {
+        device_.removeFile(path);
+        ++report_.removed;
+    } else {
+        device_.ledger().eraseFile(path);
+    }
+}
+
+void Recovery::removeUnusedFolders() {
+    for (const LedgerFolder& folder : device_.ledger().pendingFolders()) {
+        if (!folder.was.empty()) continue;
+        if (device_.isFolder(folder.path) && database_.folderIdByDeviceName(folder.path).empty()) {
+            device_.removeRecord(folder.path, kFolderRecord);
+            try {
+                device_.removeFolder(folder.path);
+                continue;
+            } catch (DeviceException&) {
+                // It holds something and stays.
+            }
+        }
+        device_.ledger().settleFolder(folder.path);
+    }
+}
+
+void Recovery::makeRecordedFolders() {
+    const std::string thumbnails = HostServiceUsageParams::getInstance()->getValue("ThumbnailKey");
+    for (const FolderRow& folder : database_.folders()) {
+        for (const std::string& path : {folder.deviceName, joinPath(folder.deviceName, thumbnails)}) {
+            if (path.empty() || device_.status(path)) continue;
+            device_.makeFolder(path);
+            device_.ledger().settleFolder(path);
+        }
+    }
+}
+
+}  // namespace
+
+RecoveryReport recoverDevice(BackupDatabase& database, const std::string& serviceFolder) {
+    // A device that another run or check left open may be another one by now.
+    Device::close();
+    std::string folder = serviceFolder;
+    while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
+    const std::shared_ptr<Device> device = Device::open(folder, currentMountPoint());
+    const RecoveryReport report = Recovery(database, *device).run();
+    Device::close();
+    return report;
+}
+
+}  // namespace Norvale_Plugin_Core

@@ -1,0 +1,107 @@
+// A thin layer over SQLite: connections and statements that release themselves and throw.
+
+#ifndef STANDIN_FRAMEWORK_SQLITE_H
+#define STANDIN_FRAMEWORK_SQLITE_H
+
+#include <sqlite3.h>
+
+#include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace Norvale_Plugin_Core {
+
+/// A prepared statement. One execution: bind, then step until it answers false, or run(). A statement that is
+/// left in the middle holds a read lock until reset(); StatementUse sees to that.
+class Statement {
+public:
+    Statement(sqlite3* database, const char* sql);
+    ~Statement();
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    void bind(int index, std::string_view text);
+    void bind(int index, std::int64_t number);
+    /// True when there is a row. Throws a Poco::Exception for anything but a row or the end.
+    bool step();
+    void reset();
+
+    /// Column of the current row, from 0. NULL reads as empty or 0.
+    std::string text(int column) const;
+    std::int64_t number(int column) const;
+
+private:
+    sqlite3* database_;
+    sqlite3_stmt* statement_ = nullptr;
+};
+
+/// One execution of a statement: binds the arguments in order, and resets the statement at the end.
+class StatementUse {
+public:
+    template <typename... Arguments>
+    explicit StatementUse(Statement& statement, const Arguments&... arguments) : statement_(statement) {
+        int index = 0;
+        (statement_.bind(++index, arguments), ...);
+    }
+    ~StatementUse() { statement_.reset(); }
+    StatementUse(const StatementUse&) = delete;
+    StatementUse& operator=(const StatementUse&) = delete;
+
+    bool step() { return statement_.step(); }
+    void run() {
+        while (statement_.step()) {
+        }
+    }
+    Statement* operator->() { return &statement_; }
+
+private:
+    Statement& statement_;
+};
+
+/// An open database file.
+class SqliteFile {
+public:
+    enum class Open { Existing, ExistingReadOnly, OrCreate };
+
+    /// Throws a Poco::Exception that names the file.
+    SqliteFile(const std::string& path, Open mode);
+    ~SqliteFile();
+    SqliteFile(const SqliteFile&) = delete;
+    SqliteFile& operator=(const SqliteFile&) = delete;
+
+    /// Runs statements that give nothing back.
+    void execute(const char* sql);
+    /// First column of the first row; empty when there is none.
+    std::string value(const char* sql);
+    std::unique_ptr<Statement> prepare(const char* sql) {
+        return std::make_unique<Statement>(database_, sql);
+    }
+    int changes() const { return sqlite3_changes(database_); }
+    sqlite3* handle() const { return database_; }
+
+private:
+    sqlite3* database_ = nullptr;
+};
+
+/// A transaction, rolled back unless commit() was reached.
+class Transaction {
+public:
+    explicit Transaction(SqliteFile& file) : file_(file) { file_.execute("BEGIN IMMEDIATE"); }
+    ~Transaction() {
+        if (!committed_) sqlite3_exec(file_.handle(), "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+    void commit() {
+        file_.execute("COMMIT");
+        committed_ = true;
+    }
+
+private:
+    SqliteFile& file_;
+    bool committed_ = false;
+};
+
+}  // namespace Norvale_Plugin_Core
+
+#endif
