@@ -1,0 +1,272 @@
+// The program flickr-backup as a user starts it, against the simulated service.
+
+#include <Poco/JSON/Object.h>
+#include <Poco/JSON/Parser.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "sim/FlickrSim.h"
+
+namespace fs = std::filesystem;
+using namespace flickr_sim;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+std::string read(const std::string& path) {
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+/// A copy of the application folder, a device, an account and the service.
+class CommandTest : public testing::Test {
+protected:
+    CommandTest() {
+        char name[] = "/tmp/flickr-command-test-XXXXXX";
+        folder_ = mkdtemp(name);
+        const fs::path app = fs::path(FLICKR_BACKUP_PROGRAM).parent_path();
+        fs::copy(app, folder_ + "/flickr-backup.app", fs::copy_options::recursive);
+        fs::remove(configuration());
+        fs::create_directory(folder_ + "/bin");
+        fs::create_symlink("../flickr-backup.app/flickr-backup", folder_ + "/bin/flickr-backup");
+        fs::create_directory(device());
+        sim_ = std::make_unique<FlickrSim>(account_);
+        writeCredentials(sim_->credentials().apiKey);
+    }
+    ~CommandTest() override {
+        sim_.reset();
+        fs::remove_all(folder_);
+    }
+
+    std::string device() const { return folder_ + "/device"; }
+    std::string service() const { return device() + "/Brightkettle/My Flickr Items"; }
+    std::string credentials() const { return folder_ + "/flickr.ini"; }
+    std::string plugins() const { return folder_ + "/flickr-backup.app/Resources/Plugins"; }
+    std::string configuration() const { return plugins() + "/Flickr_plugin_config.xml"; }
+
+    void writeCredentials(const std::string& key) {
+        const Credentials accepted = sim_->credentials();
+        std::ofstream(credentials()) << "api_key = " << key << "\napi_secret = " << accepted.apiSecret
+                                     << "\ntoken = " << accepted.token << "\n";
+        ::chmod(credentials().c_str(), 0600);
+    }
+
+    /// Starts the program, by its link in bin.
+    pid_t start(std::vector<std::string> arguments, const std::string& tag = "") {
+        arguments.insert(arguments.begin(), "flickr-backup");
+        std::vector<char*> argv;
+        for (std::string& argument : arguments) argv.push_back(argument.data());
+        argv.push_back(nullptr);
+        const std::string program = folder_ + "/bin/flickr-backup", out = folder_ + "/out" + tag,
+                          err = folder_ + "/err" + tag;
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::dup2(::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
+            ::dup2(::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
+            ::execv(program.c_str(), argv.data());
+            ::_exit(127);
+        }
+        return child;
+    }
+
+    /// Its exit status; out_ and err_ hold what it wrote.
+    int finish(pid_t child, const std::string& tag = "") {
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        out_ = read(folder_ + "/out" + tag);
+        err_ = read(folder_ + "/err" + tag);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    }
+
+    int command(std::vector<std::string> arguments) { return finish(start(std::move(arguments))); }
+    void configure() {
+        ASSERT_EQ(command({"configure", "--data-url", sim_->dataUrl(), "--credentials", credentials(),
+                           "--retries", "2"}),
+                  0)
+            << err_;
+    }
+    std::vector<std::string> runArguments() const {
+        return {"run", "--device", device(), "--credentials", credentials()};
+    }
+    /// Runs with --json.
+    Poco::JSON::Object::Ptr runJson(int expectedStatus) {
+        std::vector<std::string> arguments = runArguments();
+        arguments.push_back("--json");
+        EXPECT_EQ(command(arguments), expectedStatus) << out_ << err_;
+        return Poco::JSON::Parser().parse(out_).extract<Poco::JSON::Object::Ptr>();
+    }
+    /// Waits until the service has had so many requests for media.
+    void waitForMedia(std::uint64_t count) {
+        for (int i = 0; i < 1000 && sim_->counts().media < count; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        ASSERT_GE(sim_->counts().media, count);
+    }
+
+    std::string folder_;
+    Account account_;
+    std::unique_ptr<FlickrSim> sim_;
+    std::string out_, err_;
+};
+
+}  // namespace
+
+TEST_F(CommandTest, BacksUpReportsAndChecks) {
+    const std::string trip = account_.addSet("Trip");
+    const std::string sunset = account_.addItem(trip, photo("sunset"));
+    account_.addItem(trip, video("clip"));
+    account_.addItem("", photo("loose"));
+    configure();
+
+    ASSERT_EQ(command(runArguments()), 0) << out_ << err_;
+    EXPECT_THAT(out_, testing::AllOf(testing::StartsWith("Backup complete"), HasSubstr("new        3 items"),
+                                     HasSubstr(service() + "\n")));
+    EXPECT_THAT(err_, HasSubstr("3 items, "));
+
+    account_.edit(sunset, Content::bytes("another picture"), 1800000000);
+    sim_->clearLog();
+    const auto second = runJson(0);
+    EXPECT_EQ(second->getValue<int>("new"), 0);
+    EXPECT_EQ(second->getValue<int>("edited"), 1);
+    EXPECT_EQ(second->getValue<int>("unchanged"), 2);
+    EXPECT_EQ(sim_->counts().media, 1u);
+
+    EXPECT_EQ(command({"status", "--device", device()}), 0) << out_ << err_;
+    EXPECT_THAT(out_, testing::AllOf(HasSubstr("Trip\n"), HasSubstr("(in no set)\n"), HasSubstr("3 items, "),
+                                     HasSubstr("agree.\n")));
+    EXPECT_EQ(command({"verify", "--device", device()}), 0) << out_ << err_;
+
+    // One changed byte, one lost and one strange file.
+    std::fstream(service() + "/Trip/sunset.jpg", std::ios::in | std::ios::out).put('X');
+    EXPECT_EQ(command({"status", "--device", device()}), 0) << "sizes are the same\n" << out_;
+    fs::remove(service() + "/loose.jpg");
+    std::ofstream(service() + "/Trip/strange.jpg") << "?";
+    EXPECT_EQ(command({"status", "--device", device()}), 1);
+    EXPECT_THAT(out_, testing::AllOf(HasSubstr("missing on the device (1):\n  loose.jpg\n"),
+                                     HasSubstr("not recorded (1):\n  Trip/strange.jpg\n")));
+    EXPECT_EQ(command({"verify", "--device", device()}), 1);
+    EXPECT_THAT(out_, testing::AllOf(HasSubstr("  loose.jpg\n"), HasSubstr("  Trip/strange.jpg\n"),
+                                     HasSubstr("Altered since it was backed up (1):\n  Trip/sunset.jpg\n")));
+    // A run that says nothing of a lost file would be the second worst.
+    EXPECT_EQ(command(runArguments()), 1);
+    EXPECT_THAT(out_, testing::AllOf(HasSubstr("NOT complete"), HasSubstr("loose.jpg")));
+
+    const std::string log = read(plugins() + "/NVHLDevLog.log");
+    for (const std::string& secret :
+         {sim_->credentials().apiKey, sim_->credentials().apiSecret, sim_->credentials().token}) {
+        EXPECT_THAT(log + read(configuration()), Not(HasSubstr(secret)));
+    }
+    EXPECT_THAT(log, HasSubstr("Flickr Backup Started."));
+}
+
+TEST_F(CommandTest, NamesWhatFailedForGoodAndSaysSoByItsExitStatus) {
+    const std::string trip = account_.addSet("Trip");
+    const std::string bad = account_.addItem(trip, photo("bad"));
+    account_.addItem(trip, photo("good"));
+    configure();
+    sim_->faults().add(media(bad), always(), fault::status(503));
+    auto summary = runJson(1);
+    EXPECT_EQ(summary->getValue<std::string>("result"), "failed");
+    EXPECT_EQ(summary->getValue<int>("new"), 1);
+    ASSERT_EQ(summary->getArray("failures")->size(), 1u) << out_;
+    EXPECT_THAT(summary->getArray("failures")->getObject(0)->getValue<std::string>("name"), HasSubstr("bad"));
+
+    sim_->faults().clear();
+    summary = runJson(0);
+    EXPECT_EQ(summary->getValue<int>("new"), 1);
+    EXPECT_EQ(summary->getValue<int>("unchanged"), 1);
+
+    sim_->faults().add(rest(), always(), fault::serviceError(98, "Invalid auth token"));
+    summary = runJson(1);
+    EXPECT_EQ(summary->getValue<std::string>("result"), "failed");
+    EXPECT_GE(summary->getArray("errors")->size(), 1u) << out_;
+}
+
+TEST_F(CommandTest, StopsOnASignalAndGoesOnNextTime) {
+    for (int i = 0; i < 4; ++i) account_.addItem("", photo("picture " + std::to_string(i)));
+    configure();
+    sim_->faults().add(media(), from(2), fault::slow(16, std::chrono::milliseconds(50)));
+    std::vector<std::string> arguments = runArguments();
+    const pid_t child = start(arguments);
+    waitForMedia(2);
+
+    // The device is this run's alone meanwhile.
+    EXPECT_EQ(finish(start(arguments, "2"), "2"), 1);
+    EXPECT_THAT(err_, testing::MatchesRegex("flickr-backup: [^\n]+\n"));
+
+    ::kill(child, SIGINT);
+    ::kill(child, SIGTERM);
+    EXPECT_EQ(finish(child), 130) << out_ << err_;
+    EXPECT_THAT(out_, testing::AllOf(HasSubstr("Backup stopped"), HasSubstr("new        1 item\n")));
+    EXPECT_THAT(err_, HasSubstr("Stopping"));
+
+    sim_->faults().clear();
+    EXPECT_EQ(runJson(0)->getValue<int>("new"), 3);
+    EXPECT_EQ(command({"verify", "--device", device()}), 0) << out_;
+}
+
+TEST_F(CommandTest, RefusesWhatCannotBeDone) {
+    account_.addItem("", photo("one"));
+    const std::string url = sim_->dataUrl();
+    auto refused = [&](std::vector<std::string> arguments, const std::string& words) {
+        EXPECT_EQ(command(arguments), 2) << words << out_;
+        EXPECT_THAT(err_, testing::AllOf(testing::MatchesRegex("flickr-backup: [^\n]+\n"), HasSubstr(words)));
+        EXPECT_EQ(out_, "");
+    };
+    auto runWith = [&](std::vector<std::string> more) {
+        std::vector<std::string> arguments = runArguments();
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return arguments;
+    };
+    refused({}, "subcommand");
+    refused({"backup"}, "backup");
+    refused({"run"}, "required");
+    refused(runArguments(), "not configured yet");
+    refused({"configure", "--data-url", "https://x/", "--credentials", credentials()}, "http://");
+    refused({"configure", "--data-url", url, "--credentials", credentials(), "--retries", "0"}, "retries");
+    ::chmod(credentials().c_str(), 0644);
+    refused({"configure", "--data-url", url, "--credentials", credentials()}, "chmod 600");
+    ::chmod(credentials().c_str(), 0600);
+    configure();
+    refused(runWith({"--from", "2023-02-29"}), "YYYY-MM-DD");
+    refused(runWith({"--from", "23-2-2"}), "YYYY-MM-DD");
+    refused(runWith({"--media", "images,audio"}), "audio");
+    refused(runWith({"--culture", "xx"}), "xx");
+    refused({"status", "--device", device()}, "no backup");
+    refused({"verify", "--device", device() + "/none"}, "no directory");
+    EXPECT_EQ(sim_->counts().rest, 0u);
+    EXPECT_TRUE(fs::is_empty(device()));
+
+    ASSERT_EQ(command(runWith({"--media", "videos"})), 0) << err_;
+    EXPECT_THAT(out_, HasSubstr("new        0 items"));
+    ASSERT_EQ(command(runWith({"--from", "2024-01-01"})), 0) << err_;
+    EXPECT_THAT(out_, HasSubstr("new        0 items"));
+    ASSERT_EQ(command(runArguments()), 0) << err_;
+    EXPECT_THAT(out_, HasSubstr("new        1 item\n"));
+
+    refused(runWith({"--culture", "ja"}), "culture");
+    fs::rename(service(), service() + ".away");
+    refused(runArguments(), "records 1 item");
+    writeCredentials("another-key");
+    refused(runArguments(), "not the configured one");
+    for (const char* name : {"configure", "run", "status", "verify"}) {
+        EXPECT_EQ(command({name, "--help"}), 0);
+        EXPECT_THAT(out_, HasSubstr("Example:\n  flickr-backup " + std::string(name)));
+    }
+}
