@@ -20,6 +20,7 @@
 #include "sim/FlickrSim.h"
 #include "sim/FolderAccount.h"
 #include "sim/GeneratedAccount.h"
+#include "sim/Picture.h"
 #include "sim/RestApi.h"
 
 namespace flickr_sim {
@@ -423,7 +424,11 @@ TEST(Sources, AreStableAndComplete) {
     EXPECT_TRUE(contentOf(*trip[0], "Original").text() == jpeg);
     const Content small = contentOf(*trip[0], "Thumbnail");
     EXPECT_THAT(small.text(), AllOf(StartsWith("\xFF\xD8"), EndsWith("\xFF\xD9")));
-    EXPECT_LT(small.size(), jpeg.size() / 4);
+    std::ofstream(root / "notes.txt", std::ios::binary) << small.text();
+    int width = 0;
+    int height = 0;
+    EXPECT_TRUE(measureJpeg((root / "notes.txt").string(), width, height));
+    EXPECT_EQ(std::make_pair(width, height), std::make_pair(100, 50));
     EXPECT_TRUE(trip[1]->isVideo);
     const auto loose = files.items("");
     ASSERT_EQ(loose.size(), 1u);
