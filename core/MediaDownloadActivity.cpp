@@ -59,6 +59,7 @@ std::string asideName(const std::string& path) {
 MediaDownloadActivity::MediaDownloadActivity() : exceptionHandler_(kServiceName) {}
 
 void MediaDownloadActivity::registerFactory() {
+    if (Poco::URIStreamOpener::defaultOpener().supportsScheme("http")) return;
     Poco::Net::HTTPStreamFactory::registerFactory();
 }
 
