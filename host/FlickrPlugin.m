@@ -624,7 +624,10 @@ static NSString* backupFromText(id backupFrom) {
 }
 
 - (void)addToMainRunLoop:(NSTimer*)timer {
-    if ([timer isValid]) [[NSRunLoop mainRunLoop] addTimer:timer forMode:NSRunLoopCommonModes];
+    if (![timer isValid]) return;
+    [[NSRunLoop mainRunLoop] addTimer:timer forMode:NSRunLoopCommonModes];
+    // One of the common modes; named for GNUstep, to which "common modes" is a mode like any other.
+    [[NSRunLoop mainRunLoop] addTimer:timer forMode:NSDefaultRunLoopMode];
 }
 
 - (void)stopUpdater {

@@ -3,6 +3,7 @@
 //   flickr-backup.app/
 //       flickr-backup                           the program
 //       Resources/Plugins/
+//           FlickrPlugin.bundle/                    the plug-in
 //           Flickr_plugin_config.xml            the plug-in's configuration, written by "configure"
 //           NVHLDevLog.log                      the developer log
 

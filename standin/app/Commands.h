@@ -19,6 +19,8 @@ void addRunCommand(CLI::App& program, int& status);
 void addStatusCommand(CLI::App& program, int& status);
 /// "verify": compares every file with what is recorded.
 void addVerifyCommand(CLI::App& program, int& status);
+/// "info": shows what the plug-in says about itself.
+void addInfoCommand(CLI::App& program, int& status);
 
 }  // namespace flickr_app
 

@@ -2,138 +2,144 @@
 
 #include <Poco/Exception.h>
 
-#include <chrono>
-#include <condition_variable>
+#include <cstdlib>
 #include <exception>
-#include <filesystem>
-#include <mutex>
-#include <thread>
+#include <functional>
+#include <memory>
 
-#include "core/FlickrPluginCore.h"
-#include "hostapi/HostServiceUsageParams.h"
-#include "standin/app/ApplicationFolder.h"
-#include "standin/app/Configuration.h"
-#include "standin/app/DeviceLayout.h"
+#include "standin/app/PluginHost.h"
 
 namespace flickr_app {
 namespace {
 
-namespace plugin = Norvale_Plugin_Flickr;
-using Clock = std::chrono::steady_clock;
-
 constexpr int kSuccess = 1;
-constexpr auto kPollInterval = std::chrono::milliseconds(100);
-constexpr auto kProgressInterval = std::chrono::seconds(1);
+constexpr int kFailed = 2;
+constexpr const char* kDetailStopped = "501";
 
-/// A buffer of a size for what the plug-in writes.
-template <std::size_t Size>
-struct Buffer {
-    char text[Size] = {};
-};
-using TextBuffer = Buffer<plugin::kTextCapacity>;
-
-char* mutableText(const std::string& text) {
-    return const_cast<char*>(text.c_str());
+/// Takes over a text that the Objective-C half has allocated.
+std::string take(char* text) {
+    const std::unique_ptr<char, void (*)(void*)> owned(text, std::free);
+    return text == nullptr ? std::string() : std::string(text);
 }
 
-/// The core object for the length of a run.
-class Core {
+/// Between the listener and the Objective-C half, through which no exception of C++ is to pass: the first one
+/// is kept until the run, which it stops, has ended.
+class Relay {
 public:
-    Core() {
-        TextBuffer error;
-        const std::string directory = pluginsDirectory();
-        handle_ = plugin::createObject(mutableText(directory), mutableText(directory), error.text);
+    explicit Relay(RunListener& listener) : listener_(listener) {}
+
+    void connect(PluginHostRun& run) {
+        run.context = this;
+        run.progress = [](void* relay, double items, double bytes) {
+            of(relay).call([=](RunListener& listener) { listener.progress(items, bytes); });
+        };
+        run.stopRequested = [](void* relay) -> int {
+            Relay& self = of(relay);
+            self.call([&](RunListener& listener) { self.stop_ = listener.stopRequested(); });
+            return self.stop_ || self.listenerFailure_;
+        };
+        run.pauseRequested = [](void* relay) -> int {
+            bool pause = false;
+            of(relay).call([&](RunListener& listener) { pause = listener.pauseRequested(); });
+            return pause;
+        };
+        run.paused = [](void* relay, int isPaused) {
+            of(relay).call([=](RunListener& listener) { listener.paused(isPaused != 0); });
+        };
+        run.guard = [](void* relay, void (*work)(void*), void* argument) {
+            try {
+                work(argument);
+            } catch (...) {
+                of(relay).runFailure_ = std::current_exception();
+            }
+        };
     }
-    ~Core() {
-        TextBuffer error;
-        plugin::deleteObject(handle_, error.text);
+
+    bool stopRequested() const { return stop_; }
+
+    /// After the run.
+    void rethrow() const {
+        if (runFailure_) std::rethrow_exception(runFailure_);
+        if (listenerFailure_) std::rethrow_exception(listenerFailure_);
     }
-    Core(const Core&) = delete;
-    Core& operator=(const Core&) = delete;
-    void* handle() const { return handle_; }
 
 private:
-    void* handle_;
+    static Relay& of(void* relay) { return *static_cast<Relay*>(relay); }
+
+    void call(const std::function<void(RunListener&)>& work) {
+        if (listenerFailure_) return;
+        try {
+            work(listener_);
+        } catch (...) {
+            listenerFailure_ = std::current_exception();
+        }
+    }
+
+    RunListener& listener_;
+    bool stop_ = false;
+    std::exception_ptr listenerFailure_;  // the main thread's
+    std::exception_ptr runFailure_;       // the run's thread's, read when it has ended
 };
 
-std::string openedValue(void* core, int (*getter)(void*, char*, char*)) {
-    TextBuffer value, error;
-    if (getter(core, value.text, error.text) != kSuccess) throw Poco::RuntimeException(error.text);
-    return openSecret(value.text);
-}
-
-RunOutcome backUp(void* core, const RunRequest& request) {
-    const std::string apiKey = openedValue(core, plugin::getApiKey);
-    const std::string apiSecret = openedValue(core, plugin::getApiSecret);
-    std::string dataTypes;
-    for (const std::string& type : request.dataTypes) dataTypes += type + ";";
-    const std::string from = std::to_string(request.fromMonth) + "/" + std::to_string(request.fromDay) + "/" +
-                             std::to_string(request.fromYear);
-    const std::string serviceFolder = serviceFolderOn(request.device, request.culture);
-    std::filesystem::create_directories(serviceFolder);
-    const std::string database = (std::filesystem::path(request.device) / request.databaseName).string();
-
-    Buffer<plugin::kVideoListCapacity> videos;
-    TextBuffer error;
-    RunOutcome outcome;
-    outcome.status = plugin::backup(
-        core, mutableText(database), mutableText(request.authToken), mutableText(from), mutableText(apiKey),
-        mutableText(apiSecret), mutableText(dataTypes), videos.text, mutableText(serviceFolder),
-        mutableText(""), mutableText(request.device), true, mutableText(request.culture), error.text);
-    outcome.errorText = error.text;
-    return outcome;
+/// The plug-in logs "Backup Info STATUS : TEXT" for a run that failed.
+std::string errorTextOf(const std::string& message) {
+    const std::string start = "Backup Info ";
+    if (message.compare(0, start.size(), start) != 0) return message;
+    const std::string::size_type colon = message.find(" : ");
+    return colon == std::string::npos ? std::string() : message.substr(colon + 3);
 }
 
 }  // namespace
 
 RunOutcome performRun(const RunRequest& request, RunListener& listener) {
-    const Core core;
-    std::mutex mutex;
-    std::condition_variable ended;
-    bool done = false;
-    RunOutcome outcome;
-    std::exception_ptr failure;
-    std::thread run([&] {
-        try {
-            outcome = backUp(core.handle(), request);
-        } catch (...) {
-            failure = std::current_exception();
-        }
-        const std::lock_guard<std::mutex> lock(mutex);
-        done = true;
-        ended.notify_one();
-    });
+    PluginHostQuietSystemLog();
+    std::vector<const char*> dataTypes;
+    for (const std::string& type : request.dataTypes) dataTypes.push_back(type.c_str());
+    dataTypes.push_back(nullptr);
 
-    bool stopSent = false;
-    const auto report = [&] {
-        TextBuffer error;
-        double items = 0, bytes = 0;
-        plugin::getProgress(items, bytes, error.text);
-        listener.progress(items, bytes);
-    };
-    Clock::time_point next = Clock::now() + kProgressInterval;
-    for (std::unique_lock<std::mutex> lock(mutex); !done; ended.wait_for(lock, kPollInterval)) {
-        lock.unlock();
-        if (listener.stopRequested()) {
-            TextBuffer error;
-            stopSent = true;
-            // Again where it was too early: a run's beginning clears the stop of an earlier one.
-            if (!Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->isManuallyStopped()) {
-                plugin::stopBackup(core.handle(), error.text);
-            }
-        }
-        if (Clock::now() >= next) {
-            next += kProgressInterval;
-            report();
-        }
-        lock.lock();
+    PluginHostRun run = {};
+    run.device = request.device.c_str();
+    run.databaseName = request.databaseName.c_str();
+    run.authToken = request.authToken.c_str();
+    run.dataTypes = dataTypes.data();
+    run.fromYear = request.fromYear;
+    run.fromMonth = request.fromMonth;
+    run.fromDay = request.fromDay;
+    run.culture = request.culture.c_str();
+    Relay relay(listener);
+    relay.connect(run);
+
+    PluginHostOutcome ended = {};
+    const std::string problem = take(PluginHostBackUp(&run, &ended));
+    RunOutcome outcome;
+    outcome.detail = take(ended.detail);
+    const std::string message = take(ended.message);
+    outcome.items = ended.items;
+    outcome.bytes = ended.bytes;
+    if (!problem.empty()) throw Poco::RuntimeException(problem);
+    relay.rethrow();
+    if (ended.backupStatus == 0) {
+        throw Poco::RuntimeException(message.empty() ? "The plug-in did not say how the run ended."
+                                                     : message);
     }
-    run.join();
-    report();
-    if (failure) std::rethrow_exception(failure);
-    outcome.stopped = stopSent;
-    outcome.detail = stopSent ? "501" : outcome.status == kSuccess ? "" : std::to_string(outcome.status);
+
+    listener.progress(outcome.items, outcome.bytes);
+    outcome.stopped = outcome.detail == kDetailStopped && relay.stopRequested();
+    outcome.errorText = errorTextOf(message);
+    outcome.status = ended.backupStatus == kSuccess ? kSuccess : std::atoi(outcome.detail.c_str());
+    if (outcome.status == kSuccess && ended.backupStatus != kSuccess) outcome.status = kFailed;
     return outcome;
+}
+
+std::vector<std::pair<std::string, std::string>> describePlugin() {
+    PluginHostQuietSystemLog();
+    std::vector<std::pair<std::string, std::string>> lines;
+    const auto add = [](void* context, const char* label, const char* value) {
+        static_cast<decltype(lines)*>(context)->emplace_back(label, value);
+    };
+    const std::string problem = take(PluginHostDescribe(add, &lines));
+    if (!problem.empty()) throw Poco::RuntimeException(problem);
+    return lines;
 }
 
 }  // namespace flickr_app

@@ -3,12 +3,16 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <iostream>
+#include <iterator>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "standin/app/ApplicationFolder.h"
@@ -41,48 +45,59 @@ struct Options {
     std::vector<std::string> media = {"images", "videos"};
     std::string culture;
     std::string database = kDefaultDatabase;
+    std::string pauseWhen;
     bool json = false;
 };
 
 volatile std::sig_atomic_t stopSignals = 0;
+volatile std::sig_atomic_t pauseSignal = 0;
 
-/// SIGINT and SIGTERM are counted while this lives; the run sees to the rest.
-class StopSignals {
+/// While this lives SIGINT and SIGTERM are counted, and SIGUSR1 and SIGUSR2 set and clear the wish for a
+/// pause; the run sees to the rest.
+class RunSignals {
 public:
-    StopSignals() {
+    RunSignals() {
         stopSignals = 0;
+        pauseSignal = 0;
         struct sigaction action {};
-        action.sa_handler = [](int) { stopSignals = stopSignals + 1; };
+        action.sa_handler = [](int signal) {
+            if (signal == SIGUSR1 || signal == SIGUSR2) {
+                pauseSignal = signal == SIGUSR1;
+            } else {
+                stopSignals = stopSignals + 1;
+            }
+        };
         action.sa_flags = SA_RESTART;
         ::sigemptyset(&action.sa_mask);
-        ::sigaction(SIGINT, &action, &interrupt_);
-        ::sigaction(SIGTERM, &action, &terminate_);
+        for (std::size_t i = 0; i < std::size(kSignals); ++i) ::sigaction(kSignals[i], &action, &earlier_[i]);
     }
-    ~StopSignals() {
-        ::sigaction(SIGINT, &interrupt_, nullptr);
-        ::sigaction(SIGTERM, &terminate_, nullptr);
+    ~RunSignals() {
+        for (std::size_t i = 0; i < std::size(kSignals); ++i) ::sigaction(kSignals[i], &earlier_[i], nullptr);
     }
-    StopSignals(const StopSignals&) = delete;
-    StopSignals& operator=(const StopSignals&) = delete;
+    RunSignals(const RunSignals&) = delete;
+    RunSignals& operator=(const RunSignals&) = delete;
 
 private:
-    struct sigaction interrupt_ {};
-    struct sigaction terminate_ {};
+    static constexpr int kSignals[] = {SIGINT, SIGTERM, SIGUSR1, SIGUSR2};
+    struct sigaction earlier_[std::size(kSignals)] = {};
 };
 
 double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-/// Shows a run's progress, and passes on the signals to stop.
+/// Shows a run's progress, and passes on the wishes to pause and to stop.
 class Terminal : public RunListener {
 public:
-    explicit Terminal(ProgressLine& line) : line_(line) {}
+    /// pauseWhen: while that file is there the run pauses; empty for none. beforeResume is called while a
+    /// run that paused is still at rest.
+    Terminal(ProgressLine& line, std::string pauseWhen, std::function<void()> beforeResume)
+        : line_(line), pauseWhen_(std::move(pauseWhen)), beforeResume_(std::move(beforeResume)) {}
 
     void progress(double items, double bytes) override {
         items_ = items;
         bytes_ = bytes;
-        line_.show(secondsSince(start_), items, bytes, stopsSeen_ ? "stopping" : "");
+        show(stopsSeen_ ? "stopping" : "");
     }
 
     bool stopRequested() override {
@@ -95,11 +110,22 @@ public:
         return signals > 0;
     }
 
-    bool pauseRequested() override { return false; }
-    void paused(bool) override {}
+    bool pauseRequested() override {
+        std::error_code ignored;
+        return pauseSignal != 0 || (!pauseWhen_.empty() && std::filesystem::exists(pauseWhen_, ignored));
+    }
+
+    void paused(bool isPaused) override {
+        if (!isPaused) beforeResume_();
+        show(isPaused ? "paused" : "resuming");
+    }
 
 private:
+    void show(const char* note) { line_.show(secondsSince(start_), items_, bytes_, note); }
+
     ProgressLine& line_;
+    const std::string pauseWhen_;
+    const std::function<void()> beforeResume_;
     const Clock::time_point start_ = Clock::now();
     int stopsSeen_ = 0;
     double items_ = 0;
@@ -167,6 +193,14 @@ void addDamage(BackupDatabase& database, const DeviceLayout& layout,
     }
 }
 
+/// Adds to the journal of a resumed run what its earlier passes did. What failed in them was tried again, and
+/// what they fetched is unchanged in the last one.
+void addEarlierPasses(long newItems, long editedItems, Norvale_Plugin_Core::RunSummary& summary) {
+    summary.newItems += newItems;
+    summary.editedItems += editedItems;
+    summary.unchangedItems = std::max(0L, summary.unchangedItems - newItems - editedItems);
+}
+
 int run(const Options& options) {
     RunRequest request;
     readDate(options.from, request);
@@ -179,7 +213,7 @@ int run(const Options& options) {
     request.culture = layout.culture;
     Norvale_Plugin_Core::setLogSecrets({credentials.token, credentials.apiKey, credentials.apiSecret});
 
-    const StopSignals signals;
+    const RunSignals signals;
     const Norvale_Plugin_Core::DeviceLock lock(layout.device);
     BackupDatabase database(layout.databasePath);
     refuseLostFiles(database, layout);
@@ -195,12 +229,20 @@ int run(const Options& options) {
     report.log = logFile();
     Norvale_Plugin_Core::RunJournal::instance().begin();
     const Clock::time_point start = Clock::now();
+    long newItems = 0, editedItems = 0;  // of the passes before a pause
     {
         ProgressLine line(std::cerr, ::isatty(STDERR_FILENO));
-        Terminal terminal(line);
+        Terminal terminal(line, options.pauseWhen, [&] {
+            const auto pass = Norvale_Plugin_Core::RunJournal::instance().summary();
+            newItems += pass.newItems;
+            editedItems += pass.editedItems;
+            recover();
+        });
         report.outcome = performRun(request, terminal);
     }
     report.done = Norvale_Plugin_Core::RunJournal::instance().summary();
+    report.done.bytes = report.outcome.bytes;
+    addEarlierPasses(newItems, editedItems, report.done);
     try {
         recover();
         if (!report.outcome.stopped) addDamage(database, layout, report.done);
@@ -238,11 +280,13 @@ void addRunCommand(CLI::App& program, int& status) {
     command->add_option("--database", options->database, "The metadata database's name under the device")
         ->type_name("NAME")
         ->capture_default_str();
+    command->add_option("--pause-when", options->pauseWhen, "Pause while this file exists")
+        ->type_name("FILE");
     command->add_flag("--json", options->json, "Print the summary as one JSON object");
     command->footer(
         "Progress goes to standard error, the summary to standard output. SIGINT (Ctrl-C) and SIGTERM stop\n"
-        "the run; the next one goes on from there. Exit status: 0 complete, 1 failed or something is not\n"
-        "backed up, 2 wrong usage, 130 stopped.\n"
+        "the run; the next one goes on from there. SIGUSR1 pauses the run, SIGUSR2 resumes it. Exit status:\n"
+        "0 complete, 1 failed or something is not backed up, 2 wrong usage, 130 stopped.\n"
         "\n"
         "Example:\n"
         "  flickr-backup run --device /media/usb --credentials ~/.flickr.ini --from 2015-06-01");

@@ -29,6 +29,7 @@ int main(int argc, char** argv) {
     flickr_app::addRunCommand(program, status);
     flickr_app::addStatusCommand(program, status);
     flickr_app::addVerifyCommand(program, status);
+    flickr_app::addInfoCommand(program, status);
     try {
         program.parse(argc, argv);
         return status;

@@ -7,7 +7,7 @@
 
 @interface NVHLLogger (HostLog)
 
-/// The last message of any logger; nil when there is none since forgetLastMessage.
+/// The last message of any logger or exception manager; nil when there is none since forgetLastMessage.
 + (NSString*)lastMessage;
 + (void)forgetLastMessage;
 

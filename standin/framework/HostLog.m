@@ -6,14 +6,18 @@
 
 static NSString* lastMessage = nil;
 
-@implementation NVHLLogger
-
-- (void)logMessage:(NSString*)message {
-    if (message == nil) return;
+static void rememberMessage(NSString* message) {
     @synchronized([NVHLLogger class]) {
         [lastMessage release];
         lastMessage = [message copy];
     }
+}
+
+@implementation NVHLLogger
+
+- (void)logMessage:(NSString*)message {
+    if (message == nil) return;
+    rememberMessage(message);
     NVWriteLog(0, [message UTF8String], __FILE__, __LINE__);
 }
 
@@ -28,10 +32,7 @@ static NSString* lastMessage = nil;
 }
 
 + (void)forgetLastMessage {
-    @synchronized([NVHLLogger class]) {
-        [lastMessage release];
-        lastMessage = nil;
-    }
+    rememberMessage(nil);
 }
 
 @end
@@ -68,6 +69,7 @@ static NSString* lastMessage = nil;
 - (void)logException:(NVHLNSException*)exception {
     NSString* line = [NSString stringWithFormat:@"%@ : %@ : %@", [exception message],
                                                 [[exception exception] name], [[exception exception] reason]];
+    rememberMessage(line);
     NVWriteLog(1, [line UTF8String], __FILE__, __LINE__);
 }
 

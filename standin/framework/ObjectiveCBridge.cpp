@@ -6,6 +6,7 @@
 #include <string>
 
 #include "hostapi/DevLogger.h"
+#include "hostapi/HostServiceUsageParams.h"
 #include "standin/framework/Cipher.h"
 #include "standin/framework/Localisation.h"
 
@@ -50,4 +51,13 @@ char* NVDecrypt(const char* passPhrase, const char* salt, const void* sealed, si
 
 void NVWriteLog(int isFailure, const char* message, const char* sourceFile, int line) {
     DevLogger::writeLog(message, isFailure ? LogLevelFailure : LogLevelInformation, sourceFile, line);
+}
+
+int NVIsBackupStopped(void) {
+    return HostServiceUsageParams::getInstance()->isBackupStopped();
+}
+
+void NVGetTotals(double* items, double* bytes) {
+    *items = HostServiceUsageParams::getInstance()->getTotalCount();
+    *bytes = HostServiceUsageParams::getInstance()->getTotalSize();
 }

@@ -25,6 +25,12 @@ char* NVDecrypt(const char* passPhrase, const char* salt, const void* sealed, si
 /// Writes a line to the developer log, as a failure (level 0) or as information (level 3).
 void NVWriteLog(int isFailure, const char* message, const char* sourceFile, int line);
 
+/// Whether the current run has been told to stop, for a pause or for good.
+int NVIsBackupStopped(void);
+
+/// Items and bytes that the current run has put on the device.
+void NVGetTotals(double* items, double* bytes);
+
 #ifdef __cplusplus
 }
 #endif

@@ -5,6 +5,8 @@
 #import "hostapi/NVServiceSettings.h"
 #import "standin/framework/BandwidthMonitor.h"
 
+NSString* const BackupDidRestNotification = @"BackupDidRest";
+
 @implementation PluginBase
 
 @synthesize baseBackupMetaDataConnectionString = m_pBaseBackupMetaDataConnectionString;
@@ -36,9 +38,14 @@
 }
 
 - (BOOL)shouldBackupPauseForBandwidth {
+    BOOL answer;
     @synchronized(self) {
-        return m_bIsMonitoringBandwidth && m_bIsBandwidthLow;
+        answer = m_bIsMonitoringBandwidth && m_bIsBandwidthLow;
     }
+    if (answer) {
+        [[NSNotificationCenter defaultCenter] postNotificationName:BackupDidRestNotification object:self];
+    }
+    return answer;
 }
 
 @end
