@@ -136,7 +136,8 @@ TEST_F(Run, SpeaksTheExactWire) {
         EXPECT_EQ(request.header("Connection"), "Close");
         EXPECT_THAT(request.header("Host"), StartsWith("127.0.0.1"));
         // A plain transfer names the whole address.
-        if (request.kind != Kind::Rest) EXPECT_THAT(request.target, StartsWith(sim_->baseUrl()));
+        EXPECT_THAT(request.target,
+                    StartsWith(request.kind == Kind::Rest ? "/services/rest/?" : sim_->baseUrl()));
     }
     EXPECT_EQ(sim_->counts().connections, 6u) << "a connection for each request";
 }
@@ -170,7 +171,7 @@ TEST_F(Run, FollowsEditsRenamesAndNewItems) {
 TEST_F(Run, KeepsTheOldVersionWhenATransferFails) {
     struct {
         const char* name;
-        Action action;
+        flickr_sim::Action action;
         bool thumbnail;
     } const faults[] = {
         {"status 503", fault::status(503), false},
@@ -257,7 +258,8 @@ TEST_F(Run, SucceedsThroughEveryHonestDelivery) {
     for (const MediaDelivery& delivery : deliveries) {
         SCOPED_TRACE(&delivery - deliveries.data());
         sim_->setDelivery(delivery);
-        account_.edit(beach_, Content::pattern(100000, ++updated), updated);
+        ++updated;
+        account_.edit(beach_, Content::pattern(100000, 1), updated);
         account_.edit(clip_, Content::bytes(""), updated);
         EXPECT_EQ(run().status, 1);
         expectComplete();
@@ -301,20 +303,24 @@ TEST_F(Run, StopEndsEndlessRedirectsAndSlowBodies) {
     const std::string set = account_.addSet("Trip");
     account_.addItem(set, photo("sunset"));
     serve();
-    const std::pair<Match, Action> traps[] = {
-        {media(), fault::redirectToSelf()},
-        {media(), fault::redirectForever()},
-        {media(), fault::slow(10, std::chrono::milliseconds(20))},
-        {rest("flickr.photosets.getPhotos"), fault::slow(10, std::chrono::milliseconds(20))},
+    struct {
+        const char* name;
+        Match match;
+        flickr_sim::Action action;
+        int stopAfter;  // requests that match
+    } const traps[] = {
+        {"redirect to itself", media(), fault::redirectToSelf(), 30},
+        {"redirects without end", media(), fault::redirectForever(), 30},
+        {"slow media", media(), fault::slow(10, std::chrono::milliseconds(20)), 1},
+        {"slow list", rest("flickr.photosets.getPhotos"), fault::slow(10, std::chrono::milliseconds(20)), 1},
     };
-    for (const auto& [match, action] : traps) {
-        SCOPED_TRACE(&action - &traps[0].second);
+    for (const auto& trap : traps) {
+        SCOPED_TRACE(trap.name);
         sim_->faults().clear();
-        sim_->faults().add(match, always(), action);
+        sim_->faults().add(trap.match, always(), trap.action);
         std::atomic<int> hits{0};
-        const bool redirects = &action - &traps[2].second < 0;
         sim_->onRequest([&](const Request& request) {
-            if (match(request) && ++hits == (redirects ? 30 : 1)) {
+            if (trap.match(request) && ++hits == trap.stopAfter) {
                 std::thread([] {
                     std::this_thread::sleep_for(std::chrono::milliseconds(50));
                     Norvale_Plugin_Flickr::stopBackup(nullptr, nullptr);
@@ -407,7 +413,7 @@ TEST_F(Run, AnswersWithTheRightStatus) {
         const char* name;
         Match match;
         Schedule schedule;
-        Action action;
+        flickr_sim::Action action;
         bool succeeds;
         const char* logged;
     } const cases[] = {
