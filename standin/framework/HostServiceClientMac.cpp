@@ -20,6 +20,7 @@
 #include <map>
 
 #include "hostapi/DevLogger.h"
+#include "hostapi/HostServiceUsageParams.h"
 #include "standin/framework/Checksum.h"
 #include "standin/framework/Device.h"
 #include "standin/framework/ItemRecord.h"
@@ -46,6 +47,15 @@ struct OpenFile {
     std::uint64_t sentSize = 0;
     Checksum checksum;
 };
+
+/// The plug-in makes a set's thumbnail folder together with the set's. When the language has changed since,
+/// or somebody removed the folder, it would be missing for good.
+void makeThumbnailFolder(Device& device, const std::string& folder) {
+    const std::string word = HostServiceUsageParams::getInstance()->getValue("ThumbnailKey");
+    if (folder.empty() || nameOf(folder) != word || device.status(folder)) return;
+    const std::string set = folderOf(folder);
+    if (set.empty() || device.isFolder(set)) device.makeFolder(folder);
+}
 
 std::string newPartName() {
     static std::atomic<unsigned long> counter{0};
@@ -132,6 +142,7 @@ long HostServiceClientMac::openFile(std::string path, long mode, std::string& co
         if (impl_->files.count(mode) != 0) impl_->discard(mode);
         Device& device = impl_->current();
         Device::checkPath(path);
+        makeThumbnailFolder(device, folderOf(path));
         OpenFile open;
         open.path = path;
         open.folder = device.openFolder(folderOf(path));

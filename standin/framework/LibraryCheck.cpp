@@ -45,6 +45,9 @@ private:
         for (const LedgerFile& file : device_.ledger().filesOfItem(row.id)) {
             if (isThumbnailOf(row, file.path) && device_.isFile(file.path)) return file.path;
         }
+        for (const std::string& path : thumbnailCandidates(row)) {
+            if (device_.isFile(path)) return path;
+        }
         return row.thumbnailPath;
     }
 

@@ -87,20 +87,6 @@ std::string fileExtension(const std::string& name) {
     return plausible ? extension : std::string();
 }
 
-/// True for the words that name folders of the system at the root and in every set, in any language: the
-/// language may change from one run to the next.
-bool isSystemWord(const std::string& key) {
-    static const std::set<std::string> kWords = [] {
-        std::set<std::string> words = {nameKey(kNoSetId)};
-        for (const std::string& culture : knownCultures()) {
-            words.insert(nameKey(localisedKeyword(culture, "ThumbnailKey")));
-        }
-        return words;
-    }();
-    return kWords.count(key) != 0 ||
-           key == nameKey(HostServiceUsageParams::getInstance()->getValue("ThumbnailKey"));
-}
-
 /// A safe name of at most limit bytes in all, from title, with suffix before the extension.
 std::string fittedName(const std::string& title, const std::string& suffix, std::size_t limit) {
     std::string name = safeName(title);
@@ -118,7 +104,7 @@ std::string fittedName(const std::string& title, const std::string& suffix, std:
     const std::string key = nameKey(parts.base);
     const bool aside =
         key.size() >= ending.size() && key.compare(key.size() - ending.size(), ending.size(), ending) == 0;
-    if (aside || isSystemWord(nameKey(name))) parts.base += "_";
+    if (aside || isSystemWord(name)) parts.base += "_";
     return safeName(parts.base + parts.extension);
 }
 
@@ -165,6 +151,19 @@ std::string nameKey(const std::string& name) {
 NameParts splitName(const std::string& name) {
     const std::string::size_type dot = std::min(name.rfind('.'), name.size());
     return {name.substr(0, dot), name.substr(dot)};
+}
+
+bool isSystemWord(const std::string& name) {
+    static const std::set<std::string> kWords = [] {
+        std::set<std::string> words = {nameKey(kNoSetId)};
+        for (const std::string& culture : knownCultures()) {
+            words.insert(nameKey(localisedKeyword(culture, "ThumbnailKey")));
+        }
+        return words;
+    }();
+    const std::string key = nameKey(name);
+    return kWords.count(key) != 0 ||
+           key == nameKey(HostServiceUsageParams::getInstance()->getValue("ThumbnailKey"));
 }
 
 std::string itemName(const std::string& title, const std::string& itemId, long number) {

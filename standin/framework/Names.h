@@ -47,6 +47,10 @@ struct NameParts {
 };
 NameParts splitName(const std::string& name);
 
+/// True for the words that name folders of the system at the root and in every set, in any language: the
+/// language may change from one run to the next.
+bool isSystemWord(const std::string& name);
+
 /// A safe name for an item made from title, with the extension kept and room left for what is put to it: a
 /// thumbnail's name holds base, itemId and "_Old" as well. Never begins with a dot, never has a base that
 /// ends in "_Old", and is none of the words that the system needs.

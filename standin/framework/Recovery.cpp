@@ -6,7 +6,7 @@
 //                     the folder gets it back
 //   files             see settleAside() and settleWritten()
 //   made folders      an empty folder that no row names is removed
-//   recorded folders  each exists, with its thumbnail folder, so that new items find their place
+//   recorded folders  each exists, so that new items find their place
 
 #include "standin/framework/Recovery.h"
 
@@ -16,7 +16,6 @@
 #include <optional>
 #include <set>
 
-#include "hostapi/HostServiceUsageParams.h"
 #include "standin/framework/BackupDatabase.h"
 #include "standin/framework/Checksum.h"
 #include "standin/framework/Device.h"
@@ -55,6 +54,7 @@ private:
     bool hasNewVersion(const LedgerFile& aside, const ItemRow& row);
     void rehash(LedgerFile file);
     void remove(const std::string& path);
+    bool isUsedFolder(const std::string& path);
     void removeUnusedFolders();
     void makeRecordedFolders();
 
@@ -73,7 +73,7 @@ void Recovery::adopt(const std::string& path, const std::string& item) {
 void Recovery::adoptFiles() {
     database_.forEachItem([&](const ItemRow& row) {
         adopt(row.mediaPath, row.id);
-        adopt(row.thumbnailPath, row.id);
+        for (const std::string& path : thumbnailCandidates(row)) adopt(path, row.id);
     });
     for (const FolderRow& folder : database_.folders()) {
         if (folder.deviceName.empty() || !device_.isFolder(folder.deviceName)) continue;
@@ -208,10 +208,18 @@ void Recovery::remove(const std::string& path) {
     }
 }
 
+/// True for the folder of a recorded set and for the folders of its thumbnails.
+bool Recovery::isUsedFolder(const std::string& path) {
+    if (!database_.folderIdByDeviceName(path).empty()) return true;
+    const std::string parent = folderOf(path);
+    if (!parent.empty()) return !database_.folderIdByDeviceName(parent).empty();
+    return isSystemWord(path) && !database_.derivedName(kNoSetId).empty();
+}
+
 void Recovery::removeUnusedFolders() {
     for (const LedgerFolder& folder : device_.ledger().pendingFolders()) {
         if (!folder.was.empty()) continue;
-        if (device_.isFolder(folder.path) && database_.folderIdByDeviceName(folder.path).empty()) {
+        if (device_.isFolder(folder.path) && !isUsedFolder(folder.path)) {
             device_.removeRecord(folder.path, kFolderRecord);
             try {
                 device_.removeFolder(folder.path);
@@ -225,13 +233,10 @@ void Recovery::removeUnusedFolders() {
 }
 
 void Recovery::makeRecordedFolders() {
-    const std::string thumbnails = HostServiceUsageParams::getInstance()->getValue("ThumbnailKey");
     for (const FolderRow& folder : database_.folders()) {
-        for (const std::string& path : {folder.deviceName, joinPath(folder.deviceName, thumbnails)}) {
-            if (path.empty() || device_.status(path)) continue;
-            device_.makeFolder(path);
-            device_.ledger().settleFolder(path);
-        }
+        if (folder.deviceName.empty() || device_.status(folder.deviceName)) continue;
+        device_.makeFolder(folder.deviceName);
+        device_.ledger().settleFolder(folder.deviceName);
     }
 }
 
