@@ -8,12 +8,15 @@
 #include <string>
 
 #include "standin/app/Commands.h"
+#include "standin/app/Format.h"
 #include "standin/app/UsageError.h"
 
 namespace {
 
 int fail(const std::string& sentence, int status) {
-    std::cerr << "flickr-backup: " << sentence << std::endl;
+    const std::string line = flickr_app::printable(sentence);
+    const bool ended = !line.empty() && std::string(".!?").find(line.back()) != std::string::npos;
+    std::cerr << "flickr-backup: " << line << (ended ? "" : ".") << std::endl;
     return status;
 }
 
