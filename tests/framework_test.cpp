@@ -1,0 +1,722 @@
+// The stand-in framework by itself: settings, log, names, database, file service and journal.
+
+#include <Poco/Buffer.h>
+#include <Poco/Data/DataException.h>
+#include <Poco/Thread.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "hostapi/CSConfigException.h"
+#include "hostapi/CSNetworkException.h"
+#include "hostapi/DbInterface.h"
+#include "hostapi/DevLogger.h"
+#include "hostapi/HostServiceClientMac.h"
+#include "hostapi/HostServiceUsageParams.h"
+#include "hostapi/ItemDataManager.h"
+#include "hostapi/MediaFolderTemplate.h"
+#include "hostapi/MediaTemplate.h"
+#include "hostapi/PluginCore.h"
+#include "hostapi/Utils.h"
+#include "standin/framework/BackupDatabase.h"
+#include "standin/framework/DeviceLock.h"
+#include "standin/framework/ItemRecord.h"
+#include "standin/framework/LibraryCheck.h"
+#include "standin/framework/Localisation.h"
+#include "standin/framework/LogFile.h"
+#include "standin/framework/Names.h"
+#include "standin/framework/Recovery.h"
+#include "standin/framework/RunJournal.h"
+#include "standin/framework/RunSettings.h"
+#include "standin/framework/Sqlite.h"
+
+namespace fs = std::filesystem;
+using namespace Norvale_Plugin_Core;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace {
+
+std::string read(const fs::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void write(const fs::path& path, const std::string& text) {
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+class FrameworkTest : public testing::Test {
+protected:
+    FrameworkTest() {
+        std::string pattern = (fs::temp_directory_path() / "framework-XXXXXX").string();
+        folder_ = ::mkdtemp(pattern.data());
+        fs::create_directory(folder_ / "service");
+        params_->release();
+        params_->setBackupState(false);
+        params_->setParams((folder_ / "service").string(), "", true, 1, folder_.string());
+        params_->setRetryAttempts("2");
+    }
+    ~FrameworkTest() override {
+        params_->release();
+        fs::remove_all(folder_);
+    }
+
+    fs::path device(const std::string& path) const { return folder_ / "service" / path; }
+
+    /// One file through the service; the answer of the last operation.
+    std::string store(HostServiceClientMac& client, const std::string& path, std::string content,
+                      const std::string& item = "") {
+        std::string metadata;
+        if (!item.empty()) {
+            MediaTemplate record;
+            record.setID(item);
+            record.setPhysicalFileName(path);
+            metadata = ItemDataManager().saveItemData(&record);
+        }
+        client.openFile(path, 7, command_, result_, error_);
+        if (result_ != "SUC") return result_;
+        client.writeFileV2(7, content.data(), static_cast<int>(content.size()), command_, result_, error_);
+        client.closeFile(7, metadata.data(), static_cast<int>(metadata.size()), command_, result_, error_);
+        const std::string closed = result_, reason = error_;
+        if (closed != "SUC") client.deleteFile(7, command_, result_, error_);
+        error_ = reason;
+        return closed;
+    }
+
+    std::set<std::string> files() const {
+        std::set<std::string> names;
+        for (const auto& entry : fs::recursive_directory_iterator(folder_ / "service")) {
+            const std::string name = entry.path().lexically_relative(folder_ / "service").string();
+            if (name.find(".ledger.db") == std::string::npos && !entry.is_directory()) names.insert(name);
+        }
+        return names;
+    }
+
+    fs::path folder_;
+    HostServiceUsageParams* params_ = HostServiceUsageParams::getInstance();
+    std::string command_, result_, error_;
+};
+
+struct Database : DbInterface {
+    explicit Database(const std::string& path) { setConnectionString(path); }
+    int item(const std::string& id, const std::string& set, const std::string& name,
+             const std::string& folder) {
+        return createEntry(id, name, "Set", name, folder, id, set, Poco::DateTime(), Poco::DateTime(),
+                           "FlickrPhoto", "jpg", "", "", "");
+    }
+    int folder(const std::string& id, const std::string& name) {
+        return createEntry(id, name, "Flickr", name, "Flickr", id, "Flickr_ID", Poco::DateTime(),
+                           Poco::DateTime(), "FlickrFolder", "", "", "", "");
+    }
+};
+
+TEST_F(FrameworkTest, MakesEveryTitleASafeNameAndKeepsSafeOnes) {
+    const std::map<std::string, std::string> expected = {
+        {"", "_"},
+        {"...", "_"},
+        {" . ", "_"},
+        {"sunset.jpg", "sunset.jpg"},
+        {"日本 – été 😀.jpg", "日本 – été 😀.jpg"},
+        {".hidden", ".hidden"},
+        {"a/b\\c:d*e?f\"g<h>i|j", "a_b_c_d_e_f_g_h_i_j"},
+        {"../../etc/passwd", ".._.._etc_passwd"},
+        {"tab\tline\nnul" + std::string(1, '\0') + "del\x7f", "tab_line_nul_del_"},
+        {"trailing. . ", "trailing"},
+        {"con", "con_"},
+        {"NUL.tar.gz", "NUL_.tar.gz"},
+        {"Com1 .jpg", "Com1_ .jpg"},
+        {"LPT\u00b2", "LPT\u00b2_"},
+        {"CONSOLE", "CONSOLE"},
+        {"bad\xff\xc3.jpg", "bad__.jpg"},
+        {"\xed\xa0\x80", "___"},
+        {"\xef\xbf\xbf", "_"},
+    };
+    for (const auto& [title, name] : expected) EXPECT_EQ(name, Utils().NormalizeString(title)) << title;
+
+    std::string allBytes;
+    for (int i = 0; i < 256; ++i) allBytes += static_cast<char>(i);
+    for (std::string title :
+         {allBytes, std::string(300, 'x') + ".jpg", std::string(85, 'a') + "\u20ac", std::string(4000, '.'),
+          "é" + std::string(252, 'x') + "éé.jpeg", std::string(250, 'x') + "      .  "}) {
+        for (int cut = 0; cut < 8; ++cut, title.erase(0, 1)) {
+            const std::string name = Utils().NormalizeString(title);
+            EXPECT_EQ(name, Utils().NormalizeString(name));
+            EXPECT_LE(name.size(), kLongestName);
+            EXPECT_EQ(name, validUtf8(name));
+            EXPECT_EQ(std::string::npos, name.find_first_of("/\\:*?\"<>|"));
+        }
+    }
+    EXPECT_EQ(".jpg", Utils().NormalizeString(std::string(300, 'x') + ".jpg").substr(251));
+}
+
+TEST_F(FrameworkTest, GivesNamesThatFitAndNeverClash) {
+    const BackupDatabase open((folder_ / "backup.db").string());
+    Database database(open.path());
+    database.folder("72", "Trip");
+    const auto name = [&](const std::string& title, const std::string& id, const std::string& set = "72") {
+        const std::string given = database.generateFileName(title, "Trip", set, id);
+        EXPECT_EQ(1, database.item(id, set, given, "Trip"));
+        return given;
+    };
+    EXPECT_EQ("a.jpg", name("a.jpg", "1_72"));
+    EXPECT_EQ("A (2).JPG", name("A.JPG", "2_72"));
+    EXPECT_EQ("a (3).jpg", name("a.jpg", "3_72"));
+    EXPECT_EQ("a (3).jpg", name("a.jpg", "3_72")) << "a name that fits is kept";
+    EXPECT_EQ("b.jpg", name("b.jpg", "3_72")) << "and given up when the title changes";
+    EXPECT_EQ("a.jpg", name("a.jpg", "1_73", "73")) << "another set";
+    EXPECT_EQ("\u00e9.jpg", name("\u00e9.jpg", "4_72"));
+    EXPECT_EQ("E\u0301 (2).jpg", name("E\u0301.jpg", "5_72")) << "the same name, decomposed and in capitals";
+    EXPECT_EQ("stra\u00dfe.jpg", name("stra\u00dfe.jpg", "6_72"));
+    EXPECT_EQ("STRASSE (2).jpg", name("STRASSE.jpg", "7_72"));
+    EXPECT_EQ("a_Old_.jpg", name("a_Old.jpg", "8_72"));
+    EXPECT_EQ("a_oLD_.b c", name("a_oLD.b c", "9_72"));
+    EXPECT_EQ("_.jpg", name(".jpg", "10_72"));
+    EXPECT_EQ("_.records", name(".records", "11_72"));
+    EXPECT_EQ("_.part-1", name(".part-1", "12_72"));
+    EXPECT_EQ("thumbnail_", name("thumbnail", "13_72"));
+    EXPECT_EQ("サムネイル_", name("サムネイル", "14_72")) << "whatever the language is";
+
+    // Items in no set stand beside the sets' folders.
+    EXPECT_EQ("TRIP (2)", name("TRIP", "1_Anonymous", "Anonymous"));
+    EXPECT_EQ("trip (3)", database.generateFolderName("trip", "74"));
+    EXPECT_EQ("Anonymous_", database.generateFolderName("Anonymous", "75"));
+    EXPECT_EQ("Trip", database.generateFolderName("Trip", "72"));
+    EXPECT_EQ("COM1_", database.generateFolderName("COM1", "76"));
+
+    const std::string id = "53012345678_72157701234567890";
+    for (const std::string& title :
+         {std::string(400, 'x') + ".jpg", std::string(200, 'x') + "_Old.jpg",
+          "\u20ac" + std::string(120, '.') + std::string(300, 'y'),
+          std::string(60, 'z') + std::string(90, '\xff') + std::string(90, '_') + ".heic"}) {
+        const std::string given = name(title, id);
+        EXPECT_LE((splitName(given).base + "_" + id + "_Old.webp").size(), kLongestName);
+        EXPECT_LE((given + "_Old.xml").size(), kLongestName);
+        EXPECT_EQ(given, database.generateFileName(title, "Trip", "72", id)) << "kept";
+    }
+}
+
+TEST_F(FrameworkTest, AsksLittleForTheThousandthItemOfOneTitle) {
+    BackupDatabase open((folder_ / "backup.db").string());
+    Database database(open.path());
+    std::set<std::string> keys;
+    for (int i = 0; i < 1000; ++i) {
+        const std::string id = std::to_string(i) + "_72";
+        const std::string name = database.generateFileName("Untitled.jpg", "Trip", "72", id);
+        EXPECT_TRUE(keys.insert(nameKey(name)).second) << name;
+        database.item(id, "72", name, "Trip");
+    }
+    EXPECT_EQ(1, keys.count("untitled (1000).jpg"));
+    EXPECT_EQ(1000, database.getTotalCountInContainer("Trip"));
+}
+
+TEST_F(FrameworkTest, CountsAndNamesFollowTheStatementsOfThePlugin) {
+    BackupDatabase open((folder_ / "backup.db").string());
+    Database database(open.path());
+    database.folder("72", "Trip");
+    for (const char* id : {"1_72", "2_72", "3_72"}) database.item(id, "72", std::string(id) + ".jpg", "Trip");
+    database.item("1_72", "72", "renamed.jpg", "Trip");
+    EXPECT_EQ(3, database.getTotalCountInContainer("Trip"));
+
+    SqliteFile plugin(open.path(), SqliteFile::Open::Existing);
+    plugin.execute(
+        "UPDATE backupmetadata SET ItemName = 'Voyage', DerivedItemName = 'Voyage', ItemUpdatedOn = '' "
+        "WHERE OriginalItemId = '72';"
+        "UPDATE backupmetadata SET ItemContainerName = 'Voyage', DerivedContainerName = 'Voyage' "
+        "WHERE OriginalContainerId = '72';"
+        "UPDATE backupmetadata SET DerivedItemName = 'Été.jpg' WHERE ItemId = '2_72';"
+        "DELETE FROM backupmetadata WHERE ItemId = '3_72'");
+    EXPECT_EQ(0, database.getTotalCountInContainer("Trip"));
+    EXPECT_EQ(2, database.getTotalCountInContainer("Voyage"));
+    EXPECT_EQ("été (2).jpg", database.generateFileName("été.jpg", "Voyage", "72", "9_72"));
+    EXPECT_EQ("2_72.jpg", database.generateFileName("2_72.jpg", "Voyage", "72", "9_72")) << "free again";
+    EXPECT_EQ("voyage (2)", database.generateFolderName("voyage", "73"));
+    EXPECT_EQ("", open.integrityProblem());
+
+    const auto folders = open.folders();
+    ASSERT_EQ(1u, folders.size());
+    EXPECT_EQ("Voyage", folders[0].deviceName);
+    EXPECT_EQ(2, folders[0].items);
+    EXPECT_EQ("Voyage/Thumbnail/renamed_1_72.jpg", open.item("1_72")->thumbnailPath);
+
+    for (const char* statement :
+         {"SELECT ItemUpdatedOn FROM backupmetadata WHERE ItemType = 'FlickrLatestBackUpDateTime'",
+          "UPDATE BackupMetaData SET ItemUpdatedOn = 'x' WHERE ItemType = 'FlickrLatestBackUpDateTime'",
+          "SELECT ItemName FROM backupmetadata WHERE ItemId = 'x'",
+          "UPDATE backupmetadata SET ItemName = 'x' WHERE OriginalItemId = 'x'",
+          "UPDATE backupmetadata SET DerivedContainerName = 'x' WHERE OriginalContainerId = 'x'"}) {
+        const auto plan = plugin.prepare((std::string("EXPLAIN QUERY PLAN ") + statement).c_str());
+        while (plan->step()) EXPECT_THAT(plan->text(3), Not(HasSubstr("SCAN"))) << statement;
+    }
+}
+
+TEST_F(FrameworkTest, ReportsDatabasesThatCannotBeUsedAndMakesNone) {
+    write(folder_ / "text.db", std::string(5000, 'x'));
+    SqliteFile((folder_ / "other.db").string(), SqliteFile::Open::OrCreate).execute("CREATE TABLE other (x)");
+    EXPECT_THROW(BackupDatabase((folder_ / "text.db").string()), Poco::Data::DataException);
+    EXPECT_THROW(BackupDatabase((folder_ / "other.db").string()), Poco::DataFormatException);
+    EXPECT_THROW(BackupDatabase((folder_ / "none" / "x.db").string()), Poco::Data::DataException);
+
+    Database database((folder_ / "missing.db").string());
+    EXPECT_EQ("", database.getDerivedItemNamebyID("1"));
+    EXPECT_EQ(0, database.getTotalCountInContainer("Trip"));
+    EXPECT_EQ(0, database.item("1", "72", "a", "Trip"));
+    EXPECT_EQ("a.jpg", database.generateFileName("a.jpg", "Trip", "72", "1"));
+    EXPECT_FALSE(fs::exists(folder_ / "missing.db"));
+    int code = 0;
+    std::string text;
+    params_->getErrorDetails(code, text);
+    EXPECT_GE(code, 2);
+    EXPECT_THAT(text, HasSubstr("getDerivedItemNamebyID"));
+    EXPECT_FALSE(params_->isBackupStopped());
+}
+
+TEST_F(FrameworkTest, ReadsBothFormsOfDatesAndNothingElse) {
+    Database database("");
+    const Poco::DateTime date(2024, 2, 29, 23, 59, 58);
+    EXPECT_EQ("2024-02-29 23:59:58", database.convertToString(date));
+    EXPECT_EQ(date, database.convertToDateTime("2024-02-29 23:59:58"));
+    EXPECT_EQ(Poco::DateTime(2024, 2, 9), database.convertToDateTime("2/9/2024"));
+    for (const char* text : {"", "2023-02-29 00:00:00", "13/1/2024", "1/2", "2/9/2024 ", "x", "2/-9/2024",
+                             "2024-02-29", "00000002/9/2024", "2024-02-29 23:59:58.5"}) {
+        EXPECT_EQ(Poco::DateTime(1970, 1, 1), database.convertToDateTime(text)) << text;
+    }
+    EXPECT_EQ("Thu, 29 Feb 2024 11:59:58 PM", database.createFormattedDate(date));
+    params_->setCulture("ja_JP.UTF-8");
+    EXPECT_EQ("木, 29 2月 2024 11:59:58 午後", database.createFormattedDate(date));
+}
+
+TEST_F(FrameworkTest, RecordsTheFirstErrorAndTellsStopsApart) {
+    int code = 99;
+    std::string text = "x";
+    const auto details = [&] {
+        params_->getErrorDetails(code, text);
+        return code;
+    };
+    EXPECT_EQ(1, details());
+    EXPECT_EQ("", text);
+    params_->setBackupState(true);
+    EXPECT_EQ(0, details());
+    EXPECT_TRUE(params_->isManuallyStopped());
+
+    params_->setBackupState(false);
+    ExceptionHandlerMac handler("Flickr");
+    CSNetworkException network("status 500", 0);
+    handler.handleException(network, "first attempt", 1);
+    EXPECT_EQ(1, details()) << "there is another attempt";
+    handler.handleException(network, "last attempt", 2);
+    EXPECT_EQ(RunErrorNetwork, details());
+    EXPECT_FALSE(params_->isBackupStopped());
+    CSConfigException refused(0);
+    handler.handleException(refused, "Invalid Auth Token", 0);
+    EXPECT_EQ(RunErrorNetwork, details()) << "the first one stays";
+    EXPECT_TRUE(params_->isBackupStopped());
+    EXPECT_FALSE(params_->isManuallyStopped());
+    params_->setBackupState(true);
+    EXPECT_EQ(RunErrorNetwork, details()) << "also after a stop";
+
+    params_->setBackupState(false);
+    EXPECT_FALSE(params_->isBackupStopped());
+    EXPECT_EQ(1, details());
+    handler.handleException(refused, "auth_token=abc refused", 0);
+    EXPECT_EQ(RunErrorAuthorisation, details());
+    EXPECT_EQ("auth_token=*** refused", text);
+    for (const char* attempts : {"-3", "", "many", "9999999999999"}) {
+        params_->setRetryAttempts(attempts);
+        EXPECT_EQ(0, params_->getRetryAttempts()) << attempts;
+    }
+    params_->release();
+    EXPECT_EQ(1, details());
+    EXPECT_EQ("", params_->getPluginRoot());
+}
+
+TEST_F(FrameworkTest, ReadsKeywordsFromPairsAndFromCultures) {
+    params_->setKeywords("ThumbnailKey=Klein/Bild||FlickrKey=||Nonsense||Sun=So||=x||Mon=a=b");
+    EXPECT_EQ("Klein_Bild", params_->getValue("ThumbnailKey"));
+    EXPECT_EQ("My Flickr Items", params_->getValue("FlickrKey")) << "the default for a missing word";
+    EXPECT_EQ("So", params_->getValue("Sun"));
+    EXPECT_EQ("a=b", params_->getValue("Mon"));
+    EXPECT_EQ("", params_->getValue("Unknown"));
+    for (const std::string& culture : knownCultures()) {
+        params_->setCulture(culture);
+        const std::string folder = params_->getValue("FlickrKey");
+        EXPECT_EQ(folder, localisedServiceFolderName(culture));
+        EXPECT_EQ(folder, Utils().NormalizeString(folder));
+        params_->setKeywords(keywordsForCulture(culture));
+        EXPECT_EQ(folder, params_->getValue("FlickrKey"));
+    }
+    EXPECT_EQ(localisedKeyword("de", "ThumbnailKey"), localisedKeyword("de-AT", "ThumbnailKey"));
+    EXPECT_EQ("Thumbnail", localisedKeyword("xx", "ThumbnailKey"));
+}
+
+TEST_F(FrameworkTest, WritesOneLineForEachCallAndNoSecrets) {
+    const std::string log = (folder_ / "dev.log").string();
+    nameLogFile(log);
+    setLogSecrets({"s3cr/t", "s3cr/t-and-more", ""});
+    constexpr int kThreads = 4, kLines = 200;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([] {
+            for (int line = 0; line < kLines; ++line) {
+                DevLogger::writeLog(
+                    "evil\nline\r\x1b[31m \xff\u202e\u2028\\ s3cr/t s3cr/t-and-more s3cr%2Ft "
+                    "GET /?api_key=KEY&auth_token=TOK&api_sig=SIG& end",
+                    LogLevelFailure, "core/x.cpp", 12);
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    std::istringstream lines(read(log));
+    int count = 0;
+    for (std::string line; std::getline(lines, line); ++count) {
+        EXPECT_THAT(line,
+                    testing::EndsWith(
+                        " FAIL core/x.cpp:12 evil\\nline\\r\\x1b[31m \\xff\\u{202e}\\u{2028}\\\\ *** *** *** "
+                        "GET /?api_key=***&auth_token=***&api_sig=***& end"));
+    }
+    EXPECT_EQ(kThreads * kLines, count);
+
+    for (int i = 0; i < 2000; ++i) {
+        DevLogger::writeLog(std::string(20000, 'x'), LogLevelInformation, nullptr, 0);
+    }
+    EXPECT_LE(fs::file_size(log), 10u << 20);
+    EXPECT_LE(fs::file_size(log + ".2"), 10u << 20);
+    EXPECT_FALSE(fs::exists(log + ".3"));
+    nameLogFile((folder_ / "none" / "x.log").string());
+    DevLogger::writeLog("dropped", LogLevelInformation, "x", 1);
+    setLogSecrets({});
+}
+
+TEST_F(FrameworkTest, AnswersFromTheConfigurationWithinTheBuffers) {
+    const std::string path = (folder_ / "config.xml").string();
+    write(path, "<config><plugin><name> Flickr ${x} </name><CEK/><long>" + std::string(2046, 'x') +
+                    "\u20ac</long></plugin></config>");
+    PluginCore core(path, (folder_ / "log").string());
+    std::string buffer(2049, '#');
+    char error[2048] = "";
+    EXPECT_EQ(1, core.getName(buffer.data(), error));
+    EXPECT_STREQ("Flickr ${x}", buffer.c_str());
+    EXPECT_EQ(1, core.getValueString("plugin.CEK", buffer.data(), nullptr));
+    EXPECT_STREQ("", buffer.c_str());
+    EXPECT_EQ(1, core.getValueString("plugin.long", buffer.data(), error));
+    EXPECT_EQ(std::string(2046, 'x'), buffer.c_str()) << "cut between two characters";
+    EXPECT_EQ('#', buffer[2048]);
+    EXPECT_NE(1, core.getVersion(buffer.data(), nullptr));
+    EXPECT_NE(1, core.getVersion(buffer.data(), error));
+    EXPECT_THAT(error, HasSubstr("plugin.version"));
+    EXPECT_EQ(1, core.getExceptionCode());
+    CSConfigException refused(0);
+    core.handleException("Flickr", refused, "went wrong");
+    EXPECT_EQ(RunErrorAuthorisation, core.getExceptionCode());
+    EXPECT_EQ("went wrong", core.getExceptionDetails());
+
+    write(path, "<config><plugin>");
+    PluginCore broken(path, "/nowhere/log");
+    EXPECT_NE(1, broken.getName(buffer.data(), error));
+    EXPECT_THAT(error, HasSubstr(path));
+}
+
+TEST_F(FrameworkTest, KnowsPicturesByTheirFirstBytes) {
+    const std::pair<std::string, const char*> cases[] = {
+        {"\xff\xd8\xff\xe0", "jpg"},
+        {"\x89PNG\r\n\x1a\n...", "png"},
+        {"GIF89a", "gif"},
+        {"RIFF....WEBPVP8 ", "webp"},
+        {"RIFF....WAVE", "jpg"},
+        {std::string("II*\0", 4), "tif"},
+        {"....ftypheic", "heic"},
+        {"....ftypisom", "jpg"},
+        {"", "jpg"},
+        {"RIFF", "jpg"},
+    };
+    for (const auto& [bytes, extension] : cases) {
+        Poco::Buffer<char> buffer(bytes.data(), bytes.size());
+        EXPECT_EQ(extension, Utils().getImageExtension(buffer)) << bytes;
+    }
+}
+
+TEST_F(FrameworkTest, KeepsEverythingInsideTheServiceFolder) {
+    fs::create_directory(folder_ / "outside");
+    write(folder_ / "outside/file", "precious");
+    fs::create_directory_symlink(folder_ / "outside", device("link"));
+    fs::create_symlink(folder_ / "outside/file", device("filelink"));
+    HostServiceClientMac client;
+    client.createDirectory("Trip", command_, result_, error_);
+    ASSERT_EQ("SUC", result_) << error_;
+    for (const std::string path : {"/etc/passwd", "../outside/new", "Trip/../../outside/new", "Trip/./x",
+                                   "Trip//x", "", "Trip/", "link/new", "filelink", ".records/x", ".RECORDS/x",
+                                   "Trip/.part-9", "Trip/.records/.folder.xml", ".."}) {
+        EXPECT_NE("SUC", store(client, path, "evil", "1")) << path;
+        EXPECT_NE("", error_);
+        client.createDirectory(path, command_, result_, error_);
+        EXPECT_NE("SUC", result_) << path;
+        client.deleteFile(path, command_, result_, error_);
+        EXPECT_NE("SUC", result_) << path;
+        client.renameDirectory("Trip", path, command_, result_, error_);
+        EXPECT_NE("SUC", result_) << path;
+    }
+    EXPECT_NE("SUC", store(client, std::string("Trip/a\0/b", 9), "evil", "1"));
+    EXPECT_NE("SUC", store(client, "Trip/" + std::string(256, 'x'), "evil", "1"));
+    EXPECT_EQ("precious", read(folder_ / "outside/file"));
+    EXPECT_EQ(1, std::distance(fs::directory_iterator(folder_ / "outside"), fs::directory_iterator()));
+    EXPECT_THAT(files(), ElementsAre("filelink"));
+}
+
+TEST_F(FrameworkTest, ShowsAFileUnderItsNameOnlyWhenItIsComplete) {
+    std::string data = "half";
+    {
+        HostServiceClientMac client;
+        client.openFile("a.jpg", 999, command_, result_, error_);
+        client.writeFileV2(999, data.data(), 4, command_, result_, error_);
+        EXPECT_EQ("SUC", result_) << error_;
+        EXPECT_FALSE(fs::exists(device("a.jpg")));
+        HostServiceClientMac other;
+        other.writeFileV2(999, data.data(), 4, command_, result_, error_);
+        EXPECT_NE("SUC", result_) << "handles belong to their client";
+        client.openFile("b.jpg", 999, command_, result_, error_);
+        EXPECT_EQ("SUC", result_) << "the one before is discarded";
+    }
+    EXPECT_THAT(files(), IsEmpty()) << "discarded with the client";
+    EXPECT_EQ(8, params_->getTotalSize() * 2);
+    EXPECT_EQ(0, params_->getTotalCount());
+
+    HostServiceClientMac client;
+    EXPECT_EQ("SUC", store(client, "a.jpg", "whole", "1"));
+    EXPECT_EQ(1, params_->getTotalCount());
+    client.deleteFile(7, command_, result_, error_);
+    EXPECT_NE("SUC", result_) << "closed already";
+    EXPECT_EQ("SUC", store(client, "a.jpg", "newer", "1")) << "the same item's";
+    EXPECT_NE("SUC", store(client, "a.jpg", "other", "2"));
+    EXPECT_EQ("newer", read(device("a.jpg")));
+    EXPECT_EQ("1", recordField(read(device(".records/a.jpg.xml")), "ID")) << "the refused one left no record";
+    EXPECT_THAT(files(), ElementsAre(".records/a.jpg.xml", "a.jpg"));
+}
+
+TEST_F(FrameworkTest, LeavesForeignFilesAlone) {
+    const BackupDatabase open((folder_ / "backup.db").string());
+    Database database(open.path());
+    HostServiceClientMac client;
+    client.createDirectory("Trip", command_, result_, error_);
+    client.createDirectory("Trip", command_, result_, error_);
+    EXPECT_EQ("SUC", result_) << "once more is no failure";
+    fs::create_directory(device("Mine"));
+    for (const char* path : {"Trip/mine.jpg", "Trip/a_Old.jpg", "Mine/x"}) write(device(path), "mine");
+
+    EXPECT_EQ("mine (2).jpg", database.generateFileName("mine.jpg", "Trip", "72", "1"));
+    EXPECT_EQ("Mine (2)", database.generateFolderName("Mine", "72"));
+    EXPECT_EQ("Trip", database.generateFolderName("Trip", "72")) << "made by a run that was cut off";
+    EXPECT_NE("SUC", store(client, "Trip/mine.jpg", "evil", "1"));
+    ASSERT_EQ("SUC", store(client, "Trip/a.jpg", "ours", "1"));
+    const auto refused = [&](auto operation) {
+        operation();
+        EXPECT_NE("SUC", result_);
+        EXPECT_NE("", error_);
+    };
+    refused([&] { client.renameFile("Trip/a.jpg", "Trip/a_Old.jpg", command_, result_, error_); });
+    refused([&] { client.renameFile("Trip/mine.jpg", "Trip/b.jpg", command_, result_, error_); });
+    refused([&] { client.deleteFile("Trip/a_Old.jpg", command_, result_, error_); });
+    refused([&] { client.deleteFile("Trip/none", command_, result_, error_); });
+    refused([&] { client.renameDirectory("Trip", "Mine", command_, result_, error_); });
+    refused([&] { client.renameDirectory("None", "New", command_, result_, error_); });
+    refused([&] { client.deleteDirectory("Trip", command_, result_, error_); });
+    refused([&] { client.createDirectory("Trip/mine.jpg", command_, result_, error_); });
+    EXPECT_EQ("a.jpg", database.generateFileName("a.jpg", "Trip", "72", "1")) << "its own leftover";
+    EXPECT_EQ("a (2).jpg", database.generateFileName("a.jpg", "Trip", "72", "2"));
+    EXPECT_EQ("ours", read(device("Trip/a.jpg")));
+    EXPECT_EQ("mine", read(device("Trip/a_Old.jpg")));
+
+    client.renameDirectory("Trip", "Voyage", command_, result_, error_);
+    EXPECT_EQ("SUC", result_) << error_;
+    EXPECT_EQ("a.jpg", recordField(read(device("Voyage/.records/a.jpg.xml")), "PhysicalFileName"));
+    client.deleteFile("Voyage/a.jpg", command_, result_, error_);
+    EXPECT_EQ("SUC", result_) << error_;
+    EXPECT_FALSE(fs::exists(device("Voyage/.records/a.jpg.xml")));
+    client.createDirectory("Empty", command_, result_, error_);
+    client.deleteDirectory("Empty", command_, result_, error_);
+    EXPECT_EQ("SUC", result_) << error_;
+}
+
+TEST_F(FrameworkTest, KeepsFolderRecordsThatSayMore) {
+    HostServiceClientMac client;
+    client.createDirectory("Trip & more", command_, result_, error_);
+    MediaFolderTemplate record;
+    record.setID("72");
+    record.setPhysicalFileName("Trip & more");
+    record.setLatestUpdatedDate("now");
+    const auto place = [&](const std::string& latest) {
+        record.setLatestUpdatedItem(latest);
+        client.writeFolderDataXML(params_->getPluginRoot() + "/", ItemDataManager().saveItemData(&record),
+                                  "");
+        return read(device("Trip & more/.records/.folder.xml"));
+    };
+    EXPECT_EQ("", recordField(place(""), "LatestUpdatedDate")) << "no trace of the moment of the run";
+    EXPECT_EQ("<a>\"\r.jpg", recordField(place("<a>\"\r.jpg"), "LatestUpdatedItem"));
+    EXPECT_EQ("<a>\"\r.jpg", recordField(place(""), "LatestUpdatedItem"));
+    record.setPhysicalFileName("Never made");
+    place("x");
+    EXPECT_FALSE(fs::exists(device("Never made")));
+}
+
+TEST_F(FrameworkTest, ChecksTheLibrary) {
+    BackupDatabase open((folder_ / "service/backup.db").string());
+    Database database(open.path());
+    HostServiceClientMac client;
+    database.folder("72", "Trip");
+    client.createDirectory("Trip", command_, result_, error_);
+    client.createDirectory("Trip/Thumbnail", command_, result_, error_);
+    for (const std::string id : {"1", "2", "3"}) {
+        ASSERT_EQ("SUC", store(client, "Trip/" + id + ".jpg", "content", id));
+        ASSERT_EQ("SUC", store(client, "Trip/Thumbnail/" + id + "_" + id + ".png", "thumb"));
+        database.item(id, "72", id + ".jpg", "Trip");  // the rows say "jpg"
+    }
+    LibraryReport report = verifyLibrary(open, device("").string());
+    EXPECT_TRUE(report.agrees());
+    EXPECT_EQ(6, report.files);
+    EXPECT_EQ(0, report.withoutChecksum);
+    EXPECT_EQ(36u, report.folderBytes["Trip"]);
+
+    write(device("Trip/1.jpg"), "c0ntent");
+    write(device("Trip/2.jpg"), "short");
+    write(device("Trip/new"), "");
+    fs::remove(device("Trip/Thumbnail/3_3.png"));
+    report = verifyLibrary(open, device("").string());
+    EXPECT_THAT(report.altered, ElementsAre("Trip/1.jpg", "Trip/2.jpg"));
+    EXPECT_THAT(report.missing, ElementsAre("Trip/Thumbnail/3_3.jpg"));
+    EXPECT_THAT(report.unrecorded, ElementsAre("Trip/new"));
+    EXPECT_THAT(compareLibrary(open, device("").string()).altered, ElementsAre("Trip/2.jpg"));
+    EXPECT_THROW(compareLibrary(open, (folder_ / "none").string()), Poco::Exception);
+}
+
+TEST_F(FrameworkTest, TakesInTheFilesOfALostLedger) {
+    BackupDatabase open((folder_ / "backup.db").string());
+    Database database(open.path());
+    database.folder("72", "Trip");
+    database.item("1", "72", "a.jpg", "Trip");
+    fs::create_directories(device("Trip/Miniaturbild"));
+    write(device("Trip/a.jpg"), "old");
+    write(device("Trip/Miniaturbild/a_1.jpg"), "old");
+    write(device("Trip/foreign.jpg"), "mine");
+    EXPECT_EQ(2, recoverDevice(open, device("").string()).adopted);
+    EXPECT_EQ(2, verifyLibrary(open, device("").string()).withoutChecksum);
+    HostServiceClientMac client;
+    client.renameFile("Trip/a.jpg", "Trip/a_Old.jpg", command_, result_, error_);
+    EXPECT_EQ("SUC", result_) << error_;
+    client.deleteFile("Trip/foreign.jpg", command_, result_, error_);
+    EXPECT_NE("SUC", result_);
+}
+
+TEST_F(FrameworkTest, LetsOneRunAtATimeUseADevice) {
+    auto first = std::make_unique<DeviceLock>(folder_.string());
+    const auto refusal = [&]() -> std::string {
+        try {
+            DeviceLock second(folder_.string());
+            return "";
+        } catch (Poco::Exception& exception) {
+            return exception.message();
+        }
+    };
+    EXPECT_THAT(refusal(), HasSubstr("Another backup"));
+    first.reset();
+    EXPECT_EQ("", refusal());
+    if (::fork() == 0) {
+        new DeviceLock(folder_.string());
+        ::kill(::getpid(), SIGKILL);
+    }
+    ::wait(nullptr);
+    EXPECT_EQ("", refusal()) << "the holder was killed";
+    EXPECT_THROW(DeviceLock((folder_ / "none").string()), Poco::Exception);
+}
+
+TEST_F(FrameworkTest, TellsWhatBecameOfEachItem) {
+    RunJournal& journal = RunJournal::instance();
+    const auto log = [](const std::string& line) {
+        DevLogger::writeLog(line, LogLevelInformation, __FILE__, __LINE__);
+    };
+    const auto end = [&](const std::string& name) {
+        log("Closed socket connection for activity to download photo -" + name);
+    };
+    ExceptionHandlerMac handler("Flickr");
+    CSNetworkException network("reset", 0);
+    EXPECT_THAT(journal.summary().errors, ElementsAre("The list of photo sets was not fetched"));
+    log("Available new/updated photo sets to process: 2");
+    EXPECT_TRUE(journal.summary().complete());
+
+    log("Processing Photo Set: Trip");
+    log("Getting Photo List Attempt - 1");
+    log("*********************** Photo Started**************************");
+    Utils().NormalizeString("left out at first");
+    handler.handleException(network, "Exception occurred in getPhotoInformation() : reset", 2);
+    handler.handleException(network, "Exception occurred in DownloadPhotoListActivity::getPhotoList(): reset",
+                            1);
+    log("Getting Photo List Attempt - 2");
+    log("*********************** Photo Started**************************");
+    Utils().NormalizeString("left out");
+    handler.handleException(network, "Exception occurred in getPhotoInformation() : reset", 2);
+    log("Available new/updated media to process: 4");
+    log("Photo - is edited, Downloading again. already backed up no change, continuing to next photo");
+
+    HostServiceClientMac client;
+    store(client, "good.jpg", "x", "1");
+    store(client, "Thumbnail/good_1.jpg", "x");
+    log("good.jpg successfully downloaded.");
+    end("good.jpg");
+    log("Photo - edited.jpg is edited, Downloading again.");
+    store(client, "edited.jpg", "x", "2");
+    log("edited.jpg successfully downloaded.");
+    end("edited.jpg");
+    store(client, "short.jpg", "x", "3");
+    log("Response Status - 302 Redirecting to - http://x/?auth_token=t");
+    log("another.jpg successfully downloaded.");  // a title cannot pass for the line
+    log("Data written is not the same as content length ");
+    end("short.jpg");
+    store(client, "none/x.jpg", "x", "4");
+    end("x.jpg");
+    log("Unable to rename photoSet - Trip to Voyage");
+    end("never tried.jpg");
+    params_->setBackupState(true);
+    store(client, "cut.jpg", "x", "5");
+    end("cut.jpg");
+
+    const RunSummary summary = journal.summary();
+    EXPECT_EQ(1, summary.newItems);
+    EXPECT_EQ(1, summary.editedItems);
+    EXPECT_EQ(1, summary.unchangedItems);
+    EXPECT_EQ(1, summary.interruptedItems);
+    std::vector<std::string> failures;
+    for (const Failure& failure : summary.failures) {
+        EXPECT_EQ("Trip", failure.set);
+        failures.push_back(failure.name + ": " + failure.reason);
+    }
+    EXPECT_THAT(
+        failures,
+        ElementsAre(HasSubstr("left out: "), HasSubstr("short.jpg: The transfer ended early"),
+                    HasSubstr("x.jpg: Cannot open the folder \"none\""), HasSubstr("Trip to Voyage: "),
+                    HasSubstr("never tried.jpg: No attempt was made")));
+
+    journal.begin();
+    params_->setBackupState(false);
+    log("Available new/updated photo sets to process: 2");
+    log("Processing Photo Set: Trip");
+    log("Available new/updated media to process: 0");
+    log("Processing Photo Set: Home");
+    log("Getting Photo List Attempt - 1");
+    handler.handleException(network, "Exception occurred in DownloadPhotoListActivity::getPhotoList(): 500",
+                            2);
+    log("Available new/updated media to process: 0");
+    ASSERT_EQ(2u, journal.summary().failures.size());
+    EXPECT_THAT(journal.summary().failures[0].reason, HasSubstr("attempts is 0"));
+    EXPECT_EQ("Home", journal.summary().failures[1].set);
+    EXPECT_THAT(journal.summary().failures[1].reason, HasSubstr("500"));
+}
+
+}  // namespace
