@@ -7,6 +7,7 @@
 #include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPResponse.h>
 #include <Poco/Net/HTTPStreamFactory.h>
+#include <Poco/Net/NetException.h>
 #include <Poco/URI.h>
 #include <Poco/URIStreamOpener.h>
 
@@ -38,6 +39,7 @@ bool isRedirect(HTTPResponse::HTTPStatus status) {
 
 /// The address to which a redirect leads, RFC 3986 section 5. An absolute one is kept as it was written.
 std::string resolve(const Poco::URI& base, const std::string& location) {
+    if (location.empty()) throw Poco::Net::MessageException("a redirect leads nowhere");
     if (location.compare(0, 2, "//") == 0) return base.getScheme() + ":" + location;
     if (!Poco::URI(location).isRelative()) return location;
     Poco::URI resolved(base);
