@@ -86,8 +86,10 @@ struct HostServiceClientMac::Impl {
 
     void discard(long handle) {
         OpenFile& open = file(handle);
-        ::unlinkat(open.folder.get(), nameOf(open.partPath).c_str(), 0);
-        device->ledger().erasePartLater(open.partPath);
+        // On a device that fails it stays noted, for the next run to remove.
+        const bool gone =
+            ::unlinkat(open.folder.get(), nameOf(open.partPath).c_str(), 0) == 0 || errno == ENOENT;
+        if (gone) device->ledger().erasePartLater(open.partPath);
         files.erase(handle);
     }
 

@@ -134,10 +134,11 @@ void Recovery::settleAside(const LedgerFile& file, const std::optional<ItemRow>&
     if (!device_.isFile(file.path)) {
         // Either it was never moved, or it is gone.
         if (device_.isFile(before) && !ledger.file(before)) {
+            device_.moveRecord(file.path, before);
             ledger.moveFile(file.path, before, "");
             ledger.setPending(before, 0);
         } else {
-            ledger.eraseFile(file.path);
+            remove(file.path);
         }
         return;
     }
@@ -163,8 +164,7 @@ bool Recovery::hasNewVersion(const LedgerFile& aside, const ItemRow& row) {
 /// A file that was written and may not be recorded.
 void Recovery::settleWritten(const LedgerFile& file, const std::optional<ItemRow>& row) {
     if (!device_.isFile(file.path)) {
-        device_.removeRecord(folderOf(file.path), nameOf(file.path) + kRecordExtension);
-        device_.ledger().eraseFile(file.path);
+        remove(file.path);
         return;
     }
     const bool thumbnail = row && isThumbnailOf(*row, file.path);
@@ -173,8 +173,8 @@ void Recovery::settleWritten(const LedgerFile& file, const std::optional<ItemRow
         return;
     }
     if (file.pending == 2) rehash(file);
-    device_.ledger().setPending(file.path, 0);
     if (thumbnail) settleThumbnail(file, *row);
+    device_.ledger().setPending(file.path, 0);
 }
 
 /// The item's row gets the extension that its thumbnail has; thumbnails with other extensions, or in the
@@ -199,13 +199,18 @@ void Recovery::rehash(LedgerFile file) {
     device_.ledger().putFile(file);
 }
 
+/// Removes the file, if there is one, with its record and its row.
 void Recovery::remove(const std::string& path) {
     if (device_.isFile(path)) {
         device_.removeFile(path);
         ++report_.removed;
-    } else {
-        device_.ledger().eraseFile(path);
+        return;
     }
+    const std::string folder = folderOf(path);
+    if (folder.empty() || device_.isFolder(folder)) {
+        device_.removeRecord(folder, nameOf(path) + kRecordExtension);
+    }
+    device_.ledger().eraseFile(path);
 }
 
 /// True for the folder of a recorded set and for the folders of its thumbnails.

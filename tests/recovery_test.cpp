@@ -1,0 +1,511 @@
+// Kills and failing calls, at every call that changes a device: a small account is backed up with the
+// plug-in's own sequence of operations, changed, and backed up again by a process that is killed, or whose
+// calls fail, from the n-th call on.
+//
+// The calls are counted by functions of this program that stand in front of the C library's.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <vector>
+
+#include "hostapi/DbInterface.h"
+#include "hostapi/HostServiceClientMac.h"
+#include "hostapi/HostServiceUsageParams.h"
+#include "hostapi/ItemDataManager.h"
+#include "hostapi/MediaFolderTemplate.h"
+#include "hostapi/MediaTemplate.h"
+#include "hostapi/Utils.h"
+#include "standin/framework/BackupDatabase.h"
+#include "standin/framework/LibraryCheck.h"
+#include "standin/framework/Recovery.h"
+#include "standin/framework/RunError.h"
+#include "standin/framework/Sqlite.h"
+
+namespace fs = std::filesystem;
+using namespace Norvale_Plugin_Core;
+
+namespace {
+
+long callsLeft = -1;  // calls that still succeed; -1 for all
+int failure = 0;      // error number of the calls after them; 0 to be killed
+bool haveFailed = false;
+
+bool fails() {
+    if (callsLeft < 0) return false;
+    if (callsLeft > 0) {
+        --callsLeft;
+        return false;
+    }
+    if (failure == 0) ::kill(::getpid(), SIGKILL);
+    haveFailed = true;
+    errno = failure;
+    return true;
+}
+
+}  // namespace
+
+extern "C" {
+// SQLite's own name for it, whatever this program calls it.
+ssize_t narrowPwrite(int file, const void* data, size_t size, off_t at) asm("pwrite");
+ssize_t narrowPwrite(int file, const void* data, size_t size, off_t at) {
+    return fails() ? -1 : ::syscall(SYS_pwrite64, file, data, size, at);
+}
+ssize_t write(int file, const void* data, size_t size) {
+    return file > 2 && fails() ? -1 : ::syscall(SYS_write, file, data, size);
+}
+ssize_t pwrite64(int file, const void* data, size_t size, off64_t at) {
+    return fails() ? -1 : ::syscall(SYS_pwrite64, file, data, size, at);
+}
+int fsync(int file) {
+    return fails() ? -1 : static_cast<int>(::syscall(SYS_fsync, file));
+}
+int fdatasync(int file) {
+    return fails() ? -1 : static_cast<int>(::syscall(SYS_fdatasync, file));
+}
+int mkdirat(int folder, const char* name, mode_t mode) {
+    return fails() ? -1 : static_cast<int>(::syscall(SYS_mkdirat, folder, name, mode));
+}
+int unlinkat(int folder, const char* name, int flags) {
+    return fails() ? -1 : static_cast<int>(::syscall(SYS_unlinkat, folder, name, flags));
+}
+int renameat(int from, const char* name, int to, const char* newName) {
+    return fails() ? -1 : static_cast<int>(::syscall(SYS_renameat, from, name, to, newName));
+}
+int renameat2(int from, const char* name, int to, const char* newName, unsigned flags) {
+    return fails() ? -1 : static_cast<int>(::syscall(SYS_renameat2, from, name, to, newName, flags));
+}
+int openat(int folder, const char* name, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const int mode = va_arg(arguments, int);
+    va_end(arguments);
+    return (flags & O_CREAT) && fails() ? -1
+                                        : static_cast<int>(::syscall(SYS_openat, folder, name, flags, mode));
+}
+}
+
+namespace {
+
+struct Item {
+    std::string id, title, updated;
+    std::string thumbnailExtension = "jpg";
+};
+struct Set {
+    std::string id, title;
+    std::vector<Item> items;
+};
+using Account = std::vector<Set>;
+
+std::string contentOf(const Item& item) {
+    return std::string(30, item.id[0]) + item.updated;
+}
+
+/// The plug-in's sequence of operations for an account.
+class Plugin {
+public:
+    explicit Plugin(std::string database) : path_(std::move(database)) {
+        database_.setConnectionString(path_);
+    }
+
+    bool failThumbnails = false;
+
+    void backUp(const Account& account) {
+        for (const Set& set : account) backUpSet(set);
+    }
+
+private:
+    void sql(const std::string& statements) {
+        try {
+            SqliteFile(path_, SqliteFile::Open::Existing).execute(statements.c_str());
+        } catch (Poco::Exception&) {
+            failed_ = true;
+        }
+    }
+    std::string column(const std::string& name, const std::string& id) {
+        try {
+            return SqliteFile(path_, SqliteFile::Open::Existing)
+                .value(("SELECT " + name + " FROM backupmetadata WHERE ItemId = '" + id + "'").c_str());
+        } catch (Poco::Exception&) {
+            return "";
+        }
+    }
+    std::string word() { return HostServiceUsageParams::getInstance()->getValue("ThumbnailKey"); }
+
+    void backUpSet(const Set& set) {
+        HostServiceClientMac client;
+        const std::string stored = column("ItemName", set.id);
+        const bool anonymous = set.id == kNoSetId;
+        std::string folder = set.title;
+        if (stored.empty()) {
+            if (!anonymous) folder = database_.generateFolderName(set.title, set.id);
+            client.createDirectory(folder, command_, result_, error_);
+            client.createDirectory(anonymous ? word() : folder + "/" + word(), command_, result_, error_);
+            if (result_ == "SUC") {
+                database_.createEntry(set.id, set.title, "Flickr", folder, "Flickr", set.id, "Flickr_ID",
+                                      Poco::DateTime(), Poco::DateTime(), "FlickrFolder", "", "", "", "");
+            } else {
+                client.deleteDirectory(folder, command_, result_, error_);
+            }
+        } else if (stored == set.title) {
+            folder = database_.getDerivedItemNamebyID(set.id);
+        } else {
+            folder = database_.generateFolderName(set.title, set.id);
+            client.renameDirectory(database_.getDerivedItemNamebyID(set.id), folder, command_, result_,
+                                   error_);
+            if (result_ == "SUC") {
+                sql("UPDATE backupmetadata SET ItemName = '" + set.title + "', DerivedItemName = '" + folder +
+                    "', ItemUpdatedOn = 'now' WHERE OriginalItemId = '" + set.id + "'");
+                sql("UPDATE backupmetadata SET ItemContainerName = '" + folder +
+                    "', DerivedContainerName = '" + folder + "' WHERE OriginalContainerId = '" + set.id +
+                    "'");
+            }
+        }
+        for (const Item& item : set.items) backUpItem(set, folder, item);
+        describe(set, folder, set.items.back().title);
+    }
+
+    void backUpItem(const Set& set, const std::string& folder, const Item& item) {
+        const bool edited = !column("ItemName", item.id).empty();
+        if (edited && column("ItemUpdatedOn", item.id) == item.updated) return;
+        HostServiceClientMac client;
+        const std::string root = set.id == kNoSetId ? "" : folder + "/";
+        const std::string name = database_.generateFileName(item.title, folder, set.id, item.id);
+        const auto names = [&](const std::string& file, const std::string& extension,
+                               const std::string& mark) {
+            const std::string base = Utils().getFileNameWithoutExtension(file);
+            return std::pair(root + base + mark + file.substr(base.size()),
+                             root + word() + "/" + base + "_" + item.id + mark + "." + extension);
+        };
+        const std::string oldName = database_.getDerivedItemNamebyID(item.id);
+        const std::string oldExtension = database_.getImageExtensionByID(item.id);
+        const auto old = names(oldName, oldExtension, ""), aside = names(oldName, oldExtension, "_Old");
+        const auto files = names(name, item.thumbnailExtension, "");
+        const auto move = [&](const auto& from, const auto& to) {
+            client.renameFile(from.first, to.first, command_, result_, error_);
+            client.renameFile(from.second, to.second, command_, result_, error_);
+        };
+        if (edited) move(old, aside);
+        if (!store(client, files.first, contentOf(item), record(item, files.first))) {
+            if (edited) move(aside, old);
+            return;
+        }
+        if (failThumbnails || !store(client, files.second, "thumbnail of " + contentOf(item), "")) {
+            client.deleteFile(files.first, command_, result_, error_);
+            return;
+        }
+        failed_ = false;
+        if (edited) {
+            sql("UPDATE backupmetadata SET ItemName = '" + item.title + "', DerivedItemName = '" + name +
+                "', ItemUpdatedOn = '" + item.updated + "' WHERE ItemId = '" + item.id + "'");
+        } else {
+            failed_ =
+                database_.createEntry(item.id, item.title, set.title, name, folder, item.id, set.id,
+                                      Poco::DateTime(2020, 1, 1), database_.convertToDateTime(item.updated),
+                                      "FlickrPhoto", item.thumbnailExtension, "", "", "") != 1;
+        }
+        if (failed_) {
+            client.deleteFile(files.first, command_, result_, error_);
+            client.deleteFile(files.second, command_, result_, error_);
+            if (edited) move(aside, old);
+            return;
+        }
+        if (edited) {
+            client.deleteFile(aside.first, command_, result_, error_);
+            client.deleteFile(aside.second, command_, result_, error_);
+        }
+        describe(set, folder, name);
+    }
+
+    void describe(const Set& set, const std::string& folder, const std::string& latest) {
+        if (set.id == kNoSetId) return;
+        MediaFolderTemplate record;
+        record.setID(set.id);
+        record.setPhysicalFileName(folder);
+        record.setTotalItems(std::to_string(database_.getTotalCountInContainer(folder)));
+        record.setLatestUpdatedItem(latest);
+        HostServiceClientMac().writeFolderDataXML(
+            HostServiceUsageParams::getInstance()->getPluginRoot() + "/",
+            ItemDataManager().saveItemData(&record), "");
+    }
+
+    std::string record(const Item& item, const std::string& path) {
+        MediaTemplate media;
+        media.setID(item.id);
+        media.setPhysicalFileName(path);
+        media.setDateUpdated(item.updated);
+        return ItemDataManager().saveItemData(&media);
+    }
+
+    bool store(HostServiceClientMac& client, const std::string& path, std::string content,
+               std::string metadata) {
+        client.openFile(path, 1, command_, result_, error_);
+        if (result_ != "SUC") return false;
+        client.writeFileV2(1, content.data(), 10, command_, result_, error_);
+        if (result_ == "SUC") {
+            client.writeFileV2(1, content.data() + 10, static_cast<int>(content.size()) - 10, command_,
+                               result_, error_);
+        }
+        if (result_ == "SUC") {
+            client.closeFile(1, metadata.data(), static_cast<int>(metadata.size()), command_, result_,
+                             error_);
+            if (result_ == "SUC") return true;
+        }
+        client.deleteFile(1, command_, result_, error_);
+        return false;
+    }
+
+    std::string path_;
+    DbInterface database_;
+    std::string command_, result_, error_;
+    bool failed_ = false;
+};
+
+const Account kBefore = {
+    {"72", "Trip", {{"1_72", "a.jpg", "2020-01-01 00:00:00"}, {"2_72", "b.jpg", "2020-01-02 00:00:00"}}},
+    {"Anonymous", "Anonymous", {{"3_Anonymous", "clip.mp4", "2020-01-03 00:00:00"}}}};
+
+/// A renamed set, edited items (one with a new title, one whose thumbnail has another format), and new ones.
+/// When a run is cut off the service's titles, and with them the times, may be other ones by the next run.
+Account changed(const std::string& title) {
+    const std::string year = title == "c" ? "2021" : "2022";
+    return {{"72",
+             "Voyage",
+             {{"1_72", "a.jpg", "2021-01-01 00:00:00", "png"},
+              {"2_72", title + ".jpg", year + "-01-02 00:00:00"},
+              {"4_72", "new " + title + ".jpg", year + "-01-04 00:00:00"}}},
+            {"73", "Set " + title, {{"5_73", "a.jpg", "2021-01-05 00:00:00"}}},
+            {"Anonymous",
+             "Anonymous",
+             {{"3_Anonymous", "clip.mp4", "2021-01-03 00:00:00"},
+              {"6_Anonymous", "d.jpg", "2021-01-06 00:00:00"}}}};
+}
+
+class RecoveryTest : public testing::Test {
+protected:
+    RecoveryTest() {
+        // In memory where that can be had: thousands of files are flushed.
+        const fs::path memory = "/dev/shm";
+        const fs::path parent = ::access(memory.c_str(), W_OK) == 0 ? memory : fs::temp_directory_path();
+        std::string pattern = (parent / "recovery-XXXXXX").string();
+        folder_ = ::mkdtemp(pattern.data());
+    }
+    ~RecoveryTest() override {
+        params_->release();
+        fs::remove_all(folder_);
+    }
+
+    std::string service() const { return (folder_ / "device/service").string(); }
+    std::string databasePath() const { return (folder_ / "device/backup.db").string(); }
+
+    void newDevice() {
+        params_->release();
+        fs::remove_all(folder_ / "device");
+        fs::create_directory(folder_ / "device");
+    }
+
+    /// One run: recovery, the backup, recovery. The calls of the backup, or of the first recovery, are
+    /// limited.
+    void run(const Account& account, long calls = -1, bool limitRecovery = false) {
+        params_->setBackupState(false);
+        params_->setParams(service(), "", true, 1, (folder_ / "device").string());
+        params_->setRetryAttempts("1");
+        BackupDatabase database(databasePath());
+        if (limitRecovery) callsLeft = calls;
+        recoverDevice(database, service());
+        callsLeft = limitRecovery ? -1 : calls;
+        Plugin plugin(databasePath());
+        plugin.failThumbnails = failThumbnails_;
+        plugin.backUp(account);
+        callsLeft = -1;
+        params_->getErrorDetails(errorCode_, errorText_);
+        recoverDevice(database, service());
+    }
+
+    /// The same in a process that may be killed; whether it was.
+    bool isKilled(const Account& account, long calls, bool limitRecovery = false) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            run(account, calls, limitRecovery);
+            ::_exit(0);
+        }
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        EXPECT_TRUE(WIFSIGNALED(status) || status == 0) << status;
+        return WIFSIGNALED(status);
+    }
+
+    /// Everything on the device, without what only the stand-in's ledger holds, and the rows without the
+    /// times of runs.
+    std::map<std::string, std::string> state() {
+        std::map<std::string, std::string> state;
+        for (const auto& entry : fs::recursive_directory_iterator(service())) {
+            const std::string name = entry.path().lexically_relative(service()).string();
+            if (name.find(".ledger.db") != std::string::npos) continue;
+            std::ifstream file(entry.path(), std::ios::binary);
+            state[name] =
+                entry.is_directory() ? "folder" : std::string(std::istreambuf_iterator<char>(file), {});
+        }
+        SqliteFile database(databasePath(), SqliteFile::Open::Existing);
+        const auto rows = database.prepare(
+            "SELECT ItemId, ItemName, ItemContainerName, DerivedItemName, DerivedContainerName, "
+            "ImageExtension, "
+            "CASE ItemType WHEN 'FlickrFolder' THEN '' ELSE ItemUpdatedOn END FROM backupmetadata");
+        while (rows->step()) {
+            std::string row;
+            for (int column = 1; column < 7; ++column) row += rows->text(column) + "|";
+            state["row " + rows->text(0)] = row;
+        }
+        return state;
+    }
+
+    /// Compares what is on the device; names what differs.
+    static void expectEqual(std::map<std::string, std::string> expected,
+                            std::map<std::string, std::string> found, const std::string& moment) {
+        for (const auto& [name, content] : expected) {
+            EXPECT_EQ(content, found[name]) << moment << name;
+            found.erase(name);
+        }
+        for (const auto& [name, content] : found) ADD_FAILURE() << moment << "left over: " << name;
+    }
+
+    /// The database is sound, and every file that it names is there, whole, as some version of its item.
+    void expectSound(const std::string& moment) {
+        BackupDatabase database(databasePath());
+        EXPECT_EQ("", database.integrityProblem()) << moment;
+        recoverDevice(database, service());
+        const LibraryReport report = verifyLibrary(database, service());
+        EXPECT_TRUE(report.agrees()) << moment << testing::PrintToString(report.missing) << " "
+                                     << testing::PrintToString(report.altered) << " "
+                                     << testing::PrintToString(report.unrecorded);
+        EXPECT_EQ(0, report.withoutChecksum) << moment;
+        database.forEachItem([&](const ItemRow& row) {
+            std::ifstream file(fs::path(service()) / row.mediaPath, std::ios::binary);
+            const std::string content{std::istreambuf_iterator<char>(file), {}};
+            EXPECT_EQ(std::string(30, row.id[0]), content.substr(0, 30)) << moment;
+            EXPECT_EQ(49u, content.size()) << moment << row.mediaPath;
+        });
+    }
+
+    fs::path folder_;
+    HostServiceUsageParams* params_ = HostServiceUsageParams::getInstance();
+    bool failThumbnails_ = false;
+    int errorCode_ = 0;
+    std::string errorText_;
+};
+
+TEST_F(RecoveryTest, AKilledRunLosesNothingAndTheNextOneCompletes) {
+    std::map<std::string, std::map<std::string, std::string>> undisturbed;
+    for (const std::string title : {"c", "other"}) {
+        newDevice();
+        run(kBefore);
+        run(changed(title));
+        expectSound("undisturbed");
+        undisturbed[title] = state();
+    }
+    params_->release();
+    newDevice();
+    run(kBefore);
+    params_->release();
+    fs::copy(folder_ / "device", folder_ / "before", fs::copy_options::recursive);
+
+    long killedAt = 0;
+    for (bool killed = true; killed; ++killedAt) {
+        const std::string moment = "killed at call " + std::to_string(killedAt) + " ";
+        newDevice();
+        fs::copy(folder_ / "before", folder_ / "device", fs::copy_options::recursive);
+        killed = isKilled(changed("c"), killedAt);
+        // A recovery can be killed as well.
+        if (killed) isKilled(changed("c"), killedAt % 23, true);
+        expectSound(moment);
+        const std::string title = killedAt % 2 == 0 ? "c" : "other";
+        run(changed(title));
+        expectEqual(undisturbed[title], state(), moment);
+        if (HasFailure()) return;
+        params_->release();
+    }
+    EXPECT_GT(killedAt, 150);
+}
+
+TEST_F(RecoveryTest, AFirstRunKilledAtAnyCallCompletesLater) {
+    newDevice();
+    run(kBefore);
+    const auto undisturbed = state();
+    long killedAt = 0;
+    for (bool killed = true; killed; ++killedAt) {
+        newDevice();
+        killed = isKilled(kBefore, killedAt);
+        expectSound("killed at call " + std::to_string(killedAt));
+        run(kBefore);
+        expectEqual(undisturbed, state(), "killed at call " + std::to_string(killedAt) + " ");
+        if (HasFailure()) return;
+    }
+    EXPECT_GT(killedAt, 60);
+}
+
+TEST_F(RecoveryTest, AFailingDeviceKeepsWhatItHasAndSaysWhatIsWrong) {
+    newDevice();
+    run(kBefore);
+    params_->release();
+    fs::copy(folder_ / "device", folder_ / "before", fs::copy_options::recursive);
+    const std::map<int, int> expected = {{ENOSPC, RunErrorDeviceFull},
+                                         {EROFS, RunErrorDeviceReadOnly},
+                                         {EIO, RunErrorDeviceGone},
+                                         {EACCES, 0}};
+    for (const auto& [error, code] : expected) {
+        failure = error;
+        // A full device at every call, the others at some.
+        for (long calls = 0;; calls += error == ENOSPC ? 1 : 7) {
+            const std::string moment = std::to_string(error) + " from call " + std::to_string(calls) + " on ";
+            newDevice();
+            fs::copy(folder_ / "before", folder_ / "device", fs::copy_options::recursive);
+            haveFailed = false;
+            run(changed("c"), calls);
+            if (!haveFailed) break;
+            EXPECT_TRUE(code == 0 || errorCode_ >= 2) << moment << errorText_;
+            expectSound(moment);
+            run(changed("c"));
+            expectSound(moment + "and mended ");
+            if (HasFailure()) return;
+        }
+    }
+    failure = 0;
+}
+
+TEST_F(RecoveryTest, AnEditWithoutThumbnailLeavesTheOldVersion) {
+    newDevice();
+    run(kBefore);
+    auto before = state();
+    failThumbnails_ = true;
+    run({{"72",
+          "Trip",
+          {{"1_72", "a.jpg", "2021-01-01 00:00:00"}, {"2_72", "c.jpg", "2021-01-02 00:00:00"}}}});
+    auto after = state();
+    for (auto* both : {&before, &after}) both->erase("Trip/.records/.folder.xml");  // names the latest title
+    expectEqual(before, after, "");
+    expectSound("");
+}
+
+TEST_F(RecoveryTest, AnEditInAnotherLanguageLeavesOneThumbnail) {
+    newDevice();
+    run(kBefore);
+    params_->setCulture("de");
+    run({{"72", "Trip", {{"1_72", "a.jpg", "2021-01-01 00:00:00"}}}});
+    expectSound("");
+    const auto after = state();
+    EXPECT_EQ(1u, after.count("Trip/Miniaturbild/a_1_72.jpg"));
+    EXPECT_EQ(0u, after.count("Trip/Thumbnail/a_1_72.jpg"));
+    EXPECT_EQ(1u, after.count("Trip/Thumbnail/b_2_72.jpg"));
+}
+
+}  // namespace
