@@ -152,14 +152,16 @@ WRITE(pwrite64, (int file, const void* data, size_t size, off64_t at), (file, da
       (file, data, size / 2, at))
 
 // Opening counts when it can make or empty a file.
-#define OPEN(name, parameters, arguments, directory)                                    \
-    int name parameters {                                                               \
-        va_list more;                                                                   \
-        va_start(more, flags);                                                          \
-        const mode_t mode = flags & (O_CREAT | __O_TMPFILE) ? va_arg(more, mode_t) : 0; \
-        va_end(more);                                                                   \
-        if (!(flags & (O_CREAT | O_TRUNC | __O_TMPFILE))) return REAL(name) arguments;  \
-        BODY(int, -1, name, arguments, directory, path, "")                             \
+#define OPEN(name, parameters, arguments, directory)                                            \
+    int name parameters {                                                                       \
+        va_list more;                                                                           \
+        va_start(more, flags);                                                                  \
+        const mode_t mode =                                                                     \
+            flags & O_CREAT || (flags & __O_TMPFILE) == __O_TMPFILE ? va_arg(more, mode_t) : 0; \
+        va_end(more);                                                                           \
+        if (!(flags & (O_CREAT | O_TRUNC)) && (flags & __O_TMPFILE) != __O_TMPFILE)             \
+            return REAL(name) arguments;                                                        \
+        BODY(int, -1, name, arguments, directory, path, "")                                     \
     }
 OPEN(open, (const char* path, int flags, ...), (path, flags, mode), AT_FDCWD)
 OPEN(open64, (const char* path, int flags, ...), (path, flags, mode), AT_FDCWD)
