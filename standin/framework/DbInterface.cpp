@@ -116,7 +116,7 @@ std::string DbInterface::createFormattedDate(Poco::DateTime date) {
     static constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                               "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
     HostServiceUsageParams* words = HostServiceUsageParams::getInstance();
-    char number[16];
+    char number[32];
     std::string text = words->getValue(kDays[date.dayOfWeek()]) + ", " + std::to_string(date.day()) + " " +
                        words->getValue(kMonths[date.month() - 1]) + " " + std::to_string(date.year()) + " ";
     std::snprintf(number, sizeof number, "%d:%02d:%02d ", date.hourAMPM(), date.minute(), date.second());
