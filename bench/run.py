@@ -1,0 +1,454 @@
+"""Runs the benchmarks on loopback and prints one table of ratios; started by scripts/bench, which builds first.
+
+A case starts a simulated service and runs its contenders in turn, round after round, each into a directory of
+its own. A ratio is taken within a round, so that what slows the machine down for a while slows both sides; the
+table gives the median over the rounds and, in brackets, the least and the greatest.
+"""
+
+import argparse
+import contextlib
+import json
+import os
+import pathlib
+import platform
+import re
+import shutil
+import signal
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+BUILD = ROOT / "build-release"
+KIB, MIB, GIB = 1 << 10, 1 << 20, 1 << 30
+
+# What the simulated service accepts.
+KEY, SECRET, TOKEN = "demo0key0for0the0simulated0flickr", "demo0secret", "demo-token-1"
+
+# The service's limit on REST requests from one key.
+REST_PER_HOUR = 3600
+
+
+def program(name):
+    """A program of the build, wherever in it that is."""
+    found = [path for path in BUILD.rglob(name) if path.is_file() and os.access(path, os.X_OK)]
+    if not found:
+        sys.exit(f'{name} is not in {BUILD.name}: build the preset "release" first, as scripts/bench does.')
+    return str(found[0])
+
+
+class Run:
+    """What one process took: seconds of wall and processor time, KiB of memory at its peak."""
+
+    def __init__(self, wall, usage, output):
+        self.wall = wall
+        self.cpu = usage.ru_utime + usage.ru_stime
+        self.peak = usage.ru_maxrss
+        self.output = output
+
+
+def run(*command):
+    os.sync()  # what earlier runs left to be written is not to be waited for in this one
+    with tempfile.TemporaryFile("w+", errors="replace") as output:
+        start = time.perf_counter()
+        process = subprocess.Popen([str(word) for word in command], stdin=subprocess.DEVNULL, stdout=output,
+                                   stderr=subprocess.STDOUT)
+        _, status, usage = os.wait4(process.pid, 0)
+        wall = time.perf_counter() - start
+        process.returncode = os.waitstatus_to_exitcode(status)
+        output.seek(0)
+        text = output.read()
+    if process.returncode != 0:
+        sys.exit(f"{command[0]} failed with status {process.returncode}:\n{text[-2000:]}")
+    return Run(wall, usage, text)
+
+
+def alternate(rounds, **contenders):
+    """Runs every contender once a round, each time another one first; gives the lists of their runs."""
+    runs = {name: [] for name in contenders}
+    names = list(contenders)
+    for number in range(rounds):
+        turn = number % len(names)
+        for name in names[turn:] + names[:turn]:
+            runs[name].append(contenders[name]())
+    return runs
+
+
+def ratios(ours, theirs, measure=lambda run: run.wall):
+    return [measure(a) / measure(b) for a, b in zip(ours, theirs)]
+
+
+def spread(values, form="{:.2f}"):
+    show = form.format
+    text = show(statistics.median(values))
+    return text if len(values) == 1 else f"{text} ({show(min(values))}–{show(max(values))})"
+
+
+def seconds(runs):
+    return spread([r.wall for r in runs], "{:.2f}") + " s"
+
+
+def milliseconds(runs, items):
+    return spread([r.wall / items * 1000 for r in runs], "{:.2f}") + " ms"
+
+
+class Bench:
+    """The directory and the processes of one call, and the table's rows."""
+
+    def __init__(self, options):
+        self.quick = options.quick
+        self.directory = pathlib.Path(tempfile.mkdtemp(prefix="flickr-bench-", dir=options.directory))
+        self.rows = []
+        self.tables = []  # further Markdown, behind the table of ratios
+        self.credentials = self.directory / "credentials.ini"
+        self.credentials.touch(mode=0o600)
+        self.credentials.write_text(f"api_key = {KEY}\napi_secret = {SECRET}\ntoken = {TOKEN}\n")
+
+    def close(self):
+        shutil.rmtree(self.directory, ignore_errors=True)
+
+    def fresh(self, name):
+        path = self.directory / name
+        shutil.rmtree(path, ignore_errors=True)
+        path.mkdir()
+        return path
+
+    def row(self, case, against, values, goal, figures):
+        met = "" if goal is None else ("met" if statistics.median(values) <= goal else "missed")
+        self.rows.append((case, against, spread(values), "" if goal is None else f"{goal:g}", met, figures))
+        print(f"{case} | {against} | {spread(values)} | {goal if goal is not None else '-'} {met} | {figures}",
+              flush=True)
+
+    @contextlib.contextmanager
+    def started(self, *command):
+        """A server, and the match of pattern in the line with which it says where it listens."""
+        process = subprocess.Popen([str(word) for word in command], stdout=subprocess.PIPE, text=True)
+        try:
+            yield process
+        finally:
+            process.terminate()
+            process.wait()
+
+    @contextlib.contextmanager
+    def service(self, sets, items, *options):
+        """A simulated service on a generated account, configured for the plug-in; gives its address."""
+        with self.started(program("flickr-sim"), "--generate", f"{sets}x{items}", "--videos", 0, "--loose", 0,
+                          *options) as process:
+            found = None
+            while not found:
+                line = process.stdout.readline()
+                if not line:
+                    sys.exit("flickr-sim did not start; with --https-port 443 that port has to be free.")
+                found = re.search(r"http://[0-9.]+:[0-9]+/services/rest/", line)
+            self.configure(found.group())
+            yield found.group()
+
+    def configure(self, url):
+        run(program("flickr-backup"), "configure", "--data-url", url, "--credentials", self.credentials)
+
+    def backup(self, device, new=0, unchanged=0):
+        """One run of the plug-in, which has to find so many items new and so many unchanged."""
+        result = run(program("flickr-backup"), "run", "--device", device, "--credentials", self.credentials,
+                     "--json")
+        summary = json.loads(result.output[result.output.index("{"):])
+        if (summary["new"], summary["unchanged"]) != (new, unchanged):
+            sys.exit(f"The run did not do what it was measured for:\n{result.output}")
+        return result
+
+    def first_backup(self, name, items):
+        return self.backup(self.fresh(name), new=items)
+
+    def floor(self, url, device, *options):
+        return run(program("floor_client"), url, KEY, SECRET, TOKEN, device, *options)
+
+    def addresses(self, url, *options):
+        """Every address that a run fetches, in its order."""
+        notes = self.directory / "addresses"
+        self.floor(url, self.fresh("floor"), "--addresses", notes, *options)
+        return notes.read_text().split()
+
+    def curl(self, addresses, *options):
+        """One curl that fetches the addresses one after another, each over a connection of its own."""
+        target = self.fresh("curl")
+        lines = [f'url = "{url}"\noutput = "{target}/{number}"' for number, url in enumerate(addresses)]
+        config = self.directory / "curl.config"
+        config.write_text("\n".join(lines))
+        return run("curl", "-sS", "--fail-early", "-H", "Connection: close", *options, "-K", config)
+
+    def wget(self, addresses):
+        target = self.fresh("wget")
+        listing = self.directory / "wget.list"
+        listing.write_text("\n".join(addresses))
+        return run("wget", "-q", "--no-http-keep-alive", "-i", listing, "-O", target / "all")
+
+
+def first(bench):
+    """first backup, against wget, curl and the floor"""
+    items, rounds = (200, 3) if bench.quick else (2000, 5)
+    with bench.service(1, items, "--item-bytes", 100 * KIB) as url:
+        addresses = bench.addresses(url)
+        runs = alternate(rounds, ours=lambda: bench.first_backup("ours", items),
+                         floor=lambda: bench.floor(url, bench.fresh("floor")),
+                         curl=lambda: bench.curl(addresses), wget=lambda: bench.wget(addresses))
+    case = f"first backup, {items} photos of 100 KiB"
+    figures = ", ".join(f"{name} {seconds(taken)}" for name, taken in runs.items())
+    faster = min((runs["curl"], runs["wget"]), key=lambda taken: statistics.median(r.wall for r in taken))
+    bench.row(case, "the faster of curl and wget", ratios(runs["ours"], faster), 1.0, figures)
+    bench.row(case, "floor client", ratios(runs["ours"], runs["floor"]), 1.15, figures)
+
+
+def unchanged(bench):
+    """second run, nothing changed, against the floor"""
+    items, rounds = (500, 3) if bench.quick else (5000, 5)
+    with bench.service(1, items, "--item-bytes", 1) as url:
+        bench.first_backup("ours", items)
+        runs = alternate(rounds, ours=lambda: bench.backup(bench.directory / "ours", unchanged=items),
+                         floor=lambda: bench.floor(url, bench.directory, "--list-only"))
+    figures = ", ".join(f"{name} {seconds(taken)}" for name, taken in runs.items())
+    bench.row(f"second run, {items} items unchanged", "floor client", ratios(runs["ours"], runs["floor"]), 1.15,
+              figures)
+
+
+def video(bench):
+    """one large video over HTTP and over HTTPS, against curl"""
+    size, rounds = (GIB // 8, 3) if bench.quick else (GIB, 5)
+    for scheme in ("http", "https"):
+        options = ["--https-port", 443, "--https-media"] if scheme == "https" else []
+        with bench.service(0, 0, "--video-bytes", size, *options) as url:
+            address = bench.addresses(url, "--list-only")[-2]
+            target = bench.fresh("curl") / "video"
+            flushed = f'curl -sSk -o "$0" "$1" && sync "$0"'
+            runs = alternate(rounds, ours=lambda: bench.first_backup("ours", 1),
+                             curl=lambda: run("curl", "-sSk", "-o", target, address),
+                             flushed=lambda: run("sh", "-c", flushed, target, address))
+        case = f"one video of {size // MIB} MiB over {scheme.upper()}"
+        figures = ", ".join(f"{name} {seconds(taken)}" for name, taken in runs.items())
+        figures += f", peak {max(r.peak for r in runs['ours']) / KIB:.0f} MiB"
+        bench.row(case, "curl -o", ratios(runs["ours"], runs["curl"]), 1.05, figures)
+        bench.row(case, "curl -o and sync", ratios(runs["ours"], runs["flushed"]), None, figures)
+        bench.row(case + ", peak memory", "40 MiB", [r.peak / KIB / 40 for r in runs["ours"]], 1.0, figures)
+
+
+def redirects(bench):
+    """items over HTTPS behind a redirect from HTTP, against curl"""
+    items, rounds = (50, 3) if bench.quick else (200, 5)
+    with bench.service(1, items, "--item-bytes", 20000, "--https-port", 443, "--redirect-to-https") as url:
+        addresses = bench.addresses(url, "--list-only")
+        listing = bench.directory / "list"
+        listing.write_text("\n".join(addresses) + "\n")
+        each = 'n=0; while read -r url; do n=$((n + 1)); curl -sSLk -o "$0/$n" "$url" || exit 1; done < "$1"'
+        runs = alternate(rounds, ours=lambda: bench.first_backup("ours", items),
+                         curl=lambda: run("sh", "-c", each, bench.fresh("curl"), listing),
+                         one_curl=lambda: bench.curl(addresses, "-L", "-k"))
+    figures = ", ".join(f"{name} {seconds(taken)}" for name, taken in runs.items())
+    case = f"{items} items over HTTPS behind a redirect from HTTP"
+    bench.row(case, "curl, a process each", ratios(runs["ours"], runs["curl"]), 0.8, figures)
+    bench.row(case, "one curl for all", ratios(runs["ours"], runs["one_curl"]), None, figures)
+
+
+def scaling(bench):
+    """one set of 1,000, 10,000 and 100,000 tiny items, first and unchanged run"""
+    sizes = (100, 1000, 10000) if bench.quick else (1000, 10000, 100000)
+    small, _, large = sizes
+    taken = {}
+    for size in (small, large, small, sizes[1], small):
+        with bench.service(1, size, "--item-bytes", 1):
+            whole = (bench.first_backup("ours", size), bench.backup(bench.directory / "ours", unchanged=size))
+            for kind, one in zip(("first", "unchanged"), whole):
+                taken.setdefault((kind, size), []).append(one)
+    for kind in ("first", "unchanged"):
+        figures = ", ".join(f"{size}: {milliseconds(taken[kind, size], size)} and "
+                            f"{taken[kind, size][0].peak / KIB:.0f} MiB" for size in sizes)
+        values = [one.wall / large / (other.wall / small)
+                  for one in taken[kind, large] for other in taken[kind, small]]
+        bench.row(f"one set of tiny items, {kind} run: time per item at {large}", f"at {small}", values, 1.1,
+                  figures)
+        memory = [(one.peak - other.peak) / (large - small)
+                  for one in taken[kind, large] for other in taken[kind, small]]
+        bench.row(f"one set of tiny items, {kind} run: memory per listed item", "3 KiB",
+                  [value / 3 for value in memory], 1.0, f"{spread(memory)} KiB")
+
+
+def sets(bench):
+    """many small sets, against few large ones"""
+    many, few, rounds = ((200, 5), (2, 500), 3) if bench.quick else ((2000, 5), (20, 500), 3)
+    items = many[0] * many[1]
+
+    def first_of(shape):
+        with bench.service(*shape, "--item-bytes", 1):
+            return bench.first_backup("ours", items)
+
+    runs = alternate(rounds, many=lambda: first_of(many), few=lambda: first_of(few))
+    bench.row(f"first backup of {many[0]} sets of {many[1]} tiny items", f"{few[0]} sets of {few[1]}",
+              ratios(runs["many"], runs["few"]), 1.3,
+              ", ".join(f"{name} {milliseconds(taken, items)} per item" for name, taken in runs.items()))
+
+
+def micro(bench, name, *options):
+    """Runs a program of Google Benchmark; times in ns by case, each {contender: [times]}."""
+    result = run(program(name), *options, "--benchmark_format=json", "--benchmark_enable_random_interleaving=true",
+                 f"--benchmark_repetitions={3 if bench.quick else 5}")
+    times = {}
+    for entry in json.loads(result.output[result.output.index("{"):])["benchmarks"]:
+        if entry["run_type"] == "iteration":
+            case, contender = entry["name"].split("/")[:2]
+            times.setdefault(case, {}).setdefault(contender, []).append(entry["cpu_time"])
+    return times
+
+
+def parsers(bench):
+    """the readers of answers, against expat's own event loop"""
+    for logged in (False, True):
+        options = [f"--log={bench.directory / 'log'}"] if logged else []
+        for case, times in micro(bench, "parsers", *options).items():
+            values = [a / b for a, b in zip(times["ours"], times["expat"])]
+            figures = ", ".join(f"{name} {statistics.median(t) / 1e6:.2f} ms" for name, t in times.items())
+            bench.row(f"reading a {case}" + (", with the log" if logged else ""), "expat doing nothing", values,
+                      None if logged else 3.0, figures)
+
+
+def store(bench):
+    """look-ups and updates in a database of a million rows, against prepared statements"""
+    for case, times in micro(bench, "store", bench.fresh("store")).items():
+        values = [a / b for a, b in zip(times["ours"], times["prepared"])]
+        figures = ", ".join(f"{name} {statistics.median(t) / 1e3:.1f} µs each" for name, t in times.items())
+        bench.row(case, "prepared once, one connection", values, None, figures)
+
+
+def distance(bench):
+    """first and unchanged run over 20 and 100 ms round trips, and what large libraries take"""
+    items = 20 if bench.quick else 50
+    costs = {}
+    with bench.service(1, items, "--item-bytes", 100 * KIB) as url:
+        port = re.search(r":(\d+)/", url).group(1)
+        for trip in (0, 20, 100):
+            with contextlib.ExitStack() as stack:
+                if trip:
+                    proxy = stack.enter_context(bench.started(program("delay_proxy"), port, trip))
+                    bench.configure(url.replace(port, proxy.stdout.readline().strip()))
+                new = bench.first_backup("ours", items)
+                again = bench.backup(bench.directory / "ours", unchanged=items)
+            costs[trip] = (new.wall / items, again.wall / items)
+    lines = ["| library | run | " + " | ".join(f"{trip} ms round trip" for trip in costs) +
+             f" | with {REST_PER_HOUR} REST requests an hour |", "|---|---|" + "---|" * (len(costs) + 1)]
+    for size in (10000, 100000, 1000000):
+        for kind, name in enumerate(("first", "unchanged")):
+            whole = [duration(costs[trip][kind] * size) for trip in costs]
+            limited = duration(max(size * (1 + 1 / 500) / REST_PER_HOUR * 3600, costs[0][kind] * size))
+            lines.append(f"| {size:,} items | {name} | " + " | ".join(whole) + f" | {limited} |")
+    measured = ", ".join(f"{trip} ms: {new * 1000:.1f} ms first, {again * 1000:.1f} ms unchanged"
+                         for trip, (new, again) in costs.items())
+    bench.tables.append("## Distance\n\n" + f"Measured per item, {items} photos of 100 KiB: {measured}.\n\n" +
+                        "\n".join(lines))
+    print(bench.tables[-1], flush=True)
+
+
+def duration(amount):
+    for unit, name in ((86400, "days"), (3600, "h"), (60, "min")):
+        if amount >= 2 * unit:
+            return f"{amount / unit:.1f} {name}"
+    return f"{amount:.0f} s"
+
+
+def instructions(bench):
+    """instructions per item, counted by callgrind"""
+    few, many = (50, 150) if bench.quick else (200, 600)
+    counts = {}
+    for size in (few, many):
+        with bench.service(1, size, "--item-bytes", 20000) as url:
+            device = bench.fresh("ours")
+            floor = bench.fresh("floor")
+            backup = (program("flickr-backup"), "run", "--device", device, "--credentials", bench.credentials)
+            client = (program("floor_client"), url, KEY, SECRET, TOKEN, floor)
+            for name, command in (("first", backup), ("unchanged", backup), ("floor first", client),
+                                  ("floor unchanged", (*client, "--list-only"))):
+                counts[name, size] = count_instructions(bench, command)
+    for kind in ("first", "unchanged"):
+        ours, floor = ((counts[name, many] - counts[name, few]) / (many - few) for name in (kind, "floor " + kind))
+        bench.row(f"instructions per item, {kind} run", "floor client", [ours / floor], None,
+                  f"{ours:,.0f} against {floor:,.0f}")
+
+
+def count_instructions(bench, command):
+    counted = run("valgrind", "--tool=callgrind", "--trace-children=no", f"--callgrind-out-file={os.devnull}",
+                  *command)
+    return int(re.search(r"Collected : (\d+)", counted.output).group(1))
+
+
+CASES = {case.__name__: case for case in
+         (first, unchanged, video, redirects, scaling, sets, parsers, store, distance, instructions)}
+
+
+def machine():
+    """The machine in one paragraph, without names or paths."""
+    def output(*command):
+        return subprocess.run(command, capture_output=True, text=True).stdout.split("\n")[0]
+
+    cpu = re.search(r"model name\s*: (.*)", pathlib.Path("/proc/cpuinfo").read_text())
+    memory = re.search(r"MemTotal:\s*(\d+)", pathlib.Path("/proc/meminfo").read_text())
+    system = re.search(r'PRETTY_NAME="(.*)"', pathlib.Path("/etc/os-release").read_text())
+    return (f"{os.cpu_count()} × {cpu.group(1) if cpu else platform.machine()}, "
+            f"{int(memory.group(1)) / MIB:.0f} GiB of memory, {system.group(1)}, "
+            f"Linux {'.'.join(platform.release().split('.')[:2])}, {' '.join(output('curl', '--version').split()[:2])}, "
+            f"{' '.join(output('wget', '--version').split()[:3])}, load before the start {os.getloadavg()[0]:.1f}")
+
+
+def disk(bench):
+    """What the disk takes for a small file with its flush, and for a large one."""
+    directory = bench.fresh("disk")
+    start = time.perf_counter()
+    for number in range(200):
+        with open(directory / str(number), "wb") as file:
+            file.write(b"x" * 10000)
+            file.flush()
+            os.fsync(file.fileno())
+    small = (time.perf_counter() - start) / 200
+    start = time.perf_counter()
+    with open(directory / "large", "wb") as file:
+        for _ in range(256):
+            file.write(b"x" * MIB)
+        file.flush()
+        os.fsync(file.fileno())
+    return (f"disk: {small * 1e6:.0f} µs for a small file with its flush, "
+            f"{256 / (time.perf_counter() - start):.0f} MiB/s with a flush at the end")
+
+
+def markdown(bench, about):
+    header = ("case", "measured against", "ratio: median (least–greatest)", "goal", "", "figures")
+    rows = [header, ("---",) * len(header), *bench.rows]
+    table = "\n".join("| " + " | ".join(row) + " |" for row in rows)
+    return "\n\n".join([about, table, *bench.tables]) + "\n"
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="scripts/bench", description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter,
+                                     epilog="cases:\n" + "\n".join(f"  {name:13} {case.__doc__}"
+                                                                   for name, case in CASES.items()))
+    parser.add_argument("cases", nargs="*", metavar="CASE", help="the cases to run; all when none is named")
+    parser.add_argument("--quick", action="store_true", help="smaller cases and fewer rounds")
+    parser.add_argument("--markdown", metavar="FILE", default=BUILD / "performance.md",
+                        help="where the table is written as well (default: %(default)s)")
+    parser.add_argument("--directory", metavar="DIR", help="the disk to measure on (default: the temporary one)")
+    options = parser.parse_args()
+    unknown = set(options.cases) - set(CASES)
+    if unknown:
+        parser.error(f"there is no case {', '.join(sorted(unknown))}; --help lists them")
+
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
+    bench = Bench(options)
+    try:
+        about = machine() + "; " + disk(bench) + "."
+        for name in options.cases or CASES:
+            print(f"--- {name}: {CASES[name].__doc__}", flush=True)
+            CASES[name](bench)
+        text = markdown(bench, about)
+        pathlib.Path(options.markdown).write_text(text)
+        print("\n" + text)
+    finally:
+        bench.close()
+
+
+main()
