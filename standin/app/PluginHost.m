@@ -290,7 +290,7 @@ char* PluginHostDescribe(void (*line)(void* context, const char* label, const ch
                      {@"PKEK", @"pKEK", YES},
                      {@"Backup status", @"backupStatus", NO},
                      {@"Backup error", @"backupError", NO}};
-    static NSString* const kSecrets =
+    NSString* const secrets =
         @"service.apiKey service.apiSecret service.autheticationToken service.tokenFrob service.CEK";
 
     NSAutoreleasePool* pool = [[NSAutoreleasePool alloc] init];
@@ -307,7 +307,7 @@ char* PluginHostDescribe(void (*line)(void* context, const char* label, const ch
         }
         NSDictionary* dictionary = [[plugin getPluginSettings] settings];
         for (NSString* key in [[dictionary allKeys] sortedArrayUsingSelector:@selector(compare:)]) {
-            const BOOL isSecret = [kSecrets rangeOfString:key].location != NSNotFound;
+            const BOOL isSecret = [secrets rangeOfString:key].location != NSNotFound;
             line(context, [key UTF8String], [shown([dictionary objectForKey:key], isSecret) UTF8String]);
         }
     }
