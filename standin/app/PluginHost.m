@@ -290,7 +290,7 @@ char* PluginHostDescribe(void (*line)(void* context, const char* label, const ch
                      {@"PKEK", @"pKEK", YES},
                      {@"Backup status", @"backupStatus", NO},
                      {@"Backup error", @"backupError", NO}};
-    NSString* const secrets =
+    NSString* secrets =
         @"service.apiKey service.apiSecret service.autheticationToken service.tokenFrob service.CEK";
 
     NSAutoreleasePool* pool = [[NSAutoreleasePool alloc] init];
