@@ -52,6 +52,7 @@ int DownloadPhotoListActivity::getPhotoList(int attempt) {
     try {
         return getAllPages();
     } catch (Poco::Exception& exception) {
+        if (endedByUser("Backup Stopped in DownloadPhotoListActivity::getPhotoList()")) return 0;
         logFailure("Unable to downlod / parse / sort photo list - " + exception.displayText());
         exceptionHandler_.handleException(
             exception,

@@ -55,6 +55,7 @@ int DownloadPhotoSetListActivity::getPhotoSetList(int attempt) {
         }
         throw Norvale_Plugin_Core::CSNetworkException(message, 0);
     } catch (Poco::Exception& exception) {
+        if (endedByUser("Backup Stopped in getPhotoSetList()")) return 0;
         exceptionHandler_.handleException(
             exception, "Exception occurred in getPhotoSetList() : " + exception.displayText(), attempt);
         if (attempt == retryAttempts()) dataTypeBackupStatus_ = false;

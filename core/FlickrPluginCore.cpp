@@ -10,6 +10,7 @@
 #include "core/FlickrDbInterface.h"
 #include "core/PhotoSetProcessor.h"
 #include "core/RunSupport.h"
+#include "core/StopWatcher.h"
 #include "hostapi/HostServiceClientMac.h"
 #include "hostapi/HostServiceUsageParams.h"
 
@@ -216,6 +217,7 @@ int backup(void* core, char* dbConnectionString, char* authToken, char* backupFr
 
         HostServiceUsageParams* params = HostServiceUsageParams::getInstance();
         params->setBackupState(false);
+        const StopWatcher watcher;
         // The host's culture text also carries its keywords, so both setters get it.
         params->setKeywords(text(culture));
         params->setCulture(text(culture));

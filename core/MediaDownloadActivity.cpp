@@ -229,6 +229,7 @@ int MediaDownloadActivity::downloadMedia(std::string url, long fileHandle, bool 
             return result;
         }
     } catch (Poco::Exception& exception) {
+        if (endedByUser("Backup Stopped in downloadMedia()")) return DownloadFailed;
         exceptionHandler_.handleException(
             exception,
             "Exception occurred in Media Download Activity - downloadMedia(): " + exception.displayText(),
@@ -269,7 +270,9 @@ int MediaDownloadActivity::writeFile(std::istream& body, long fileHandle, bool i
         total += count;
     }
 
-    const bool complete = !body.bad() && (contentLength == -1 || total == contentLength);
+    // A stop request ends the connection, and with it a body of unknown length.
+    const bool stopped = HostServiceUsageParams::getInstance()->isBackupStopped();
+    const bool complete = !body.bad() && (contentLength == -1 ? !stopped : total == contentLength);
     if (!complete) {
         logFailure("Data written is not the same as content length ");
         deleteFile(fileHandle);

@@ -15,6 +15,9 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <utility>
+
+#include "core/StopWatcher.h"
 
 namespace Norvale_Plugin_Flickr {
 
@@ -41,6 +44,26 @@ public:
     int readBytes(char* buffer, std::streamsize count) override { return Session::read(buffer, count); }
 };
 
+/// TLS over a socket that a stop request shuts down.
+class TlsSession : public HTTPSClientSession {
+public:
+    TlsSession(const std::string& host, Context::Ptr context, Poco::Net::Session::Ptr former)
+        : HTTPSClientSession(host, HTTPS_PORT, context, former),
+          context_(std::move(context)),
+          former_(std::move(former)) {}
+
+protected:
+    void connect(const Poco::Net::SocketAddress& address) override {
+        attachSocket(stoppableSocket());
+        HTTPSession::connect(address);
+        attachSocket(Poco::Net::SecureStreamSocket::attach(socket(), getHost(), context_, former_));
+    }
+
+private:
+    Context::Ptr context_;
+    Poco::Net::Session::Ptr former_;
+};
+
 /// The process's TLS settings and the sessions by which its connections are resumed.
 class TlsClient {
 public:
@@ -51,8 +74,7 @@ public:
     }
 
     std::unique_ptr<HTTPClientSession> connect(const std::string& host) {
-        return std::make_unique<RawSession<HTTPSClientSession>>(host, HTTPSClientSession::HTTPS_PORT,
-                                                                context_, sessionOf(host));
+        return std::make_unique<RawSession<TlsSession>>(host, context_, sessionOf(host));
     }
 
     void remember(const std::string& host, Poco::Net::Session::Ptr session) {
@@ -102,7 +124,7 @@ MediaSession::MediaSession(const Poco::URI& address, const std::string& url) : h
         session_ = TlsClient::instance().connect(host_);
         target_ = pathAndQuery(address);
     } else {
-        session_ = std::make_unique<RawSession<HTTPClientSession>>(host_, address.getPort());
+        session_ = std::make_unique<RawSession<StoppableSession>>(host_, address.getPort());
         target_ = isPrintable(url) ? url : address.toString();
     }
 }

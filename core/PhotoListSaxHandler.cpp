@@ -144,6 +144,7 @@ void PhotoListSaxHandler::getPhotoInformation(Photo& photo) {
             throw Poco::Exception("UNABLE TO DOWNLOAD PHOTOSET", 0);
         }
     } catch (Poco::Exception& exception) {
+        if (endedByUser("Backup Stopped in getPhotoInformation()")) return;
         logFailure("Unable to downlod / parse / sort photo list - " + exception.displayText());
         Norvale_Plugin_Core::ExceptionHandlerMac(kServiceName)
             .handleException(exception,

@@ -37,6 +37,15 @@ inline bool stoppedAt(const char* stopLine, const char* file = __builtin_FILE(),
     return true;
 }
 
+/// For the handlers of failures: true when the user has requested a stop, which ends connections in the
+/// middle and is no failure; it is then logged with stopLine.
+inline bool endedByUser(const char* stopLine, const char* file = __builtin_FILE(),
+                        int line = __builtin_LINE()) {
+    if (!Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->isManuallyStopped()) return false;
+    logInfo(stopLine, file, line);
+    return true;
+}
+
 /// The number of attempts that the host allows for every request and download.
 inline int retryAttempts() {
     return Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->getRetryAttempts();

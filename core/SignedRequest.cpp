@@ -3,16 +3,16 @@
 #include <Poco/DigestEngine.h>
 #include <Poco/Exception.h>
 #include <Poco/MD5Engine.h>
-#include <Poco/Net/HTTPClientSession.h>
 #include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPResponse.h>
 #include <Poco/URI.h>
 
 #include <algorithm>
 
+#include "core/StopWatcher.h"
+
 namespace Norvale_Plugin_Flickr {
 
-using Poco::Net::HTTPClientSession;
 using Poco::Net::HTTPRequest;
 using Poco::Net::HTTPResponse;
 
@@ -76,7 +76,7 @@ std::string SignedRequest::target() const {
 
 int SignedRequest::send(const std::function<void(std::istream& body)>& read) const {
     const Poco::URI endpoint(access_.dataUrl);
-    HTTPClientSession session(endpoint.getHost(), endpoint.getPort());
+    StoppableSession session(endpoint.getHost(), endpoint.getPort());
     HTTPRequest request(HTTPRequest::HTTP_GET, target(), HTTPRequest::HTTP_1_1);
     request.setKeepAlive(false);
     session.sendRequest(request);
