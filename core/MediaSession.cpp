@@ -17,6 +17,7 @@
 #include <string>
 #include <utility>
 
+#include "core/RunSupport.h"
 #include "core/StopWatcher.h"
 
 namespace Norvale_Plugin_Flickr {
@@ -103,11 +104,6 @@ private:
     std::map<std::string, Poco::Net::Session::Ptr> sessions_;
 };
 
-/// Whether the text can stand in a request line; white space and control characters would end it early.
-bool isPrintable(const std::string& text) {
-    return std::all_of(text.begin(), text.end(), [](unsigned char c) { return c > 0x20 && c != 0x7f; });
-}
-
 std::string pathAndQuery(const Poco::URI& address) {
     const std::string path = address.getPathAndQuery();
     return path.empty() ? "/" : path;
@@ -125,7 +121,7 @@ MediaSession::MediaSession(const Poco::URI& address, const std::string& url) : h
         target_ = pathAndQuery(address);
     } else {
         session_ = std::make_unique<RawSession<StoppableSession>>(host_, address.getPort());
-        target_ = isPrintable(url) ? url : address.toString();
+        target_ = fitsRequestLine(url) ? url : address.toString();
     }
 }
 

@@ -4,6 +4,10 @@
 
 namespace Norvale_Plugin_Flickr {
 
+bool fitsRequestLine(const std::string& text) {
+    return std::all_of(text.begin(), text.end(), [](unsigned char c) { return c > 0x20 && c != 0x7f; });
+}
+
 std::streamsize readBlock(std::istream& body, char* block) {
     constexpr auto capacity = static_cast<std::streamsize>(kBlockSize);
     std::streamsize count = 0;

@@ -63,6 +63,9 @@ void tryAttempts(const char* attemptLine, const char* stopLine, Attempt attempt)
     }
 }
 
+/// Whether the text can stand in a request line; white space and control characters would end it early.
+bool fitsRequestLine(const std::string& text);
+
 /// Size in bytes of the blocks in which bodies are read.
 constexpr std::size_t kBlockSize = 8192;
 

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 
+#include "core/RunSupport.h"
 #include "core/StopWatcher.h"
 
 namespace Norvale_Plugin_Flickr {
@@ -77,7 +78,10 @@ std::string SignedRequest::target() const {
 int SignedRequest::send(const std::function<void(std::istream& body)>& read) const {
     const Poco::URI endpoint(access_.dataUrl);
     StoppableSession session(endpoint.getHost(), endpoint.getPort());
-    HTTPRequest request(HTTPRequest::HTTP_GET, target(), HTTPRequest::HTTP_1_1);
+    const std::string requestTarget = target();
+    // Ids come from the service: one with a line break in it would put headers of its own into the request.
+    if (!fitsRequestLine(requestTarget)) throw Poco::InvalidArgumentException("an id holds white space");
+    HTTPRequest request(HTTPRequest::HTTP_GET, requestTarget, HTTPRequest::HTTP_1_1);
     request.setKeepAlive(false);
     session.sendRequest(request);
 
