@@ -27,6 +27,7 @@ public:
     std::map<std::string, PhotoSet> getPhotosetList() const& { return sets_; }
     std::map<std::string, PhotoSet> getPhotosetList() && { return std::move(sets_); }
 
+    bool readsFailure() const override { return true; }
     void startElement(const Poco::XML::XMLString& uri, const Poco::XML::XMLString& localName,
                       const Poco::XML::XMLString& qname, const Poco::XML::Attributes& attributes) override;
     void endElement(const Poco::XML::XMLString& uri, const Poco::XML::XMLString& localName,

@@ -2,6 +2,7 @@
 
 #include <Poco/DynamicAny.h>
 #include <Poco/Exception.h>
+#include <Poco/SAX/Attributes.h>
 #include <Poco/SAX/DefaultHandler.h>
 #include <Poco/SAX/SAXParser.h>
 #include <Poco/SAX/XMLReader.h>
@@ -28,6 +29,7 @@ public:
     }
     void startElement(const Poco::XML::XMLString& uri, const Poco::XML::XMLString& localName,
                       const Poco::XML::XMLString& qname, const Poco::XML::Attributes& attributes) override {
+        look(localName, attributes);
         pass([&] { handler_.startElement(uri, localName, qname, attributes); });
     }
     void endElement(const Poco::XML::XMLString& uri, const Poco::XML::XMLString& localName,
@@ -42,7 +44,21 @@ public:
         if (thrown_) std::rethrow_exception(thrown_);
     }
 
+    /// Throws what is wrong with a document that could be read.
+    void requireAnswer(bool failureIsRead) const {
+        if (!known_) throw Poco::DataFormatException("the answer is none of the service's");
+        if (failed_ && !failureIsRead)
+            throw Poco::RuntimeException("the service answers with error " + error_);
+    }
+
 private:
+    void look(const Poco::XML::XMLString& name, const Poco::XML::Attributes& attributes) {
+        const auto value = [&](const char* attribute) { return attributes.getValue("", attribute); };
+        if (name == "rsp") failed_ = value("stat") == "fail";
+        if (name == "err" && failed_) error_ = value("code") + ": " + value("msg");
+        known_ = known_ || name == "rsp" || name == "photoset" || name == "photo" || name == "size";
+    }
+
     template <typename Event>
     void pass(Event event) {
         if (thrown_) return;
@@ -55,6 +71,9 @@ private:
 
     Poco::XML::ContentHandler& handler_;
     std::exception_ptr thrown_;
+    bool known_ = false;
+    bool failed_ = false;
+    std::string error_;
 };
 
 }  // namespace
@@ -74,6 +93,7 @@ void SaxReader::read(const std::string& document) {
         throw;
     }
     gate.rethrow();
+    gate.requireAnswer(readsFailure());
 }
 
 std::string readWhole(std::istream& body) {

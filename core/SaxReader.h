@@ -15,8 +15,13 @@ namespace Norvale_Plugin_Flickr {
 class SaxReader : public Poco::XML::ContentHandler, public Poco::XML::LexicalHandler {
 public:
     /// Reads a whole document, handing its events to this handler. Throws Poco::Exception for a document
-    /// that is not well-formed and for whatever the handler throws.
+    /// that is not well-formed, for one that is no answer of the service (a sign-in page of the network, for
+    /// example) and for one in which the service tells of a failure, and whatever the handler throws: what
+    /// was not listed must not pass for what is not there.
     void read(const std::string& document);
+
+    /// Whether the handler deals with <rsp stat="fail"> itself.
+    virtual bool readsFailure() const { return false; }
 
     void setDocumentLocator(const Poco::XML::Locator* locator) override { locator_ = locator; }
     void startDocument() override {}
