@@ -65,7 +65,9 @@ class Program:
 
     def __init__(self, work, build, url, credentials, retries=2):
         self.folder = pathlib.Path(work) / f"{next(tempfile._get_candidate_names())}.app"
-        shutil.copytree(pathlib.Path(build) / "flickr-backup.app", self.folder, copy_function=link_or_copy)
+        # By another process: a program that is written by this one cannot be started while any child, started at
+        # that moment by another thread, still has the file open.
+        subprocess.run(["cp", "-a", pathlib.Path(build) / "flickr-backup.app", self.folder], check=True)
         self.binary = self.folder / "flickr-backup"
         self.faults = pathlib.Path(build) / "tests/torture/libfaultfs.so"
         self.credentials, self.user = credentials, None
@@ -77,7 +79,7 @@ class Program:
         """A copy of this program that runs as another user."""
         other = copy.copy(self)
         other.folder = pathlib.Path(work) / f"{self.folder.stem}-{user}.app"
-        shutil.copytree(self.folder, other.folder)
+        subprocess.run(["cp", "-a", self.folder, other.folder], check=True)
         other.binary, other.plugins = other.folder / "flickr-backup", other.folder / "Resources/Plugins"
         other.credentials = shutil.copy2(self.credentials, other.folder / "credentials.ini")
         subprocess.run(["chown", "-R", f"{user}:{user}", other.folder], check=True)
@@ -148,13 +150,6 @@ class Sim:
     def stop(self):
         self.process.terminate()
         self.process.wait()
-
-
-def link_or_copy(source, target):
-    try:
-        os.link(source, target)
-    except OSError:
-        shutil.copy2(source, target)
 
 
 def work_folder(name, on_disk=False):
