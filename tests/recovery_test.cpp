@@ -41,6 +41,13 @@ long callsLeft = -1;  // calls that still succeed; -1 for all
 int failure = 0;      // error number of the calls after them; 0 to be killed
 bool haveFailed = false;
 
+// Under a sanitizer each run takes its time: fewer moments are tried.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr long kStep = 7;
+#else
+constexpr long kStep = 1;
+#endif
+
 bool fails() {
     if (callsLeft < 0) return false;
     if (callsLeft > 0) {
@@ -51,6 +58,29 @@ bool fails() {
     haveFailed = true;
     errno = failure;
     return true;
+}
+
+/// Where copies of the databases as they are on the disk are kept, for power cuts; empty for none.
+fs::path onDisk;
+
+/// Keeps the database that the file belongs to as it stands: it was flushed.
+int flushed(int file, int result) {
+    if (onDisk.empty() || result != 0) return result;
+    std::string path(4096, '\0');
+    const ssize_t length =
+        ::readlink(("/proc/self/fd/" + std::to_string(file)).c_str(), path.data(), path.size());
+    path.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
+    for (const std::string name : {".ledger.db", "backup.db"}) {
+        const std::string::size_type at = path.rfind("/" + name);
+        if (at == std::string::npos) continue;
+        path.resize(at + 1 + name.size());
+        for (const char* part : {"", "-wal"}) {
+            const fs::path copy = onDisk / (name + part);
+            fs::remove(copy);
+            if (fs::exists(path + part)) fs::copy_file(path + part, copy);
+        }
+    }
+    return result;
 }
 
 }  // namespace
@@ -68,10 +98,10 @@ ssize_t pwrite64(int file, const void* data, size_t size, off64_t at) {
     return fails() ? -1 : ::syscall(SYS_pwrite64, file, data, size, at);
 }
 int fsync(int file) {
-    return fails() ? -1 : static_cast<int>(::syscall(SYS_fsync, file));
+    return fails() ? -1 : flushed(file, static_cast<int>(::syscall(SYS_fsync, file)));
 }
 int fdatasync(int file) {
-    return fails() ? -1 : static_cast<int>(::syscall(SYS_fdatasync, file));
+    return fails() ? -1 : flushed(file, static_cast<int>(::syscall(SYS_fdatasync, file)));
 }
 int mkdirat(int folder, const char* name, mode_t mode) {
     return fails() ? -1 : static_cast<int>(::syscall(SYS_mkdirat, folder, name, mode));
@@ -345,6 +375,19 @@ protected:
         return WIFSIGNALED(status);
     }
 
+    /// Takes from the databases what a power cut takes: everything since they were flushed last.
+    void cutPower() {
+        for (const auto& [name, folder] :
+             {std::pair(".ledger.db", "service/.records"), std::pair("backup.db", "")}) {
+            for (const char* part : {"", "-wal", "-shm"}) {
+                const fs::path path = folder_ / "device" / folder / (std::string(name) + part);
+                const fs::path kept = onDisk / path.filename();
+                fs::remove(path);
+                if (fs::exists(kept)) fs::copy_file(kept, path);
+            }
+        }
+    }
+
     /// Everything on the device, without what only the stand-in's ledger holds, and the rows without the
     /// times of runs.
     std::map<std::string, std::string> state() {
@@ -420,7 +463,7 @@ TEST_F(RecoveryTest, AKilledRunLosesNothingAndTheNextOneCompletes) {
     fs::copy(folder_ / "device", folder_ / "before", fs::copy_options::recursive);
 
     long killedAt = 0;
-    for (bool killed = true; killed; ++killedAt) {
+    for (bool killed = true; killed; killedAt += kStep) {
         const std::string moment = "killed at call " + std::to_string(killedAt) + " ";
         newDevice();
         fs::copy(folder_ / "before", folder_ / "device", fs::copy_options::recursive);
@@ -428,7 +471,7 @@ TEST_F(RecoveryTest, AKilledRunLosesNothingAndTheNextOneCompletes) {
         // A recovery can be killed as well.
         if (killed) isKilled(changed("c"), killedAt % 23, true);
         expectSound(moment);
-        const std::string title = killedAt % 2 == 0 ? "c" : "other";
+        const std::string title = killedAt / kStep % 2 == 0 ? "c" : "other";
         run(changed(title));
         expectEqual(undisturbed[title], state(), moment);
         if (HasFailure()) return;
@@ -442,7 +485,7 @@ TEST_F(RecoveryTest, AFirstRunKilledAtAnyCallCompletesLater) {
     run(kBefore);
     const auto undisturbed = state();
     long killedAt = 0;
-    for (bool killed = true; killed; ++killedAt) {
+    for (bool killed = true; killed; killedAt += kStep) {
         newDevice();
         killed = isKilled(kBefore, killedAt);
         expectSound("killed at call " + std::to_string(killedAt));
@@ -464,8 +507,7 @@ TEST_F(RecoveryTest, AFailingDeviceKeepsWhatItHasAndSaysWhatIsWrong) {
                                          {EACCES, 0}};
     for (const auto& [error, code] : expected) {
         failure = error;
-        // A full device at every call, the others at some.
-        for (long calls = 0;; calls += error == ENOSPC ? 1 : 7) {
+        for (long calls = 0;; calls += kStep * (error == ENOSPC ? 2 : 11)) {
             const std::string moment = std::to_string(error) + " from call " + std::to_string(calls) + " on ";
             newDevice();
             fs::copy(folder_ / "before", folder_ / "device", fs::copy_options::recursive);
@@ -480,6 +522,62 @@ TEST_F(RecoveryTest, AFailingDeviceKeepsWhatItHasAndSaysWhatIsWrong) {
         }
     }
     failure = 0;
+}
+
+TEST_F(RecoveryTest, APowerCutThatTookTheLastRowsIsMended) {
+    newDevice();
+    run(kBefore);
+    params_->release();
+    fs::copy(folder_ / "device", folder_ / "before", fs::copy_options::recursive);
+    run(changed("c"));
+    const auto undisturbed = state();
+    for (long killedAt = 0;; killedAt += 3 * kStep) {
+        const std::string moment = "power cut at call " + std::to_string(killedAt) + " ";
+        newDevice();
+        fs::copy(folder_ / "before", folder_ / "device", fs::copy_options::recursive);
+        onDisk = folder_ / "disk";
+        fs::remove_all(onDisk);
+        fs::create_directory(onDisk);
+        fs::copy_file(folder_ / "before/backup.db", onDisk / "backup.db");
+        fs::copy_file(folder_ / "before/service/.records/.ledger.db", onDisk / ".ledger.db");
+        const bool killed = isKilled(changed("c"), killedAt);
+        if (killed) cutPower();
+        onDisk.clear();
+        if (!killed) break;
+        {
+            BackupDatabase database(databasePath());
+            recoverDevice(database, service());
+            EXPECT_TRUE(verifyLibrary(database, service()).missing.empty()) << moment;
+        }
+        run(changed("c"));
+        expectEqual(undisturbed, state(), moment);
+        if (HasFailure()) return;
+    }
+}
+
+TEST_F(RecoveryTest, ADeviceThatIsGoneIsNotReplacedByAFolder) {
+    newDevice();
+    run(kBefore);
+    params_->setBackupState(false);
+    std::string command, result, error;
+    HostServiceClientMac client;
+    client.createDirectory("New", command, result, error);
+    ASSERT_EQ("SUC", result) << error;
+    fs::rename(folder_ / "device", folder_ / "unplugged");
+    for (int i = 0; i < 2; ++i) {
+        // In the middle of the run, and when the next one begins.
+        client.createDirectory("More", command, result, error);
+        EXPECT_NE("SUC", result);
+        EXPECT_TRUE(params_->isBackupStopped());
+        EXPECT_FALSE(params_->isManuallyStopped());
+        params_->getErrorDetails(errorCode_, errorText_);
+        EXPECT_EQ(RunErrorDeviceGone, errorCode_) << errorText_;
+        EXPECT_FALSE(fs::exists(folder_ / "device"));
+        params_->setBackupState(false);
+    }
+    BackupDatabase database((folder_ / "unplugged/backup.db").string());
+    EXPECT_THROW(recoverDevice(database, service()), Poco::Exception);
+    EXPECT_FALSE(fs::exists(folder_ / "device"));
 }
 
 TEST_F(RecoveryTest, AnEditWithoutThumbnailLeavesTheOldVersion) {

@@ -115,7 +115,11 @@ Registry& registry() {
 }  // namespace
 
 struct BackupDatabase::Impl {
-    Impl(const std::string& path, Missing missing) : path(path), file(path, modeFor(path, missing)) {}
+    Impl(const std::string& path, Missing missing)
+        : path(path), file(path, modeFor(path, missing), SqliteFile::Cache::Shared) {
+        // Sessions that the plug-in opens join the cache of this connection: they find the schema read.
+        sqlite3_enable_shared_cache(1);
+    }
 
     struct Statements {
         explicit Statements(sqlite3* db)
@@ -223,6 +227,15 @@ void withDatabase(const std::string& path, const std::function<void(BackupDataba
     }
 }
 
+void flushOpenDatabases() {
+    std::vector<std::string> paths;
+    {
+        const std::lock_guard<std::mutex> lock(registry().mutex);
+        for (const auto& [path, database] : registry().open) paths.push_back(path);
+    }
+    for (const std::string& path : paths) flushWriteAheadLog(path);
+}
+
 const std::string& BackupDatabase::path() const {
     return impl_->path;
 }
@@ -318,6 +331,13 @@ void BackupDatabase::moveItems(const std::string& setId, const std::string& devi
         "UPDATE backupmetadata SET ItemContainerName = ?1, DerivedContainerName = ?1 "
         "WHERE OriginalContainerId = ?2 AND DerivedContainerName IS NOT ?1");
     StatementUse(*statement, deviceFolder, setId).run();
+}
+
+void BackupDatabase::setDerivedName(const std::string& id, const std::string& name) {
+    const std::lock_guard<std::mutex> lock(impl_->mutex);
+    const auto statement =
+        impl_->file.prepare("UPDATE backupmetadata SET DerivedItemName = ? WHERE ItemId = ?");
+    StatementUse(*statement, name, id).run();
 }
 
 void BackupDatabase::setImageExtension(const std::string& id, const std::string& extension) {

@@ -109,6 +109,8 @@ public:
     /// Makes all items of a set name deviceFolder as their folder.
     void moveItems(const std::string& setId, const std::string& deviceFolder);
     void setImageExtension(const std::string& id, const std::string& extension);
+    /// Names the item's file and leaves its update time.
+    void setDerivedName(const std::string& id, const std::string& name);
 
 private:
     struct Impl;

@@ -14,6 +14,9 @@ class BackupDatabase;
 /// Poco::Exception, also for a file that does not exist.
 void withDatabase(const std::string& path, const std::function<void(BackupDatabase&)>& work);
 
+/// Puts every change of the databases that are open in this process on the disk.
+void flushOpenDatabases();
+
 }  // namespace Norvale_Plugin_Core
 
 #endif

@@ -1,5 +1,6 @@
 #include "standin/framework/Device.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <mutex>
 #include <vector>
 
+#include "standin/framework/DatabaseRegistry.h"
 #include "standin/framework/ItemRecord.h"
 #include "standin/framework/Names.h"
 #include "standin/framework/RunSettings.h"
@@ -245,7 +247,13 @@ bool Device::isFile(const std::string& path) {
 bool Device::owns(const std::string& path, const std::string& item) {
     if (!isFile(path)) return false;
     if (const auto file = ledger_.file(path)) return file->item == item;
-    // A power cut can take the ledger's last rows and leave the file with its record.
+    // A power cut can take the ledger's last rows and leave the files. An item comes with its record, and the
+    // name of a thumbnail ends in the item's id.
+    if (isSystemWord(nameOf(folderOf(path)))) {
+        const std::string base = splitName(nameOf(path)).base, ending = "_" + item;
+        return !item.empty() && base.size() > ending.size() &&
+               base.compare(base.size() - ending.size(), ending.size(), ending) == 0;
+    }
     const std::string record = readRecord(folderOf(path), nameOf(path) + kRecordExtension);
     return !record.empty() && recordField(record, "ID") == item;
 }
@@ -263,6 +271,7 @@ void Device::makeFolder(const std::string& path) {
         throw DeviceException("Cannot make the folder " + quoted(path) + ": something else has that name");
     }
     ledger_.addMadeFolder(path);
+    ledger_.flush();
     if (::mkdirat(parent.get(), nameOf(path).c_str(), 0777) != 0 && errno != EEXIST) {
         const int error = errno;
         ledger_.forgetFolder(path);
@@ -302,6 +311,7 @@ void Device::renameFolder(const std::string& from, const std::string& to) {
                               " exists already");
     }
     ledger_.moveFolder(from, to, true);
+    ledger_.flush();
     const int error = renameWithoutReplacing(fromParent.get(), nameOf(from), toParent.get(), nameOf(to));
     if (error != 0) {
         ledger_.moveFolder(to, from, false);
@@ -311,6 +321,11 @@ void Device::renameFolder(const std::string& from, const std::string& to) {
 }
 
 void Device::removeFile(const std::string& path) {
+    const std::optional<LedgerFile> file = ledger_.file(path);
+    if (file && !file->was.empty()) {
+        ledger_.flush();
+        flushOpenDatabases();
+    }
     const Descriptor folder = openFolder(folderOf(path));
     if (::unlinkat(folder.get(), nameOf(path).c_str(), 0) != 0 && errno != ENOENT) {
         fail("remove", path, errno);
@@ -319,22 +334,62 @@ void Device::removeFile(const std::string& path) {
     ledger_.eraseFile(path);
 }
 
-void Device::renameFile(const std::string& from, const std::string& to, const std::string& was) {
+void Device::moveFileOnly(const std::string& from, const std::string& to) {
     const Descriptor fromFolder = openFolder(folderOf(from));
     const Descriptor toFolder = openFolder(folderOf(to));
-    if (status(to) && nameKey(from) != nameKey(to)) {
+    const bool standing = status(to) && nameKey(from) != nameKey(to);
+    const int error =
+        standing ? EEXIST
+                 : renameWithoutReplacing(fromFolder.get(), nameOf(from), toFolder.get(), nameOf(to));
+    if (error == EEXIST) {
         throw DeviceException("Cannot rename " + quoted(from) + ": " + quoted(to) + " exists already");
     }
-    ledger_.moveFile(from, to, was);
-    const int error = renameWithoutReplacing(fromFolder.get(), nameOf(from), toFolder.get(), nameOf(to));
-    if (error != 0) {
+    if (error != 0) fail("rename", from, error);
+}
+
+// The ledger's row goes first and says where the file was: if the file did not follow, or has to come back,
+// it is found from there.
+void Device::putFileAside(const std::string& from, const std::string& to) {
+    ledger_.moveFile(from, to, nameOf(from));
+    try {
+        moveFileOnly(from, to);
+    } catch (Poco::Exception&) {
         ledger_.moveFile(to, from, "");
-        if (error == EEXIST) {
-            throw DeviceException("Cannot rename " + quoted(from) + ": " + quoted(to) + " exists already");
-        }
-        fail("rename", from, error);
+        throw;
     }
     moveRecord(from, to);
+}
+
+// The file goes first: until its row has followed, it is found from what the row says of where it was.
+void Device::renameFile(const std::string& from, const std::string& to) {
+    moveFileOnly(from, to);
+    moveRecord(from, to);
+    ledger_.moveFile(from, to, "");
+}
+
+void Device::listFolder(const std::string& folder, const std::function<void(const std::string&)>& visit) {
+    Descriptor descriptor = openFolder(folder);
+    const std::unique_ptr<DIR, int (*)(DIR*)> entries(::fdopendir(descriptor.get()), &::closedir);
+    if (!entries) fail("list", folder, errno);
+    descriptor.release();
+    while (const dirent* entry = ::readdir(entries.get())) {
+        const std::string name = entry->d_name;
+        if (name != "." && name != "..") visit(name);
+    }
+}
+
+long Device::removeParts(const std::string& folder) {
+    long removed = 0;
+    for (const std::string& place : {folder, joinPath(folder, kRecordFolder)}) {
+        if (!place.empty() && !isFolder(place)) continue;
+        std::vector<std::string> parts;
+        listFolder(place, [&](const std::string& name) {
+            if (name.compare(0, std::strlen(kPartPrefix), kPartPrefix) == 0) parts.push_back(name);
+        });
+        const Descriptor descriptor = openFolder(place);
+        for (const std::string& name : parts) removed += ::unlinkat(descriptor.get(), name.c_str(), 0) == 0;
+    }
+    return removed;
 }
 
 Descriptor Device::openRecordFolder(const std::string& folder, bool create) {

@@ -80,9 +80,18 @@ public:
     void makeFolder(const std::string& path);
     void removeFolder(const std::string& path);
     void renameFolder(const std::string& from, const std::string& to);
-    /// Removes a file with its record, and then its row.
+    /// Removes a file with its record, and then its row. An old version that stands aside goes only when the
+    /// disk knows of what has taken its place.
     void removeFile(const std::string& path);
-    void renameFile(const std::string& from, const std::string& to, const std::string& was);
+    /// Puts a file aside: its row remembers the name that it had.
+    void putFileAside(const std::string& from, const std::string& to);
+    /// Renames a file, for one that stands aside back to its own name.
+    void renameFile(const std::string& from, const std::string& to);
+
+    /// Calls visit with the name of everything in the folder.
+    void listFolder(const std::string& folder, const std::function<void(const std::string&)>& visit);
+    /// Removes files that were being written, in the folder and among its records. Returns how many.
+    long removeParts(const std::string& folder);
 
     /// Puts text under name into the record folder of folder, whole or not at all. flush: it is on the disk
     /// when this returns.
@@ -102,6 +111,7 @@ public:
 
 private:
     bool isGone() const;
+    void moveFileOnly(const std::string& from, const std::string& to);
     Descriptor openRecordFolder(const std::string& folder, bool create);
 
     Descriptor root_;

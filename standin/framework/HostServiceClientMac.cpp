@@ -11,6 +11,7 @@
 
 #include "hostapi/HostServiceClientMac.h"
 
+#include <Poco/Data/DataException.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -99,6 +100,20 @@ struct HostServiceClientMac::Impl {
 
 namespace {
 
+/// The ledger lies on the device: what SQLite says of it is said of the device.
+void recordLedgerFailure(int code, const std::string& text) {
+    switch (code & 0xff) {
+        case SQLITE_FULL:
+            return recordCatastrophe(RunErrorDeviceFull, text);
+        case SQLITE_IOERR:
+            return recordCatastrophe(RunErrorDeviceGone, text);
+        case SQLITE_READONLY:
+            return recordCatastrophe(RunErrorDeviceReadOnly, text);
+        default:
+            recordRunError(RunErrorDatabase, text);
+    }
+}
+
 /// Runs an operation and turns how it went into the three texts.
 template <typename Operation>
 void answer(const std::string& description, std::string& command, std::string& result, std::string& error,
@@ -111,6 +126,9 @@ void answer(const std::string& description, std::string& command, std::string& r
         return;
     } catch (DeviceException& exception) {
         error = exception.message();
+    } catch (Poco::Data::DataException& exception) {
+        error = exception.message();
+        recordLedgerFailure(exception.code(), error);
     } catch (Poco::Exception& exception) {
         error = exception.displayText();
         recordRunError(runErrorOf(exception), error);
@@ -281,8 +299,11 @@ void HostServiceClientMac::renameFile(std::string from, std::string to, std::str
         const std::optional<LedgerFile> file = device.ledger().file(from);
         // Back where it was before: nothing is aside any more.
         const bool back = file && file->was == nameOf(to);
-        const bool aside = !back && folderOf(from) == folderOf(to);
-        device.renameFile(from, to, aside ? nameOf(from) : "");
+        if (!back && folderOf(from) == folderOf(to)) {
+            device.putFileAside(from, to);
+        } else {
+            device.renameFile(from, to);
+        }
     });
 }
 

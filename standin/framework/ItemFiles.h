@@ -27,7 +27,20 @@ inline std::vector<std::string> thumbnailCandidates(const ItemRow& row) {
     std::vector<std::string> paths = {row.thumbnailPath};
     for (const std::string& culture : knownCultures()) {
         const std::string folder = joinPath(row.folder, localisedKeyword(culture, "ThumbnailKey"));
-        paths.push_back(joinPath(folder, nameOf(row.thumbnailPath)));
+        const std::string path = joinPath(folder, nameOf(row.thumbnailPath));
+        if (path != row.thumbnailPath) paths.push_back(path);
+    }
+    return paths;
+}
+
+/// Paths that the recorded version of the item's file at path may have: the row may have got another name
+/// since, and a thumbnail another format.
+inline std::vector<std::string> versionsOf(const std::string& path, const ItemRow& row) {
+    if (folderOf(path) == row.folder) return {row.mediaPath};
+    std::vector<std::string> paths;
+    for (const char* extension : {".jpg", ".png", ".gif", ".webp", ".tif", ".heic"}) {
+        paths.push_back(
+            joinPath(folderOf(path), splitName(nameOf(row.mediaPath)).base + "_" + row.id + extension));
     }
     return paths;
 }

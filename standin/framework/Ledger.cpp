@@ -23,6 +23,7 @@ constexpr const char* kSchema = R"(
     CREATE INDEX IF NOT EXISTS filesofitem ON files (item);
     CREATE INDEX IF NOT EXISTS pendingfiles ON files (folder, name) WHERE pending <> 0;
     CREATE TABLE IF NOT EXISTS parts (path TEXT PRIMARY KEY) WITHOUT ROWID;
+    CREATE TABLE IF NOT EXISTS state (inuse INTEGER PRIMARY KEY);
 )";
 
 constexpr const char* kFileColumns = "SELECT folder, name, item, size, checksum, was, pending FROM files ";
@@ -59,13 +60,15 @@ struct Ledger::Statements {
     Statement findFolder, addFolder, folderName, findFile, putFile, eraseFile, settleItem, addPart, erasePart;
 };
 
-Ledger::Ledger(const std::string& path) : database_(path, SqliteFile::Open::OrCreate) {
+Ledger::Ledger(const std::string& path) : path_(path), database_(path, SqliteFile::Open::OrCreate) {
     try {
         database_.execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;");
         Transaction transaction(database_);
         database_.execute(kSchema);
         transaction.commit();
         sql_ = std::make_unique<Statements>(database_.handle());
+        mayLackRows_ = !database_.value("SELECT inuse FROM state").empty() ||
+                       database_.value("SELECT 1 FROM files LIMIT 1").empty();
     } catch (Poco::Exception& exception) {
         throw Poco::DataException(
             "The list of backed up files " + path + " cannot be used: " + exception.message() +
@@ -77,14 +80,25 @@ Ledger::Ledger(const std::string& path) : database_(path, SqliteFile::Open::OrCr
 
 Ledger::~Ledger() {
     try {
-        write([] {});
+        writeLater();
+        if (inUse_) database_.execute("DELETE FROM state");
     } catch (Poco::Exception&) {
         // What was put off is found pending by the next run.
     }
 }
 
+/// On the disk before anything else of this use is, so that a power cut leaves it too.
+void Ledger::markInUse() {
+    if (inUse_) return;
+    database_.execute(
+        "PRAGMA synchronous = FULL; INSERT OR IGNORE INTO state VALUES (1);"
+        "PRAGMA synchronous = NORMAL");
+    inUse_ = true;
+}
+
 template <typename Change>
 void Ledger::write(Change change) {
+    markInUse();
     Transaction transaction(database_);
     for (const std::string& item : laterSettled_) StatementUse(sql_->settleItem, item).run();
     for (const std::string& part : laterErasedParts_) StatementUse(sql_->erasePart, part).run();
@@ -94,9 +108,17 @@ void Ledger::write(Change change) {
     laterErasedParts_.clear();
 }
 
-bool Ledger::isEmpty() {
+void Ledger::writeLater() {
+    if (!laterSettled_.empty() || !laterErasedParts_.empty()) write([] {});
+}
+
+void Ledger::flush() {
+    flushWriteAheadLog(path_);
+}
+
+bool Ledger::mayLackRows() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return database_.value("SELECT 1 FROM files LIMIT 1").empty();
+    return mayLackRows_;
 }
 
 /// 0 when the folder is not known and not to be created.
@@ -167,7 +189,7 @@ std::vector<LedgerFile> Ledger::filesOfItem(const std::string& item) {
 
 std::vector<LedgerFile> Ledger::pendingFiles() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    write([] {});
+    writeLater();
     const auto statement = database_.prepare((std::string(kFileColumns) + "WHERE pending <> 0").c_str());
     StatementUse use(*statement);
     return readFiles(use);
@@ -229,7 +251,7 @@ void Ledger::erasePartLater(const std::string& path) {
 
 std::vector<std::string> Ledger::parts() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    write([] {});
+    writeLater();
     std::vector<std::string> paths;
     const auto statement = database_.prepare("SELECT path FROM parts");
     while (statement->step()) paths.push_back(statement->text(0));

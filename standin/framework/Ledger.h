@@ -10,6 +10,8 @@
 //       pending   1 until it is known that the item's row in the backup database names the file, 2 while in
 //                 addition the file may be an older one than its size and checksum say
 //   parts     files that are being written, by the path of their temporary name
+//   state     a row while the ledger is in use: one that is found when it is opened says that the last use
+//             ended by a kill or a power cut, and that rows of then may be missing
 //
 // A row changes before the file does, and is pending then: after a kill at any moment the pending rows and
 // the parts are all that has to be looked at. What only clears up is written together with the next change.
@@ -56,8 +58,11 @@ public:
     explicit Ledger(const std::string& path);
     ~Ledger();
 
-    /// True until the first file was entered.
-    bool isEmpty();
+    /// True when rows may be missing: no file was ever entered, or the last use did not end by closing.
+    bool mayLackRows();
+
+    /// Puts every change on the disk. Others follow within half a minute.
+    void flush();
 
     std::optional<LedgerFile> file(const std::string& path);
     std::vector<LedgerFile> filesOfItem(const std::string& item);
@@ -93,10 +98,15 @@ private:
     /// Runs change and everything that was put off, in one transaction.
     template <typename Change>
     void write(Change change);
+    void writeLater();
+    void markInUse();
 
     std::mutex mutex_;
+    const std::string path_;
     SqliteFile database_;
     std::unique_ptr<Statements> sql_;
+    bool mayLackRows_ = false;
+    bool inUse_ = false;
     std::map<std::string, std::int64_t> folderIds_;
     std::vector<std::string> laterSettled_;
     std::vector<std::string> laterErasedParts_;

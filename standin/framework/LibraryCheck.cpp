@@ -1,7 +1,5 @@
 #include "standin/framework/LibraryCheck.h"
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -87,20 +85,15 @@ private:
     }
 
     void findUnrecorded(const std::string& folder) {
-        Descriptor descriptor = device_.openFolder(folder);
-        const std::unique_ptr<DIR, int (*)(DIR*)> entries(::fdopendir(descriptor.get()), &::closedir);
-        if (!entries) device_.fail("list", folder, errno);
-        descriptor.release();
-        while (const dirent* entry = ::readdir(entries.get())) {
-            const std::string name = entry->d_name;
-            if (name == "." || name == ".." || name == kRecordFolder) continue;
+        device_.listFolder(folder, [&](const std::string& name) {
+            if (name == kRecordFolder) return;
             const std::string path = joinPath(folder, name);
             if (device_.isFolder(path)) {
                 findUnrecorded(path);
             } else if (recorded_.count(path) == 0 && !isOwnFile(path)) {
                 report_.unrecorded.push_back(path);
             }
-        }
+        });
     }
 
     BackupDatabase& database_;

@@ -166,6 +166,11 @@ bool isSystemWord(const std::string& name) {
            key == nameKey(HostServiceUsageParams::getInstance()->getValue("ThumbnailKey"));
 }
 
+std::string asideName(const std::string& name) {
+    const NameParts parts = splitName(name);
+    return parts.base + kAsideSuffix + parts.extension;
+}
+
 std::string itemName(const std::string& title, const std::string& itemId, long number) {
     const std::size_t room = std::min(itemId.size() + kThumbnailRoom, kLongestName / 2);
     return fittedName(title, numberSuffix(number), kLongestName - room);

@@ -51,6 +51,9 @@ NameParts splitName(const std::string& name);
 /// language may change from one run to the next.
 bool isSystemWord(const std::string& name);
 
+/// The name under which the plug-in puts a file aside while a new version comes: "a_Old.jpg".
+std::string asideName(const std::string& name);
+
 /// A safe name for an item made from title, with the extension kept and room left for what is put to it: a
 /// thumbnail's name holds base, itemId and "_Old" as well. Never begins with a dot, never has a base that
 /// ends in "_Old", and is none of the words that the system needs.

@@ -1,10 +1,18 @@
 // What is settled, in this order, each step harmless to repeat:
 //
-//   adoption          a ledger without rows beside a database with rows was lost: recorded files are entered
+//   lost rows         only when the ledger was lost or its last use did not end by closing, so that a power
+//                     cut may have taken its last rows: half-written files and files that stand aside are
+//                     looked for in every recorded folder and beside every recorded file
 //   parts             half-written files are removed
 //   renamed folders   the set's row has the new name: the rows of its items get it too; it has the old name:
 //                     the folder gets it back
 //   files             see settleAside() and settleWritten()
+//   adoption          when the ledger was lost, or a power cut may have taken its last rows: recorded files
+//   that
+//                     it does not know are entered, without their checksums
+//   unknown files     after lost rows: recorded files that the ledger does not know are entered, without
+//   their
+//                     checksums
 //   made folders      an empty folder that no row names is removed
 //   recorded folders  each exists, so that new items find their place
 
@@ -21,6 +29,7 @@
 #include "standin/framework/Device.h"
 #include "standin/framework/ItemFiles.h"
 #include "standin/framework/ItemRecord.h"
+#include "standin/framework/Localisation.h"
 #include "standin/framework/Names.h"
 #include "standin/framework/RunSettings.h"
 
@@ -33,25 +42,30 @@ public:
     Recovery(BackupDatabase& database, Device& device) : database_(database), device_(device) {}
 
     RecoveryReport run() {
-        if (device_.ledger().isEmpty()) adoptFiles();
+        const bool mayLackRows = device_.ledger().mayLackRows();
         removeParts();
         settleRenamedFolders();
-        for (const LedgerFile& file : device_.ledger().pendingFiles()) settleFile(file);
+        if (mayLackRows) findLostRows();
+        settleFiles();
+        if (mayLackRows) adoptFiles();
         removeUnusedFolders();
         makeRecordedFolders();
         return report_;
     }
 
 private:
+    void findLostRows();
+    void findAside(const std::string& path, const ItemRow& row);
     void adoptFiles();
     void adopt(const std::string& path, const std::string& item);
     void removeParts();
     void settleRenamedFolders();
-    void settleFile(const LedgerFile& file);
+    void settleFiles();
     void settleAside(const LedgerFile& file, const std::optional<ItemRow>& row);
     void settleWritten(const LedgerFile& file, const std::optional<ItemRow>& row);
     void settleThumbnail(const LedgerFile& file, const ItemRow& row);
     bool hasNewVersion(const LedgerFile& aside, const ItemRow& row);
+    std::string checksumOf(const std::string& path);
     void rehash(LedgerFile file);
     void remove(const std::string& path);
     bool isUsedFolder(const std::string& path);
@@ -65,7 +79,7 @@ private:
 
 void Recovery::adopt(const std::string& path, const std::string& item) {
     const std::optional<struct stat> status = device_.status(path);
-    if (!status || !S_ISREG(status->st_mode)) return;
+    if (!status || !S_ISREG(status->st_mode) || device_.ledger().file(path)) return;
     device_.ledger().putFile({path, item, static_cast<std::uint64_t>(status->st_size), "", "", 0});
     ++report_.adopted;
 }
@@ -77,8 +91,57 @@ void Recovery::adoptFiles() {
     });
     for (const FolderRow& folder : database_.folders()) {
         if (folder.deviceName.empty() || !device_.isFolder(folder.deviceName)) continue;
+        if (device_.ledger().madeFolder(folder.deviceName)) continue;
         device_.ledger().addMadeFolder(folder.deviceName);
         device_.ledger().settleFolder(folder.deviceName);
+    }
+}
+
+void Recovery::findLostRows() {
+    std::set<std::string> folders = {""};
+    for (const FolderRow& folder : database_.folders()) folders.insert(folder.deviceName);
+    for (const std::string& culture : knownCultures()) {
+        const std::string word = localisedKeyword(culture, "ThumbnailKey");
+        for (const FolderRow& folder : database_.folders()) folders.insert(joinPath(folder.deviceName, word));
+        folders.insert(word);
+    }
+    for (const LedgerFolder& folder : device_.ledger().pendingFolders()) folders.insert(folder.path);
+    for (const std::string& folder : folders) {
+        if (folder.empty() || device_.isFolder(folder)) report_.removed += device_.removeParts(folder);
+    }
+    database_.forEachItem([&](const ItemRow& row) {
+        std::vector<std::string> paths = thumbnailCandidates(row);
+        paths.push_back(row.mediaPath);
+        for (const LedgerFile& file : device_.ledger().filesOfItem(row.id)) {
+            if (!file.was.empty() || file.path == row.mediaPath || isThumbnailOf(row, file.path)) continue;
+            // The ledger is behind the row, which has another name by now.
+            paths.push_back(file.path);
+            device_.ledger().setPending(file.path, 1);
+        }
+        for (const std::string& path : paths) findAside(path, row);
+    });
+}
+
+/// Enters the old version of the file at path, if one stands aside; what has its name is then a newer one.
+void Recovery::findAside(const std::string& path, const ItemRow& row) {
+    Ledger& ledger = device_.ledger();
+    const std::string aside = joinPath(folderOf(path), asideName(nameOf(path)));
+    if (!device_.isFile(aside) || ledger.file(aside)) return;
+    const bool newer = device_.isFile(path);
+    if (folderOf(path) == row.folder) {
+        // Its record may not have followed it yet.
+        const std::string own = device_.readRecord(row.folder, nameOf(aside) + kRecordExtension);
+        const std::string before = device_.readRecord(row.folder, nameOf(path) + kRecordExtension);
+        if (recordField(own.empty() && !newer ? before : own, "ID") != row.id) return;
+    }
+    if (const auto file = ledger.file(path)) {
+        ledger.moveFile(path, aside, nameOf(path));
+    } else {
+        const auto size = static_cast<std::uint64_t>(device_.status(aside)->st_size);
+        ledger.putFile({aside, row.id, size, "", nameOf(path), 1});
+    }
+    for (const std::string& version : versionsOf(path, row)) {
+        if (!ledger.file(version) && device_.isFile(version)) ledger.putFile({version, row.id, 0, "", "", 2});
     }
 }
 
@@ -118,12 +181,14 @@ void Recovery::settleRenamedFolders() {
     }
 }
 
-void Recovery::settleFile(const LedgerFile& file) {
-    const std::optional<ItemRow> row = database_.item(file.item);
-    if (file.was.empty()) {
-        settleWritten(file, row);
-    } else {
-        settleAside(file, row);
+void Recovery::settleFiles() {
+    const std::vector<LedgerFile> files = device_.ledger().pendingFiles();
+    // What stands aside first: it may come back.
+    for (const LedgerFile& file : files) {
+        if (!file.was.empty()) settleAside(file, database_.item(file.item));
+    }
+    for (const LedgerFile& file : files) {
+        if (file.was.empty()) settleWritten(file, database_.item(file.item));
     }
 }
 
@@ -132,8 +197,10 @@ void Recovery::settleAside(const LedgerFile& file, const std::optional<ItemRow>&
     Ledger& ledger = device_.ledger();
     const std::string before = joinPath(folderOf(file.path), file.was);
     if (!device_.isFile(file.path)) {
-        // Either it was never moved, or it is gone.
-        if (device_.isFile(before) && !ledger.file(before)) {
+        // It was never moved, or is back already, or is gone. In the second case the new version may have
+        // been entered without ever coming to stand there.
+        const bool standing = device_.isFile(before);
+        if (standing && (!ledger.file(before) || checksumOf(before) == file.checksum)) {
             device_.moveRecord(file.path, before);
             ledger.moveFile(file.path, before, "");
             ledger.setPending(before, 0);
@@ -145,7 +212,7 @@ void Recovery::settleAside(const LedgerFile& file, const std::optional<ItemRow>&
     if (row && hasNewVersion(file, *row)) {
         remove(file.path);
     } else if (!device_.status(before)) {
-        device_.renameFile(file.path, before, "");
+        device_.renameFile(file.path, before);
         ledger.setPending(before, 0);
         ++report_.restored;
     }
@@ -168,6 +235,13 @@ void Recovery::settleWritten(const LedgerFile& file, const std::optional<ItemRow
         return;
     }
     const bool thumbnail = row && isThumbnailOf(*row, file.path);
+    if (row && folderOf(file.path) == row->folder && !device_.status(row->mediaPath)) {
+        // A power cut took the row's last change: this is all that there is of the item.
+        database_.setDerivedName(row->id, nameOf(file.path));
+        device_.ledger().setPending(file.path, 0);
+        ++report_.restored;
+        return;
+    }
     if (!row || (file.path != row->mediaPath && !thumbnail)) {
         remove(file.path);
         return;
@@ -188,14 +262,15 @@ void Recovery::settleThumbnail(const LedgerFile& file, const ItemRow& row) {
     }
 }
 
-void Recovery::rehash(LedgerFile file) {
+std::string Recovery::checksumOf(const std::string& path) {
     Checksum checksum;
-    file.size = 0;
-    device_.readFile(file.path, [&](const char* data, std::size_t size) {
-        checksum.update(data, size);
-        file.size += size;
-    });
-    file.checksum = checksum.text();
+    device_.readFile(path, [&](const char* data, std::size_t size) { checksum.update(data, size); });
+    return checksum.text();
+}
+
+void Recovery::rehash(LedgerFile file) {
+    file.size = static_cast<std::uint64_t>(device_.status(file.path)->st_size);
+    file.checksum = checksumOf(file.path);
     device_.ledger().putFile(file);
 }
 

@@ -12,7 +12,7 @@ class BackupDatabase;
 struct RecoveryReport {
     long removed = 0;   ///< half-written files, files of items that were never recorded, old versions
     long restored = 0;  ///< files and folders that got their recorded names back
-    long adopted = 0;   ///< recorded files that a new ledger took in
+    long adopted = 0;   ///< recorded files that the ledger did not know
 };
 
 /// Brings the files below serviceFolder in line with the database: afterwards every file that the interrupted

@@ -1,6 +1,8 @@
 #include "standin/framework/Sqlite.h"
 
 #include <Poco/Data/DataException.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace Norvale_Plugin_Core {
 
@@ -92,8 +94,8 @@ std::int64_t Statement::number(int column) const {
     return sqlite3_column_int64(statement_, column);
 }
 
-SqliteFile::SqliteFile(const std::string& path, Open mode) {
-    int flags = 0;
+SqliteFile::SqliteFile(const std::string& path, Open mode, Cache cache) {
+    int flags = cache == Cache::Shared ? SQLITE_OPEN_SHAREDCACHE : SQLITE_OPEN_PRIVATECACHE;
     switch (mode) {
         case Open::Existing:
             flags |= SQLITE_OPEN_READWRITE;
@@ -120,6 +122,14 @@ SqliteFile::~SqliteFile() {
 
 void SqliteFile::execute(const char* sql) {
     if (sqlite3_exec(database_, sql, nullptr, nullptr, nullptr) != SQLITE_OK) fail(database_);
+}
+
+void flushWriteAheadLog(const std::string& path) {
+    const int file = ::open((path + "-wal").c_str(), O_RDONLY | O_CLOEXEC);
+    if (file < 0) return;  // nothing was written since it was last emptied
+    const bool flushed = ::fdatasync(file) == 0;
+    ::close(file);
+    if (!flushed) throw Poco::Data::DataException("The database " + path + " cannot be flushed", SQLITE_IOERR);
 }
 
 std::string SqliteFile::value(const char* sql) {

@@ -64,9 +64,12 @@ private:
 class SqliteFile {
 public:
     enum class Open { Existing, ExistingReadOnly, OrCreate };
+    /// Whether the connection has a page cache of its own, or one with every other of the process that
+    /// shares.
+    enum class Cache { Own, Shared };
 
     /// Throws a Poco::Exception that names the file.
-    SqliteFile(const std::string& path, Open mode);
+    SqliteFile(const std::string& path, Open mode, Cache cache = Cache::Own);
     ~SqliteFile();
     SqliteFile(const SqliteFile&) = delete;
     SqliteFile& operator=(const SqliteFile&) = delete;
@@ -84,6 +87,10 @@ public:
 private:
     sqlite3* database_ = nullptr;
 };
+
+/// Puts what was committed to the database at path on the disk. Its connections, which flush only now and
+/// then, need not know.
+void flushWriteAheadLog(const std::string& path);
 
 /// A transaction, rolled back unless commit() was reached.
 class Transaction {
