@@ -235,6 +235,25 @@ class State:
             require(mine == theirs, f"the {name} differ, {len(mine)} and {len(theirs)}: {different[:2]}")
 
 
+    def contents(self):
+        """For each item the bytes of its media and of its thumbnails, whatever their names."""
+        held = {row["ItemId"]: set() for row in self.rows}
+        for row in self.rows:
+            folder = "" if row["OriginalContainerId"] == "Anonymous" else row["DerivedContainerName"]
+            held[row["ItemId"]].add(self.files.get(str(pathlib.Path(SERVICE, folder, row["DerivedItemName"]))))
+        for path, content in self.files.items():
+            item = next((item for item in held if pathlib.Path(path).stem.endswith(f"_{item}")), None)
+            if item and f"/{RECORDS}/" not in path:
+                held[item].add(content)
+        return held
+
+    def require_alike(self, other):
+        """Equal but for the numbers that tell equal names apart: they go by the order in which items came."""
+        require(self.contents() == other.contents(), "the items differ")
+        require(len(self.files) == len(other.files), f"leftovers: {sorted(set(self.files) ^ set(other.files))}")
+        require(self.counts == other.counts, f"the counts differ: {self.counts} and {other.counts}")
+
+
 def aside(name):
     base, dot, extension = name.rpartition(".")
     return f"{base}_Old.{extension}" if dot else f"{name}_Old"
