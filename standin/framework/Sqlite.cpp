@@ -2,6 +2,7 @@
 
 #include <Poco/Data/DataException.h>
 #include <fcntl.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace Norvale_Plugin_Core {
@@ -10,6 +11,12 @@ namespace {
 
 // A writer waits this long for another one, in milliseconds, before it gives up.
 constexpr int kBusyTimeout = 10000;
+
+/// Not every file of a database that cannot grow is reported as full by SQLite.
+bool isOnFullDevice(const char* file) {
+    struct statvfs device = {};
+    return file && *file && ::statvfs(file, &device) == 0 && device.f_bavail == 0;
+}
 
 [[noreturn]] void fail(sqlite3* database) {
     const int code = database ? sqlite3_errcode(database) : SQLITE_NOMEM;
@@ -37,7 +44,7 @@ constexpr int kBusyTimeout = 10000;
             text += "is in use by another program";
             break;
         default:
-            text += "failed";
+            text += isOnFullDevice(file) ? "cannot grow: the device is full" : "failed";
             break;
     }
     text += std::string(" (") + (database ? sqlite3_errmsg(database) : "out of memory") + ")";
@@ -129,7 +136,8 @@ void flushWriteAheadLog(const std::string& path) {
     if (file < 0) return;  // nothing was written since it was last emptied
     const bool flushed = ::fdatasync(file) == 0;
     ::close(file);
-    if (!flushed) throw Poco::Data::DataException("The database " + path + " cannot be flushed", SQLITE_IOERR);
+    if (!flushed)
+        throw Poco::Data::DataException("The database " + path + " cannot be flushed", SQLITE_IOERR);
 }
 
 std::string SqliteFile::value(const char* sql) {
