@@ -77,6 +77,7 @@ protected:
                           err = folder_ + "/err" + tag;
         const pid_t child = ::fork();
         if (child == 0) {
+            ::setenv("LSAN_OPTIONS", "print_suppressions=0", 0);  // keeps a sanitizer's list off the output
             ::dup2(::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
             ::dup2(::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
             ::execv(program.c_str(), argv.data());

@@ -42,6 +42,7 @@ static NSString* textOf(const char* utf8) {
 
 /// A plug-in object, initialised; nil with the reason in problem.
 static Plugin* newPlugin(NSString** problem) {
+    const Class base = [PluginBase class];
     NSString* path =
         [[[NSBundle mainBundle] resourcePath] stringByAppendingPathComponent:@"Plugins/FlickrPlugin.bundle"];
     NSBundle* bundle = [NSBundle bundleWithPath:path];
@@ -51,7 +52,7 @@ static Plugin* newPlugin(NSString** problem) {
         return nil;
     }
     Class class = [bundle principalClass];
-    if (![class isSubclassOfClass:[PluginBase class]] || ![class conformsToProtocol:@protocol(IPlugin)]) {
+    if (![class isSubclassOfClass:base] || ![class conformsToProtocol:@protocol(IPlugin)]) {
         *problem =
             [NSString stringWithFormat:@"%@ is no plug-in of this program; install the program again.", path];
         return nil;
