@@ -1,9 +1,9 @@
 // The readers of the service's answers against expat's own event loop over the same bytes, with handlers that
 // do nothing: what the records, the lists and the log lines cost on top of reading XML at all.
 //
-// The answers are the simulated service's. The reader of a page asks for the renditions of every item while it
-// reads; here SignedRequest::send() is replaced at link time, and hands it an answer from memory instead, so
-// that the page's case holds the 500 small documents too, on both sides.
+// The answers are the simulated service's. The reader of a page asks for the renditions of every item while
+// it reads; here SignedRequest::send() is replaced at link time, and hands it an answer from memory instead,
+// so that the page's case holds the 500 small documents too, on both sides.
 //
 // Without --log=FILE the host's log drops its lines, as it does before it has a file.
 
@@ -72,8 +72,8 @@ Answers askService() {
         flickr_sim::generate(account, generation);
         flickr_sim::FlickrSim sim(account);
         const auto& credentials = sim.credentials();
-        const Norvale_Plugin_Flickr::ServiceAccess access{sim.dataUrl(), credentials.token, credentials.apiKey,
-                                                          credentials.apiSecret};
+        const Norvale_Plugin_Flickr::ServiceAccess access{sim.dataUrl(), credentials.token,
+                                                          credentials.apiKey, credentials.apiSecret};
         if (sets != 1) {
             answers.sets = ask(SignedRequest(access, "flickr.photosets.getList").addToken());
             continue;
@@ -85,8 +85,7 @@ Answers askService() {
                                .addExtras()
                                .addToken()
                                .add("page", "1"));
-        answers.sizes =
-            ask(SignedRequest(access, "flickr.photos.getSizes").add("photo_id", item).addToken());
+        answers.sizes = ask(SignedRequest(access, "flickr.photos.getSizes").add("photo_id", item).addToken());
     }
     return answers;
 }
@@ -101,7 +100,8 @@ void runExpat(const std::string& document) {
     XML_SetElementHandler(
         parser, [](void*, const XML_Char*, const XML_Char**) {}, [](void*, const XML_Char*) {});
     XML_SetCharacterDataHandler(parser, [](void*, const XML_Char*, int) {});
-    if (XML_Parse(parser, document.data(), static_cast<int>(document.size()), 1) != XML_STATUS_OK) std::abort();
+    if (XML_Parse(parser, document.data(), static_cast<int>(document.size()), 1) != XML_STATUS_OK)
+        std::abort();
     XML_ParserFree(parser);
 }
 
