@@ -69,6 +69,7 @@ int DownloadPhotoListActivity::getAllPages() {
 
     // The items in no set are not counted anywhere: their listing ends with a page that brings nothing new.
     std::size_t previousCount = 0;
+    leftOut_ = 0;
     for (int page = 1; anonymous || page <= pages; ++page) {
         if (stoppedAt("Backup Stopped in DownloadPhotoListActivity::getPhotoList()")) return 0;
 
@@ -79,6 +80,11 @@ int DownloadPhotoListActivity::getAllPages() {
         }
         if (anonymous && count == previousCount) return 1;
         previousCount = count;
+    }
+    const std::size_t listed = photoMap_.size() + leftOut_;
+    if (listed > 0 && items > 0 && listed < static_cast<std::size_t>(items)) {
+        logFailure("Fewer items listed than announced: " + std::to_string(listed) + " of " +
+                   std::to_string(items));
     }
     return 1;
 }
@@ -105,6 +111,7 @@ std::size_t DownloadPhotoListActivity::parseDataV2(std::istream& body) {
         logFailure("Unable to parse photo list " + exception.displayText());
         throw;
     }
+    leftOut_ += handler.leftOut();
     photoMap_.merge(std::move(handler).getPhotoList());
     return photoMap_.size();
 }

@@ -59,6 +59,7 @@ private:
     std::multimap<Poco::DateTime, Photo> photos_;
     std::multimap<Poco::DateTime, Photo> videos_;
     std::map<std::string, Photo> photoMap_;
+    std::size_t leftOut_ = 0;  // items without a rendition, on the pages of the current attempt
     Norvale_Plugin_Core::ExceptionHandlerMac exceptionHandler_;
 };
 

@@ -122,12 +122,16 @@ void PhotoListSaxHandler::endElement(const Poco::XML::XMLString&, const Poco::XM
 }
 
 void PhotoListSaxHandler::finishPhoto() {
-    getPhotoInformation(photo_);
+    const bool asked = getPhotoInformation(photo_);
     photo_.setPhotoSetID(set_.getPhotoSetID());
     photo_.setPhotoSet(set_);
     photo_.setPhotoID(photo_.getRawPhotoID() + "_" + set_.getPhotoSetID());
     photo_.setPhotoTitle(photo_.getPhotoTitle() + suffixOf(photo_.getMediaType()));
-    if (photo_.getImagePath().empty()) return;
+    if (photo_.getImagePath().empty()) {
+        ++leftOut_;
+        if (asked) logFailure("No rendition to download for item - " + photo_.getPhotoTitle());
+        return;
+    }
 
     Photo listed;
     listed.Clone(photo_);
@@ -135,7 +139,7 @@ void PhotoListSaxHandler::finishPhoto() {
     photoMap_.emplace(std::move(id), std::move(listed));
 }
 
-void PhotoListSaxHandler::getPhotoInformation(Photo& photo) {
+bool PhotoListSaxHandler::getPhotoInformation(Photo& photo) {
     try {
         SignedRequest request(access_, "flickr.photos.getSizes");
         request.add("photo_id", photo.getPhotoID()).addToken();
@@ -143,13 +147,15 @@ void PhotoListSaxHandler::getPhotoInformation(Photo& photo) {
         if (status != Poco::Net::HTTPResponse::HTTP_OK) {
             throw Poco::Exception("UNABLE TO DOWNLOAD PHOTOSET", 0);
         }
+        return true;
     } catch (Poco::Exception& exception) {
-        if (endedByUser("Backup Stopped in getPhotoInformation()")) return;
+        if (endedByUser("Backup Stopped in getPhotoInformation()")) return false;
         logFailure("Unable to downlod / parse / sort photo list - " + exception.displayText());
         Norvale_Plugin_Core::ExceptionHandlerMac(kServiceName)
             .handleException(exception,
                              "Exception occurred in getPhotoInformation() : " + exception.displayText(),
                              retryAttempts());
+        return false;
     }
 }
 

@@ -13,6 +13,7 @@
 #ifndef CORE_PHOTOLISTSAXHANDLER_H
 #define CORE_PHOTOLISTSAXHANDLER_H
 
+#include <cstddef>
 #include <istream>
 #include <map>
 #include <string>
@@ -44,9 +45,12 @@ public:
                     const Poco::XML::XMLString& qname) override;
     void characters(const Poco::XML::XMLChar text[], int start, int length) override;
 
-    /// Asks flickr.photos.getSizes for the item's renditions and completes its record. A failure is reported
-    /// and leaves the record as it was.
-    void getPhotoInformation(Photo& photo);
+    /// How many items were left out.
+    std::size_t leftOut() const { return leftOut_; }
+
+    /// Asks flickr.photos.getSizes for the item's renditions and completes its record. A failure is reported,
+    /// leaves the record as it was and answers false.
+    bool getPhotoInformation(Photo& photo);
 
     /// Completes the record from the answer. Throws Poco::Exception for one that cannot be read.
     void parsePhotoInformationV2(std::istream& body, Photo& photo);
@@ -65,6 +69,7 @@ private:
     ServiceAccess access_;
     PhotoSet set_;
     std::map<std::string, Photo> photoMap_;
+    std::size_t leftOut_ = 0;
     Norvale_Plugin_Core::Utils utils_;
 };
 

@@ -41,6 +41,8 @@ std::string& lastTitle() {
 constexpr std::string_view kSetLine = "Processing Photo Set: ";
 constexpr std::string_view kListAttempt = "Getting Photo List Attempt - ";
 constexpr std::string_view kListedItem = "*********************** Photo Started";
+constexpr std::string_view kNoRendition = "No rendition to download for item - ";
+constexpr std::string_view kFewerListed = "Fewer items listed than announced: ";
 constexpr std::string_view kListEnd = "Available new/updated media to process: ";
 constexpr std::string_view kSetsListed = "Available new/updated photo sets to process: ";
 constexpr std::string_view kUnchanged = " already backed up no change, continuing to next photo";
@@ -117,6 +119,11 @@ bool RunJournal::followFolder(const std::string& line) {
 bool RunJournal::followLists(const std::string& line) {
     if (startsWith(line, kListedItem)) {
         ++listedItems_;
+    } else if (startsWith(line, kNoRendition)) {
+        if (!isStopped()) leaveOutItem(after(line, kNoRendition), "It offers no file to download");
+    } else if (startsWith(line, kFewerListed)) {
+        summary_.warnings.push_back("The service listed " + after(line, kFewerListed) +
+                                    " items that it announced for the photo set \"" + set_ + "\"");
     } else if (startsWith(line, kSetLine)) {
         beginSet(after(line, kSetLine));
     } else if (startsWith(line, kListAttempt)) {
@@ -208,7 +215,13 @@ void RunJournal::folderRecordFailed(const std::string& folder, const std::string
 }
 
 void RunJournal::leaveOutItem(const std::string& title, const std::string& reason) {
-    addFailure(title, "The service's list of its renditions could not be read. " + reason);
+    const std::string text = "The service's list of its renditions is of no use: " + reason;
+    // A page can come twice, as the last one of the items in no set does.
+    const auto known = [&](const Failure& failure) {
+        return failure.name == title && failure.reason == text;
+    };
+    const auto first = summary_.failures.begin() + static_cast<std::ptrdiff_t>(leftOutFrom_);
+    if (std::none_of(first, summary_.failures.end(), known)) addFailure(title, text);
 }
 
 void RunJournal::addFailure(std::string name, std::string reason) {

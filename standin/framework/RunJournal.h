@@ -6,6 +6,8 @@
 //
 //   "Processing Photo Set: S"                                     items belong to S from here on
 //   "Getting Photo List Attempt - N"                              S is being listed
+//   "No rendition to download for item - T"                       the listing left T out
+//   "Fewer items listed than announced: N of M"                   for S
 //   "Photo - T already backed up no change, ..." ("Video - ")     T is unchanged
 //   "Photo - T is edited, Downloading again."    ("Video - ")     the next item is an edited one
 //   "F successfully downloaded."                                  F, the file opened last, is on the device
