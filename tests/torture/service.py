@@ -5,6 +5,7 @@ name what it could not back up, and must complete the backup once the service be
 import argparse
 import os
 import pathlib
+import re
 import signal
 import socket
 import threading
@@ -176,6 +177,42 @@ def xml_cases():
     whole = http(good)
     for size in range(0, len(whole) - len(good), 9):
         yield f"cut-header-{size}", whole[:size]
+
+
+# Answers that contradict themselves only in numbers are warned of: the service's own counts are not always right.
+ONLY_WARNED = {'id="2" as id="1"', "one item of two", "no items", "no list"}
+# Answers that nobody can tell from those of an account with other sets.
+UNSEEN = {"a set's id is missing", "a set twice", 'without id="1"', 'id="1" as id=""'}
+
+
+def odd_cases():
+    """Well-formed answers with something missing, doubled or out of place: (point, name, answer)."""
+    account, base = make_account(), "http://127.0.0.1:1"
+    photos = account.photos_xml("7")
+    for attribute in ' id="1"', ' title="one"', ' media="photo"', ' lastupdate="1700000000"', ' datetaken="2023-11-14 22:13:20"', \
+            ' dateupload="1700000000"', ' tags="a b"':
+        yield "getPhotos", f"without{attribute}", photos.replace(attribute, "", 1)
+    for old, new in {'media="photo"': 'media="audio"', 'id="1"': 'id=""', 'title="one"': 'title="two"', 'id="2"': 'id="1"',
+                     '1700000000"': '-1"', 'lastupdate="1700000000"': 'lastupdate="soon"', "2023-11-14": "never"}.items():
+        yield "getPhotos", f"{old} as {new}", photos.replace(old, new, 1)
+    yield "getPhotos", "one item of two", photos[:photos.index("<photo id")] + photos[photos.rindex("<photo id"):]
+    yield "getPhotos", "no items", photos[:photos.index("<photo id")] + "</photoset></rsp>"
+    yield "getPhotos", "no list", '<rsp stat="ok"/>'
+    yield "getPhotos", "attributes turned round", re.sub(
+        r"<photo ([^>]*)>", lambda tag: "<photo " + " ".join(reversed(re.findall(r'\w+="[^"]*"', tag[1]))) + ">", photos)
+    sizes = account.sizes_xml(base, "1")
+    for name, text in {"no sizes": '<rsp stat="ok"><sizes/></rsp>', "no sources": re.sub(r'source="[^"]*"', 'source=""', sizes),
+                       "no labels": re.sub(r'label="[^"]*"', "", sizes), "no thumbnail": sizes.replace("Thumbnail", "Square"),
+                       "width of no number": sizes.replace('width="2"', 'width="wide"'), "no list": '<rsp stat="ok"/>',
+                       "source is no address": re.sub(r'source="[^"]*"', 'source="../../etc/passwd"', sizes),
+                       "source of another kind": re.sub(r'source="[^"]*"', 'source="file:///etc/passwd"', sizes)}.items():
+        yield "getSizes", name, text
+    sets = account.sets_xml()
+    yield "getList", "a set's id is missing", sets.replace('id="7" ', "")
+    yield "getList", "a set twice", sets.replace('id="8"', 'id="7"')
+    yield "getList", "counts are no numbers", sets.replace('photos="2"', 'photos="many"')
+    yield "getList", "counts are huge", sets.replace('photos="2"', 'photos="2147483647" ').replace('videos="0"', 'videos="2147483647"', 1)
+    yield "getList", "counts are negative", sets.replace('photos="2"', 'photos="-5"')
 
 
 def media_cases():
@@ -350,10 +387,12 @@ def check_xml(work, build, case):
         rig.require(stage.service.reached.is_set(), "the case was not reached")
         missing = {key: value for key, value in stage.expected().items() if stage.items().get(key) != value} \
             if (stage.device / "backup.db").exists() else stage.expected()
-        rig.require(not missing or run.status == 1, f"missing and not told: {sorted(missing)}\n{run}")
+        rig.require(not missing or run.status == 1 or name in ONLY_WARNED and run.summary["warnings"] or name in UNSEEN,
+                    f"missing and not told: {sorted(missing)}\n{run}")
         spoilt = {"getList": 4, "getPhotos": 2, "getNotInSet": 1, "getSizes": 1}[point]
         rig.require(len(missing) <= spoilt, f"others are missing too: {sorted(missing)}\n{run}")
-        stage.require_complete()
+        if name not in UNSEEN:
+            stage.require_complete()
     finally:
         stage.close()
 
@@ -479,7 +518,8 @@ def main():
         cases = [case for case in cases if options.only in " ".join(map(str, case))]
         return [cases[i - 1] for i in rig.spread(len(cases), options.cases)]
 
-    xml = chosen([(point, *case) for point in ("getList", "getPhotos", "getNotInSet", "getSizes") for case in xml_cases()])
+    odd = [(point, name, http(text)) for point, name, text in odd_cases()]
+    xml = chosen(odd + [(point, *case) for point in ("getList", "getPhotos", "getNotInSet", "getSizes") for case in xml_cases()])
     bodies = chosen([(point, *case) for point in ("media", "thumb") for case in media_cases()])
     edits = chosen([(point, *case) for point in ("media", "thumb") for case in media_cases()])
     stops = chosen(list(endless_cases()))
