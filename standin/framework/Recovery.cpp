@@ -166,8 +166,11 @@ void Recovery::settleRenamedFolders() {
             // The set's own row comes first, its items' rows after it.
             database_.moveItems(set, folder.path);
         } else if (!device_.isFolder(folder.was)) {
-            if (!database_.folderIdByDeviceName(folder.was).empty() && device_.isFolder(folder.path)) {
+            const std::string unchanged = database_.folderIdByDeviceName(folder.was);
+            if (!unchanged.empty() && device_.isFolder(folder.path)) {
                 device_.renameFolder(folder.path, folder.was);
+                // Those that were backed up into it under the new name come back with it.
+                database_.moveItems(unchanged, folder.was);
                 ledger.settleFolder(folder.was);
                 ++report_.restored;
                 continue;
