@@ -3,7 +3,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <utility>
 
 #include "hostapi/DevLogger.h"
 #include "hostapi/HostServiceUsageParams.h"
@@ -20,6 +23,17 @@ char* copyOf(const std::string& text) {
     return copy;
 }
 
+/// The cipher of a pass phrase and a salt. The last one is kept: deriving its key takes long on purpose, and
+/// a plug-in asks for the same one again and again.
+std::shared_ptr<const Cipher> cipherOf(const std::string& passPhrase, const std::string& salt) {
+    static std::mutex& mutex = *new std::mutex;
+    static auto& last = *new std::pair<std::pair<std::string, std::string>, std::shared_ptr<const Cipher>>;
+    const std::lock_guard<std::mutex> lock(mutex);
+    const auto key = std::make_pair(passPhrase, salt);
+    if (!last.second || last.first != key) last = {key, std::make_shared<const Cipher>(passPhrase, salt)};
+    return last.second;
+}
+
 }  // namespace
 
 char* NVServiceFolderName(const char* culture) {
@@ -28,7 +42,7 @@ char* NVServiceFolderName(const char* culture) {
 
 int NVDeriveKey(const char* material, size_t length, const char* salt, unsigned char* key) {
     try {
-        const std::string derived = deriveKey(std::string(material, length), salt);
+        const std::string derived = cipherOf(std::string(material, length), salt)->key();
         if (derived.size() != NVKeyLength) return 0;
         std::memcpy(key, derived.data(), NVKeyLength);
         return 1;
@@ -40,8 +54,8 @@ int NVDeriveKey(const char* material, size_t length, const char* salt, unsigned 
 char* NVDecrypt(const char* passPhrase, const char* salt, const void* sealed, size_t length,
                 size_t* plainLength) {
     try {
-        const Cipher cipher(passPhrase, salt);
-        const std::string plain = cipher.decrypt(std::string(static_cast<const char*>(sealed), length));
+        const std::string plain =
+            cipherOf(passPhrase, salt)->decrypt(std::string(static_cast<const char*>(sealed), length));
         *plainLength = plain.size();
         return copyOf(plain);
     } catch (const std::exception&) {
