@@ -8,12 +8,7 @@
 
 #include <sanitizer/lsan_interface.h>
 
-const char* __lsan_default_options(void);
 const char* __lsan_default_suppressions(void);
-
-const char* __lsan_default_options(void) {
-    return "print_suppressions=0";
-}
 
 const char* __lsan_default_suppressions(void) {
     return "leak:objc_malloc\n"
