@@ -440,7 +440,11 @@ std::string Device::readRecord(const std::string& folder, const std::string& nam
 
 void Device::removeRecord(const std::string& folder, const std::string& name) {
     const Descriptor records = openRecordFolder(folder, false);
-    if (records.isOpen()) ::unlinkat(records.get(), name.c_str(), 0);
+    // A record that stays behind its file would never be looked for again: the file's row has to stay as
+    // well.
+    if (records.isOpen() && ::unlinkat(records.get(), name.c_str(), 0) != 0 && errno != ENOENT) {
+        fail("remove", joinPath(folder, name), errno);
+    }
 }
 
 void Device::moveRecord(const std::string& from, const std::string& to) {
