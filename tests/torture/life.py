@@ -151,13 +151,49 @@ def decay(work, build, _):
     sim.stop()
 
 
+HONEST = [  # a fault, how the run ends, and what its summary has to say
+    ("kind=media,status=503", 1, ["IMG_0001.jpg", "IMG_0002.jpg", "IMG_0003.jpg", "503"]),
+    ("kind=thumbnail,item=53000000001,status=404", 1, ["IMG_0001.jpg", "404"]),
+    ("item=53000000001,kind=media,short=10", 1, ["IMG_0001.jpg", "fewer bytes"]),
+    ("item=53000000001,kind=media,drop=header", 1, ["IMG_0001.jpg"]),
+    ("item=53000000001,kind=media,redirect=ftp://x/", 1, ["IMG_0001.jpg", "ftp"]),
+    ("kind=media,nth=1,status=503", 0, []),  # mended by the second attempt
+    ("method=flickr.photosets.getList,status=401", 1, ["401"]),
+    ("method=flickr.photosets.getList,error=98", 1, ["Invalid Auth Token"]),
+    ("method=flickr.photosets.getList,status=500", 1, ["500"]),
+    ("method=flickr.photosets.getPhotos,error=105", 1, ["Set 0001", "105"]),
+    ("method=flickr.photosets.getPhotos,malformed=1", 1, ["Set 0001"]),
+    ("method=flickr.photos.getNotInSet,error=105", 1, ["Anonymous", "105"]),
+    ("method=flickr.photos.getSizes,item=53000000001,error=1", 1, ["IMG_0001"]),
+]
+
+
+def honest(work, build, _):
+    def check(case):
+        spec, status, words = case
+        sim = rig.Sim(work, build, "--generate", "1x2", "--loose", "1", "--videos", "0", "--plain-titles",
+                      "--item-bytes", "3000", "--fault", spec)
+        program = rig.Program(work, build, sim.url, sim.credentials)
+        device = pathlib.Path(work) / f"honest-{program.folder.stem}"
+        device.mkdir()
+        run = program.backup(device)
+        told = " ".join(run.told())
+        rig.require(run.status == status and all(word in told for word in words), f"{run}")
+        sim.order("clear-faults")
+        again = program.backup(device)
+        rig.require(again.status == 0 and program.verify(device).status == 0, f"without the fault: {again}")
+        sim.stop()
+
+    rig.require(rig.each(HONEST, check) == 0, "a summary does not say what failed")
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--build", required=True)
     parser.add_argument("--runs", type=int, default=500, help="of the soak")
     parser.add_argument("--only", default="")
     options = parser.parse_args()
-    parts = {part.__name__: part for part in (soak, two_runs, clocks, log_has_an_end, decay)
+    parts = {part.__name__: part for part in (soak, two_runs, clocks, log_has_an_end, decay, honest)
              if options.only in part.__name__}
     with rig.work_folder("life") as work:
         failures = rig.each(parts, lambda name: parts[name](work, options.build, options.runs))
