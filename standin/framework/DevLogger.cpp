@@ -6,13 +6,12 @@
 
 #include "hostapi/DevLogger.h"
 
-#include <Poco/DateTimeFormatter.h>
-#include <Poco/Timestamp.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <ctime>
 #include <mutex>
 
 #include "standin/framework/LogFile.h"
@@ -61,6 +60,18 @@ const char* levelName(LogLevel level) {
     return level == LogLevelFailure ? "FAIL" : "INFO";
 }
 
+/// The current time. A run writes a dozen lines for each item, so the cheap functions are used here.
+std::string timeText() {
+    timespec now = {};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    tm parts = {};
+    ::gmtime_r(&now.tv_sec, &parts);
+    char text[64];
+    const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
+    std::snprintf(text + length, sizeof text - length, ".%03dZ", static_cast<int>(now.tv_nsec / 1000000));
+    return text;
+}
+
 }  // namespace
 
 void nameLogFile(const std::string& path) {
@@ -74,12 +85,15 @@ void nameLogFile(const std::string& path) {
 void DevLogger::writeLog(std::string message, LogLevel level, const char* sourceFile, int line) {
     RunJournal::instance().logLine(message);
 
-    const std::string text = Poco::DateTimeFormatter::format(Poco::Timestamp(), "%Y-%m-%dT%H:%M:%S.%iZ") +
-                             " " + levelName(level) + " " + (sourceFile ? sourceFile : "-") + ":" +
-                             std::to_string(line) + " " + oneLine(maskSecrets(std::move(message))) + "\n";
     Log& log = theLog();
+    {
+        const std::lock_guard<std::mutex> lock(log.mutex);
+        if (log.descriptor < 0) return;
+    }
+    const std::string text = timeText() + " " + levelName(level) + " " + (sourceFile ? sourceFile : "-") +
+                             ":" + std::to_string(line) + " " + oneLine(maskSecrets(std::move(message))) +
+                             "\n";
     const std::lock_guard<std::mutex> lock(log.mutex);
-    if (log.descriptor < 0) return;
     if (log.size + static_cast<off_t>(text.size()) > kLargestLog) log.rotate();
     // One write for one line, so that lines of several processes do not mix either.
     const ssize_t written = ::write(log.descriptor, text.data(), text.size());

@@ -2,6 +2,7 @@
 
 #include <utf8proc.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "standin/framework/Names.h"
@@ -39,6 +40,10 @@ std::string escaped(utf8proc_int32_t character) {
 }  // namespace
 
 std::string oneLine(const std::string& text) {
+    const bool plain = std::all_of(text.begin(), text.end(),
+                                   [](unsigned char c) { return c >= 0x20 && c < 0x7f && c != '\\'; });
+    if (plain && text.size() <= kLongestText) return text;
+
     const std::string shown = cutUtf8(text, kLongestText);
     std::string line;
     line.reserve(shown.size());
