@@ -183,6 +183,7 @@ static void findAddresses(struct Item* item, bool video, struct Text* answer) {
             strcpy(item->media, source);
         }
     }
+    if (listOnly && notes) fprintf(notes, "%s\n%s\n", item->media, item->thumbnail);
 }
 
 /// Makes a file in the directory, from an address or with the given bytes, under a name that it has until it
@@ -270,7 +271,8 @@ int main(int argc, char** argv) {
         fputs(
             "usage: floor_client DATA_URL KEY SECRET TOKEN DEVICE [--list-only] [--addresses FILE]\n"
             "Makes the requests of a backup and puts its files below DEVICE. --list-only: the requests of a\n"
-            "run that finds nothing new. --addresses: notes every address fetched, a line each.\n",
+            "run that finds nothing new. --addresses: notes every address fetched, and every one that\n"
+            "--list-only leaves out, a line each.\n",
             stderr);
         return 2;
     }

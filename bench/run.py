@@ -21,7 +21,6 @@ import tempfile
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-BUILD = ROOT / "build-release"
 KIB, MIB, GIB = 1 << 10, 1 << 20, 1 << 30
 
 # What the simulated service accepts.
@@ -29,14 +28,6 @@ KEY, SECRET, TOKEN = "demo0key0for0the0simulated0flickr", "demo0secret", "demo-t
 
 # The service's limit on REST requests from one key.
 REST_PER_HOUR = 3600
-
-
-def program(name):
-    """A program of the build, wherever in it that is."""
-    found = [path for path in BUILD.rglob(name) if path.is_file() and os.access(path, os.X_OK)]
-    if not found:
-        sys.exit(f'{name} is not in {BUILD.name}: build the preset "release" first, as scripts/bench does.')
-    return str(found[0])
 
 
 class Run:
@@ -99,15 +90,37 @@ class Bench:
 
     def __init__(self, options):
         self.quick = options.quick
-        self.directory = pathlib.Path(tempfile.mkdtemp(prefix="flickr-bench-", dir=options.directory))
+        self.build = pathlib.Path(options.build).resolve()
+        self.disk = self.directory = pathlib.Path(tempfile.mkdtemp(prefix="flickr-bench-", dir=options.directory))
+        self.memory = pathlib.Path(tempfile.mkdtemp(prefix="flickr-bench-", dir="/dev/shm"))
         self.rows = []
         self.tables = []  # further Markdown, behind the table of ratios
-        self.credentials = self.directory / "credentials.ini"
+        # A copy: what is configured in the build's own application is none of a benchmark's business.
+        built = pathlib.Path(self.program("flickr-backup")).parent
+        self.application = shutil.copytree(built, self.disk / built.name) / "flickr-backup"
+        self.credentials = self.disk / "credentials.ini"
         self.credentials.touch(mode=0o600)
         self.credentials.write_text(f"api_key = {KEY}\napi_secret = {SECRET}\ntoken = {TOKEN}\n")
 
     def close(self):
-        shutil.rmtree(self.directory, ignore_errors=True)
+        for directory in (self.disk, self.memory):
+            shutil.rmtree(directory, ignore_errors=True)
+
+    @contextlib.contextmanager
+    def in_memory(self):
+        """Directories are made in memory, where a flush costs nothing."""
+        self.directory = self.memory
+        try:
+            yield
+        finally:
+            self.directory = self.disk
+
+    def program(self, name):
+        """A program of the build, wherever in it that is."""
+        found = [path for path in self.build.rglob(name) if path.is_file() and os.access(path, os.X_OK)]
+        if not found:
+            sys.exit(f'{name} is not in {self.build}: build the preset "release" first, as scripts/bench does.')
+        return str(found[0])
 
     def fresh(self, name):
         path = self.directory / name
@@ -123,7 +136,7 @@ class Bench:
 
     @contextlib.contextmanager
     def started(self, *command):
-        """A server, and the match of pattern in the line with which it says where it listens."""
+        """A server, ended with the block."""
         process = subprocess.Popen([str(word) for word in command], stdout=subprocess.PIPE, text=True)
         try:
             yield process
@@ -133,8 +146,10 @@ class Bench:
 
     @contextlib.contextmanager
     def service(self, sets, items, *options):
-        """A simulated service on a generated account, configured for the plug-in; gives its address."""
-        with self.started(program("flickr-sim"), "--generate", f"{sets}x{items}", "--videos", 0, "--loose", 0,
+        """A simulated service on a generated account, for which the plug-in is configured; gives its address."""
+        if "--videos" not in options:
+            options = ("--videos", 0, *options)
+        with self.started(self.program("flickr-sim"), "--generate", f"{sets}x{items}", "--loose", 0, "--exit-with-parent",
                           *options) as process:
             found = None
             while not found:
@@ -146,11 +161,11 @@ class Bench:
             yield found.group()
 
     def configure(self, url):
-        run(program("flickr-backup"), "configure", "--data-url", url, "--credentials", self.credentials)
+        run(self.application, "configure", "--data-url", url, "--credentials", self.credentials)
 
     def backup(self, device, new=0, unchanged=0):
         """One run of the plug-in, which has to find so many items new and so many unchanged."""
-        result = run(program("flickr-backup"), "run", "--device", device, "--credentials", self.credentials,
+        result = run(self.application, "run", "--device", device, "--credentials", self.credentials,
                      "--json")
         summary = json.loads(result.output[result.output.index("{"):])
         if (summary["new"], summary["unchanged"]) != (new, unchanged):
@@ -161,7 +176,7 @@ class Bench:
         return self.backup(self.fresh(name), new=items)
 
     def floor(self, url, device, *options):
-        return run(program("floor_client"), url, KEY, SECRET, TOKEN, device, *options)
+        return run(self.program("floor_client"), url, KEY, SECRET, TOKEN, device, *options)
 
     def addresses(self, url, *options):
         """Every address that a run fetches, in its order."""
@@ -185,18 +200,19 @@ class Bench:
 
 
 def first(bench):
-    """first backup, against wget, curl and the floor"""
+    """first backup, against wget, curl and the floor, on disk and in memory"""
     items, rounds = (200, 3) if bench.quick else (2000, 5)
-    with bench.service(1, items, "--item-bytes", 100 * KIB) as url:
-        addresses = bench.addresses(url)
-        runs = alternate(rounds, ours=lambda: bench.first_backup("ours", items),
-                         floor=lambda: bench.floor(url, bench.fresh("floor")),
-                         curl=lambda: bench.curl(addresses), wget=lambda: bench.wget(addresses))
-    case = f"first backup, {items} photos of 100 KiB"
-    figures = ", ".join(f"{name} {seconds(taken)}" for name, taken in runs.items())
-    faster = min((runs["curl"], runs["wget"]), key=lambda taken: statistics.median(r.wall for r in taken))
-    bench.row(case, "the faster of curl and wget", ratios(runs["ours"], faster), 1.0, figures)
-    bench.row(case, "floor client", ratios(runs["ours"], runs["floor"]), 1.15, figures)
+    for place, where in ((contextlib.nullcontext, ""), (bench.in_memory, ", device in memory")):
+        with bench.service(1, items, "--item-bytes", 100 * KIB) as url, place():
+            addresses = bench.addresses(url)
+            runs = alternate(rounds, ours=lambda: bench.first_backup("ours", items),
+                             floor=lambda: bench.floor(url, bench.fresh("floor")),
+                             curl=lambda: bench.curl(addresses), wget=lambda: bench.wget(addresses))
+        case = f"first backup, {items} photos of 100 KiB{where}"
+        figures = ", ".join(f"{name} {seconds(taken)}" for name, taken in runs.items())
+        faster = min((runs["curl"], runs["wget"]), key=lambda taken: statistics.median(r.wall for r in taken))
+        bench.row(case, "the faster of curl and wget", ratios(runs["ours"], faster), 1.0, figures)
+        bench.row(case, "floor client", ratios(runs["ours"], runs["floor"]), 1.15, figures)
 
 
 def unchanged(bench):
@@ -216,10 +232,10 @@ def video(bench):
     size, rounds = (GIB // 8, 3) if bench.quick else (GIB, 5)
     for scheme in ("http", "https"):
         options = ["--https-port", 443, "--https-media"] if scheme == "https" else []
-        with bench.service(0, 0, "--video-bytes", size, *options) as url:
-            address = bench.addresses(url, "--list-only")[-2]
+        with bench.service(1, 1, "--videos", 1, "--video-bytes", size, *options) as url:
+            address = next(a for a in bench.addresses(url, "--list-only") if "/play/" in a)
             target = bench.fresh("curl") / "video"
-            flushed = f'curl -sSk -o "$0" "$1" && sync "$0"'
+            flushed = 'curl -sSk -o "$0" "$1" && sync "$0"'
             runs = alternate(rounds, ours=lambda: bench.first_backup("ours", 1),
                              curl=lambda: run("curl", "-sSk", "-o", target, address),
                              flushed=lambda: run("sh", "-c", flushed, target, address))
@@ -286,15 +302,15 @@ def sets(bench):
               ", ".join(f"{name} {milliseconds(taken, items)} per item" for name, taken in runs.items()))
 
 
-def micro(bench, name, *options):
+def micro(bench, name, time_kind, *options):
     """Runs a program of Google Benchmark; times in ns by case, each {contender: [times]}."""
-    result = run(program(name), *options, "--benchmark_format=json", "--benchmark_enable_random_interleaving=true",
+    result = run(bench.program(name), *options, "--benchmark_format=json", "--benchmark_enable_random_interleaving=true",
                  f"--benchmark_repetitions={3 if bench.quick else 5}")
     times = {}
     for entry in json.loads(result.output[result.output.index("{"):])["benchmarks"]:
         if entry["run_type"] == "iteration":
             case, contender = entry["name"].split("/")[:2]
-            times.setdefault(case, {}).setdefault(contender, []).append(entry["cpu_time"])
+            times.setdefault(case, {}).setdefault(contender, []).append(entry[time_kind])
     return times
 
 
@@ -302,7 +318,7 @@ def parsers(bench):
     """the readers of answers, against expat's own event loop"""
     for logged in (False, True):
         options = [f"--log={bench.directory / 'log'}"] if logged else []
-        for case, times in micro(bench, "parsers", *options).items():
+        for case, times in micro(bench, "parsers", "cpu_time", *options).items():
             values = [a / b for a, b in zip(times["ours"], times["expat"])]
             figures = ", ".join(f"{name} {statistics.median(t) / 1e6:.2f} ms" for name, t in times.items())
             bench.row(f"reading a {case}" + (", with the log" if logged else ""), "expat doing nothing", values,
@@ -311,7 +327,7 @@ def parsers(bench):
 
 def store(bench):
     """look-ups and updates in a database of a million rows, against prepared statements"""
-    for case, times in micro(bench, "store", bench.fresh("store")).items():
+    for case, times in micro(bench, "store", "real_time", bench.fresh("store")).items():
         values = [a / b for a, b in zip(times["ours"], times["prepared"])]
         figures = ", ".join(f"{name} {statistics.median(t) / 1e3:.1f} µs each" for name, t in times.items())
         bench.row(case, "prepared once, one connection", values, None, figures)
@@ -326,7 +342,7 @@ def distance(bench):
         for trip in (0, 20, 100):
             with contextlib.ExitStack() as stack:
                 if trip:
-                    proxy = stack.enter_context(bench.started(program("delay_proxy"), port, trip))
+                    proxy = stack.enter_context(bench.started(bench.program("delay_proxy"), port, trip))
                     bench.configure(url.replace(port, proxy.stdout.readline().strip()))
                 new = bench.first_backup("ours", items)
                 again = bench.backup(bench.directory / "ours", unchanged=items)
@@ -360,8 +376,8 @@ def instructions(bench):
         with bench.service(1, size, "--item-bytes", 20000) as url:
             device = bench.fresh("ours")
             floor = bench.fresh("floor")
-            backup = (program("flickr-backup"), "run", "--device", device, "--credentials", bench.credentials)
-            client = (program("floor_client"), url, KEY, SECRET, TOKEN, floor)
+            backup = (bench.application, "run", "--device", device, "--credentials", bench.credentials)
+            client = (bench.program("floor_client"), url, KEY, SECRET, TOKEN, floor)
             for name, command in (("first", backup), ("unchanged", backup), ("floor first", client),
                                   ("floor unchanged", (*client, "--list-only"))):
                 counts[name, size] = count_instructions(bench, command)
@@ -429,8 +445,10 @@ def main():
                                                                    for name, case in CASES.items()))
     parser.add_argument("cases", nargs="*", metavar="CASE", help="the cases to run; all when none is named")
     parser.add_argument("--quick", action="store_true", help="smaller cases and fewer rounds")
-    parser.add_argument("--markdown", metavar="FILE", default=BUILD / "performance.md",
+    parser.add_argument("--markdown", metavar="FILE", default=ROOT / "build-release" / "performance.md",
                         help="where the table is written as well (default: %(default)s)")
+    parser.add_argument("--build", metavar="DIR", default=ROOT / "build-release",
+                        help="where the programs are built (default: %(default)s)")
     parser.add_argument("--directory", metavar="DIR", help="the disk to measure on (default: the temporary one)")
     options = parser.parse_args()
     unknown = set(options.cases) - set(CASES)

@@ -1,8 +1,8 @@
-// The metadata database through FlickrDbInterface, which opens a session for every statement, against the same
-// statements prepared once on one open connection: what the sessions cost.
+// The metadata database through FlickrDbInterface, which opens a session for every statement, against the
+// same statements prepared once on one open connection: what the sessions cost.
 //
-// Usage: store DIRECTORY [Google Benchmark's options]. A database of a million items is made in DIRECTORY by the
-// host's own class, which then, as in a run, keeps its connection open.
+// Usage: store DIRECTORY [Google Benchmark's options]. A database of a million items is made in DIRECTORY by
+// the host's own class, which then, as in a run, keeps its connection open.
 
 #include <Poco/DateTime.h>
 #include <benchmark/benchmark.h>
@@ -31,7 +31,8 @@ constexpr const char* kFill =
     " OriginalItemId, OriginalContainerId, CreatedOn, ItemUpdatedOn, ItemType, ImageExtension, Reserved1,"
     " Reserved2, Reserved3, NameSpace, NameKey) "
     "SELECT (53000000000 + i) || '_721577', 'IMG_' || i || '.jpg', 'Trip', 'IMG_' || i || '.jpg', 'Trip',"
-    " 53000000000 + i, '721577', '2023-11-14 22:13:20', '2023-11-14 22:13:20', 'FlickrPhoto', 'jpg', '', '', '',"
+    " 53000000000 + i, '721577', '2023-11-14 22:13:20', '2023-11-14 22:13:20', 'FlickrPhoto', 'jpg', '', '', "
+    "'',"
     " '721577', 'img_' || i || '.jpg' FROM n";
 
 std::string path;
@@ -39,6 +40,11 @@ std::unique_ptr<Norvale_Plugin_Core::BackupDatabase> host;
 
 std::string idOf(std::int64_t number) {
     return std::to_string(53000000000 + number * kStride % kRows) + "_721577";
+}
+
+std::string newName() {
+    static std::int64_t number = 0;
+    return "new " + std::to_string(number++) + ".jpg";
 }
 
 void makeDatabase() {
@@ -75,19 +81,21 @@ void updateOurs(benchmark::State& state) {
     database.setConnectionString(path);
     std::int64_t number = 0;
     for (auto _ : state) {
-        const std::string name = "ours " + std::to_string(number) + ".jpg";
+        const std::string name = newName();
         if (!database.updateFileTitleV2(idOf(number++), name, name, "2024-01-01 00:00:00")) std::abort();
     }
 }
 
 void updatePrepared(benchmark::State& state) {
     SqliteFile file(path, SqliteFile::Open::Existing);
+    file.execute("PRAGMA synchronous = NORMAL");  // as the host's connection
     const auto statement = file.prepare(
-        "UPDATE backupmetadata SET ItemName = :orgItemName, DerivedItemName = :derivedItemName, ItemUpdatedOn = "
+        "UPDATE backupmetadata SET ItemName = :orgItemName, DerivedItemName = :derivedItemName, "
+        "ItemUpdatedOn = "
         ":newUpdatedTime WHERE ItemId = :itemId");
     std::int64_t number = 0;
     for (auto _ : state) {
-        const std::string name = "prepared " + std::to_string(number) + ".jpg";
+        const std::string name = newName();
         StatementUse(*statement, name, name, std::string("2024-01-01 00:00:00"), idOf(number++)).run();
         if (file.changes() != 1) std::abort();
     }
