@@ -118,6 +118,10 @@ static void perform(void* message) {
     }
 }
 
+- (void)backupDidRest:(NSNotification*)notification {
+    if (m_Callbacks.rests != NULL) m_Callbacks.rests(m_Callbacks.context);
+}
+
 - (void)run {
     NSAutoreleasePool* pool = [[NSAutoreleasePool alloc] init];
     m_Callbacks.guard(m_Callbacks.context, perform, m_pMessage);
@@ -172,6 +176,10 @@ Host* HostNew(const HostCallbacks* callbacks) {
     host->m_pDevice = [[NVDeviceSettings alloc] init];
     [host->m_pService setServiceName:@"Flickr"];
     [host->m_pPlugin setDelegate:host];
+    [[NSNotificationCenter defaultCenter] addObserver:host
+                                             selector:@selector(backupDidRest:)
+                                                 name:BackupDidRestNotification
+                                               object:nil];
     [pool release];
     return (Host*)host;
 }
@@ -179,6 +187,7 @@ Host* HostNew(const HostCallbacks* callbacks) {
 int HostFree(Host* unused) {
     NSAutoreleasePool* pool = [[NSAutoreleasePool alloc] init];
     HostRunLoop(unused, 60, NULL, NULL);
+    [[NSNotificationCenter defaultCenter] removeObserver:host];
     [host->m_pThread release];  // which retains the host
     host->m_pThread = nil;
     [host release];

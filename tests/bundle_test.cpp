@@ -1,0 +1,188 @@
+// Whole runs as the application performs them: through the loaded bundle, on the run loop, against the
+// simulated service.
+
+#include "tests/BundleHost.h"
+
+#include <Poco/Exception.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+#include <thread>
+
+#include "standin/app/PerformRun.h"
+
+namespace {
+
+using namespace flickr_app;
+using flickr_sim::photo;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+class BundleTest : public testing::Test, public RunListener {
+protected:
+    BundleTest() {
+        const std::string trip = host_.account.addSet("Trip");
+        for (int i = 0; i < 12; ++i) host_.account.addItem(trip, photo("in the set " + std::to_string(i)));
+        host_.account.addItem("", flickr_sim::video("loose"));
+        request_.device = host_.device();
+        request_.databaseName = "backup.db";
+        request_.authToken = host_.sim.credentials().token;
+        request_.dataTypes = {"Images", "Videos"};
+        request_.culture = "en";
+        // From its third file on the service is slow enough for what is asked for then.
+        host_.sim.onRequest([this](const flickr_sim::Request& request) {
+            if (!slow_ || request.kind != flickr_sim::Kind::Media) return;
+            if (++media_ >= 3) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        });
+    }
+
+    void progress(double items, double bytes) override {
+        items_ = items;
+        bytes_ = bytes;
+    }
+    bool stopRequested() override {
+        if (failing_ && media_ >= 3) throw std::logic_error("of the listener");
+        return stop_ && (media_ >= 3 || pauses_.size() >= 1);
+    }
+    bool pauseRequested() override {
+        if (!pause_ || media_ < 3) return false;
+        return pauses_.empty() || --restingPolls_ > 0;
+    }
+    void paused(bool isPaused) override {
+        pauses_.push_back(isPaused);
+        if (!isPaused) host_.recover();  // as the application does
+    }
+
+    RunOutcome run() { return performRun(request_, *this); }
+
+    BundleHost host_;
+    RunRequest request_;
+    std::atomic<int> media_{0};
+    bool slow_ = false, stop_ = false, pause_ = false, failing_ = false;
+    int restingPolls_ = 3;
+    std::vector<bool> pauses_;
+    double items_ = 0, bytes_ = 0;
+};
+
+TEST_F(BundleTest, BacksUpAndHasNothingToDoNextTime) {
+    for (const char* culture : {"en", "ja"}) {
+        SCOPED_TRACE(culture);
+        host_.database.reset();
+        std::filesystem::remove_all(request_.device);
+        std::filesystem::create_directory(request_.device);
+        host_.database =
+            std::make_unique<Norvale_Plugin_Core::BackupDatabase>(request_.device + "/backup.db");
+        request_.culture = culture;
+        RunOutcome outcome = run();
+        EXPECT_EQ(outcome.status, 1) << outcome.errorText;
+        EXPECT_EQ(outcome.detail, "");
+        EXPECT_EQ(outcome.items, 13);
+        EXPECT_EQ(items_, 13);
+        EXPECT_GT(bytes_, 0);
+        EXPECT_EQ(host_.libraryProblem(culture), "");
+
+        host_.sim.clearLog();
+        outcome = run();
+        EXPECT_EQ(outcome.status, 1);
+        EXPECT_EQ(outcome.items, 0);
+        EXPECT_EQ(host_.sim.counts().media, 0u);
+    }
+    EXPECT_TRUE(std::filesystem::is_directory(host_.serviceFolder("ja") + "/Trip"));
+    EXPECT_FALSE(std::filesystem::exists(host_.serviceFolder("ja") + "/Trip/Thumbnail"))
+        << "the thumbnails' folder follows the culture";
+}
+
+TEST_F(BundleTest, FailedRunsSayWhy) {
+    request_.dataTypes.clear();
+    EXPECT_EQ(run().detail, "500");
+    request_.dataTypes = {"Images"};
+    request_.authToken = "";
+    EXPECT_EQ(run().detail, "110");
+    request_.authToken = "of somebody else";
+    const RunOutcome refused = run();
+    EXPECT_NE(refused.status, 1);
+    EXPECT_EQ(refused.detail, std::to_string(refused.status));
+    EXPECT_FALSE(refused.stopped);
+
+    request_.authToken = host_.sim.credentials().token;
+    host_.sim.faults().add(flickr_sim::parseFault("method=flickr.photosets.getList,status=503"));
+    EXPECT_EQ(run().detail, "511");
+    host_.sim.faults().clear();
+    EXPECT_EQ(run().status, 1) << "a failed run leaves the next one alone";
+
+    const std::string elsewhere = host_.bundle() + ".away";
+    std::filesystem::rename(host_.bundle(), elsewhere);
+    EXPECT_THROW(
+        {
+            try {
+                run();
+            } catch (const Poco::Exception& exception) {
+                EXPECT_THAT(exception.message(), HasSubstr("cannot be loaded"));
+                throw;
+            }
+        },
+        Poco::Exception);
+    std::filesystem::rename(elsewhere, host_.bundle());
+}
+
+TEST_F(BundleTest, StopAndPause) {
+    slow_ = true;
+    stop_ = true;
+    RunOutcome outcome = run();
+    EXPECT_EQ(outcome.detail, "501");
+    EXPECT_TRUE(outcome.stopped);
+    EXPECT_LT(outcome.items, 13);
+    EXPECT_THAT(pauses_, ElementsAre());
+    const double first = outcome.items;
+
+    // At rest for a while, then begun again.
+    stop_ = false;
+    pause_ = true;
+    media_ = 0;
+    host_.recover();
+    host_.sim.clearLog();
+    outcome = run();
+    EXPECT_EQ(outcome.status, 1) << outcome.detail;
+    EXPECT_THAT(pauses_, ElementsAre(true, false));
+    EXPECT_GE(outcome.items + first, 13) << "all passes together";
+    EXPECT_LE(host_.sim.counts().media, 13 - first + 1) << "only the item that the pause cut off came twice";
+    EXPECT_EQ(host_.libraryProblem(), "");
+
+    // Stopped while it rests.
+    for (const auto& set : host_.account.sets()) {
+        for (int i = 0; i < 8; ++i) host_.account.addItem(set.id, photo("more " + std::to_string(i)));
+    }
+    stop_ = true;
+    pauses_.clear();
+    media_ = 0;
+    outcome = run();
+    EXPECT_EQ(outcome.detail, "501");
+    EXPECT_TRUE(outcome.stopped);
+    stop_ = pause_ = false;
+    host_.recover();
+    EXPECT_EQ(run().status, 1);
+    EXPECT_EQ(host_.libraryProblem(), "");
+}
+
+TEST_F(BundleTest, AListenerThatThrowsEndsTheRunFirst) {
+    slow_ = failing_ = true;
+    EXPECT_THROW(run(), std::logic_error);
+    failing_ = false;
+    host_.recover();
+    EXPECT_EQ(run().status, 1);
+    EXPECT_EQ(host_.libraryProblem(), "");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const bool lists = argc > 1 && std::strcmp(argv[1], "--gtest_list_tests") == 0;
+    if (!lists) inApplicationFolder(argv);
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
