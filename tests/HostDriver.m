@@ -156,6 +156,7 @@ static void perform(void* message) {
 
 int HostLoadBundle(const char* path) {
     NSAutoreleasePool* pool = [[NSAutoreleasePool alloc] init];
+    [PluginBase class];  // see standin/framework/LeakCheck.m
     const BOOL isLoaded = [[NSBundle bundleWithPath:[NSString stringWithUTF8String:path]] load];
     [pool release];
     return isLoaded;
