@@ -50,8 +50,10 @@
     NVDeviceSettings* m_pDevice;
     NSThread* m_pThread;
     NSString* m_pMessage;
+    BOOL m_bIsRunning;  // under @synchronized(self), so that what the thread did is seen
 }
 - (void)run;
+- (BOOL)isRunning;
 - (void)send:(NSString*)message;
 @end
 
@@ -126,6 +128,15 @@ static void perform(void* message) {
     NSAutoreleasePool* pool = [[NSAutoreleasePool alloc] init];
     m_Callbacks.guard(m_Callbacks.context, perform, m_pMessage);
     [pool release];
+    @synchronized(self) {
+        m_bIsRunning = NO;
+    }
+}
+
+- (BOOL)isRunning {
+    @synchronized(self) {
+        return m_bIsRunning;
+    }
 }
 
 - (void)send:(NSString*)message {
@@ -258,6 +269,7 @@ void HostStart(Host* unused, const char* message) {
     [host->m_pMessage release];
     host->m_pMessage = [[NSString alloc] initWithUTF8String:message];
     host->m_pThread = [[NSThread alloc] initWithTarget:host selector:@selector(run) object:nil];
+    host->m_bIsRunning = YES;
     [host->m_pThread start];
     [pool release];
 }
@@ -268,7 +280,7 @@ int HostRunLoop(Host* unused, double seconds, int (*done)(void* context), void* 
     BOOL isDone = NO;
     while (!isDone && [end timeIntervalSinceNow] > 0) {
         NSAutoreleasePool* inner = [[NSAutoreleasePool alloc] init];
-        isDone = done != NULL ? done(context) : host->m_pThread == nil || [host->m_pThread isFinished];
+        isDone = done != NULL ? done(context) : ![host isRunning];
         [[NSRunLoop mainRunLoop] runMode:NSDefaultRunLoopMode
                               beforeDate:[NSDate dateWithTimeIntervalSinceNow:0.002]];
         if (!isDone) [NSThread sleepForTimeInterval:0.001];  // a loop without timers returns at once

@@ -544,6 +544,7 @@ TEST_F(HostTest, RequestsAtAnyMomentFromSeveralThreads) {
         send("initialize");
         HostStart(host_, "begin");
         ASSERT_TRUE(HostRunLoop(host_, 60, nullptr, nullptr)) << "the run hangs";
+        const std::lock_guard<std::mutex> lock(mutex_);
         EXPECT_FALSE(events_.empty());
     }
     over = true;
