@@ -155,10 +155,10 @@ void sizesExpat(benchmark::State& state) {
     }
 }
 
-BENCHMARK(setListOurs)->Name("list of 10,000 sets/ours");
-BENCHMARK(setListExpat)->Name("list of 10,000 sets/expat");
-BENCHMARK(pageOurs)->Name("page of 500 photos/ours");
-BENCHMARK(pageExpat)->Name("page of 500 photos/expat");
+BENCHMARK(setListOurs)->Name("a list of 10,000 sets/ours");
+BENCHMARK(setListExpat)->Name("a list of 10,000 sets/expat");
+BENCHMARK(pageOurs)->Name("a page of 500 photos/ours");
+BENCHMARK(pageExpat)->Name("a page of 500 photos/expat");
 BENCHMARK(sizesOurs)->Name("10,000 size answers/ours");
 BENCHMARK(sizesExpat)->Name("10,000 size answers/expat");
 
