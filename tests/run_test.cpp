@@ -403,6 +403,21 @@ TEST_F(Run, TakesOnlyWhatWasSelected) {
     EXPECT_EQ(run(options).status, 1);
     EXPECT_THAT(targets(Kind::Media), Contains(HasSubstr(beach_)).Times(0)) << "it is on the device already";
     EXPECT_THAT(log(), HasSubstr("Photo - beach.jpg already backed up no change, continuing to next photo"));
+
+    // At the from-date itself an item is not new; a cover is taken there, even alone, and not before.
+    constexpr std::time_t kFrom = 1700006400;  // 2023-11-15 00:00 UTC
+    options.from = "11/15/2023";
+    const std::string edge = account_.addSet("Edge"), alone = account_.addSet("Alone"),
+                      before = account_.addSet("Before");
+    const std::string cover = account_.addItem(edge, photo("cover", kFrom)),
+                      after = account_.addItem(edge, photo("after", kFrom + 1)),
+                      aloneCover = account_.addItem(alone, photo("alone", kFrom));
+    account_.addItem(edge, photo("at", kFrom));
+    account_.addItem(before, photo("before", kFrom - 1));
+    sim_->clearLog();
+    EXPECT_EQ(run(options).status, 1);
+    EXPECT_THAT(targets(Kind::Media),
+                UnorderedElementsAre(HasSubstr(cover), HasSubstr(after), HasSubstr(aloneCover)));
 }
 
 TEST_F(Run, AnswersWithTheRightStatus) {
