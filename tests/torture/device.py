@@ -35,7 +35,13 @@ def mounted(work, size, source):
         subprocess.run(["cp", "-a", f"{source}/.", folder], check=True)
         yield folder
     finally:
-        subprocess.run(["umount", "-l", folder], check=False, capture_output=True)
+        for place in folder, aside_of(folder):
+            subprocess.run(["umount", "-l", place], check=False, capture_output=True)
+
+
+def aside_of(folder):
+    """Where a device is put that was pulled."""
+    return folder.with_name(f"aside-{folder.name}")
 
 
 def remount(folder, options):
@@ -115,20 +121,16 @@ def read_only(bench, name):
 def vanishes(bench, case):
     """The device is pulled and another file system stands at its place; later it is there again."""
     def pull(device):
-        subprocess.run(["mount", "--move", device, aside(device)], check=True)
+        aside_of(device).mkdir()
+        subprocess.run(["mount", "--move", device, aside_of(device)], check=True)
 
     def back(device):
         # The database library opens its files by name again; it writes nothing of the backup into them.
         for path in device.glob("backup.db-*"):
             path.unlink()
         rig.require(not any(device.iterdir()), f"written beside the device: {list(device.rglob('*'))}")
-        subprocess.run(["mount", "--move", aside(device), device], check=True)
-        os.rmdir(aside(device))
-
-    def aside(device):
-        path = bench.work / f"aside-{device.name}"
-        path.mkdir(exist_ok=True)
-        return path
+        subprocess.run(["mount", "--move", aside_of(device), device], check=True)
+        os.rmdir(aside_of(device))
 
     at_call(bench, *case, pull, back, ["gone", "not there", "missing", "no longer", "cannot be", "no such", "failed"])
 
