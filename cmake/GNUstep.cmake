@@ -7,6 +7,9 @@ if(NOT GNUSTEP_CONFIG)
 endif()
 execute_process(COMMAND ${GNUSTEP_CONFIG} --objc-flags OUTPUT_VARIABLE GNUSTEP_FLAGS OUTPUT_STRIP_TRAILING_WHITESPACE
                 COMMAND_ERROR_IS_FATAL ANY)
+if(NOT GNUSTEP_FLAGS)
+    message(FATAL_ERROR "gnustep-config gives no flags: it needs make; install what scripts/packages.txt names.")
+endif()
 separate_arguments(GNUSTEP_FLAGS UNIX_COMMAND "${GNUSTEP_FLAGS}")
 list(FILTER GNUSTEP_FLAGS EXCLUDE REGEX "^(-MMD|-MP|-g|-O.*|-Wall|-I.*)$")
 # gcc takes the parameter of every synthesized setter for unused, and "#pragma mark" for unknown.
