@@ -16,6 +16,8 @@ typedef struct {
     int (*ticked)(void* context, double items, double bytes, int isMainThread);
     /// monitorBandwidth, which every begin of a backup sends.
     int (*begins)(void* context);
+    /// baseAKEKey, which only the resume of a pause asks for, before it begins again. May be null.
+    void (*resumes)(void* context);
     /// A backup has wound down for a pause; on its thread. May be null.
     void (*rests)(void* context);
     /// Calls work(argument), and is where C++ exceptions that leave beginBackup… arrive.

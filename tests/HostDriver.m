@@ -59,13 +59,13 @@
 
 static TestHost* host;  // the one that there is
 static int plugins;     // plug-in objects alive
-static IMP baseDealloc, baseMonitor;
+static IMP baseDealloc, baseMonitor, baseKey;
 
 void HostRaise(const char* reason) {
     [NSException raise:@"TestException" format:@"%s", reason];
 }
 
-// Observers before two methods of the base class.
+// Observers before three methods of the base class.
 
 typedef id (*Original)(id, SEL);  // also for methods without a result
 
@@ -79,6 +79,11 @@ static id observeMonitor(id self, SEL selector) {
     if (host->m_Callbacks.begins(host->m_Callbacks.context)) HostRaise("begin");
     ((Original)baseMonitor)(self, selector);
     return nil;
+}
+
+static id observeKey(id self, SEL selector) {
+    if (host->m_Callbacks.resumes != NULL) host->m_Callbacks.resumes(host->m_Callbacks.context);
+    return ((Original)baseKey)(self, selector);
 }
 
 static IMP replaceMethod(SEL selector, IMP replacement) {
@@ -177,6 +182,7 @@ Host* HostNew(const HostCallbacks* callbacks) {
     NSAutoreleasePool* pool = [[NSAutoreleasePool alloc] init];
     if (baseDealloc == NULL) {
         baseDealloc = replaceMethod(@selector(dealloc), (IMP)countDealloc);
+        baseKey = replaceMethod(@selector(baseAKEKey), (IMP)observeKey);
         baseMonitor = replaceMethod(@selector(monitorBandwidth), (IMP)observeMonitor);
     }
     [NVHLLogger forgetLastMessage];

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "core/FlickrPluginCore.h"
+#include "host/CoreBridge.h"
 #include "standin/app/Configuration.h"
 #include "standin/app/PluginHost.h"
 #include "tests/HostDriver.h"
@@ -164,6 +165,10 @@ protected:
             if (self.onBegin_) self.onBegin_(++self.begins_);
             return self.raising_ == "begin" ? 1 : 0;
         };
+        callbacks.resumes = [](void* test) {
+            HostTest& self = *static_cast<HostTest*>(test);
+            if (self.onResume_) self.onResume_();
+        };
         callbacks.guard = [](void* test, void (*work)(void*), void* argument) {
             try {
                 work(argument);
@@ -229,6 +234,7 @@ protected:
     int begins_ = 0;
     std::string raising_;
     std::function<void(int)> onBegin_;
+    std::function<void()> onResume_;
 };
 
 using testing::ElementsAre;
@@ -442,11 +448,39 @@ TEST_F(HostTest, PauseAndWhatEndsIt) {
 
 TEST_F(HostTest, StopBetweenTheWaitAndTheNextBegin) {
     during({"low", "resume"});
-    onBegin_ = [this](int number) {
-        if (number == 2) send("stopBackup");
+    for (const bool early : {true, false}) {
+        fake.backups.clear();
+        begins_ = 0;
+        onResume_ = [=] {
+            if (early) send("stopBackup");
+        };
+        onBegin_ = [=](int number) {
+            if (number == 2 && !early) send("stopBackup");
+        };
+        EXPECT_THAT(run(), ElementsAre("2 501"));
+        EXPECT_EQ(begins_, 2);
+        EXPECT_EQ(fake.backups.size(), 1u) << "the stop was lost";
+    }
+}
+
+TEST_F(HostTest, ACoreGoesWithItsOwnRunOnly) {
+    const FlickrCoreNumber first = FlickrCoreCreate("", "", nullptr);
+    EXPECT_EQ(FlickrCoreCreate("", "", nullptr), first);
+    FlickrCoreDestroy(first, nullptr);
+    EXPECT_EQ(FlickrCoreCurrent(), 0u);
+    char error[FlickrTextCapacity] = "";
+    EXPECT_EQ(FlickrCoreGetText(FlickrCoreName, error, error), 511);
+    EXPECT_STRNE(error, "");
+    EXPECT_EQ(FlickrCoreStop(error), 1);
+
+    const FlickrCoreNumber second = FlickrCoreCreate("", "", nullptr);
+    FlickrCoreDestroy(first, nullptr);
+    EXPECT_EQ(FlickrCoreCurrent(), second);
+    fake.script = [=](Backup&) {  // the end of another run meanwhile
+        FlickrCoreDestroy(second, nullptr);
+        return FlickrCoreCurrent() == second ? 1 : 2;
     };
-    EXPECT_THAT(run(), ElementsAre("2 501"));
-    EXPECT_EQ(fake.backups.size(), 1u) << "the stop was lost";
+    EXPECT_THAT(run(), ElementsAre("1 "));
 }
 
 TEST_F(HostTest, ManyPausesInOneRun) {
