@@ -222,6 +222,37 @@ TEST_F(CommandTest, StopsOnASignalAndGoesOnNextTime) {
     EXPECT_EQ(command({"verify", "--device", device()}), 0) << out_;
 }
 
+TEST_F(CommandTest, PausesForAFileAndForASignal) {
+    for (int i = 0; i < 4; ++i) account_.addItem("", photo("picture " + std::to_string(i)));
+    configure();
+    sim_->faults().add(media(), from(2), fault::slow(16, std::chrono::milliseconds(50)));
+    const std::string file = folder_ + "/pause";
+    std::vector<std::string> arguments = runArguments();
+    arguments.insert(arguments.end(), {"--pause-when", file});
+    const pid_t child = start(arguments);
+    waitForMedia(2);
+    std::ofstream(file).put(' ');
+    for (int i = 0; i < 1000 && read(folder_ + "/err").find("paused") == std::string::npos; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    ::kill(child, SIGUSR1);
+    fs::remove(file);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(sim_->counts().media, 2u) << "the signal holds the run as well";
+    sim_->faults().clear();
+    ::kill(child, SIGUSR2);
+    EXPECT_EQ(finish(child), 0) << out_ << err_;
+    EXPECT_THAT(out_, testing::AllOf(HasSubstr("new        4 items"), HasSubstr("unchanged  0 items")));
+    EXPECT_THAT(err_, testing::AllOf(HasSubstr("resuming"), Not(HasSubstr("settings.."))))
+        << "the system's log is not the command's output";
+    EXPECT_EQ(sim_->counts().media, 5u) << "only the item that was cut off came twice";
+
+    EXPECT_EQ(command({"info"}), 0) << err_;
+    EXPECT_THAT(out_, testing::AllOf(HasSubstr("OAuth"), HasSubstr("********"),
+                                     Not(HasSubstr(sim_->credentials().apiKey)),
+                                     Not(HasSubstr("48213377650912846"))));
+}
+
 TEST_F(CommandTest, RefusesWhatCannotBeDone) {
     account_.addItem("", photo("one"));
     const std::string url = sim_->dataUrl();
