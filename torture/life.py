@@ -22,7 +22,7 @@ def small_sim(work, build, *more):
 def soak(work, build, runs):
     sim = small_sim(work, build)
     program = rig.Program(work, build, sim.url, sim.credentials)
-    shutil.copy(pathlib.Path(build) / "tests/torture/soak", program.folder)
+    shutil.copy(pathlib.Path(build) / "torture/soak", program.folder)
     device = pathlib.Path(work) / "soaked"
     device.mkdir()
     token = dict(line.split(" = ") for line in sim.credentials.read_text().splitlines())["token"]

@@ -69,7 +69,7 @@ class Program:
         # that moment by another thread, still has the file open.
         subprocess.run(["cp", "-a", pathlib.Path(build) / "flickr-backup.app", self.folder], check=True)
         self.binary = self.folder / "flickr-backup"
-        self.faults = pathlib.Path(build) / "tests/torture/libfaultfs.so"
+        self.faults = pathlib.Path(build) / "torture/libfaultfs.so"
         self.credentials, self.user = credentials, None
         self.plugins = self.folder / "Resources/Plugins"
         done = self.call("configure", "--data-url", url, "--retries", str(retries), "--credentials", credentials)
