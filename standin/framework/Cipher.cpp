@@ -11,7 +11,10 @@
 namespace Norvale_Plugin_Core {
 namespace {
 
+// Rounds make guessing a pass phrase slow. Without one there is nothing to guess: the key follows from the
+// salt.
 constexpr int kRounds = 100000;
+constexpr int kRoundsWithoutPassPhrase = 1;
 constexpr std::size_t kKeyBytes = 32;
 constexpr std::size_t kNonceBytes = 12;
 constexpr std::size_t kTagBytes = 16;
@@ -47,10 +50,11 @@ int lengthOf(std::size_t length) {
 }  // namespace
 
 std::string deriveKey(const std::string& passPhrase, const std::string& salt) {
+    const int rounds = passPhrase.empty() ? kRoundsWithoutPassPhrase : kRounds;
     std::string key(kKeyBytes, '\0');
     require(
         PKCS5_PBKDF2_HMAC(passPhrase.data(), lengthOf(passPhrase.size()), bytes(salt), lengthOf(salt.size()),
-                          kRounds, EVP_sha256(), static_cast<int>(kKeyBytes), bytes(key)) == 1,
+                          rounds, EVP_sha256(), static_cast<int>(kKeyBytes), bytes(key)) == 1,
         "derive a key");
     return key;
 }

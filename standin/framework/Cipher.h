@@ -1,7 +1,8 @@
 // The one cipher of the host: API key and secret in the configuration file, and the host's security service.
 //
 //   sealed text = nonce (12 bytes) + AES-256-GCM ciphertext (as long as the plain text) + tag (16 bytes)
-//   key         = PBKDF2-HMAC-SHA256(pass phrase, salt, 100,000 rounds), 32 bytes
+//   key         = PBKDF2-HMAC-SHA256(pass phrase, salt, rounds), 32 bytes; 100,000 rounds, or
+//                 one where the pass phrase is empty
 //
 // The nonce is random, so the same text is sealed differently each time. The tag covers everything: a text
 // that was changed in any bit, or that was sealed with another key, is refused and never deciphered to
