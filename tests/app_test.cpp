@@ -82,10 +82,15 @@ TEST(CipherTest, SealsOpensAndRefusesWhatWasChanged) {
     EXPECT_THROW(Cipher("", "other").decrypt(sealed), Poco::DataFormatException);
 
     // As computed by another implementation: a change would make every configuration unreadable.
-    std::ostringstream hex;
-    for (const unsigned char c : cipher.key())
-        hex << "0123456789abcdef"[c >> 4] << "0123456789abcdef"[c & 15];
-    EXPECT_EQ(hex.str(), "6f7fac8231aa043301942e46a03f8efe7e46b131f336b9feb218e2d820c8928d");
+    for (const auto& [passPhrase, key] :
+         {std::pair("", "6f06539fd2b2bfbcb5ed22c29d1c1317cd6e3df3737d912a14d673d69cf84bd3"),
+          std::pair("x", "057536a376f65144e8c9afc977993bf1bfeb659097102e4dab61ed4555a2d8fb")}) {
+        std::ostringstream hex;
+        for (const unsigned char c : Cipher(passPhrase, kPluginSalt).key()) {
+            hex << "0123456789abcdef"[c >> 4] << "0123456789abcdef"[c & 15];
+        }
+        EXPECT_EQ(hex.str(), key);
+    }
 }
 
 TEST_F(AppTest, ReadsCredentialsOnlyFromPrivateCompleteFiles) {

@@ -150,7 +150,9 @@ TEST_F(BundleTest, StopAndPause) {
     EXPECT_EQ(outcome.status, 1) << outcome.detail;
     EXPECT_THAT(pauses_, ElementsAre(true, false));
     EXPECT_GE(outcome.items + first, 13) << "all passes together";
-    EXPECT_LE(host_.sim.counts().media, 13 - first + 1) << "only the item that the pause cut off came twice";
+    // The stop and the pause cut one item off each; behind its file and before its thumbnail it has been
+    // counted, and comes again all the same.
+    EXPECT_LE(host_.sim.counts().media, 13 - first + 2) << "more than what was cut off came twice";
     EXPECT_EQ(host_.libraryProblem(), "");
 
     // Stopped while it rests.
