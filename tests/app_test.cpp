@@ -85,8 +85,9 @@ TEST(CipherTest, SealsOpensAndRefusesWhatWasChanged) {
     for (const auto& [passPhrase, key] :
          {std::pair("", "6f06539fd2b2bfbcb5ed22c29d1c1317cd6e3df3737d912a14d673d69cf84bd3"),
           std::pair("x", "057536a376f65144e8c9afc977993bf1bfeb659097102e4dab61ed4555a2d8fb")}) {
+        const Cipher known(passPhrase, kPluginSalt);
         std::ostringstream hex;
-        for (const unsigned char c : Cipher(passPhrase, kPluginSalt).key()) {
+        for (const unsigned char c : known.key()) {
             hex << "0123456789abcdef"[c >> 4] << "0123456789abcdef"[c & 15];
         }
         EXPECT_EQ(hex.str(), key);
