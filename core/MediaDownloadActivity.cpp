@@ -61,6 +61,7 @@ std::string asideName(const std::string& path) {
 MediaDownloadActivity::MediaDownloadActivity() : exceptionHandler_(kServiceName) {}
 
 void MediaDownloadActivity::registerFactory() {
+    // The registry outlives the run, and refuses a scheme that it has.
     if (Poco::URIStreamOpener::defaultOpener().supportsScheme("http")) return;
     Poco::Net::HTTPStreamFactory::registerFactory();
 }

@@ -12,6 +12,7 @@
 #include "standin/app/Commands.h"
 #include "standin/app/DeviceLayout.h"
 #include "standin/app/Format.h"
+#include "standin/app/LibraryOptions.h"
 #include "standin/app/LibraryText.h"
 #include "standin/app/UsageError.h"
 #include "standin/framework/BackupDatabase.h"
@@ -22,11 +23,6 @@ namespace {
 
 using Norvale_Plugin_Core::BackupDatabase;
 using Norvale_Plugin_Core::FolderRow;
-
-struct Options {
-    std::string device;
-    std::string database = kDefaultDatabase;
-};
 
 /// Bytes of media and thumbnails by device folder.
 std::map<std::string, std::uintmax_t> sizesByFolder(BackupDatabase& database,
@@ -49,7 +45,7 @@ std::string titleOf(const FolderRow& folder) {
     return title;
 }
 
-int showStatus(const Options& options) {
+int showStatus(const LibraryOptions& options) {
     const DeviceLayout layout = existingBackup(options.device, options.database);
     BackupDatabase database(layout.databasePath, BackupDatabase::Missing::Refuse);
     Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->setCulture(layout.culture);
@@ -81,14 +77,9 @@ int showStatus(const Options& options) {
 }  // namespace
 
 void addStatusCommand(CLI::App& program, int& status) {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<LibraryOptions>();
     CLI::App* command = program.add_subcommand("status", "List what is backed up on a device");
-    command->add_option("--device", options->device, "Directory that holds the backup")
-        ->required()
-        ->type_name("DIR");
-    command->add_option("--database", options->database, "The metadata database's name under the device")
-        ->type_name("NAME")
-        ->capture_default_str();
+    addLibraryOptions(*command, *options);
     command->footer(
         "Exit status: 0 when database and device agree, 1 when they do not, 2 wrong usage.\n"
         "\n"

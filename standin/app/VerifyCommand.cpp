@@ -9,6 +9,7 @@
 #include "standin/app/Commands.h"
 #include "standin/app/DeviceLayout.h"
 #include "standin/app/Format.h"
+#include "standin/app/LibraryOptions.h"
 #include "standin/app/LibraryText.h"
 #include "standin/app/UsageError.h"
 #include "standin/framework/BackupDatabase.h"
@@ -21,12 +22,7 @@ namespace {
 using Norvale_Plugin_Core::BackupDatabase;
 using Clock = std::chrono::steady_clock;
 
-struct Options {
-    std::string device;
-    std::string database = kDefaultDatabase;
-};
-
-int verify(const Options& options) {
+int verify(const LibraryOptions& options) {
     const DeviceLayout layout = existingBackup(options.device, options.database);
     const Norvale_Plugin_Core::DeviceLock lock(layout.device);
     BackupDatabase database(layout.databasePath, BackupDatabase::Missing::Refuse);
@@ -59,15 +55,10 @@ int verify(const Options& options) {
 }  // namespace
 
 void addVerifyCommand(CLI::App& program, int& status) {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<LibraryOptions>();
     CLI::App* command =
         program.add_subcommand("verify", "Read every file of a backup and compare it with its checksum");
-    command->add_option("--device", options->device, "Directory that holds the backup")
-        ->required()
-        ->type_name("DIR");
-    command->add_option("--database", options->database, "The metadata database's name under the device")
-        ->type_name("NAME")
-        ->capture_default_str();
+    addLibraryOptions(*command, *options);
     command->footer(
         "Exit status: 0 when everything is as it was backed up, 1 when something is missing, altered or\n"
         "not recorded, 2 wrong usage.\n"

@@ -1,0 +1,31 @@
+// The options of the commands that look at a backup which is there.
+
+#ifndef STANDIN_APP_LIBRARYOPTIONS_H
+#define STANDIN_APP_LIBRARYOPTIONS_H
+
+#include <CLI/CLI.hpp>
+#include <string>
+
+#include "standin/app/DeviceLayout.h"
+
+namespace flickr_app {
+
+/// Which backup.
+struct LibraryOptions {
+    std::string device;
+    std::string database = kDefaultDatabase;
+};
+
+/// Adds --device and --database to the command; options has to live as long as it.
+inline void addLibraryOptions(CLI::App& command, LibraryOptions& options) {
+    command.add_option("--device", options.device, "Directory that holds the backup")
+        ->required()
+        ->type_name("DIR");
+    command.add_option("--database", options.database, "The metadata database's name under the device")
+        ->type_name("NAME")
+        ->capture_default_str();
+}
+
+}  // namespace flickr_app
+
+#endif
