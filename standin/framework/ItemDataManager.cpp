@@ -1,5 +1,6 @@
 #include "hostapi/ItemDataManager.h"
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -17,6 +18,11 @@ constexpr std::pair<char, const char*> kEscapes[] = {
 
 /// Text as XML 1.0 holds it; what it cannot hold becomes "_".
 std::string escaped(const std::string& text) {
+    const bool plain = std::all_of(text.begin(), text.end(), [](unsigned char c) {
+        return c >= 0x20 && c < 0x7f && c != '&' && c != '<' && c != '>' && c != '"';
+    });
+    if (plain) return text;
+
     std::string result;
     for (const char c : validUtf8(text)) {
         const char* replacement = nullptr;

@@ -1,10 +1,13 @@
 #include "standin/framework/LibraryCheck.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <optional>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "standin/framework/BackupDatabase.h"
@@ -16,6 +19,8 @@
 namespace Norvale_Plugin_Core {
 
 namespace {
+
+constexpr std::size_t kOpenFolders = 64;
 
 class LibraryCheck {
 public:
@@ -39,7 +44,8 @@ public:
 private:
     /// Where the thumbnail really is: its row names it by the current language.
     std::string thumbnailOf(const ItemRow& row) {
-        if (device_.isFile(row.thumbnailPath)) return row.thumbnailPath;
+        const auto status = statusOf(row.thumbnailPath);
+        if (status && S_ISREG(status->st_mode)) return row.thumbnailPath;
         for (const LedgerFile& file : device_.ledger().filesOfItem(row.id)) {
             if (isThumbnailOf(row, file.path) && device_.isFile(file.path)) return file.path;
         }
@@ -52,7 +58,7 @@ private:
     void checkFile(const std::string& path, const ItemRow& row) {
         recorded_.insert(path);
         ++report_.files;
-        const auto status = device_.status(path);
+        const auto status = statusOf(path);
         if (!status || !S_ISREG(status->st_mode)) {
             report_.missing.push_back(path);
             return;
@@ -69,6 +75,21 @@ private:
             report_.altered.push_back(path);
         }
         if (progress_) progress_(report_.bytes);
+    }
+
+    /// What stands at path. Nothing moves folders during a check, so the ones it comes to stay open.
+    std::optional<struct stat> statusOf(const std::string& path) {
+        const std::string folder = folderOf(path);
+        auto known = folders_.find(folder);
+        if (known == folders_.end()) {
+            if (folders_.size() >= kOpenFolders) folders_.clear();
+            const bool there = folder.empty() || device_.isFolder(folder);
+            known = folders_.emplace(folder, there ? device_.openFolder(folder) : Descriptor()).first;
+        }
+        struct stat status = {};
+        const bool found = known->second.isOpen() && ::fstatat(known->second.get(), nameOf(path).c_str(),
+                                                               &status, AT_SYMLINK_NOFOLLOW) == 0;
+        return found ? std::optional(status) : std::nullopt;
     }
 
     std::string checksumOf(const std::string& path) {
@@ -100,6 +121,7 @@ private:
     Device& device_;
     const bool readContents_;
     const std::function<void(std::uint64_t)>& progress_;
+    std::unordered_map<std::string, Descriptor> folders_;
     std::unordered_set<std::string> recorded_;
     LibraryReport report_;
 };

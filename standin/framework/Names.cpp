@@ -1,5 +1,6 @@
 #include "standin/framework/Names.h"
 
+#include <Poco/Ascii.h>
 #include <utf8proc.h>
 
 #include <algorithm>
@@ -24,6 +25,10 @@ constexpr std::size_t kLongestExtension = 16;
 // Room for what follows the base name of a thumbnail besides "_" and the item's id: "_Old" and ".webp"; the
 // extension of a record, ".xml", is no longer than that.
 constexpr std::size_t kThumbnailRoom = 10;
+
+bool isAscii(const std::string& text) {
+    return std::none_of(text.begin(), text.end(), [](unsigned char c) { return c >= 0x80; });
+}
 
 bool isForbidden(utf8proc_int32_t character) {
     if (character < 0x20 || character == 0x7f) return true;
@@ -115,6 +120,7 @@ std::string numberSuffix(long number) {
 }  // namespace
 
 std::string validUtf8(const std::string& text) {
+    if (isAscii(text)) return text;
     return replaceCharacters(text, [](utf8proc_int32_t) { return false; });
 }
 
@@ -137,6 +143,12 @@ std::string safeName(const std::string& text) {
 }
 
 std::string nameKey(const std::string& name) {
+    if (isAscii(name)) {
+        std::string key = name;
+        std::transform(key.begin(), key.end(), key.begin(),
+                       [](char c) { return static_cast<char>(Poco::Ascii::toLower(c)); });
+        return key;
+    }
     utf8proc_uint8_t* folded = nullptr;
     const auto options = static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_COMPOSE |
                                                         UTF8PROC_CASEFOLD | UTF8PROC_IGNORE);

@@ -102,6 +102,10 @@ std::int64_t Statement::number(int column) const {
 }
 
 SqliteFile::SqliteFile(const std::string& path, Open mode, Cache cache) {
+    // SQLite's account of its memory takes a lock for every piece; nothing here asks for it.
+    static const int configured = sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+    (void)configured;  // too late once another library has opened a database, and then it stays as it is
+
     int flags = cache == Cache::Shared ? SQLITE_OPEN_SHAREDCACHE : SQLITE_OPEN_PRIVATECACHE;
     switch (mode) {
         case Open::Existing:
@@ -124,11 +128,18 @@ SqliteFile::SqliteFile(const std::string& path, Open mode, Cache cache) {
 }
 
 SqliteFile::~SqliteFile() {
+    begin_.reset();
+    commit_.reset();
     sqlite3_close_v2(database_);
 }
 
 void SqliteFile::execute(const char* sql) {
     if (sqlite3_exec(database_, sql, nullptr, nullptr, nullptr) != SQLITE_OK) fail(database_);
+}
+
+void SqliteFile::runKept(std::unique_ptr<Statement>& kept, const char* sql) {
+    if (!kept) kept = prepare(sql);
+    StatementUse(*kept).run();
 }
 
 void flushWriteAheadLog(const std::string& path) {

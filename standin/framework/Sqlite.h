@@ -85,7 +85,12 @@ public:
     sqlite3* handle() const { return database_; }
 
 private:
+    friend class Transaction;
+    void runKept(std::unique_ptr<Statement>& kept, const char* sql);
+
     sqlite3* database_ = nullptr;
+    // Prepared once: a run makes several transactions for each item.
+    std::unique_ptr<Statement> begin_, commit_;
 };
 
 /// Puts what was committed to the database at path on the disk. Its connections, which flush only now and
@@ -95,12 +100,12 @@ void flushWriteAheadLog(const std::string& path);
 /// A transaction, rolled back unless commit() was reached.
 class Transaction {
 public:
-    explicit Transaction(SqliteFile& file) : file_(file) { file_.execute("BEGIN IMMEDIATE"); }
+    explicit Transaction(SqliteFile& file) : file_(file) { file_.runKept(file_.begin_, "BEGIN IMMEDIATE"); }
     ~Transaction() {
         if (!committed_) sqlite3_exec(file_.handle(), "ROLLBACK", nullptr, nullptr, nullptr);
     }
     void commit() {
-        file_.execute("COMMIT");
+        file_.runKept(file_.commit_, "COMMIT");
         committed_ = true;
     }
 
