@@ -14,19 +14,10 @@
 #include <Poco/BufferedStreamBuf.h>
 
 #include <cstdint>
-#include <istream>
+
+#include "core/RawBytes.h"
 
 namespace Norvale_Plugin_Flickr {
-
-/// The bytes behind an answer's header.
-class RawBytes {
-public:
-    virtual ~RawBytes() = default;
-    /// The next byte, or -1 at the end of the connection.
-    virtual int nextByte() = 0;
-    /// Reads up to count bytes; 0 or less at the end of the connection.
-    virtual int readBytes(char* buffer, std::streamsize count) = 0;
-};
 
 /// The body behind the chunks. A body that breaks off or whose chunks make no sense ends with badbit set on
 /// the stream that reads it.

@@ -10,6 +10,7 @@
 #include <Poco/Net/SecureStreamSocket.h>
 #include <Poco/Net/Session.h>
 #include <Poco/NumberParser.h>
+#include <openssl/ssl.h>
 
 #include <algorithm>
 #include <map>
@@ -17,6 +18,8 @@
 #include <string>
 #include <utility>
 
+#include "core/ChunkedBody.h"
+#include "core/PlainBody.h"
 #include "core/RunSupport.h"
 #include "core/StopWatcher.h"
 
@@ -35,6 +38,7 @@ constexpr int kVerificationDepth = 9;
 constexpr const char* kCipherList = "ALL:!ADH:!LOW:!EXP:!MD5:@STRENGTH";
 // A redirect can name any host: what is kept for them has an end.
 constexpr std::size_t kRememberedHosts = 64;
+constexpr std::size_t kTlsReadSize = 64 << 10;
 
 /// A session that lets its bytes be read.
 template <typename Session>
@@ -89,6 +93,9 @@ private:
         : context_(new Context(Context::CLIENT_USE, "", "", "", Context::VERIFY_NONE, kVerificationDepth,
                                false, kCipherList)) {
         context_->enableSessionCache(true);
+        // As much as has arrived at a time: by itself OpenSSL asks the system twice for each record of 16 KiB.
+        SSL_CTX_set_read_ahead(context_->sslContext(), 1);
+        SSL_CTX_set_default_read_buffer_len(context_->sslContext(), kTlsReadSize);
         Poco::Net::SSLManager::instance().initializeClient(
             nullptr, new Poco::Net::AcceptCertificateHandler(false), context_);
     }
@@ -140,13 +147,20 @@ MediaSession::~MediaSession() {
 const HTTPResponse& MediaSession::exchange() {
     HTTPRequest request(HTTPRequest::HTTP_GET, target_, HTTPRequest::HTTP_1_1);
     session_->sendRequest(request);
-    body_ = &session_->receiveResponse(response_);
-    if (response_.getChunkedTransferEncoding()) {
-        chunks_ = std::make_unique<ChunkedBody>(dynamic_cast<RawBytes&>(*session_));
-        chunkedStream_ = std::make_unique<std::istream>(chunks_.get());
-        body_ = chunkedStream_.get();
-    }
+    session_->receiveResponse(response_);
     return response_;
+}
+
+std::istream& MediaSession::body() {
+    if (body_) return *body_;
+    auto& bytes = dynamic_cast<RawBytes&>(*session_);
+    if (response_.getChunkedTransferEncoding()) {
+        bodyBuffer_ = std::make_unique<ChunkedBody>(bytes);
+    } else {
+        bodyBuffer_ = std::make_unique<PlainBody>(bytes, contentLength());
+    }
+    body_ = std::make_unique<std::istream>(bodyBuffer_.get());
+    return *body_;
 }
 
 std::int64_t MediaSession::contentLength() const {

@@ -10,8 +10,8 @@
 #include <cstdint>
 #include <istream>
 #include <memory>
-
-#include "core/ChunkedBody.h"
+#include <streambuf>
+#include <string>
 
 namespace Norvale_Plugin_Flickr {
 
@@ -34,8 +34,9 @@ public:
     /// Sends the request and reads the answer's header. Throws Poco::Exception.
     const Poco::Net::HTTPResponse& exchange();
 
-    /// The answer's body. Its badbit tells a body that broke off from one that ended.
-    std::istream& body() { return *body_; }
+    /// The answer's body. Its badbit tells a body that broke off from one that ended. Throws as
+    /// contentLength() does.
+    std::istream& body();
 
     /// The number of bytes that the answer announces for its body, -1 when it announces none. Throws
     /// Poco::Exception for an announcement that makes no sense.
@@ -49,9 +50,8 @@ private:
     std::string host_;
     std::string target_;
     Poco::Net::HTTPResponse response_;
-    std::unique_ptr<ChunkedBody> chunks_;
-    std::unique_ptr<std::istream> chunkedStream_;
-    std::istream* body_ = nullptr;
+    std::unique_ptr<std::streambuf> bodyBuffer_;
+    std::unique_ptr<std::istream> body_;
 };
 
 }  // namespace Norvale_Plugin_Flickr

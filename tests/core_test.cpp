@@ -13,6 +13,7 @@
 #include "core/PhotoListSaxHandler.h"
 #include "core/PhotoSetProcessor.h"
 #include "core/PhotosetSaxHandler.h"
+#include "core/PlainBody.h"
 #include "core/RunSupport.h"
 #include "core/SignedRequest.h"
 
@@ -202,6 +203,24 @@ private:
 };
 
 }  // namespace
+
+TEST(PlainBody, EndsBehindItsLengthOrWithTheConnection) {
+    const std::string text = std::string(300000, 'a') + "the end";
+    const auto all = static_cast<std::int64_t>(text.size());
+    const std::pair<std::int64_t, std::size_t> expected[] = {
+        {-1, text.size()},     {0, 0}, {1, 1}, {all - 1, text.size() - 1}, {all, text.size()},
+        {all + 1, text.size()}};
+    for (const auto& [length, size] : expected) {
+        TextBytes source(text);
+        PlainBody plain(source, length);
+        std::istream body(&plain);
+        char block[kBlockSize];
+        std::string read;
+        while (const std::streamsize count = readBlock(body, block)) read.append(block, count);
+        EXPECT_TRUE(read == text.substr(0, size)) << length << " gives " << read.size();
+        EXPECT_FALSE(body.bad()) << length;
+    }
+}
 
 TEST(ChunkedBody, TellsAWholeBodyFromOneThatBreaksOff) {
     const std::string whole = "5\r\nhello\r\n6;name=value\r\n world\r\n0\r\n\r\n";
