@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "core/FlickrPluginCore.h"
+#include "standin/framework/LogFile.h"
 
 namespace fs = std::filesystem;
 using namespace Norvale_Plugin_Flickr;
@@ -110,6 +111,7 @@ std::vector<std::string> BackupFixture::rows(const std::string& query) const {
 }
 
 std::string BackupFixture::log() const {
+    Norvale_Plugin_Core::flushLogFile();
     return read(plugins_ + "NVHLDevLog.log");
 }
 

@@ -3,6 +3,11 @@
 //   2024-03-01T12:00:00.123Z INFO core/PhotoSetProcessor.cpp:57 Processing Photo Set: Trip
 //
 // When the file has grown past its limit it becomes NAME.1, and a former NAME.1 becomes NAME.2.
+//
+// A run writes a dozen lines for each item, and a call of the system for each would be a tenth of what an
+// unchanged item costs. So lines are gathered for up to a quarter of a second. A failure is written at once,
+// with all that came before it, and so is everything when the process ends by itself; a kill can take the
+// last quarter of a second's lines.
 
 #include "hostapi/DevLogger.h"
 
@@ -10,9 +15,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <mutex>
+#include <thread>
 
 #include "standin/framework/LogFile.h"
 #include "standin/framework/LogText.h"
@@ -24,80 +33,155 @@ namespace Norvale_Plugin_Core {
 namespace {
 
 constexpr off_t kLargestLog = 10 * 1024 * 1024;
+constexpr std::size_t kUsualPrefix = 128;
+constexpr std::size_t kMostGathered = 64 * 1024;
+constexpr std::chrono::milliseconds kGatheringTime{250};
 
-struct Log {
-    std::mutex mutex;
-    std::string path;
-    int descriptor = -1;
-    off_t size = 0;
+class Log {
+public:
+    void name(const std::string& path) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        close();
+        path_ = path;
+        open();
+    }
 
+    bool isOpen() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return descriptor_ >= 0;
+    }
+
+    void add(const std::string& line, bool atOnce) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (descriptor_ < 0) return;
+        if (size_ + static_cast<off_t>(gathered_.size() + line.size()) > kLargestLog) rotate();
+        const bool first = gathered_.empty();
+        gathered_ += line;
+        if (atOnce || !gathers_ || gathered_.size() >= kMostGathered) {
+            write();
+        } else if (first) {
+            startWriter();
+            condition_.notify_one();
+        }
+    }
+
+    void flush() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        write();
+    }
+
+    /// For the process's end: there is no thread to write what is gathered from here on.
+    void stopGathering() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        gathers_ = false;
+        write();
+    }
+
+    // Never destroyed, for threads that log until the very end.
+    static Log& theLog() {
+        static Log& log = *new Log;
+        return log;
+    }
+
+private:
     void open() {
-        descriptor = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+        descriptor_ = ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
         struct stat status = {};
-        size = descriptor >= 0 && ::fstat(descriptor, &status) == 0 ? status.st_size : 0;
+        size_ = descriptor_ >= 0 && ::fstat(descriptor_, &status) == 0 ? status.st_size : 0;
     }
 
     void close() {
-        if (descriptor >= 0) ::close(descriptor);
-        descriptor = -1;
+        write();
+        if (descriptor_ >= 0) ::close(descriptor_);
+        descriptor_ = -1;
     }
 
     void rotate() {
         close();
-        std::rename((path + ".1").c_str(), (path + ".2").c_str());
-        std::rename(path.c_str(), (path + ".1").c_str());
+        std::rename((path_ + ".1").c_str(), (path_ + ".2").c_str());
+        std::rename(path_.c_str(), (path_ + ".1").c_str());
         open();
     }
-};
 
-// Never destroyed, for threads that log until the very end.
-Log& theLog() {
-    static Log& log = *new Log;
-    return log;
-}
+    /// Whole lines in one call, so that those of several processes do not mix.
+    void write() {
+        if (gathered_.empty() || descriptor_ < 0) return;
+        const ssize_t written = ::write(descriptor_, gathered_.data(), gathered_.size());
+        if (written > 0) size_ += written;
+        gathered_.clear();
+    }
+
+    void startWriter() {
+        if (writer_.joinable()) return;
+        writer_ = std::thread([this] { writeLater(); });
+        std::atexit([] { theLog().stopGathering(); });
+    }
+
+    [[noreturn]] void writeLater() {
+        for (std::unique_lock<std::mutex> lock(mutex_);;) {
+            condition_.wait(lock, [this] { return !gathered_.empty(); });
+            lock.unlock();
+            std::this_thread::sleep_for(kGatheringTime);
+            lock.lock();
+            write();
+        }
+    }
+
+    std::mutex mutex_;
+    std::string path_;
+    int descriptor_ = -1;
+    off_t size_ = 0;
+    std::string gathered_;
+    bool gathers_ = true;
+    std::condition_variable condition_;
+    std::thread writer_;
+};
 
 const char* levelName(LogLevel level) {
     return level == LogLevelFailure ? "FAIL" : "INFO";
 }
 
-/// The current time. A run writes a dozen lines for each item, so the cheap functions are used here.
-std::string timeText() {
+/// Writes the current time behind text. A run writes a dozen lines for each item, most of them within one
+/// second: that one is formatted once.
+void appendTime(std::string& text) {
+    thread_local std::time_t second = -1;
+    thread_local char shown[32];
     timespec now = {};
     ::clock_gettime(CLOCK_REALTIME, &now);
-    tm parts = {};
-    ::gmtime_r(&now.tv_sec, &parts);
-    char text[64];
-    const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
-    std::snprintf(text + length, sizeof text - length, ".%03dZ", static_cast<int>(now.tv_nsec / 1000000));
-    return text;
+    if (now.tv_sec != second) {
+        tm parts = {};
+        ::gmtime_r(&now.tv_sec, &parts);
+        std::strftime(shown, sizeof shown, "%Y-%m-%dT%H:%M:%S.", &parts);
+        second = now.tv_sec;
+    }
+    text += shown;
+    for (long unit = 100000000; unit >= 1000000; unit /= 10)
+        text += static_cast<char>('0' + now.tv_nsec / unit % 10);
+    text += 'Z';
 }
 
 }  // namespace
 
 void nameLogFile(const std::string& path) {
-    Log& log = theLog();
-    const std::lock_guard<std::mutex> lock(log.mutex);
-    log.close();
-    log.path = path;
-    log.open();
+    Log::theLog().name(path);
+}
+
+void flushLogFile() {
+    Log::theLog().flush();
 }
 
 void DevLogger::writeLog(std::string message, LogLevel level, const char* sourceFile, int line) {
     RunJournal::instance().logLine(message);
 
-    Log& log = theLog();
-    {
-        const std::lock_guard<std::mutex> lock(log.mutex);
-        if (log.descriptor < 0) return;
-    }
-    const std::string text = timeText() + " " + levelName(level) + " " + (sourceFile ? sourceFile : "-") +
-                             ":" + std::to_string(line) + " " + oneLine(maskSecrets(std::move(message))) +
-                             "\n";
-    const std::lock_guard<std::mutex> lock(log.mutex);
-    if (log.size + static_cast<off_t>(text.size()) > kLargestLog) log.rotate();
-    // One write for one line, so that lines of several processes do not mix either.
-    const ssize_t written = ::write(log.descriptor, text.data(), text.size());
-    if (written > 0) log.size += written;
+    Log& log = Log::theLog();
+    if (!log.isOpen()) return;
+    const std::string shown = oneLine(maskSecrets(std::move(message)));
+    std::string text;
+    text.reserve(shown.size() + kUsualPrefix);
+    appendTime(text);
+    text.append(" ").append(levelName(level)).append(" ").append(sourceFile ? sourceFile : "-");
+    text.append(":").append(std::to_string(line)).append(" ").append(shown).append("\n");
+    log.add(text, level == LogLevelFailure);
 }
 
 }  // namespace Norvale_Plugin_Core

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <map>
 #include <mutex>
+#include <string_view>
 
 #include "hostapi/Utils.h"
 #include "standin/framework/Device.h"
@@ -63,7 +64,7 @@ std::string withoutEndSlash(std::string path) {
 }
 
 /// Replaces the value of every key=value in text, up to what ends a value in an address or a message.
-void maskValues(std::string& text, const std::string& key) {
+void maskValues(std::string& text, std::string_view key) {
     for (std::string::size_type at = text.find(key); at != std::string::npos; at = text.find(key, at)) {
         at += key.size();
         const std::string::size_type end = std::min(text.find_first_of("&;#'\"<>() \t\r\n", at), text.size());
@@ -226,7 +227,8 @@ std::string maskSecrets(std::string text) {
         const std::lock_guard<std::mutex> lock(state().secretsMutex);
         for (const std::string& secret : state().secrets) replaceAll(text, secret);
     }
-    for (const char* key : {"auth_token=", "api_key=", "api_sig="}) maskValues(text, key);
+    if (text.find('=') == std::string::npos) return text;
+    for (const std::string_view key : {"auth_token=", "api_key=", "api_sig="}) maskValues(text, key);
     return text;
 }
 
