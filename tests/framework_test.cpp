@@ -5,9 +5,11 @@
 #include <Poco/Thread.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -27,6 +29,7 @@
 #include "hostapi/PluginCore.h"
 #include "hostapi/Utils.h"
 #include "standin/framework/BackupDatabase.h"
+#include "standin/framework/Device.h"
 #include "standin/framework/DeviceLock.h"
 #include "standin/framework/ItemRecord.h"
 #include "standin/framework/LibraryCheck.h"
@@ -386,6 +389,17 @@ TEST_F(FrameworkTest, WritesOneLineForEachCallAndNoSecrets) {
     }
     EXPECT_EQ(kThreads * kLines, count);
 
+    const auto before = fs::file_size(log);
+    DevLogger::writeLog("gathered", LogLevelInformation, "x", 1);
+    EXPECT_EQ(before, fs::file_size(log));
+    for (int i = 0; i < 500 && fs::file_size(log) == before; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_THAT(read(log), testing::EndsWith(" INFO x:1 gathered\n")) << "comes by itself";
+    DevLogger::writeLog("before", LogLevelInformation, "x", 1);
+    DevLogger::writeLog("failed", LogLevelFailure, "x", 1);
+    EXPECT_THAT(read(log), testing::ContainsRegex(" INFO x:1 before\n.* FAIL x:1 failed\n$"));
+
     for (int i = 0; i < 2000; ++i) {
         DevLogger::writeLog(std::string(20000, 'x'), LogLevelInformation, nullptr, 0);
     }
@@ -470,6 +484,45 @@ TEST_F(FrameworkTest, KeepsEverythingInsideTheServiceFolder) {
     EXPECT_EQ("precious", read(folder_ / "outside/file"));
     EXPECT_EQ(1, std::distance(fs::directory_iterator(folder_ / "outside"), fs::directory_iterator()));
     EXPECT_THAT(files(), ElementsAre("filelink"));
+}
+
+TEST_F(FrameworkTest, WritesLargeFilesWholeOrSaysThatItCannot) {
+    constexpr int kBlock = 10007;
+    constexpr std::size_t kLimit = 6 << 20;
+    std::string data(20 << 20, '\0');
+    for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 2654435761u >> 13);
+    const auto storeLarge = [&](HostServiceClientMac& client, const std::string& path) {
+        client.openFile(path, 7, command_, result_, error_);
+        for (std::size_t at = 0; at < data.size() && result_ == "SUC"; at += kBlock) {
+            const std::size_t count = std::min<std::size_t>(kBlock, data.size() - at);
+            client.writeFileV2(7, &data[at], static_cast<int>(count), command_, result_, error_);
+        }
+        if (result_ == "SUC") client.closeFile(7, nullptr, 0, command_, result_, error_);
+        return result_ == "SUC";
+    };
+    HostServiceClientMac client;
+    ASSERT_TRUE(storeLarge(client, "large.mp4")) << error_;
+    EXPECT_TRUE(read(device("large.mp4")) == data);
+    ASSERT_EQ("SUC", store(client, "at once.mp4", data));
+    Ledger& ledger = Device::current()->ledger();
+    EXPECT_EQ(data.size(), ledger.file("large.mp4")->size);
+    EXPECT_EQ(ledger.file("at once.mp4")->checksum, ledger.file("large.mp4")->checksum);
+
+    // Both before and behind the size from which on a thread writes, and in the last piece.
+    rlimit before = {};
+    getrlimit(RLIMIT_FSIZE, &before);
+    const auto formerly = std::signal(SIGXFSZ, SIG_IGN);
+    for (const std::size_t limit : {kBlock * std::size_t{40}, kLimit, data.size() - 1}) {
+        const rlimit smaller = {limit, before.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &smaller);
+        const bool written = storeLarge(client, "cut.mp4");
+        setrlimit(RLIMIT_FSIZE, &before);
+        EXPECT_FALSE(written) << limit;
+        EXPECT_THAT(error_, testing::HasSubstr("Cannot write \"cut.mp4\"")) << limit;
+        client.deleteFile(7, command_, result_, error_);
+        EXPECT_THAT(files(), ElementsAre("at once.mp4", "large.mp4")) << limit;
+    }
+    std::signal(SIGXFSZ, formerly);
 }
 
 TEST_F(FrameworkTest, ShowsAFileUnderItsNameOnlyWhenItIsComplete) {

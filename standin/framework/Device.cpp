@@ -410,7 +410,7 @@ void Device::writeRecord(const std::string& folder, const std::string& name, con
     const Descriptor records = openRecordFolder(folder, true);
     const std::string path = joinPath(folder, joinPath(kRecordFolder, name));
     const auto giveUp = [&](int error) {
-        ::unlinkat(records.get(), partName.c_str(), 0);
+        if (::unlinkat(records.get(), partName.c_str(), 0) != 0 && errno != ENOENT) ledger_.leaveInUse();
         fail("write the record", path, error);
     };
     Descriptor file(::openat(records.get(), partName.c_str(),

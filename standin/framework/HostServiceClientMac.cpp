@@ -1,8 +1,8 @@
 // How a file comes to the device, so that a kill between any two steps leaves either nothing under its final
 // name or all of it:
 //
-//   openFile     the ledger notes the temporary name, then Trip/.part-PID-N is made
-//   writeFileV2  bytes go there
+//   openFile     the ledger is marked as in use, then Trip/.part-PID-N is made
+//   writeFileV2  bytes go there, see FileWriter.h
 //   closeFile    the file is flushed; the ledger enters the final name as pending; the record is written and
 //                flushed; the file takes its final name; the folder is flushed
 //
@@ -13,6 +13,7 @@
 
 #include <Poco/Data/DataException.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -22,8 +23,8 @@
 
 #include "hostapi/DevLogger.h"
 #include "hostapi/HostServiceUsageParams.h"
-#include "standin/framework/Checksum.h"
 #include "standin/framework/Device.h"
+#include "standin/framework/FileWriter.h"
 #include "standin/framework/ItemRecord.h"
 #include "standin/framework/Names.h"
 #include "standin/framework/RunJournal.h"
@@ -36,17 +37,11 @@ namespace {
 constexpr const char* kSuccess = "SUC";
 constexpr const char* kFailure = "ERR";
 
-// A large file's bytes are sent to the disk while it still grows, so that closing it does not wait for all.
-constexpr std::uint64_t kWriteBehind = 8 << 20;
-
 struct OpenFile {
     std::string path;
-    std::string partPath;
+    std::string partName;
     Descriptor folder;
-    Descriptor file;
-    std::uint64_t size = 0;
-    std::uint64_t sentSize = 0;
-    Checksum checksum;
+    std::unique_ptr<FileWriter> writer;
 };
 
 /// The plug-in makes a set's thumbnail folder together with the set's. When the language has changed since,
@@ -87,10 +82,9 @@ struct HostServiceClientMac::Impl {
 
     void discard(long handle) {
         OpenFile& open = file(handle);
-        // On a device that fails it stays noted, for the next run to remove.
-        const bool gone =
-            ::unlinkat(open.folder.get(), nameOf(open.partPath).c_str(), 0) == 0 || errno == ENOENT;
-        if (gone) device->ledger().erasePartLater(open.partPath);
+        // On a device that fails it stays, for the next run to remove.
+        const bool gone = ::unlinkat(open.folder.get(), open.partName.c_str(), 0) == 0 || errno == ENOENT;
+        if (!gone) device->ledger().leaveInUse();
         files.erase(handle);
     }
 
@@ -166,15 +160,12 @@ long HostServiceClientMac::openFile(std::string path, long mode, std::string& co
         OpenFile open;
         open.path = path;
         open.folder = device.openFolder(folderOf(path));
-        open.partPath = joinPath(folderOf(path), newPartName());
-        device.ledger().addPart(open.partPath);
-        open.file = Descriptor(::openat(open.folder.get(), nameOf(open.partPath).c_str(),
-                                        O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
-        if (!open.file.isOpen()) {
-            const int reason = errno;
-            device.ledger().erasePartLater(open.partPath);
-            device.fail("make a file for", path, reason);
-        }
+        open.partName = newPartName();
+        device.ledger().markInUse();
+        Descriptor file(::openat(open.folder.get(), open.partName.c_str(),
+                                 O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+        if (!file.isOpen()) device.fail("make a file for", path, errno);
+        open.writer = std::make_unique<FileWriter>(std::move(file));
         impl_->files.emplace(mode, std::move(open));
     });
     return mode;
@@ -187,20 +178,9 @@ void HostServiceClientMac::writeFileV2(int handle, char* buffer, int count, std:
                OpenFile& open = impl_->file(handle);
                if (count < 0 || (count > 0 && !buffer)) throw DeviceException("There are no bytes to write");
                const auto size = static_cast<std::size_t>(count);
-               for (std::size_t at = 0; at < size;) {
-                   const ssize_t written = ::write(open.file.get(), buffer + at, size - at);
-                   if (written < 0 && errno == EINTR) continue;
-                   if (written < 0) impl_->device->fail("write", open.path, errno);
-                   at += static_cast<std::size_t>(written);
-               }
-               open.checksum.update(buffer, size);
-               open.size += size;
+               const int failure = open.writer->add(buffer, size);
+               if (failure != 0) impl_->device->fail("write", open.path, failure);
                addWrittenBytes(size);
-               if (open.size - open.sentSize >= kWriteBehind) {
-                   ::sync_file_range(open.file.get(), static_cast<off64_t>(open.sentSize),
-                                     static_cast<off64_t>(open.size - open.sentSize), SYNC_FILE_RANGE_WRITE);
-                   open.sentSize = open.size;
-               }
            });
 }
 
@@ -215,11 +195,11 @@ void HostServiceClientMac::closeFile(long handle, char* metadata, int length, st
 
 void HostServiceClientMac::Impl::close(long handle, const std::string& metadata) {
     OpenFile& open = file(handle);
-    if (::fsync(open.file.get()) != 0) device->fail("write", open.path, errno);
+    const int failure = open.writer->finish();
+    if (failure != 0) device->fail("write", open.path, failure);
 
     const std::string item = metadata.empty() ? lastItem : recordField(metadata, "ID");
     place(open, item, metadata);
-    device->ledger().erasePartLater(open.partPath);
     files.erase(handle);
     if (!metadata.empty()) {
         lastItem = item;
@@ -229,14 +209,15 @@ void HostServiceClientMac::Impl::close(long handle, const std::string& metadata)
 
 void HostServiceClientMac::Impl::place(OpenFile& open, const std::string& item, const std::string& metadata) {
     Ledger& ledger = device->ledger();
-    const std::string folder = folderOf(open.path), name = nameOf(open.path), part = nameOf(open.partPath);
-    const bool standing = device->status(open.path).has_value();
+    const std::string folder = folderOf(open.path), name = nameOf(open.path), part = open.partName;
+    struct stat status = {};
+    const bool standing = ::fstatat(open.folder.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
     if (standing && !device->owns(open.path, item)) {
         throw DeviceException("Cannot write \"" + open.path + "\": something else stands there already");
     }
 
-    const std::optional<LedgerFile> before = ledger.file(open.path);
-    LedgerFile now{open.path, item, open.size, open.checksum.text(), "", standing ? 2 : 1};
+    const std::optional<LedgerFile> before = standing ? ledger.file(open.path) : std::nullopt;
+    LedgerFile now{open.path, item, open.writer->size(), open.writer->checksum(), "", standing ? 2 : 1};
     ledger.putFile(now);
     const auto undo = [&] {
         if (!standing) device->removeRecord(folder, name + kRecordExtension);
@@ -349,7 +330,7 @@ void HostServiceClientMac::writeFolderDataXML(std::string root, std::string reco
             record = withRecordField(record, "LatestUpdatedDate", "");
         }
         const std::string part = std::string(kPartPrefix) + "folder";
-        device.ledger().addPart(joinPath(folder, part));
+        device.ledger().markInUse();
         device.writeRecord(folder, kFolderRecord, record, part, false);
     });
     if (result != kSuccess) RunJournal::instance().folderRecordFailed(folder, error);

@@ -22,7 +22,7 @@ constexpr const char* kSchema = R"(
         PRIMARY KEY (folder, name)) WITHOUT ROWID;
     CREATE INDEX IF NOT EXISTS filesofitem ON files (item);
     CREATE INDEX IF NOT EXISTS pendingfiles ON files (folder, name) WHERE pending <> 0;
-    CREATE TABLE IF NOT EXISTS parts (path TEXT PRIMARY KEY) WITHOUT ROWID;
+    DROP TABLE IF EXISTS parts;
     CREATE TABLE IF NOT EXISTS state (inuse INTEGER PRIMARY KEY);
 )";
 
@@ -53,11 +53,9 @@ struct Ledger::Statements {
                   "INSERT OR REPLACE INTO files (folder, name, item, size, checksum, was, pending) "
                   "VALUES (?, ?, ?, ?, ?, ?, ?)"),
           eraseFile(db, "DELETE FROM files WHERE folder = ? AND name = ?"),
-          settleItem(db, "UPDATE files SET pending = 0 WHERE item = ? AND was = '' AND pending <> 0"),
-          addPart(db, "INSERT OR IGNORE INTO parts (path) VALUES (?)"),
-          erasePart(db, "DELETE FROM parts WHERE path = ?") {}
+          settleItem(db, "UPDATE files SET pending = 0 WHERE item = ? AND was = '' AND pending <> 0") {}
 
-    Statement findFolder, addFolder, folderName, findFile, putFile, eraseFile, settleItem, addPart, erasePart;
+    Statement findFolder, addFolder, folderName, findFile, putFile, eraseFile, settleItem;
 };
 
 Ledger::Ledger(const std::string& path) : path_(path), database_(path, SqliteFile::Open::OrCreate) {
@@ -81,14 +79,24 @@ Ledger::Ledger(const std::string& path) : path_(path), database_(path, SqliteFil
 Ledger::~Ledger() {
     try {
         writeLater();
-        if (inUse_) database_.execute("DELETE FROM state");
+        if (inUse_ && !leftInUse_) database_.execute("DELETE FROM state");
     } catch (Poco::Exception&) {
         // What was put off is found pending by the next run.
     }
 }
 
-/// On the disk before anything else of this use is, so that a power cut leaves it too.
 void Ledger::markInUse() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    enterUse();
+}
+
+void Ledger::leaveInUse() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    leftInUse_ = true;
+}
+
+/// On the disk before anything else of this use is, so that a power cut leaves it too.
+void Ledger::enterUse() {
     if (inUse_) return;
     database_.execute(
         "PRAGMA synchronous = FULL; INSERT OR IGNORE INTO state VALUES (1);"
@@ -98,18 +106,16 @@ void Ledger::markInUse() {
 
 template <typename Change>
 void Ledger::write(Change change) {
-    markInUse();
+    enterUse();
     Transaction transaction(database_);
     for (const std::string& item : laterSettled_) StatementUse(sql_->settleItem, item).run();
-    for (const std::string& part : laterErasedParts_) StatementUse(sql_->erasePart, part).run();
     change();
     transaction.commit();
     laterSettled_.clear();
-    laterErasedParts_.clear();
 }
 
 void Ledger::writeLater() {
-    if (!laterSettled_.empty() || !laterErasedParts_.empty()) write([] {});
+    if (!laterSettled_.empty()) write([] {});
 }
 
 void Ledger::flush() {
@@ -154,9 +160,9 @@ std::string Ledger::folderPath(std::int64_t id) {
     return path;
 }
 
-LedgerFile Ledger::fileOfRow(const Statement& row) {
+LedgerFile Ledger::fileOfRow(const Statement& row, std::string path) {
     LedgerFile file;
-    file.path = joinPath(folderPath(row.number(0)), row.text(1));
+    file.path = std::move(path);
     file.item = row.text(2);
     file.size = static_cast<std::uint64_t>(row.number(3));
     file.checksum = row.text(4);
@@ -167,7 +173,10 @@ LedgerFile Ledger::fileOfRow(const Statement& row) {
 
 std::vector<LedgerFile> Ledger::readFiles(StatementUse& use) {
     std::vector<LedgerFile> files;
-    while (use.step()) files.push_back(fileOfRow(*use.operator->()));
+    while (use.step()) {
+        const Statement& row = *use.operator->();
+        files.push_back(fileOfRow(row, joinPath(folderPath(row.number(0)), row.text(1))));
+    }
     return files;
 }
 
@@ -177,7 +186,7 @@ std::optional<LedgerFile> Ledger::file(const std::string& path) {
     if (folder == 0) return std::nullopt;
     StatementUse find(sql_->findFile, folder, nameOf(path));
     if (!find.step()) return std::nullopt;
-    return fileOfRow(*find.operator->());
+    return fileOfRow(*find.operator->(), path);
 }
 
 std::vector<LedgerFile> Ledger::filesOfItem(const std::string& item) {
@@ -237,25 +246,6 @@ void Ledger::setPending(const std::string& path, int pending) {
 void Ledger::settleItemLater(const std::string& item) {
     const std::lock_guard<std::mutex> lock(mutex_);
     laterSettled_.push_back(item);
-}
-
-void Ledger::addPart(const std::string& path) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    write([&] { StatementUse(sql_->addPart, path).run(); });
-}
-
-void Ledger::erasePartLater(const std::string& path) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    laterErasedParts_.push_back(path);
-}
-
-std::vector<std::string> Ledger::parts() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    writeLater();
-    std::vector<std::string> paths;
-    const auto statement = database_.prepare("SELECT path FROM parts");
-    while (statement->step()) paths.push_back(statement->text(0));
-    return paths;
 }
 
 bool Ledger::madeFolder(const std::string& path) {

@@ -9,12 +9,11 @@
 //       was       its name before a rename that is not settled yet
 //       pending   1 until it is known that the item's row in the backup database names the file, 2 while in
 //                 addition the file may be an older one than its size and checksum say
-//   parts     files that are being written, by the path of their temporary name
 //   state     a row while the ledger is in use: one that is found when it is opened says that the last use
-//             ended by a kill or a power cut, and that rows of then may be missing
+//             ended by a kill or a power cut: rows of then may be missing, and half-written files be left
 //
-// A row changes before the file does, and is pending then: after a kill at any moment the pending rows and
-// the parts are all that has to be looked at. What only clears up is written together with the next change.
+// A row changes before the file does, and is pending then: after a kill at any moment the pending rows are
+// all that has to be looked at. What only clears up is written together with the next change.
 
 #ifndef STANDIN_FRAMEWORK_LEDGER_H
 #define STANDIN_FRAMEWORK_LEDGER_H
@@ -61,6 +60,12 @@ public:
     /// True when rows may be missing: no file was ever entered, or the last use did not end by closing.
     bool mayLackRows();
 
+    /// Notes that the ledger is in use, on the disk before anything else of this use is. Every change does
+    /// so; whoever makes a file that no row speaks of calls it before.
+    void markInUse();
+    /// The ledger counts as in use even when it is closed: the next use is to look for what this one left.
+    void leaveInUse();
+
     /// Puts every change on the disk. Others follow within half a minute.
     void flush();
 
@@ -74,10 +79,6 @@ public:
     void setPending(const std::string& path, int pending);
     /// Nothing of the item is pending any more, except files that stand aside.
     void settleItemLater(const std::string& item);
-
-    void addPart(const std::string& path);
-    void erasePartLater(const std::string& path);
-    std::vector<std::string> parts();
 
     bool madeFolder(const std::string& path);
     void addMadeFolder(const std::string& path);
@@ -93,13 +94,13 @@ private:
     std::int64_t folderId(const std::string& path, bool create);
     std::string folderPath(std::int64_t id);
     void forgetFolderRows(std::int64_t id);
-    LedgerFile fileOfRow(const Statement& row);
+    static LedgerFile fileOfRow(const Statement& row, std::string path);
     std::vector<LedgerFile> readFiles(StatementUse& use);
     /// Runs change and everything that was put off, in one transaction.
     template <typename Change>
     void write(Change change);
     void writeLater();
-    void markInUse();
+    void enterUse();
 
     std::mutex mutex_;
     const std::string path_;
@@ -107,9 +108,9 @@ private:
     std::unique_ptr<Statements> sql_;
     bool mayLackRows_ = false;
     bool inUse_ = false;
+    bool leftInUse_ = false;
     std::map<std::string, std::int64_t> folderIds_;
     std::vector<std::string> laterSettled_;
-    std::vector<std::string> laterErasedParts_;
 };
 
 }  // namespace Norvale_Plugin_Core

@@ -1,16 +1,12 @@
 // What is settled, in this order, each step harmless to repeat:
 //
-//   lost rows         only when the ledger was lost or its last use did not end by closing, so that a power
-//                     cut may have taken its last rows: half-written files and files that stand aside are
-//                     looked for in every recorded folder and beside every recorded file
-//   parts             half-written files are removed
 //   renamed folders   the set's row has the new name: the rows of its items get it too; it has the old name:
 //                     the folder gets it back
+//   lost rows         only when the ledger was lost or its last use did not end by closing, so that a power
+//                     cut may have taken its last rows: half-written files are removed from every recorded
+//                     folder, and files that stand aside are looked for beside every recorded file
 //   files             see settleAside() and settleWritten()
-//   adoption          when the ledger was lost, or a power cut may have taken its last rows: recorded files
-//   that
-//                     it does not know are entered, without their checksums
-//   unknown files     after lost rows: recorded files that the ledger does not know are entered, without
+//   adoption          after lost rows: recorded files that the ledger does not know are entered, without
 //   their
 //                     checksums
 //   made folders      an empty folder that no row names is removed
@@ -43,7 +39,6 @@ public:
 
     RecoveryReport run() {
         const bool mayLackRows = device_.ledger().mayLackRows();
-        removeParts();
         settleRenamedFolders();
         if (mayLackRows) findLostRows();
         settleFiles();
@@ -58,7 +53,6 @@ private:
     void findAside(const std::string& path, const ItemRow& row);
     void adoptFiles();
     void adopt(const std::string& path, const std::string& item);
-    void removeParts();
     void settleRenamedFolders();
     void settleFiles();
     void settleAside(const LedgerFile& file, const std::optional<ItemRow>& row);
@@ -142,18 +136,6 @@ void Recovery::findAside(const std::string& path, const ItemRow& row) {
     }
     for (const std::string& version : versionsOf(path, row)) {
         if (!ledger.file(version) && device_.isFile(version)) ledger.putFile({version, row.id, 0, "", "", 2});
-    }
-}
-
-void Recovery::removeParts() {
-    for (const std::string& part : device_.ledger().parts()) {
-        const std::string folder = folderOf(part), name = nameOf(part);
-        if (folder.empty() || device_.isFolder(folder)) {
-            const Descriptor parent = device_.openFolder(folder);
-            if (::unlinkat(parent.get(), name.c_str(), 0) == 0) ++report_.removed;
-            device_.removeRecord(folder, name);
-        }
-        device_.ledger().erasePartLater(part);
     }
 }
 
