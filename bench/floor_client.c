@@ -7,6 +7,8 @@
 // folder's record. It knows no earlier run, no names, no log and no database, and stops at the first failure.
 //
 // Every answer has to announce its length.
+//
+// Built with OVER_LIBRARIES it does the same through library_calls.h, and looks its items up in a database.
 
 #define _GNU_SOURCE
 #include <arpa/inet.h>
@@ -21,6 +23,10 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#ifdef OVER_LIBRARIES
+#include "bench/library_calls.h"
+#endif
 
 enum { kItemsPerPage = 500, kBlockSize = 65536, kIdSize = 64, kAddressSize = 1024 };
 
@@ -81,6 +87,26 @@ static void put(int file, struct Text* text, const char* data, size_t size) {
     }
 }
 
+#ifdef OVER_LIBRARIES
+
+struct Target {
+    int file;
+    struct Text* text;
+};
+
+static void putBlock(void* target, const char* data, size_t size) {
+    put(((struct Target*)target)->file, ((struct Target*)target)->text, data, size);
+}
+
+static void fetch(const char* url, int file, struct Text* text) {
+    struct Target target = {file, text};
+    if (notes) fprintf(notes, "%s\n", url);
+    libraryFetch(url, putBlock, &target);
+    if (text) libraryRead(text->data, text->size);
+}
+
+#else
+
 static int dial(const char* url, char* host, int* port, int* pathAt) {
     struct sockaddr_in peer = {.sin_family = AF_INET};
     if (sscanf(url, "http://%63[^:/]:%d%n", host, port, pathAt) != 2) fail("address", url);
@@ -126,6 +152,12 @@ static void fetch(const char* url, int file, struct Text* text) {
     }
     close(peer);
 }
+
+static void libraryLookUp(const char* itemId, int times) {
+    (void)itemId, (void)times;
+}
+
+#endif
 
 /// Calls the service: parameters in the order of the query, signed in the order of their names.
 static void call(const char* method, const char* setId, const char* photoId, int page, struct Text* answer) {
@@ -229,6 +261,12 @@ static void storeItem(const struct Item* item, const char* setId, const char* fo
     namePart(records, ".folder.xml", false);
 }
 
+static void lookUp(const char* id, const char* setId, int times) {
+    char key[2 * kIdSize];
+    PRINT(key, "%s_%s", id, setId);
+    libraryLookUp(key, times);
+}
+
 static void backUpSet(const char* setId, long items, const char* device) {
     static struct Text page, answer;
     const bool loose = strcmp(setId, kNoSet) == 0;
@@ -253,6 +291,7 @@ static void backUpSet(const char* setId, long items, const char* device) {
         if (loose && count == before) break;
     }
 
+    for (size_t i = 0; listOnly && i < count; ++i) lookUp(listed[i].id, setId, 2);
     if (!listOnly && count > 0) {
         char folder[kAddressSize], inner[kAddressSize + 16];
         PRINT(folder, loose ? "%s" : "%s/%s", device, setId);
@@ -261,7 +300,10 @@ static void backUpSet(const char* setId, long items, const char* device) {
         mkdir(inner, 0755);
         PRINT(inner, "%s/.records", folder);
         mkdir(inner, 0755);
-        for (size_t i = 0; i < count; ++i) storeItem(&listed[i], setId, folder);
+        for (size_t i = 0; i < count; ++i) {
+            lookUp(listed[i].id, setId, 1);
+            storeItem(&listed[i], setId, folder);
+        }
     }
     free(listed);
 }
@@ -270,9 +312,10 @@ int main(int argc, char** argv) {
     if (argc < 6) {
         fputs(
             "usage: floor_client DATA_URL KEY SECRET TOKEN DEVICE [--list-only] [--addresses FILE]\n"
+            "                    [--database FILE]\n"
             "Makes the requests of a backup and puts its files below DEVICE. --list-only: the requests of a\n"
             "run that finds nothing new. --addresses: notes every address fetched, and every one that\n"
-            "--list-only leaves out, a line each.\n",
+            "--list-only leaves out, a line each. --database: where items are looked up over libraries.\n",
             stderr);
         return 2;
     }
@@ -280,6 +323,9 @@ int main(int argc, char** argv) {
     for (int i = 6; i < argc; ++i) {
         listOnly |= strcmp(argv[i], "--list-only") == 0;
         if (strcmp(argv[i], "--addresses") == 0 && i + 1 < argc) notes = fopen(argv[++i], "w");
+#ifdef OVER_LIBRARIES
+        if (strcmp(argv[i], "--database") == 0 && i + 1 < argc) libraryOpen(argv[++i]);
+#endif
     }
 
     struct Text sets = {0};
