@@ -220,14 +220,19 @@ static void findAddresses(struct Item* item, bool video, struct Text* answer) {
 
 /// Makes a file in the directory, from an address or with the given bytes, under a name that it has until it
 /// is whole.
-static void storePart(const char* directory, const char* url, const char* bytes, bool flush) {
+static int makePart(const char* directory, const char* url, const char* bytes) {
     char part[kAddressSize];
     PRINT(part, "%s/.part-1", directory);
     const int file = open(part, O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (file < 0) fail("make", part);
     if (url) fetch(url, file, NULL);
     if (bytes) put(file, NULL, bytes, strlen(bytes));
-    if ((flush && fsync(file) != 0) || close(file) != 0) fail("close", part);
+    return file;
+}
+
+/// flush: fsync, fdatasync or NULL.
+static void closePart(int file, int (*flush)(int)) {
+    if ((flush && flush(file) != 0) || close(file) != 0) fail("close", "a file");
 }
 
 static void namePart(const char* directory, const char* name, bool flush) {
@@ -250,14 +255,17 @@ static void storeItem(const struct Item* item, const char* setId, const char* fo
     PRINT(thumbnails, "%s/Thumbnail", folder);
     PRINT(record, "<media><ID>%s_%s</ID><FileName>%s</FileName></media>\n", item->id, setId, media);
 
-    storePart(folder, item->media, NULL, true);
-    storePart(records, NULL, record, true);
+    const int mediaFile = makePart(folder, item->media, NULL);
+    const int recordFile = makePart(records, NULL, record);
+    sync_file_range(recordFile, 0, 0, SYNC_FILE_RANGE_WRITE);
+    closePart(mediaFile, fsync);
+    closePart(recordFile, fdatasync);
     PRINT(name, "%s.xml", media);
     namePart(records, name, false);
     namePart(folder, media, true);
-    storePart(thumbnails, item->thumbnail, NULL, true);
+    closePart(makePart(thumbnails, item->thumbnail, NULL), fsync);
     namePart(thumbnails, thumbnail, true);
-    storePart(records, NULL, record, false);
+    closePart(makePart(records, NULL, record), NULL);
     namePart(records, ".folder.xml", false);
 }
 

@@ -85,6 +85,10 @@ def seconds(runs):
     return spread([r.wall for r in runs], "{:.2f}") + " s"
 
 
+def named(runs):
+    return ", ".join(f"{name.replace('_', ' ')} {seconds(taken)}" for name, taken in runs.items())
+
+
 def milliseconds(runs, items):
     return spread([r.wall / items * 1000 for r in runs], "{:.2f}") + " ms"
 
@@ -98,6 +102,7 @@ class Bench:
         self.disk = self.directory = pathlib.Path(tempfile.mkdtemp(prefix="flickr-bench-", dir=options.directory))
         self.memory = pathlib.Path(tempfile.mkdtemp(prefix="flickr-bench-", dir="/dev/shm"))
         self.rows = []
+        self.kept = 0
         self.tables = []  # further Markdown, behind the table of ratios
         # A copy: what is configured in the build's own application is none of a benchmark's business.
         built = pathlib.Path(self.program("flickr-backup")).parent
@@ -126,8 +131,13 @@ class Bench:
             sys.exit(f'{name} is not in {self.build}: build the preset "release" first, as scripts/bench does.')
         return str(found[0])
 
-    def fresh(self, name):
+    def fresh(self, name, keep=False):
+        """An empty directory; the former one of that name is removed. keep: only at the end, since some file systems
+        look at every inode that was deleted of late before they give out one, and a run would pay for it."""
         path = self.directory / name
+        if keep and self.directory is self.disk:
+            self.kept += 1
+            path = self.directory / f"{name}-{self.kept}"
         shutil.rmtree(path, ignore_errors=True)
         path.mkdir()
         return path
@@ -177,10 +187,17 @@ class Bench:
         return result
 
     def first_backup(self, name, items):
-        return self.backup(self.fresh(name), new=items)
+        return self.backup(self.fresh(name, keep=items > 100), new=items)
 
-    def floor(self, url, device, *options):
-        return run(self.program("floor_client"), url, KEY, SECRET, TOKEN, device, *options)
+    def floor(self, url, device, *options, program="floor_client"):
+        return run(self.program(program), url, KEY, SECRET, TOKEN, device, *options)
+
+    def floor_rows(self, case, runs, figures):
+        """What the libraries add to the floor, which the plug-in has to use, and what the plug-in adds to both."""
+        self.row(case, "floor client", ratios(runs["ours"], runs["floor"]), 1.15, figures)
+        self.row(case + ": the floor client over the libraries", "floor client",
+                 ratios(runs["over_libraries"], runs["floor"]), None, figures)
+        self.row(case, "floor client over the libraries", ratios(runs["ours"], runs["over_libraries"]), None, figures)
 
     def addresses(self, url, *options):
         """Every address that a run fetches, in its order."""
@@ -190,7 +207,7 @@ class Bench:
 
     def curl(self, addresses, *options):
         """One curl that fetches the addresses one after another, each over a connection of its own."""
-        target = self.fresh("curl")
+        target = self.fresh("curl", keep=True)
         lines = [f'url = "{url}"\noutput = "{target}/{number}"' for number, url in enumerate(addresses)]
         config = self.directory / "curl.config"
         config.write_text("\n".join(lines))
@@ -209,14 +226,21 @@ def first(bench):
     for place, where in ((contextlib.nullcontext, ""), (bench.in_memory, ", device in memory")):
         with bench.service(1, items, "--item-bytes", 100 * KIB) as url, place():
             addresses = bench.addresses(url)
+
+            def over_libraries(device):
+                return bench.floor(url, device, "--database", device / "backup.db", program="library_floor")
+
             runs = alternate(rounds, ours=lambda: bench.first_backup("ours", items),
-                             floor=lambda: bench.floor(url, bench.fresh("floor")),
+                             floor=lambda: bench.floor(url, bench.fresh("floor", keep=True)),
+                             over_libraries=lambda: over_libraries(bench.fresh("libraries", keep=True)),
                              curl=lambda: bench.curl(addresses), wget=lambda: bench.wget(addresses))
         case = f"first backup, {items} photos of 100 KiB{where}"
-        figures = ", ".join(f"{name} {seconds(taken)}" for name, taken in runs.items())
+        figures = named(runs)
         faster = min((runs["curl"], runs["wget"]), key=lambda taken: statistics.median(r.wall for r in taken))
         bench.row(case, "the faster of curl and wget", ratios(runs["ours"], faster), 1.0, figures)
-        bench.row(case, "floor client", ratios(runs["ours"], runs["floor"]), 1.15, figures)
+        bench.row(case + ": the floor client", "the faster of curl and wget", ratios(runs["floor"], faster), None,
+                  figures)
+        bench.floor_rows(case, runs, figures)
 
 
 def unchanged(bench):
@@ -224,11 +248,12 @@ def unchanged(bench):
     items, rounds = (500, 3) if bench.quick else (5000, 5)
     with bench.service(1, items, "--item-bytes", 1) as url, bench.in_memory():
         bench.first_backup("ours", items)
-        runs = alternate(rounds, ours=lambda: bench.backup(bench.directory / "ours", unchanged=items),
-                         floor=lambda: bench.floor(url, bench.directory, "--list-only"))
-    figures = ", ".join(f"{name} {seconds(taken)}" for name, taken in runs.items())
-    bench.row(f"second run, {items} items unchanged", "floor client", ratios(runs["ours"], runs["floor"]), 1.15,
-              figures)
+        device = bench.directory / "ours"
+        runs = alternate(rounds, ours=lambda: bench.backup(device, unchanged=items),
+                         floor=lambda: bench.floor(url, bench.directory, "--list-only"),
+                         over_libraries=lambda: bench.floor(url, bench.directory, "--list-only", "--database",
+                                                            device / "backup.db", program="library_floor"))
+    bench.floor_rows(f"second run, {items} items unchanged", runs, named(runs))
 
 
 def video(bench):
@@ -247,11 +272,11 @@ def video(bench):
                 memory = alternate(rounds, ours=contenders["ours"], curl=contenders["curl"])
                 bench.fresh("ours"), bench.fresh("curl")
         case = f"one video of {size // MIB} MiB over {scheme}"
-        figures = ", ".join(f"{name} {seconds(taken)}" for name, taken in runs.items())
+        figures = named(runs)
         bench.row(case, "curl -o", ratios(runs["ours"], runs["curl"]), 1.05, figures)
         bench.row(case, "curl -o and sync", ratios(runs["ours"], runs["flushed"]), None, figures)
         bench.row(case + ", device in memory", "curl -o", ratios(memory["ours"], memory["curl"]), 1.05,
-                  ", ".join(f"{name} {seconds(taken)}" for name, taken in memory.items()))
+                  named(memory))
         bench.row(case + ", peak memory", "40 MiB", [r.peak / KIB / 40 for r in runs["ours"]], 1.0,
                   f"{max(r.peak for r in runs['ours']) / KIB:.0f} MiB")
 
@@ -269,7 +294,7 @@ def redirects(bench):
                 runs = alternate(rounds, ours=lambda: bench.first_backup("ours", items),
                                  curl=lambda: run("sh", "-c", each, bench.fresh("curl"), listing),
                                  one_curl=lambda: bench.curl(addresses, "-L", "-k"))
-            figures = ", ".join(f"{name.replace('_', ' ')} {seconds(taken)}" for name, taken in runs.items())
+            figures = named(runs)
             case = f"{items} items over HTTPS behind a redirect from HTTP{where}"
             bench.row(case, "curl, a process each", ratios(runs["ours"], runs["curl"]), 0.8, figures)
             bench.row(case, "one curl for all", ratios(runs["ours"], runs["one_curl"]), None, figures)
@@ -397,17 +422,23 @@ def instructions(bench):
     counts = {}
     for size in (few, many):
         with bench.service(1, size, "--item-bytes", 20000) as url:
-            device = bench.fresh("ours")
-            floor = bench.fresh("floor")
+            device, files = bench.fresh("ours"), bench.fresh("floor")
+            database = device / "backup.db"
             backup = (bench.application, "run", "--device", device, "--credentials", bench.credentials)
-            client = (bench.program("floor_client"), url, KEY, SECRET, TOKEN, floor)
-            for name, command in (("first", backup), ("unchanged", backup), ("floor first", client),
-                                  ("floor unchanged", (*client, "--list-only"))):
+            floor, libraries = ((bench.program(name), url, KEY, SECRET, TOKEN, files)
+                                for name in ("floor_client", "library_floor"))
+            for name, command in (("ours first", backup), ("ours unchanged", backup),
+                                  ("floor client first", floor), ("floor client unchanged", (*floor, "--list-only")),
+                                  ("floor client over the libraries first", (*libraries, "--database", database)),
+                                  ("floor client over the libraries unchanged",
+                                   (*libraries, "--list-only", "--database", database))):
                 counts[name, size] = count_instructions(bench, command)
     for kind in ("first", "unchanged"):
-        ours, floor = ((counts[name, many] - counts[name, few]) / (many - few) for name in (kind, "floor " + kind))
-        bench.row(f"instructions per item, {kind} run", "floor client", [ours / floor], None,
-                  f"{ours:,.0f} against {floor:,.0f}")
+        for other in ("floor client", "floor client over the libraries"):
+            ours, theirs = ((counts[f"{name} {kind}", many] - counts[f"{name} {kind}", few]) / (many - few)
+                            for name in ("ours", other))
+            bench.row(f"instructions per item, {kind} run", other, [ours / theirs], None,
+                      f"{ours:,.0f} against {theirs:,.0f}")
 
 
 def count_instructions(bench, command):

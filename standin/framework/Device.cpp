@@ -405,26 +405,6 @@ Descriptor Device::openRecordFolder(const std::string& folder, bool create) {
     return records;
 }
 
-void Device::writeRecord(const std::string& folder, const std::string& name, const std::string& text,
-                         const std::string& partName, bool flush) {
-    const Descriptor records = openRecordFolder(folder, true);
-    const std::string path = joinPath(folder, joinPath(kRecordFolder, name));
-    const auto giveUp = [&](int error) {
-        if (::unlinkat(records.get(), partName.c_str(), 0) != 0 && errno != ENOENT) ledger_.leaveInUse();
-        fail("write the record", path, error);
-    };
-    Descriptor file(::openat(records.get(), partName.c_str(),
-                             O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
-    if (!file.isOpen()) giveUp(errno);
-    for (std::size_t at = 0; at < text.size();) {
-        const ssize_t written = ::write(file.get(), text.data() + at, text.size() - at);
-        if (written < 0 && errno != EINTR) giveUp(errno);
-        if (written > 0) at += static_cast<std::size_t>(written);
-    }
-    if (flush && ::fdatasync(file.get()) != 0) giveUp(errno);
-    if (::renameat(records.get(), partName.c_str(), records.get(), name.c_str()) != 0) giveUp(errno);
-}
-
 std::string Device::readRecord(const std::string& folder, const std::string& name) {
     const Descriptor records = openRecordFolder(folder, false);
     if (!records.isOpen()) return {};
@@ -472,6 +452,40 @@ void Device::readFile(const std::string& path, const std::function<void(const ch
         if (count < 0) fail("read", path, errno);
         visit(block.data(), static_cast<std::size_t>(count));
     }
+}
+
+NewRecord::NewRecord(Device& device, const std::string& folder, std::string partName)
+    : device_(device),
+      folder_(folder),
+      partName_(std::move(partName)),
+      records_(device.openRecordFolder(folder, true)),
+      file_(::openat(records_.get(), partName_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
+                     0666)) {
+    if (!file_.isOpen()) fail(errno);
+}
+
+NewRecord::~NewRecord() {
+    if (placed_ || ::unlinkat(records_.get(), partName_.c_str(), 0) == 0 || errno == ENOENT) return;
+    device_.ledger().leaveInUse();
+}
+
+void NewRecord::write(const std::string& text, bool send) {
+    for (std::size_t at = 0; at < text.size();) {
+        const ssize_t written = ::write(file_.get(), text.data() + at, text.size() - at);
+        if (written < 0 && errno != EINTR) fail(errno);
+        if (written > 0) at += static_cast<std::size_t>(written);
+    }
+    if (send) ::sync_file_range(file_.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
+}
+
+void NewRecord::place(const std::string& name, bool flush) {
+    if (flush && ::fdatasync(file_.get()) != 0) fail(errno);
+    if (::renameat(records_.get(), partName_.c_str(), records_.get(), name.c_str()) != 0) fail(errno);
+    placed_ = true;
+}
+
+void NewRecord::fail(int error) {
+    device_.fail("write a record in the folder", folder_, error);
 }
 
 }  // namespace Norvale_Plugin_Core

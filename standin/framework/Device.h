@@ -93,10 +93,6 @@ public:
     /// Removes files that were being written, in the folder and among its records. Returns how many.
     long removeParts(const std::string& folder);
 
-    /// Puts text under name into the record folder of folder, whole or not at all. flush: it is on the disk
-    /// when this returns.
-    void writeRecord(const std::string& folder, const std::string& name, const std::string& text,
-                     const std::string& partName, bool flush);
     /// A record's text; empty when there is none.
     std::string readRecord(const std::string& folder, const std::string& name);
     void removeRecord(const std::string& folder, const std::string& name);
@@ -110,6 +106,8 @@ public:
     [[noreturn]] void fail(const std::string& what, const std::string& path, int error);
 
 private:
+    friend class NewRecord;
+
     bool isGone() const;
     void moveFileOnly(const std::string& from, const std::string& to);
     Descriptor openRecordFolder(const std::string& folder, bool create);
@@ -118,6 +116,32 @@ private:
     std::string path_;
     struct stat identity_ = {};
     Ledger ledger_;
+};
+
+/// A description record on its way to the device: it stands there whole or not at all. It is removed again
+/// unless place() was reached.
+class NewRecord {
+public:
+    /// Makes the file partName in the record folder of folder, which is made when it is missing.
+    NewRecord(Device& device, const std::string& folder, std::string partName);
+    ~NewRecord();
+    NewRecord(const NewRecord&) = delete;
+    NewRecord& operator=(const NewRecord&) = delete;
+
+    /// send: the disk begins with it at once, for a place() with flush that does not take long.
+    void write(const std::string& text, bool send);
+    /// Gives it its name. flush: its text is on the disk then.
+    void place(const std::string& name, bool flush);
+
+private:
+    [[noreturn]] void fail(int error);
+
+    Device& device_;
+    std::string folder_;
+    std::string partName_;
+    Descriptor records_;
+    Descriptor file_;
+    bool placed_ = false;
 };
 
 /// Renames without replacing anything; 0 or an error number.

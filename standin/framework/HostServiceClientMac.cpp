@@ -3,8 +3,9 @@
 //
 //   openFile     the ledger is marked as in use, then Trip/.part-PID-N is made
 //   writeFileV2  bytes go there, see FileWriter.h
-//   closeFile    the file is flushed; the ledger enters the final name as pending; the record is written and
-//                flushed; the file takes its final name; the folder is flushed
+//   closeFile    the record is written beside, under the same temporary name; both are flushed; the ledger
+//                enters the final name as pending; the record takes its name, the file takes its own; the
+//                folder is flushed
 //
 // The ledger's row stays pending until the item's row is known to be in the backup database; Recovery.h
 // settles what is left.
@@ -89,7 +90,7 @@ struct HostServiceClientMac::Impl {
     }
 
     void close(long handle, const std::string& metadata);
-    void place(OpenFile& open, const std::string& item, const std::string& metadata);
+    void place(OpenFile& open, const std::string& item, std::optional<NewRecord>& record);
 };
 
 namespace {
@@ -195,11 +196,20 @@ void HostServiceClientMac::closeFile(long handle, char* metadata, int length, st
 
 void HostServiceClientMac::Impl::close(long handle, const std::string& metadata) {
     OpenFile& open = file(handle);
+    const std::string item = metadata.empty() ? lastItem : recordField(metadata, "ID");
+    std::optional<NewRecord> record;
+    if (!metadata.empty()) {
+        // Where the record stands says where its file is; see ItemRecord.h. It goes to the disk beside the
+        // file, in whose flush most file systems then include it.
+        const bool own = recordField(metadata, "PhysicalFileName") == open.path;
+        record.emplace(*device, folderOf(open.path), open.partName);
+        record->write(own ? withRecordField(metadata, "PhysicalFileName", nameOf(open.path)) : metadata,
+                      true);
+    }
     const int failure = open.writer->finish();
     if (failure != 0) device->fail("write", open.path, failure);
 
-    const std::string item = metadata.empty() ? lastItem : recordField(metadata, "ID");
-    place(open, item, metadata);
+    place(open, item, record);
     files.erase(handle);
     if (!metadata.empty()) {
         lastItem = item;
@@ -207,7 +217,8 @@ void HostServiceClientMac::Impl::close(long handle, const std::string& metadata)
     }
 }
 
-void HostServiceClientMac::Impl::place(OpenFile& open, const std::string& item, const std::string& metadata) {
+void HostServiceClientMac::Impl::place(OpenFile& open, const std::string& item,
+                                       std::optional<NewRecord>& record) {
     Ledger& ledger = device->ledger();
     const std::string folder = folderOf(open.path), name = nameOf(open.path), part = open.partName;
     struct stat status = {};
@@ -228,13 +239,7 @@ void HostServiceClientMac::Impl::place(OpenFile& open, const std::string& item, 
         }
     };
     try {
-        if (!metadata.empty()) {
-            // Where the record stands says where its file is; see ItemRecord.h.
-            const std::string record = recordField(metadata, "PhysicalFileName") == open.path
-                                           ? withRecordField(metadata, "PhysicalFileName", name)
-                                           : metadata;
-            device->writeRecord(folder, name + kRecordExtension, record, part, true);
-        }
+        if (record) record->place(name + kRecordExtension, true);
         int error = 0;
         if (standing) {
             if (::renameat(open.folder.get(), part.c_str(), open.folder.get(), name.c_str()) != 0)
@@ -331,7 +336,9 @@ void HostServiceClientMac::writeFolderDataXML(std::string root, std::string reco
         }
         const std::string part = std::string(kPartPrefix) + "folder";
         device.ledger().markInUse();
-        device.writeRecord(folder, kFolderRecord, record, part, false);
+        NewRecord folderRecord(device, folder, part);
+        folderRecord.write(record, false);
+        folderRecord.place(kFolderRecord, false);
     });
     if (result != kSuccess) RunJournal::instance().folderRecordFailed(folder, error);
 }
