@@ -486,6 +486,29 @@ TEST_F(FrameworkTest, KeepsEverythingInsideTheServiceFolder) {
     EXPECT_THAT(files(), ElementsAre("filelink"));
 }
 
+TEST_F(FrameworkTest, KeepsFilesPendingUntilTheirOwnRowIsThere) {
+    const std::string path = (folder_ / "ledger.db").string();
+    const auto pending = [](Ledger& ledger) {
+        std::set<std::string> paths;
+        for (const LedgerFile& file : ledger.pendingFiles()) paths.insert(file.path);
+        return paths;
+    };
+    {
+        Ledger ledger(path);
+        for (int i = 0; i < 200; ++i) {
+            const std::string item = std::to_string(i);
+            ledger.putFile({item + ".jpg", item, 1, "", "", 1});
+            ledger.settleItemLater(item);
+        }
+        ledger.putFile({"new 199.jpg", "199", 1, "", "", 1});
+        ledger.putFile({"200.jpg", "200", 1, "", "", 1});
+        EXPECT_THAT(pending(ledger), ElementsAre("200.jpg", "new 199.jpg"));
+        ledger.settleItemLater("200");
+    }
+    Ledger ledger(path);
+    EXPECT_THAT(pending(ledger), ElementsAre("new 199.jpg"));
+}
+
 TEST_F(FrameworkTest, WritesLargeFilesWholeOrSaysThatItCannot) {
     constexpr int kBlock = 10007;
     constexpr std::size_t kLimit = 6 << 20;

@@ -9,6 +9,7 @@ namespace Norvale_Plugin_Core {
 namespace {
 
 constexpr std::int64_t kRoot = 1;
+constexpr std::size_t kMostPutOff = 64;
 
 constexpr const char* kSchema = R"(
     CREATE TABLE IF NOT EXISTS folders (
@@ -105,12 +106,19 @@ void Ledger::enterUse() {
 }
 
 template <typename Change>
-void Ledger::write(Change change) {
+void Ledger::writeAlone(Change change) {
     enterUse();
     Transaction transaction(database_);
-    for (const std::string& item : laterSettled_) StatementUse(sql_->settleItem, item).run();
     change();
     transaction.commit();
+}
+
+template <typename Change>
+void Ledger::write(Change change) {
+    writeAlone([&] {
+        for (const std::string& item : laterSettled_) StatementUse(sql_->settleItem, item).run();
+        change();
+    });
     laterSettled_.clear();
 }
 
@@ -206,12 +214,18 @@ std::vector<LedgerFile> Ledger::pendingFiles() {
 
 void Ledger::putFile(const LedgerFile& file) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    write([&] {
+    const auto put = [&] {
         StatementUse(sql_->putFile, folderId(folderOf(file.path), true), nameOf(file.path), file.item,
                      static_cast<std::int64_t>(file.size), file.checksum, file.was,
                      static_cast<std::int64_t>(file.pending))
             .run();
-    });
+    };
+    // What was settled before must not settle this file as well.
+    if (laterSettled_.size() >= kMostPutOff || laterSettled_.count(file.item) != 0) {
+        write(put);
+    } else {
+        writeAlone(put);
+    }
 }
 
 void Ledger::eraseFile(const std::string& path) {
@@ -245,7 +259,7 @@ void Ledger::setPending(const std::string& path, int pending) {
 
 void Ledger::settleItemLater(const std::string& item) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    laterSettled_.push_back(item);
+    laterSettled_.insert(item);
 }
 
 bool Ledger::madeFolder(const std::string& path) {

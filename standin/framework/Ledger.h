@@ -13,7 +13,7 @@
 //             ended by a kill or a power cut: rows of then may be missing, and half-written files be left
 //
 // A row changes before the file does, and is pending then: after a kill at any moment the pending rows are
-// all that has to be looked at. What only clears up is written together with the next change.
+// all that has to be looked at. What only clears up is put off, and written together with a later change.
 
 #ifndef STANDIN_FRAMEWORK_LEDGER_H
 #define STANDIN_FRAMEWORK_LEDGER_H
@@ -23,6 +23,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -77,7 +78,8 @@ public:
     /// Moves the row from one path to another, pending, and notes where it was when the folder is the same.
     void moveFile(const std::string& from, const std::string& to, const std::string& was);
     void setPending(const std::string& path, int pending);
-    /// Nothing of the item is pending any more, except files that stand aside.
+    /// Nothing of the item is pending any more, except files that stand aside. Put off until many are settled
+    /// at once, something else than a new file is entered, or the ledger is closed.
     void settleItemLater(const std::string& item);
 
     bool madeFolder(const std::string& path);
@@ -96,9 +98,11 @@ private:
     void forgetFolderRows(std::int64_t id);
     static LedgerFile fileOfRow(const Statement& row, std::string path);
     std::vector<LedgerFile> readFiles(StatementUse& use);
-    /// Runs change and everything that was put off, in one transaction.
+    /// Runs everything that was put off and then change, in one transaction.
     template <typename Change>
     void write(Change change);
+    template <typename Change>
+    void writeAlone(Change change);
     void writeLater();
     void enterUse();
 
@@ -110,7 +114,7 @@ private:
     bool inUse_ = false;
     bool leftInUse_ = false;
     std::map<std::string, std::int64_t> folderIds_;
-    std::vector<std::string> laterSettled_;
+    std::set<std::string> laterSettled_;
 };
 
 }  // namespace Norvale_Plugin_Core
