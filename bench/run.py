@@ -222,7 +222,7 @@ class Bench:
 
 def first(bench):
     """first backup, against wget, curl and the floor, on disk and in memory"""
-    items, rounds = (200, 3) if bench.quick else (2000, 3)
+    items, rounds = (200, 3) if bench.quick else (2000, 5)
     for place, where in ((contextlib.nullcontext, ""), (bench.in_memory, ", device in memory")):
         with bench.service(1, items, "--item-bytes", 100 * KIB) as url, place():
             addresses = bench.addresses(url)

@@ -134,9 +134,12 @@ struct BackupDatabase::Impl {
               taken(
                   db,
                   "SELECT 1 FROM backupmetadata WHERE NameSpace = ? AND NameKey = ? AND ItemId <> ? LIMIT 1"),
-              item(db, (std::string(kItemColumns) + "WHERE ItemId = ?").c_str()) {}
+              item(db, (std::string(kItemColumns) + "WHERE ItemId = ?").c_str()),
+              folder(db,
+                     "SELECT ItemId FROM backupmetadata WHERE ItemType = 'FlickrFolder' AND "
+                     "DerivedItemName = ?") {}
 
-        Statement derivedName, imageExtension, count, put, stale, setKey, taken, item;
+        Statement derivedName, imageExtension, count, put, stale, setKey, taken, item, folder;
     };
 
     std::string text(Statement& statement, const std::string& key) {
@@ -319,9 +322,7 @@ std::optional<ItemRow> BackupDatabase::item(const std::string& id) {
 
 std::string BackupDatabase::folderIdByDeviceName(const std::string& deviceFolder) {
     const std::lock_guard<std::mutex> lock(impl_->mutex);
-    const auto statement = impl_->file.prepare(
-        "SELECT ItemId FROM backupmetadata WHERE ItemType = 'FlickrFolder' AND DerivedItemName = ?");
-    StatementUse use(*statement, deviceFolder);
+    StatementUse use(impl_->sql->folder, deviceFolder);
     return use.step() ? use->text(0) : std::string();
 }
 

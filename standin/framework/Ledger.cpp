@@ -49,6 +49,9 @@ struct Ledger::Statements {
         : findFolder(db, "SELECT id FROM folders WHERE parent = ? AND name = ?"),
           addFolder(db, "INSERT INTO folders (parent, name) VALUES (?, ?)"),
           folderName(db, "SELECT parent, name FROM folders WHERE id = ?"),
+          isFolderMade(db, "SELECT made FROM folders WHERE id = ?"),
+          setFolderMade(db, "UPDATE folders SET made = 1, pending = 1 WHERE id = ?"),
+          settleFolder(db, "UPDATE folders SET was = '', pending = 0 WHERE id = ?"),
           findFile(db, (std::string(kFileColumns) + "WHERE folder = ? AND name = ?").c_str()),
           putFile(db,
                   "INSERT OR REPLACE INTO files (folder, name, item, size, checksum, was, pending) "
@@ -56,7 +59,8 @@ struct Ledger::Statements {
           eraseFile(db, "DELETE FROM files WHERE folder = ? AND name = ?"),
           settleItem(db, "UPDATE files SET pending = 0 WHERE item = ? AND was = '' AND pending <> 0") {}
 
-    Statement findFolder, addFolder, folderName, findFile, putFile, eraseFile, settleItem;
+    Statement findFolder, addFolder, folderName, isFolderMade, setFolderMade, settleFolder, findFile, putFile,
+        eraseFile, settleItem;
 };
 
 Ledger::Ledger(const std::string& path) : path_(path), database_(path, SqliteFile::Open::OrCreate) {
@@ -266,18 +270,13 @@ bool Ledger::madeFolder(const std::string& path) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const std::int64_t id = folderId(path, false);
     if (id == 0) return false;
-    const auto statement = database_.prepare("SELECT made FROM folders WHERE id = ?");
-    StatementUse use(*statement, id);
+    StatementUse use(sql_->isFolderMade, id);
     return use.step() && use->number(0) != 0;
 }
 
 void Ledger::addMadeFolder(const std::string& path) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    write([&] {
-        const std::int64_t id = folderId(path, true);
-        const auto statement = database_.prepare("UPDATE folders SET made = 1, pending = 1 WHERE id = ?");
-        StatementUse(*statement, id).run();
-    });
+    writeAlone([&] { StatementUse(sql_->setFolderMade, folderId(path, true)).run(); });
 }
 
 void Ledger::moveFolder(const std::string& from, const std::string& to, bool pending) {
@@ -316,13 +315,13 @@ void Ledger::forgetFolderRows(std::int64_t id) {
     StatementUse(*eraseFolder, id).run();
 }
 
-void Ledger::settleFolder(const std::string& path) {
+void Ledger::settleFolders(const std::vector<std::string>& paths) {
+    if (paths.empty()) return;
     const std::lock_guard<std::mutex> lock(mutex_);
-    const std::int64_t id = folderId(path, false);
-    if (id == 0) return;
-    write([&] {
-        const auto statement = database_.prepare("UPDATE folders SET was = '', pending = 0 WHERE id = ?");
-        StatementUse(*statement, id).run();
+    writeAlone([&] {
+        for (const std::string& path : paths) {
+            StatementUse(sql_->settleFolder, folderId(path, false)).run();
+        }
     });
 }
 

@@ -79,14 +79,14 @@ public:
     void moveFile(const std::string& from, const std::string& to, const std::string& was);
     void setPending(const std::string& path, int pending);
     /// Nothing of the item is pending any more, except files that stand aside. Put off until many are settled
-    /// at once, something else than a new file is entered, or the ledger is closed.
+    /// at once, something else than a new file or folder is entered, or the ledger is closed.
     void settleItemLater(const std::string& item);
 
     bool madeFolder(const std::string& path);
     void addMadeFolder(const std::string& path);
     void moveFolder(const std::string& from, const std::string& to, bool pending);
     void forgetFolder(const std::string& path);
-    void settleFolder(const std::string& path);
+    void settleFolders(const std::vector<std::string>& paths);
     /// Folders that were made or renamed and are not settled, the deepest first.
     std::vector<LedgerFolder> pendingFolders();
 

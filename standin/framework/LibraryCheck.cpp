@@ -56,13 +56,13 @@ private:
     }
 
     void checkFile(const std::string& path, const ItemRow& row) {
-        recorded_.insert(path);
         ++report_.files;
         const auto status = statusOf(path);
         if (!status || !S_ISREG(status->st_mode)) {
             report_.missing.push_back(path);
             return;
         }
+        recorded_.insert(path);
         const auto size = static_cast<std::uint64_t>(status->st_size);
         report_.bytes += size;
         report_.folderBytes[row.folder] += size;
@@ -109,9 +109,10 @@ private:
         device_.listFolder(folder, [&](const std::string& name) {
             if (name == kRecordFolder) return;
             const std::string path = joinPath(folder, name);
+            if (recorded_.count(path) != 0) return;
             if (device_.isFolder(path)) {
                 findUnrecorded(path);
-            } else if (recorded_.count(path) == 0 && !isOwnFile(path)) {
+            } else if (!isOwnFile(path)) {
                 report_.unrecorded.push_back(path);
             }
         });

@@ -87,7 +87,7 @@ void Recovery::adoptFiles() {
         if (folder.deviceName.empty() || !device_.isFolder(folder.deviceName)) continue;
         if (device_.ledger().madeFolder(folder.deviceName)) continue;
         device_.ledger().addMadeFolder(folder.deviceName);
-        device_.ledger().settleFolder(folder.deviceName);
+        device_.ledger().settleFolders({folder.deviceName});
     }
 }
 
@@ -153,7 +153,7 @@ void Recovery::settleRenamedFolders() {
                 device_.renameFolder(folder.path, folder.was);
                 // Those that were backed up into it under the new name come back with it.
                 database_.moveItems(unchanged, folder.was);
-                ledger.settleFolder(folder.was);
+                ledger.settleFolders({folder.was});
                 ++report_.restored;
                 continue;
             }
@@ -162,7 +162,7 @@ void Recovery::settleRenamedFolders() {
             ledger.moveFolder(folder.path, folder.was, false);
             continue;
         }
-        ledger.settleFolder(folder.path);
+        ledger.settleFolders({folder.path});
     }
 }
 
@@ -282,6 +282,7 @@ bool Recovery::isUsedFolder(const std::string& path) {
 }
 
 void Recovery::removeUnusedFolders() {
+    std::vector<std::string> kept;
     for (const LedgerFolder& folder : device_.ledger().pendingFolders()) {
         if (!folder.was.empty()) continue;
         if (device_.isFolder(folder.path) && !isUsedFolder(folder.path)) {
@@ -293,15 +294,16 @@ void Recovery::removeUnusedFolders() {
                 // It holds something and stays.
             }
         }
-        device_.ledger().settleFolder(folder.path);
+        kept.push_back(folder.path);
     }
+    device_.ledger().settleFolders(kept);
 }
 
 void Recovery::makeRecordedFolders() {
     for (const FolderRow& folder : database_.folders()) {
         if (folder.deviceName.empty() || device_.status(folder.deviceName)) continue;
         device_.makeFolder(folder.deviceName);
-        device_.ledger().settleFolder(folder.deviceName);
+        device_.ledger().settleFolders({folder.deviceName});
     }
 }
 
