@@ -93,8 +93,7 @@ private:
         : context_(new Context(Context::CLIENT_USE, "", "", "", Context::VERIFY_NONE, kVerificationDepth,
                                false, kCipherList)) {
         context_->enableSessionCache(true);
-        // As much as has arrived at a time: by itself OpenSSL asks the system twice for each record of 16
-        // KiB.
+        // All that has arrived at a time: by itself OpenSSL asks the system twice for each record.
         SSL_CTX_set_read_ahead(context_->sslContext(), 1);
         SSL_CTX_set_default_read_buffer_len(context_->sslContext(), kTlsReadSize);
         Poco::Net::SSLManager::instance().initializeClient(

@@ -21,6 +21,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <mutex>
+#include <system_error>
 #include <thread>
 
 #include "standin/framework/LogFile.h"
@@ -60,8 +61,7 @@ public:
         if (atOnce || !gathers_ || gathered_.size() >= kMostGathered) {
             write();
         } else if (first) {
-            startWriter();
-            condition_.notify_one();
+            writeSoon();
         }
     }
 
@@ -111,10 +111,18 @@ private:
         gathered_.clear();
     }
 
-    void startWriter() {
-        if (writer_.joinable()) return;
-        writer_ = std::thread([this] { writeLater(); });
-        std::atexit([] { theLog().stopGathering(); });
+    void writeSoon() {
+        try {
+            if (!writer_.joinable()) {
+                writer_ = std::thread([this] { writeLater(); });
+                std::atexit([] { theLog().stopGathering(); });
+            }
+            condition_.notify_one();
+        } catch (std::system_error&) {
+            // The system has no thread to give.
+            gathers_ = false;
+            write();
+        }
     }
 
     [[noreturn]] void writeLater() {

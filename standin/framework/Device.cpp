@@ -485,7 +485,7 @@ void NewRecord::place(const std::string& name, bool flush) {
 }
 
 void NewRecord::fail(int error) {
-    device_.fail("write a record in the folder", folder_, error);
+    device_.fail("write in the folder", joinPath(folder_, kRecordFolder), error);
 }
 
 }  // namespace Norvale_Plugin_Core
