@@ -65,20 +65,24 @@ std::string SignedRequest::signature() const {
 }
 
 std::string SignedRequest::target() const {
-    std::string target = Poco::URI(access_.dataUrl).getPath();
+    return Poco::URI(access_.dataUrl).getPath() + query();
+}
+
+std::string SignedRequest::query() const {
+    std::string query;
     char separator = '?';
     for (const Parameter& parameter : parameters_) {
-        target += separator;
-        target += parameter.name + '=' + parameter.encoded;
+        query += separator;
+        query += parameter.name + '=' + parameter.encoded;
         separator = '&';
     }
-    return target + "&api_sig=" + signature();
+    return query + "&api_sig=" + signature();
 }
 
 int SignedRequest::send(const std::function<void(std::istream& body)>& read) const {
     const Poco::URI endpoint(access_.dataUrl);
     StoppableSession session(endpoint.getHost(), endpoint.getPort());
-    const std::string requestTarget = target();
+    const std::string requestTarget = endpoint.getPath() + query();
     // Ids come from the service: one with a line break in it would put headers of its own into the request.
     if (!fitsRequestLine(requestTarget)) throw Poco::InvalidArgumentException("an id holds white space");
     HTTPRequest request(HTTPRequest::HTTP_GET, requestTarget, HTTPRequest::HTTP_1_1);

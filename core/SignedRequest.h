@@ -60,6 +60,8 @@ private:
         std::string encoded;
     };
 
+    std::string query() const;
+
     const ServiceAccess& access_;
     std::vector<Parameter> parameters_;  // in the order of the query
 };

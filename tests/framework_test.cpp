@@ -531,6 +531,14 @@ TEST_F(FrameworkTest, WritesLargeFilesWholeOrSaysThatItCannot) {
     EXPECT_EQ(data.size(), ledger.file("large.mp4")->size);
     EXPECT_EQ(ledger.file("at once.mp4")->checksum, ledger.file("large.mp4")->checksum);
 
+    write(device("taken.mp4"), "mine");
+    EXPECT_FALSE(storeLarge(client, "taken.mp4"));
+    for (int i = 0; i < 20; ++i) client.writeFileV2(7, data.data(), 1 << 20, command_, result_, error_);
+    EXPECT_EQ("SUC", result_) << "a file that could not be closed is still open";
+    client.deleteFile(7, command_, result_, error_);
+    EXPECT_EQ("mine", read(device("taken.mp4")));
+    fs::remove(device("taken.mp4"));
+
     // Both before and behind the size from which on a thread writes, and in the last piece.
     rlimit before = {};
     getrlimit(RLIMIT_FSIZE, &before);

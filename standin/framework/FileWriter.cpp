@@ -82,6 +82,7 @@ void FileWriter::endThread() {
     }
     changed_.notify_all();
     thread_.join();
+    ended_ = false;  // who writes on after a failure gets a thread again
 }
 
 void FileWriter::writePieces() {

@@ -14,8 +14,6 @@
 
 #include "standin/framework/Recovery.h"
 
-#include <unistd.h>
-
 #include <map>
 #include <optional>
 #include <set>
