@@ -128,6 +128,13 @@ protected:
 
 }  // namespace
 
+TEST_F(CommandTest, TheApplicationFolderStandsByItself) {
+    ::setenv("LD_TRACE_LOADED_OBJECTS", "1", 1);  // the loader tells where it finds what, and ends
+    command({});
+    ::unsetenv("LD_TRACE_LOADED_OBJECTS");
+    EXPECT_THAT(out_, HasSubstr(" => " + folder_ + "/flickr-backup.app/"));
+}
+
 TEST_F(CommandTest, BacksUpReportsAndChecks) {
     const std::string trip = account_.addSet("Trip");
     const std::string sunset = account_.addItem(trip, photo("sunset"));
