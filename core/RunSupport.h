@@ -53,12 +53,13 @@ inline int retryAttempts() {
 
 /// Calls attempt(number) for 1, 2, … up to the host's retry count until it answers true; there is no pause
 /// between attempts. Each one is logged as attemptLine followed by its number. A stop request ends the loop
-/// before the next attempt, with stopLine in the log.
+/// before the next attempt, with stopLine in the log. The lines' source position is the caller's.
 template <typename Attempt>
-void tryAttempts(const char* attemptLine, const char* stopLine, Attempt attempt) {
+void tryAttempts(const char* attemptLine, const char* stopLine, Attempt attempt,
+                 const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
     for (int number = 1; number <= retryAttempts(); ++number) {
-        if (stoppedAt(stopLine)) return;
-        logInfo(attemptLine + std::to_string(number));
+        if (stoppedAt(stopLine, file, line)) return;
+        logInfo(attemptLine + std::to_string(number), file, line);
         if (attempt(number)) return;
     }
 }

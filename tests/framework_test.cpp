@@ -400,6 +400,25 @@ TEST_F(FrameworkTest, WritesOneLineForEachCallAndNoSecrets) {
     DevLogger::writeLog("failed", LogLevelFailure, "x", 1);
     EXPECT_THAT(read(log), testing::ContainsRegex(" INFO x:1 before\n.* FAIL x:1 failed\n$"));
 
+    // A file that takes half a line, and nothing more for a while.
+    rlimit limits = {};
+    getrlimit(RLIMIT_FSIZE, &limits);
+    const auto formerly = std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit smaller = {static_cast<rlim_t>(fs::file_size(log)) + 60, limits.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &smaller);
+    DevLogger::writeLog(std::string(100, 'a'), LogLevelFailure, "x", 1);
+    DevLogger::writeLog("meanwhile", LogLevelFailure, "x", 1);
+    setrlimit(RLIMIT_FSIZE, &limits);
+    std::signal(SIGXFSZ, formerly);
+    DevLogger::writeLog("afterwards", LogLevelFailure, "x", 1);
+    EXPECT_THAT(read(log), testing::ContainsRegex("failed\n[^\n]* x:1 a{100}\n[^\n]* x:1 meanwhile\n"
+                                                  "[^\n]* x:1 afterwards\n$"));
+
+    setLogSecrets({"S", "run", "Photo"});
+    DevLogger::writeLog("Started, S; run=run&x='S' runs Photo-S Photos", LogLevelFailure, "x", 1);
+    EXPECT_THAT(read(log), testing::EndsWith(" Started, ***; ***=***&x='***' runs ***-*** Photos\n"))
+        << "a short secret is masked as a value, not within a word";
+
     for (int i = 0; i < 2000; ++i) {
         DevLogger::writeLog(std::string(20000, 'x'), LogLevelInformation, nullptr, 0);
     }

@@ -92,7 +92,7 @@ TEST_F(Run, LeavesFilesRowsAndRecordsAndThenDownloadsNothing) {
                 AllOf(HasSubstr("Flickr Backup Started."), HasSubstr("Processing Photo Set: Trip"),
                       HasSubstr("sunset.jpg successfully downloaded."),
                       HasSubstr("PhotoSet and Thumbnail directory created for photoSet - Trip"),
-                      HasSubstr("User Selected Data Types - Images;Videos;"),
+                      HasSubstr("User Selected Data Types - Images;Videos;"), Not(HasSubstr("RunSupport.h")),
                       HasSubstr("Backup stopped due to catastrophic exception. Error Info - Error code - 1"),
                       Not(HasSubstr("demo-token-1"))));
 

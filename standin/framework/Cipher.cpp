@@ -49,6 +49,12 @@ int lengthOf(std::size_t length) {
 
 }  // namespace
 
+void wipe(std::string& text) {
+    text.resize(text.capacity());  // stays where it is
+    OPENSSL_cleanse(text.data(), text.size());
+    text.clear();
+}
+
 std::string deriveKey(const std::string& passPhrase, const std::string& salt) {
     const int rounds = passPhrase.empty() ? kRoundsWithoutPassPhrase : kRounds;
     std::string key(kKeyBytes, '\0');
@@ -62,7 +68,7 @@ std::string deriveKey(const std::string& passPhrase, const std::string& salt) {
 Cipher::Cipher(const std::string& passPhrase, const std::string& salt) : key_(deriveKey(passPhrase, salt)) {}
 
 Cipher::~Cipher() {
-    OPENSSL_cleanse(key_.data(), key_.size());
+    wipe(key_);
 }
 
 std::string Cipher::encrypt(const std::string& plain) const {
@@ -102,7 +108,7 @@ std::string Cipher::decrypt(const std::string& sealed) const {
                                     tag.data()) == 1,
             "decipher the text");
     if (EVP_DecryptFinal_ex(context.get(), bytes(plain) + written, &written) != 1) {
-        OPENSSL_cleanse(plain.data(), plain.size());
+        wipe(plain);
         throw Poco::DataFormatException("The enciphered text was changed or was enciphered with another key");
     }
     return plain;

@@ -18,6 +18,9 @@
 
 namespace Norvale_Plugin_Core {
 
+/// Overwrites the memory of a text that was secret, and empties it.
+void wipe(std::string& text);
+
 /// The 32 bytes of the key for a pass phrase and a salt. Takes tens of milliseconds, on purpose. Throws
 /// Poco::Exception when the library cannot compute it.
 std::string deriveKey(const std::string& passPhrase, const std::string& salt);

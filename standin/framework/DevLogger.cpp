@@ -7,7 +7,8 @@
 // A run writes a dozen lines for each item, and a call of the system for each would be a tenth of what an
 // unchanged item costs. So lines are gathered for up to a quarter of a second. A failure is written at once,
 // with all that came before it, and so is everything when the process ends by itself; a kill can take the
-// last quarter of a second's lines.
+// last quarter of a second's lines. What the system does not take, on a full disk say, is tried again with
+// the lines that come.
 
 #include "hostapi/DevLogger.h"
 
@@ -15,6 +16,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -60,6 +62,7 @@ public:
         gathered_ += line;
         if (atOnce || !gathers_ || gathered_.size() >= kMostGathered) {
             write();
+            if (gathers_ && !gathered_.empty()) writeSoon();
         } else if (first) {
             writeSoon();
         }
@@ -92,6 +95,7 @@ private:
 
     void close() {
         write();
+        gathered_.clear();
         if (descriptor_ >= 0) ::close(descriptor_);
         descriptor_ = -1;
     }
@@ -103,12 +107,21 @@ private:
         open();
     }
 
-    /// Whole lines in one call, so that those of several processes do not mix.
+    /// Whole lines in one call, so that those of several processes do not mix. What the system does not take
+    /// waits for the next call, so that no line is glued to the half of another; when it becomes too much
+    /// only the rest of the line that was begun waits.
     void write() {
-        if (gathered_.empty() || descriptor_ < 0) return;
-        const ssize_t written = ::write(descriptor_, gathered_.data(), gathered_.size());
-        if (written > 0) size_ += written;
-        gathered_.clear();
+        if (descriptor_ < 0) return;
+        std::size_t done = 0;
+        while (done < gathered_.size()) {
+            const ssize_t written = ::write(descriptor_, &gathered_[done], gathered_.size() - done);
+            if (written < 0 && errno == EINTR) continue;
+            if (written <= 0) break;
+            done += static_cast<std::size_t>(written);
+        }
+        size_ += static_cast<off_t>(done);
+        gathered_.erase(0, done);
+        if (gathered_.size() > kMostGathered) gathered_.erase(gathered_.find('\n') + 1);
     }
 
     void writeSoon() {

@@ -5,11 +5,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <map>
 #include <mutex>
 #include <string_view>
 
 #include "hostapi/Utils.h"
+#include "standin/framework/Cipher.h"
 #include "standin/framework/Device.h"
 #include "standin/framework/Localisation.h"
 #include "standin/framework/RunJournal.h"
@@ -18,6 +20,8 @@
 namespace Norvale_Plugin_Core {
 
 namespace {
+
+constexpr std::string_view kMask = "***";
 
 struct Settings {
     std::map<std::string, std::string> keywords = readKeywords("en");
@@ -68,13 +72,33 @@ void maskValues(std::string& text, std::string_view key) {
     for (std::string::size_type at = text.find(key); at != std::string::npos; at = text.find(key, at)) {
         at += key.size();
         const std::string::size_type end = std::min(text.find_first_of("&;#'\"<>() \t\r\n", at), text.size());
-        text.replace(at, end - at, "***");
+        text.replace(at, end - at, kMask);
     }
 }
 
-void replaceAll(std::string& text, const std::string& what) {
-    for (std::string::size_type at = text.find(what); at != std::string::npos; at = text.find(what, at + 3)) {
-        text.replace(at, what.size(), "***");
+/// A letter or digit; bytes of other alphabets count as letters.
+bool isWordByte(unsigned char c) {
+    return c >= 0x80 || std::isalnum(c);
+}
+
+/// Whether text holds the secret at a place where it is a word of its own, not a part of one.
+bool standsAlone(const std::string& text, std::size_t at, std::size_t size) {
+    const std::size_t end = at + size;
+    const bool joinedBefore = at > 0 && isWordByte(text[at]) && isWordByte(text[at - 1]);
+    const bool joinedBehind = end < text.size() && isWordByte(text[end - 1]) && isWordByte(text[end]);
+    return !joinedBefore && !joinedBehind;
+}
+
+/// Masks a secret wherever it stands. A short one can be a part of any word: it counts where it stands alone.
+void maskSecret(std::string& text, const std::string& secret) {
+    constexpr std::size_t kShort = 8;
+    for (std::string::size_type at = text.find(secret); at != std::string::npos; at = text.find(secret, at)) {
+        if (secret.size() < kShort && !standsAlone(text, at, secret.size())) {
+            ++at;
+        } else {
+            text.replace(at, secret.size(), kMask);
+            at += kMask.size();
+        }
     }
 }
 
@@ -213,19 +237,22 @@ void setLogSecrets(std::vector<std::string> secrets) {
         if (secret.empty()) continue;
         std::string encoded;
         Poco::URI::encode(secret, "+/=&?#", encoded);
-        if (encoded != secret) all.push_back(std::move(encoded));
-        all.push_back(std::move(secret));
+        if (encoded != secret) all.push_back(encoded);
+        all.push_back(secret);
+        wipe(encoded);
+        wipe(secret);
     }
     std::sort(all.begin(), all.end(),
               [](const std::string& a, const std::string& b) { return a.size() > b.size(); });
     const std::lock_guard<std::mutex> lock(state().secretsMutex);
-    state().secrets = std::move(all);
+    state().secrets.swap(all);
+    for (std::string& former : all) wipe(former);
 }
 
 std::string maskSecrets(std::string text) {
     {
         const std::lock_guard<std::mutex> lock(state().secretsMutex);
-        for (const std::string& secret : state().secrets) replaceAll(text, secret);
+        for (const std::string& secret : state().secrets) maskSecret(text, secret);
     }
     if (text.find('=') == std::string::npos) return text;
     for (const std::string_view key : {"auth_token=", "api_key=", "api_sig="}) maskValues(text, key);

@@ -25,8 +25,8 @@ std::string currentServiceFolder();
 std::string currentMountPoint();
 
 /// Texts that the log and recorded errors show as "***" from now on: the run's token, key and secret.
-/// Replaces the ones of an earlier call. Values of auth_token, api_key and api_sig in addresses are masked
-/// without being told.
+/// Replaces the ones of an earlier call, which are overwritten. Values of auth_token, api_key and api_sig in
+/// addresses are masked without being told.
 void setLogSecrets(std::vector<std::string> secrets);
 
 /// The text with every secret masked.
