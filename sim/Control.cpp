@@ -129,6 +129,9 @@ std::string carryOut(const std::string& name, const Request& order, FlickrSim& s
 }  // namespace
 
 Reply obey(const Request& order, FlickrSim& sim) {
+    if (order.parameter("word") != sim.orderWord()) {
+        return plainReply(403, "An order needs word=WORD, the second line of the ready file.\n");
+    }
     try {
         std::string text = carryOut(order.path.substr(5), order, sim);
         if (text.empty() || text.back() != '\n') text += '\n';

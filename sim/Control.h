@@ -1,5 +1,8 @@
 // Orders to the simulator while it runs: GET requests under /sim/ on its plain HTTP address.
 //
+// Each needs the simulator's random word as a further parameter, word=WORD: other users of the machine, and
+// pages in a browser, reach the address as well. flickr-sim writes it to its ready file.
+//
 //   /sim/counts                                requests so far, as JSON
 //   /sim/list                                  the account, a line for each set and item: kind, id, title
 //   /sim/add?title=T[&set=ID][&media=video][&bytes=N]      a new item; set=none: in no set
@@ -14,7 +17,7 @@
 //   /sim/reset-counts
 //
 // An id or set that is left out is the first set or its first item. Answers are one line of text: the id of
-// what was made or changed, or with status 400 what is wrong.
+// what was made or changed, or with status 400 what is wrong; 403 without the word.
 
 #ifndef SIM_CONTROL_H
 #define SIM_CONTROL_H

@@ -281,7 +281,6 @@ Action takeAction(Pairs& pairs) {
     if (pairs.take("error", number)) {
         actions.push_back(fault::serviceError(static_cast<int>(number), "Service currently unavailable"));
     }
-    if (pairs.take("file", text)) actions.push_back(fault::body(Content::file(text).text()));
     if (pairs.take("redirect", text)) {
         actions.push_back(text == "self" ? fault::redirectToSelf() : fault::redirect(text));
     }

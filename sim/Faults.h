@@ -13,7 +13,7 @@
 // What: status=CODE, error=CODE (the service's own error answer), drop=before|header|body, cut=BYTES (the
 // rest of the announced body is missing), short=BYTES (so many fewer bytes than announced), slow=BYTES/MS,
 // length=TEXT (the content length announced), framing=chunked|close, redirect=URL or redirect=self,
-// malformed=1 (XML that ends in the middle), file=PATH (a body from a file), headers=BYTES (so many of them).
+// malformed=1 (XML that ends in the middle), headers=BYTES (so many of them).
 
 #ifndef SIM_FAULTS_H
 #define SIM_FAULTS_H

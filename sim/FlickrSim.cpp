@@ -3,10 +3,12 @@
 #include <Poco/Exception.h>
 #include <Poco/NumberParser.h>
 #include <Poco/URI.h>
+#include <arpa/inet.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <random>
 
 #include "sim/Control.h"
 #include "sim/Listener.h"
@@ -29,11 +31,34 @@ std::string typeOf(const Request& request, const Item& item) {
     return "image/" + (extension == "tif" ? std::string("tiff") : extension);
 }
 
+/// 128 random bits in hexadecimal.
+std::string randomWord() {
+    std::random_device random;
+    char part[16];
+    std::string word;
+    for (int i = 0; i < 4; ++i) {
+        std::snprintf(part, sizeof part, "%08x", random());
+        word += part;
+    }
+    return word;
+}
+
+/// Whether a Host header names this machine's loopback. A page that a browser has loaded from elsewhere can
+/// lead its own name here, and reads the answers then; the header still holds that name. Over HTTPS the
+/// certificate keeps it out.
+bool isOwnHost(const std::string& header) {
+    const std::string host = header.substr(0, header.rfind(':'));
+    in_addr address = {};
+    return header.empty() || host == "localhost" ||
+           (::inet_pton(AF_INET, host.c_str(), &address) == 1 && ntohl(address.s_addr) >> 24 == 127);
+}
+
 }  // namespace
 
 FlickrSim::FlickrSim(Account& account, SimOptions options)
     : account_(account),
       options_(std::move(options)),
+      orderWord_(randomWord()),
       repeatLastPage_(options_.repeatLastPage),
       delivery_(options_.delivery) {
     const auto handler = [this](Wire& wire, Request& request, bool first, bool& keepAlive) {
@@ -110,7 +135,9 @@ void FlickrSim::clearLog() {
 void FlickrSim::serve(Wire& wire, Request& request, bool first, bool& keepAlive) {
     classify(request);
     Reply reply;
-    if (request.kind == Kind::Control) {
+    if (!request.https && !isOwnHost(request.header("Host"))) {
+        reply = plainReply(403, "Only requests to a loopback address are answered.\n");
+    } else if (request.kind == Kind::Control) {
         reply = obey(request, *this);
     } else {
         std::function<void(const Request&)> hook = record(request, first);

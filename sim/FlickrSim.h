@@ -91,6 +91,8 @@ public:
     std::uint16_t port() const { return port_; }
     /// 0 without TLS.
     std::uint16_t httpsPort() const { return httpsPort_; }
+    /// The random word that orders have to bring; see Control.h.
+    const std::string& orderWord() const { return orderWord_; }
     const Credentials& credentials() const { return options_.credentials; }
     /// The address of one rendition, as answers give it.
     std::string mediaUrl(const std::string& itemId, const std::string& label = "Original") const;
@@ -122,6 +124,7 @@ private:
 
     Account& account_;
     const SimOptions options_;
+    const std::string orderWord_;
     Faults faults_;
     std::atomic<bool> repeatLastPage_;
     mutable std::mutex mutex_;  // guards what follows

@@ -2,16 +2,15 @@
 
 #include <Poco/Exception.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 #include <iostream>
 
 #include "sim/Control.h"
@@ -26,7 +25,8 @@ using namespace flickr_sim;
 constexpr const char* kFooter = R"(
 The first line of the output is the data URL, for the client's configuration.
 
-While it runs, the account and the faults can be changed by requests:
+While it runs, the account and the faults can be changed by requests with word=WORD, a random word that is
+the second line of the ready file:
   /sim/counts  /sim/list  /sim/reset-counts
   /sim/add?title=T[&set=ID][&media=video][&bytes=N]   (set=none: in no set)
   /sim/edit[?id=ID][&bytes=N]   /sim/retitle?title=T[&id=ID]   /sim/delete[?id=ID]
@@ -38,11 +38,12 @@ Faults are lists of key=value:
   which  kind=rest|media|thumbnail, method=NAME, item=ID, path=PART
   when   nth=N, from=N, count=N, every=N, rate=0..1
   what   status=CODE, error=CODE, drop=before|header|body, cut=BYTES, short=BYTES, slow=BYTES/MS,
-         length=TEXT, framing=chunked|close, redirect=URL|self, malformed=1, file=PATH, headers=BYTES
+         length=TEXT, framing=chunked|close, redirect=URL|self, malformed=1, headers=BYTES
 
 Example:
-  flickr-sim --generate 3x20 --print-credentials-file creds.ini --fault kind=media,rate=0.05,status=503 &
-  curl "http://127.0.0.1:PORT/sim/edit"
+  flickr-sim --generate 3x20 --print-credentials-file creds.ini --ready-file ready &
+  { read -r url; read -r word; } <ready
+  curl "${url%/services/rest/}/sim/edit?word=$word"
 )";
 
 struct Settings {
@@ -106,7 +107,8 @@ void describe(CLI::App& app, Settings& settings) {
     app.add_option("--print-credentials-file", settings.credentialsFile,
                    "Write the credentials that are accepted to a file that only the owner can read");
     app.add_option("--ready-file", settings.readyFile,
-                   "Write the data URL to a file once requests are answered");
+                   "Write the data URL and the word for orders, a line each, to a file that only the owner\n"
+                   "can read, once requests are answered");
     app.add_option("--seconds", settings.seconds, "Stop by itself after so long");
     app.add_flag("--exit-with-parent", settings.exitWithParent, "Stop when the program that started it ends");
 }
@@ -122,17 +124,18 @@ void fill(Account& account, Settings& settings) {
     generate(account, settings.generation);
 }
 
-/// Writes beside the name and takes the name then, so that a reader finds a whole file or none.
+/// Writes beside the name and takes the name then, so that a reader finds a whole file or none; what others
+/// may have put there is not written to.
 void writeFile(const std::string& name, const std::string& text) {
-    const std::string partial = name + ".part";
-    const mode_t former = ::umask(077);
-    std::ofstream file(partial, std::ios::binary | std::ios::trunc);
-    file << text;
-    file.close();
-    ::umask(former);
-    if (!file || std::rename(partial.c_str(), name.c_str()) != 0) {
-        throw Poco::WriteFileException("The file " + name + " cannot be written: " + std::strerror(errno) +
-                                       ".");
+    std::string partial = name + ".XXXXXX";
+    const int file = ::mkstemp(partial.data());  // for its owner only
+    const bool written =
+        file >= 0 && ::write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    if (file >= 0) ::close(file);
+    if (!written || std::rename(partial.c_str(), name.c_str()) != 0) {
+        const std::string reason = std::strerror(errno);
+        if (file >= 0) ::unlink(partial.c_str());
+        throw Poco::WriteFileException("The file " + name + " cannot be written: " + reason + ".");
     }
 }
 
@@ -178,7 +181,9 @@ int run(Settings& settings) {
     }
     std::cout << sim.dataUrl() << std::endl;
     if (sim.httpsPort() != 0) std::cout << sim.baseUrl(true) << std::endl;
-    if (!settings.readyFile.empty()) writeFile(settings.readyFile, sim.dataUrl() + "\n");
+    if (!settings.readyFile.empty()) {
+        writeFile(settings.readyFile, sim.dataUrl() + "\n" + sim.orderWord() + "\n");
+    }
     waitForEnd(signals, settings.seconds);
     std::cout << toJson(sim.counts()) << std::endl;
     return 0;

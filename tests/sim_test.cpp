@@ -59,7 +59,7 @@ Answer split(const std::string& text) {
 }
 
 /// Asks for a whole URL over a connection of its own.
-Answer get(const std::string& url) {
+Answer get(const std::string& url, const std::string& host = "127.0.0.1") {
     const Poco::URI address(url);
     const Poco::Net::SocketAddress where(address.getHost(), address.getPort());
     Poco::Net::StreamSocket socket;
@@ -70,7 +70,7 @@ Answer get(const std::string& url) {
     } else {
         socket.connect(where);
     }
-    const std::string request = "GET " + url + " HTTP/1.1\r\nHost: x\r\nConnection: Close\r\n\r\n";
+    const std::string request = "GET " + url + " HTTP/1.1\r\nHost: " + host + "\r\nConnection: Close\r\n\r\n";
     socket.sendBytes(request.data(), static_cast<int>(request.size()));
     return split(readAll(socket));
 }
@@ -124,7 +124,7 @@ TEST_F(Sim, RefusesAsTheServiceDoes) {
     EXPECT_THAT(get(sim_->dataUrl() + query).body, HasSubstr("stat=\"ok\""));
     const Request last = sim_->log().back();
     EXPECT_EQ(last.line, "GET " + sim_->dataUrl() + query + " HTTP/1.1");
-    EXPECT_EQ(last.headers, (Headers{{"Host", "x"}, {"Connection", "Close"}}));
+    EXPECT_EQ(last.headers, (Headers{{"Host", "127.0.0.1"}, {"Connection", "Close"}}));
     EXPECT_EQ(last.parameter("x"), "a, b&");
     EXPECT_EQ(sim_->counts().methods[list], 5u);
 }
@@ -215,12 +215,25 @@ TEST_F(Sim, ChangesWhileItServes) {
     });
     EXPECT_EQ(get(sim_->mediaUrl(other)).body, "in time");
 
-    EXPECT_EQ(get(sim_->baseUrl() + "/sim/rename-set?title=T%20X").body, two + "\n");
-    const std::string added = get(sim_->baseUrl() + "/sim/add?title=n&bytes=9000").body;
+    const auto order = [&](const std::string& text) {
+        return get(sim_->baseUrl() + "/sim/" + text + "&word=" + sim_->orderWord());
+    };
+    EXPECT_EQ(order("rename-set?title=T%20X").body, two + "\n");
+    const std::string added = order("add?title=n&bytes=9000").body;
     EXPECT_EQ(account_.item(added.substr(0, added.size() - 1))->content.size(), 9000u);
     EXPECT_EQ(account_.set(two).title, "T X");
-    EXPECT_THAT(get(sim_->baseUrl() + "/sim/edit?id=none").header, StartsWith("HTTP/1.1 400"));
-    EXPECT_THAT(get(sim_->baseUrl() + "/sim/counts").body, HasSubstr("\"media\":2,\"thumbnails\":0"));
+    EXPECT_THAT(order("edit?id=none").header, StartsWith("HTTP/1.1 400"));
+    EXPECT_THAT(order("counts?").body, HasSubstr("\"media\":2,\"thumbnails\":0"));
+
+    // Other users of the machine and pages in a browser change nothing.
+    for (const char* text : {"/sim/delete-set", "/sim/delete-set?word=", "/sim/counts?word=0"}) {
+        EXPECT_THAT(get(sim_->baseUrl() + text).header, StartsWith("HTTP/1.1 403")) << text;
+    }
+    EXPECT_THAT(order("fault?spec=kind=rest,file=/etc/passwd").header, StartsWith("HTTP/1.1 400"));
+    for (const char* host : {"evil.example", "evil.example:80", "127.0.0.1.evil.example", "10.0.0.1", "x"}) {
+        EXPECT_THAT(get(sim_->mediaUrl(other), host).header, StartsWith("HTTP/1.1 403")) << host;
+    }
+    EXPECT_EQ(get(sim_->mediaUrl(other), "localhost:1").body, "in time") << "through a relay";
 }
 
 TEST_F(Sim, DeliversInEveryWay) {

@@ -139,11 +139,11 @@ class Sim:
                 break
             require(self.process.poll() is None, "flickr-sim does not start")
             time.sleep(0.025)
-        self.url = ready.read_text().strip()
+        self.url, self.word = ready.read_text().split()
         self.base = self.url.replace("/services/rest/", "")
 
     def order(self, command, **parameters):
-        query = urllib.parse.urlencode(parameters)
+        query = urllib.parse.urlencode(dict(parameters, word=self.word))
         with urllib.request.urlopen(f"{self.base}/sim/{command}?{query}", timeout=20) as answer:
             return answer.read().decode().strip()
 
