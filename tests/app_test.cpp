@@ -5,7 +5,10 @@
 #include <Poco/JSON/Parser.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -121,6 +124,39 @@ TEST_F(AppTest, ReadsCredentialsOnlyFromPrivateCompleteFiles) {
     }
     EXPECT_THAT(refusal([&] { readCredentials(folder_ + "/none"); }), HasSubstr("No such file"));
     EXPECT_THAT(refusal([&] { readCredentials(folder_); }), HasSubstr("is a directory"));
+    const std::string pipe = folder_ + "/pipe";
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    EXPECT_THAT(refusal([&] { readCredentials(pipe); }), HasSubstr("no ordinary file"))
+        << "or waits for ever";
+    EXPECT_THAT(refusal([&] { readCredentials(write("large", std::string(70000, ';'))); }),
+                HasSubstr("too large"));
+    // Only root can give a file away; others have the files that are root's.
+    const std::string foreign = ::geteuid() == 0 ? write("foreign", good) : "/etc/passwd";
+    EXPECT_TRUE(::geteuid() != 0 || ::chown(foreign.c_str(), 65534, 65534) == 0);
+    EXPECT_THAT(refusal([&] { readCredentials(foreign); }), HasSubstr("belongs to another user"));
+}
+
+TEST_F(AppTest, KeepsSecretsOutOfMemoryThatIsNotTheirs) {
+    alignas(Credentials) char memory[sizeof(Credentials)];
+    const std::string path = write("good", "api_key = k1k1\napi_secret = s2s2\ntoken = t3t3\n");
+    auto* held = new (memory) Credentials(readCredentials(path));
+    const auto holds = [&](const char* value) {
+        return std::string(memory, sizeof memory).find(value) != std::string::npos;
+    };
+    EXPECT_TRUE(holds("k1k1") && holds("s2s2") && holds("t3t3"));
+    held->~Credentials();
+    EXPECT_FALSE(holds("k1k1") || holds("s2s2") || holds("t3t3"));
+
+    std::string text(100, 'x');
+    const char* kept = text.data();
+    Norvale_Plugin_Core::wipe(text);
+    EXPECT_EQ(text, "");
+    EXPECT_EQ(std::string(kept, 100), std::string(100, '\0'));
+
+    rlimit core = {1, 1};
+    ::getrlimit(RLIMIT_CORE, &core);
+    EXPECT_EQ(core.rlim_cur, 0u);
+    EXPECT_EQ(::prctl(PR_GET_DUMPABLE), 0);
 }
 
 TEST(ConfigurationTest, TakesOnlyAddressesThatThePluginCanUse) {
@@ -264,7 +300,7 @@ TEST(SummaryTest, CallsARunCompleteOnlyWhenNothingFailed) {
     report.outcome.status = 1;
     report.done.newItems = 3;
     report.done.bytes = 5e9;
-    report.serviceFolder = "/media/usb/Brightkettle/My Flickr Items";
+    report.serviceFolder = "/media/usb\x1b[2J/Brightkettle/My Flickr Items";
     EXPECT_EQ(exitStatus(report), ExitSuccess);
     EXPECT_THAT(summaryText(report), testing::StartsWith("Backup complete after"));
 
@@ -285,7 +321,7 @@ TEST(SummaryTest, CallsARunCompleteOnlyWhenNothingFailed) {
         {list, 1, "Errors:\n  The database is locked\n", "failed", "errors", R"(["The database is locked"])"},
         {status, 1, "Errors:\n  Error text\n", "failed", "errors", R"(["Error text"])"},
         {stopped, 130, "Backup stopped", "stopped", "errors", "[]"},
-        {report, 0, "/media/usb/Brightkettle/My Flickr Items\n", "success", "bytes", "5000000000"},
+        {report, 0, "/media/usb?[2J/Brightkettle/My Flickr Items\n", "success", "bytes", "5000000000"},
     };
     for (const auto& c : kCases) {
         EXPECT_EQ(exitStatus(c.report), c.exit) << c.text;

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -174,6 +175,16 @@ TEST_F(CommandTest, BacksUpReportsAndChecks) {
     // A run that says nothing of a lost file would be the second worst.
     EXPECT_EQ(command(runArguments()), 1);
     EXPECT_THAT(out_, testing::AllOf(HasSubstr("NOT complete"), HasSubstr("loose.jpg")));
+
+    // What a device holds does not steer the terminal.
+    sqlite3* database = nullptr;
+    ASSERT_EQ(sqlite3_open((device() + "/backup.db").c_str(), &database), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(database, "UPDATE backupmetadata SET ItemUpdatedOn = char(27) || '[2J'", nullptr,
+                           nullptr, nullptr),
+              SQLITE_OK);
+    sqlite3_close(database);
+    command({"status", "--device", device()});
+    EXPECT_THAT(out_ + err_, Not(HasSubstr("\x1b")));
 
     const std::string log = read(plugins() + "/NVHLDevLog.log");
     for (const std::string& secret :

@@ -67,6 +67,11 @@ void replaceFile(const std::string& path, const std::string& content) {
 
 }  // namespace
 
+Configuration::~Configuration() {
+    Norvale_Plugin_Core::wipe(apiKey);
+    Norvale_Plugin_Core::wipe(apiSecret);
+}
+
 void checkDataUrl(const std::string& url) {
     Poco::URI uri;
     try {

@@ -30,6 +30,9 @@ struct Configuration {
     int retryAttempts = 3;
     std::string apiKey;  ///< key and secret in plain text
     std::string apiSecret;
+
+    /// Overwrites key and secret.
+    ~Configuration();
 };
 
 /// How often a request can be tried.

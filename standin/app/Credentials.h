@@ -17,10 +17,14 @@ struct Credentials {
     std::string apiKey;
     std::string apiSecret;
     std::string token;
+
+    /// Overwrites them.
+    ~Credentials();
 };
 
-/// Throws UsageError when the file cannot be read, when its group or others may read or write it, and when a
-/// value is missing or cannot be one. No message holds a value.
+/// Throws UsageError when the file cannot be read or is no ordinary file, when it belongs to another user,
+/// when its group or others may read or write it, and when a value is missing or cannot be one. No message
+/// holds a value. From the call on the process leaves no core file, which would hold them.
 Credentials readCredentials(const std::string& path);
 
 }  // namespace flickr_app

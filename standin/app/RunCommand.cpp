@@ -26,6 +26,7 @@
 #include "standin/app/Summary.h"
 #include "standin/app/UsageError.h"
 #include "standin/framework/BackupDatabase.h"
+#include "standin/framework/Cipher.h"
 #include "standin/framework/DeviceLock.h"
 #include "standin/framework/LibraryCheck.h"
 #include "standin/framework/Recovery.h"
@@ -171,6 +172,17 @@ Credentials credentialsFor(const Options& options) {
     return credentials;
 }
 
+/// The run's secrets, which log and errors do not show while this lives; overwritten at the end.
+class HiddenSecrets {
+public:
+    explicit HiddenSecrets(const Credentials& credentials) {
+        Norvale_Plugin_Core::setLogSecrets({credentials.token, credentials.apiKey, credentials.apiSecret});
+    }
+    ~HiddenSecrets() { Norvale_Plugin_Core::setLogSecrets({}); }
+    HiddenSecrets(const HiddenSecrets&) = delete;
+    HiddenSecrets& operator=(const HiddenSecrets&) = delete;
+};
+
 /// A database that names files where there are none would make a run pass over them.
 void refuseLostFiles(BackupDatabase& database, const DeviceLayout& layout) {
     long recorded = 0;
@@ -211,7 +223,7 @@ int run(const Options& options) {
     request.databaseName = options.database;
     request.authToken = credentials.token;
     request.culture = layout.culture;
-    Norvale_Plugin_Core::setLogSecrets({credentials.token, credentials.apiKey, credentials.apiSecret});
+    const HiddenSecrets hidden(credentials);
 
     const RunSignals signals;
     const Norvale_Plugin_Core::DeviceLock lock(layout.device);
@@ -239,6 +251,7 @@ int run(const Options& options) {
             recover();
         });
         report.outcome = performRun(request, terminal);
+        Norvale_Plugin_Core::wipe(request.authToken);
     }
     report.done = Norvale_Plugin_Core::RunJournal::instance().summary();
     report.done.bytes = report.outcome.bytes;

@@ -62,11 +62,12 @@ int showStatus(const LibraryOptions& options) {
         items += folder.items;
         bytes += size;
         std::cout << std::setw(8) << folder.items << std::setw(12) << formatBytes(static_cast<double>(size))
-                  << "  " << std::left << std::setw(21) << (folder.updated.empty() ? "-" : folder.updated)
-                  << std::right << titleOf(folder) << "\n";
+                  << "  " << std::left << std::setw(21)
+                  << (folder.updated.empty() ? "-" : printable(folder.updated)) << std::right
+                  << titleOf(folder) << "\n";
     }
     std::cout << formatCount(items, "item") << ", " << formatBytes(static_cast<double>(bytes)) << " in "
-              << layout.serviceFolder << "\n";
+              << printable(layout.serviceFolder) << "\n";
 
     const auto report = Norvale_Plugin_Core::compareLibrary(database, layout.serviceFolder);
     printDisagreements(std::cout, report);

@@ -64,7 +64,7 @@ std::string summaryText(const RunReport& report) {
          << "  unchanged  " << formatCount(done.unchangedItems, "item") << "\n";
     if (done.interruptedItems) text << "  cut off    " << formatCount(done.interruptedItems, "item") << "\n";
     text << "  written    " << formatBytes(done.bytes) << "\n"
-         << "  files      " << report.serviceFolder << "\n";
+         << "  files      " << printable(report.serviceFolder) << "\n";
 
     if (!done.failures.empty()) {
         text << "Not backed up (" << done.failures.size() << "):\n";
@@ -79,7 +79,7 @@ std::string summaryText(const RunReport& report) {
     };
     list("Errors:", errorsOf(report));
     list("To be looked at:", done.warnings);
-    if (status == ExitFailure) text << "Details are in " << report.log << "\n";
+    if (status == ExitFailure) text << "Details are in " << printable(report.log) << "\n";
     return text.str();
 }
 

@@ -40,8 +40,8 @@ int verify(const LibraryOptions& options) {
     if (terminal) std::cerr << "\r\033[K" << std::flush;
 
     std::cout << formatCount(report.items, "item") << ", " << formatCount(report.files, "file") << ", "
-              << formatBytes(static_cast<double>(report.bytes)) << " read in " << layout.serviceFolder
-              << "\n";
+              << formatBytes(static_cast<double>(report.bytes)) << " read in "
+              << printable(layout.serviceFolder) << "\n";
     if (report.withoutChecksum) {
         std::cout << formatCount(report.withoutChecksum, "file")
                   << " could be compared by size only, since no checksum is kept.\n";
