@@ -15,13 +15,52 @@ namespace {
 struct Step {
     const char* label;
     int longestSide;
-    bool square;
+    bool square = false;
+    bool isNew = false;  // offered today only
 };
 
 constexpr Step kSteps[] = {
-    {"Square", 75, true},       {"Large Square", 150, true}, {"Thumbnail", 100, false},
-    {"Small", 240, false},      {"Small 320", 320, false},   {"Medium", 500, false},
-    {"Medium 640", 640, false}, {"Medium 800", 800, false},  {"Large", 1024, false},
+    {"Square", 75, true},
+    {"Large Square", 150, true},
+    {"Thumbnail", 100},
+    {"Small", 240},
+    {"Small 320", 320},
+    {"Small 400", 400, false, true},
+    {"Medium", 500},
+    {"Medium 640", 640},
+    {"Medium 800", 800},
+    {"Large", 1024},
+    {"Large 1600", 1600, false, true},
+    {"Large 2048", 2048, false, true},
+    {"X-Large 3K", 3072, false, true},
+    {"X-Large 4K", 4096, false, true},
+    {"X-Large 5K", 5120, false, true},
+    {"X-Large 6K", 6144, false, true},
+};
+
+/// A form that the service makes of a video: its label and height, 0 for the video's own.
+struct Film {
+    const char* label;
+    int height = 0;
+    bool isNew = true;
+};
+
+constexpr Film kFilms[] = {
+    {"Video Player", 0, false},
+    {"Site MP4", 0, false},
+    {"Mobile MP4", 0, false},
+    {"Video Original", 0, false},
+    {"100", 100},
+    {"288p", 288},
+    {"300", 300},
+    {"360p", 360},
+    {"iphone_wifi", 360},
+    {"appletv", 480},
+    {"700", 480},
+    {"720p", 720},
+    {"HD MP4", 720},
+    {"1080p", 1080},
+    {"orig"},
 };
 
 Rendition rendition(std::string label, int width, int height) {
@@ -68,12 +107,13 @@ Item video(std::string title, Content content, std::time_t updated) {
     return item;
 }
 
-std::vector<Rendition> renditionsOf(const Item& item) {
+std::vector<Rendition> renditionsOf(const Item& item, Labels labels) {
     if (!item.renditions.empty()) return item.renditions;
     std::vector<Rendition> made;
-    made.reserve(std::size(kSteps) + 4);
+    made.reserve(std::size(kSteps) + std::size(kFilms));
     const int longest = std::max({item.width, item.height, 1});
     for (const Step& step : kSteps) {
+        if (step.isNew && labels == Labels::Former) continue;
         if (step.square) {
             made.push_back(rendition(step.label, step.longestSide, step.longestSide));
         } else if (longest > step.longestSide || std::string(step.label) == "Thumbnail") {
@@ -84,8 +124,11 @@ std::vector<Rendition> renditionsOf(const Item& item) {
         }
     }
     if (item.isVideo) {
-        for (const char* label : {"Video Player", "Site MP4", "Mobile MP4", "Video Original"}) {
-            made.push_back(rendition(label, item.width, item.height));
+        for (const Film& film : kFilms) {
+            if ((film.isNew && labels == Labels::Former) || film.height > item.height) continue;
+            const int height = film.height > 0 ? film.height : item.height;
+            made.push_back(rendition(
+                film.label, static_cast<int>(1LL * item.width * height / std::max(item.height, 1)), height));
         }
     } else {
         made.push_back(rendition("Original", item.width, item.height));
@@ -93,8 +136,12 @@ std::vector<Rendition> renditionsOf(const Item& item) {
     return made;
 }
 
+bool isVideoLabel(const std::string& label) {
+    return std::any_of(std::begin(kFilms), std::end(kFilms), [&](const Film& f) { return label == f.label; });
+}
+
 Content contentOf(const Item& item, const std::string& label) {
-    const std::vector<Rendition> all = renditionsOf(item);
+    const std::vector<Rendition> all = renditionsOf(item, Labels::Today);
     const auto found = std::find_if(all.begin(), all.end(), [&](const auto& r) { return r.label == label; });
     if (found == all.end()) return Content();
     if (found->content) return found->content;

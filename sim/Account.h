@@ -51,9 +51,18 @@ Item video(std::string title, std::time_t updated = 1700000000);
 Item photo(std::string title, Content content, std::time_t updated = 1700000000);
 Item video(std::string title, Content content, std::time_t updated = 1700000000);
 
+/// Which labels the service gives to what it makes of an item.
+enum class Labels {
+    Former,  ///< up to "Large", and four of videos
+    Today    ///< up to "X-Large 6K", and many of videos
+};
+
 /// What flickr.photos.getSizes lists for an item: its own renditions or the service's usual ones, small to
 /// large.
-std::vector<Rendition> renditionsOf(const Item& item);
+std::vector<Rendition> renditionsOf(const Item& item, Labels labels = Labels::Former);
+
+/// Whether a label is that of a video, not of a still picture.
+bool isVideoLabel(const std::string& label);
 
 /// The bytes that the service has for one label of an item; none when the label is not offered.
 Content contentOf(const Item& item, const std::string& label);

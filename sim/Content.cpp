@@ -203,6 +203,33 @@ Content FileSource::reducedPicture(int longestSide) const {
     return Content(std::make_shared<ReducedSource>(path_, longestSide));
 }
 
+/// Some bytes in the middle of others.
+class PartSource : public Content::Source {
+public:
+    PartSource(Content whole, std::uint64_t first, std::uint64_t count)
+        : whole_(std::move(whole)), first_(first), count_(count) {}
+
+    std::uint64_t size() const override {
+        const std::uint64_t all = whole_.size();
+        return std::min(count_, all - std::min(first_, all));
+    }
+
+    bool send(const Content::Sink& sink) const override {
+        std::uint64_t left = first_;  // bytes still to be passed over
+        const auto behind = [&](const char* data, std::size_t length) {
+            const auto skipped = static_cast<std::size_t>(std::min<std::uint64_t>(left, length));
+            left -= skipped;
+            return skipped == length || sink(data + skipped, length - skipped);
+        };
+        return whole_.send(behind, first_ + size());
+    }
+
+private:
+    const Content whole_;
+    const std::uint64_t first_;
+    const std::uint64_t count_;
+};
+
 void appendBigEndian(std::string& out, std::uint64_t value, int bytes) {
     for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) out += static_cast<char>(value >> shift);
 }
@@ -238,6 +265,10 @@ Content Content::video(std::uint64_t size, std::uint64_t seed) {
 Content Content::picture(unsigned design, int width, int height, std::string mark, std::uint64_t size) {
     mark.resize(std::min<std::size_t>(mark.size(), 60000));
     return Content(std::make_shared<PictureSource>(design, width, height, std::move(mark), size));
+}
+
+Content Content::part(std::uint64_t first, std::uint64_t count) const {
+    return Content(std::make_shared<PartSource>(*this, first, count));
 }
 
 Content Content::reducedPicture(int longestSide) const {

@@ -50,6 +50,8 @@ public:
     /// Hands the first limit bytes, or all, to the sink in blocks. False when the sink ended it or the bytes
     /// could not be read.
     bool send(const Sink& sink, std::uint64_t limit = UINT64_MAX) const;
+    /// Bytes first to first + count - 1, from 0; as many of them as there are.
+    Content part(std::uint64_t first, std::uint64_t count) const;
     /// A JPEG file's picture scaled down until its longer side has at most longestSide pixels, made when it
     /// is first asked for (a drawn one when the file cannot be decoded). None for what is not a JPEG file.
     Content reducedPicture(int longestSide) const;

@@ -3,7 +3,10 @@
 #include <Poco/Exception.h>
 #include <Poco/NumberParser.h>
 
+#include <atomic>
 #include <ctime>
+
+#include "sim/TodayOrders.h"
 
 namespace flickr_sim {
 
@@ -91,6 +94,20 @@ std::string list(const Account& account) {
     return text;
 }
 
+/// Keeps an order until a page of a list of items is asked for.
+std::string keepForPage(const Request& order, FlickrSim& sim) {
+    Request kept;
+    if (!parseRequest("GET /sim/" + order.parameter("order") + " HTTP/1.1", kept)) {
+        throw Poco::SyntaxException("order has to be an order, encoded");
+    }
+    const auto isDone = std::make_shared<std::atomic<bool>>(false);
+    sim.onRequest([&sim, kept, isDone, page = order.parameter("page")](const Request& request) {
+        if (request.kind != Kind::Rest || request.parameter("page") != page || isDone->exchange(true)) return;
+        obey(kept, sim);
+    });
+    return "kept";
+}
+
 std::string carryOut(const std::string& name, const Request& order, FlickrSim& sim) {
     Account& account = sim.account();
     const std::time_t now = std::time(nullptr);
@@ -120,6 +137,10 @@ std::string carryOut(const std::string& name, const Request& order, FlickrSim& s
     } else if (name == "reset-counts") {
         sim.clearLog();
         id = "reset";
+    } else if (name == "before-page") {
+        id = keepForPage(order, sim);
+    } else if (const auto answer = carryOutToday(name, order, sim)) {
+        id = *answer;
     } else {
         throw Poco::SyntaxException("there is no order of this name", name);
     }
@@ -150,11 +171,12 @@ Reply plainReply(int status, std::string text) {
 }
 
 std::string toJson(const Counts& counts) {
-    std::string json = "{\"rest\":" + std::to_string(counts.rest) +
-                       ",\"media\":" + std::to_string(counts.media) +
-                       ",\"thumbnails\":" + std::to_string(counts.thumbnails) +
-                       ",\"other\":" + std::to_string(counts.other) +
-                       ",\"connections\":" + std::to_string(counts.connections) + ",\"methods\":{";
+    std::string json =
+        "{\"rest\":" + std::to_string(counts.rest) + ",\"media\":" + std::to_string(counts.media) +
+        ",\"thumbnails\":" + std::to_string(counts.thumbnails) +
+        ",\"oauth\":" + std::to_string(counts.oauth) + ",\"other\":" + std::to_string(counts.other) +
+        ",\"refused\":" + std::to_string(counts.refused) + ",\"parts\":" + std::to_string(counts.parts) +
+        ",\"connections\":" + std::to_string(counts.connections) + ",\"methods\":{";
     const char* separator = "";
     for (const auto& method : counts.methods) {
         // A client can send any name; only plain ones are worth reporting.

@@ -15,6 +15,11 @@
 //   /sim/fault?spec=TEXT                       one more fault, in the text form of Faults.h
 //   /sim/clear-faults
 //   /sim/reset-counts
+//   /sim/before-page?page=N&order=ORDER        an order (such as delete%3Fid%3D7) that waits until page N of
+//   a
+//                                              list is asked for: a list that changes between two pages
+//
+// TodayOrders.h has those of today's service.
 //
 // An id or set that is left out is the first set or its first item. Answers are one line of text: the id of
 // what was made or changed, or with status 400 what is wrong; 403 without the word.

@@ -60,10 +60,14 @@ namespace fault {
 
 namespace {
 
-void replaceHeader(Reply& reply, const std::string& name, std::string value) {
+void removeHeader(Reply& reply, const std::string& name) {
     reply.headers.erase(std::remove_if(reply.headers.begin(), reply.headers.end(),
                                        [&](const auto& header) { return header.first == name; }),
                         reply.headers.end());
+}
+
+void replaceHeader(Reply& reply, const std::string& name, std::string value) {
+    removeHeader(reply, name);
     reply.headers.emplace_back(name, std::move(value));
 }
 
@@ -169,6 +173,20 @@ Action redirectForever(int status) {
         [=](const Request& request) { return request.path + "?turn=" + std::to_string(++*hop); }, status);
 }
 
+Action retryAfter(std::uint64_t seconds) {
+    return
+        [=](const Request&, Reply& reply) { replaceHeader(reply, "Retry-After", std::to_string(seconds)); };
+}
+
+Action ignoreRange() {
+    return [](const Request&, Reply& reply) {
+        if (!reply.whole) return;
+        reply.status = 200;
+        reply.body = reply.whole;
+        removeHeader(reply, "Content-Range");
+    };
+}
+
 Action hugeHeader(std::uint64_t bytes) {
     return raw([=](const Request&, Wire& wire) {
         const std::string line = "X-Filling: " + std::string(8000, 'x') + "\r\n";
@@ -247,9 +265,11 @@ Match takeMatch(Pairs& pairs) {
     Match match;
     std::string kind;
     if (pairs.take("kind", kind)) {
-        const std::map<std::string, Kind> kinds = {
-            {"rest", Kind::Rest}, {"media", Kind::Media}, {"thumbnail", Kind::Thumbnail}};
-        if (!kinds.count(kind)) Pairs::throwBad("kind", kind, "rest, media or thumbnail");
+        const std::map<std::string, Kind> kinds = {{"rest", Kind::Rest},
+                                                   {"media", Kind::Media},
+                                                   {"thumbnail", Kind::Thumbnail},
+                                                   {"oauth", Kind::OAuth}};
+        if (!kinds.count(kind)) Pairs::throwBad("kind", kind, "rest, media, thumbnail or oauth");
         match.kind = kinds.at(kind);
     }
     pairs.take("method", match.method);
@@ -266,6 +286,10 @@ Schedule takeSchedule(Pairs& pairs) {
     pairs.take("count", schedule.count);
     if (pairs.take("every", schedule.every) && schedule.every == 0)
         Pairs::throwBad("every", "0", "at least 1");
+    std::uint64_t seconds = 0;
+    if (pairs.take("for", seconds)) {
+        schedule.end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    }
     if (pairs.take("rate", rate) &&
         (!Poco::NumberParser::tryParseFloat(rate, schedule.rate) || schedule.rate < 0 || schedule.rate > 1)) {
         Pairs::throwBad("rate", rate, "between 0 and 1");
@@ -314,6 +338,8 @@ Action takeAction(Pairs& pairs) {
         if (text != "chunked" && text != "close") Pairs::throwBad("framing", text, "chunked or close");
         actions.push_back(fault::framing(text == "close" ? Framing::Close : Framing::Chunked));
     }
+    if (pairs.take("retry-after", number)) actions.push_back(fault::retryAfter(number));
+    if (pairs.take("ignore-range", text)) actions.push_back(fault::ignoreRange());
     if (pairs.take("headers", number)) actions.push_back(fault::hugeHeader(number));
     pairs.requireNone();
     if (actions.empty())
@@ -366,6 +392,7 @@ void Faults::apply(const Request& request, Reply& reply) {
             const Schedule& when = active.fault.schedule;
             ++active.seen;
             if (active.seen < when.first || active.hits >= when.count) continue;
+            if (std::chrono::steady_clock::now() >= when.end) continue;
             if ((active.seen - when.first) % when.every != 0) continue;
             if (when.rate < 1 && std::uniform_real_distribution<>(0, 1)(random_) >= when.rate) continue;
             ++active.hits;

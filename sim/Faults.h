@@ -8,12 +8,14 @@
 //   method=flickr.photos.getSizes,nth=3,drop=header
 //   item=53000000007,count=2,cut=1000      its first two downloads end after 1,000 bytes
 //
-// Which: kind=rest|media|thumbnail, method=NAME, item=ID, path=PART of the request target.
-// When: nth=N (that one only), from=N, count=N, every=N, rate=0..1. Without these, always.
+// Which: kind=rest|media|thumbnail|oauth, method=NAME, item=ID, path=PART of the request target.
+// When: nth=N (that one only), from=N, count=N, every=N, rate=0..1, for=SECONDS (from now on). Without these,
+// always.
 // What: status=CODE, error=CODE (the service's own error answer), drop=before|header|body, cut=BYTES (the
 // rest of the announced body is missing), short=BYTES (so many fewer bytes than announced), slow=BYTES/MS,
 // length=TEXT (the content length announced), framing=chunked|close, redirect=URL or redirect=self,
-// malformed=1 (XML that ends in the middle), headers=BYTES (so many of them).
+// malformed=1 (XML that ends in the middle), headers=BYTES (so many of them), retry-after=SECONDS
+// (announced), ignore-range=1 (the whole file, whatever part was asked for).
 
 #ifndef SIM_FAULTS_H
 #define SIM_FAULTS_H
@@ -53,6 +55,7 @@ struct Schedule {
     std::uint64_t count = UINT64_MAX;  ///< how many are hit, at most
     std::uint64_t every = 1;           ///< only every so many-th from first on
     double rate = 1.0;                 ///< chance of those, 0 to 1, from a fixed seed
+    std::chrono::steady_clock::time_point end = std::chrono::steady_clock::time_point::max();
 };
 
 Schedule always();
@@ -95,6 +98,10 @@ Action contentLength(std::vector<std::string> values);
 Action redirect(std::string location, int status = 302);
 Action redirectToSelf(int status = 302);
 Action redirectForever(int status = 302);
+/// A Retry-After header.
+Action retryAfter(std::uint64_t seconds);
+/// All of a file in place of the part that was asked for.
+Action ignoreRange();
 /// Header lines of so many bytes in all before the rest.
 Action hugeHeader(std::uint64_t bytes);
 /// These bytes instead of a whole answer, then the connection is closed.

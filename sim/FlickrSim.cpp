@@ -1,6 +1,8 @@
 #include "sim/FlickrSim.h"
 
+#include <Poco/DeflatingStream.h>
 #include <Poco/Exception.h>
+#include <Poco/Hash.h>
 #include <Poco/NumberParser.h>
 #include <Poco/URI.h>
 #include <arpa/inet.h>
@@ -9,7 +11,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <random>
+#include <sstream>
 
+#include "sim/ByteRange.h"
 #include "sim/Control.h"
 #include "sim/Listener.h"
 #include "sim/MediaAddress.h"
@@ -24,8 +28,7 @@ constexpr const char* kRestPath = "/services/rest/";
 constexpr const char* kHops = "hops";
 
 std::string typeOf(const Request& request, const Item& item) {
-    if (request.label.find("Video") == 0 || request.label.find("MP4") != std::string::npos)
-        return "video/mp4";
+    if (isVideoLabel(request.label)) return "video/mp4";
     const std::string extension = request.label == "Original" ? item.extension : "jpg";
     if (extension == "jpg" || extension == "jpeg") return "image/jpeg";
     return "image/" + (extension == "tif" ? std::string("tiff") : extension);
@@ -53,6 +56,23 @@ bool isOwnHost(const std::string& header) {
            (::inet_pton(AF_INET, host.c_str(), &address) == 1 && ntohl(address.s_addr) >> 24 == 127);
 }
 
+/// What a file is known by: another content of the item gets another.
+std::string tagOf(const Request& request, const Item& item, const Content& content) {
+    char text[24];
+    std::snprintf(text, sizeof text, "%zx-%llx", Poco::hash(request.path),
+                  static_cast<unsigned long long>(content.size()));
+    return text + ('-' + std::to_string(item.updated));
+}
+
+void compress(Reply& reply) {
+    std::ostringstream packed;
+    Poco::DeflatingOutputStream packer(packed, Poco::DeflatingStreamBuf::STREAM_GZIP, 1);
+    packer << reply.body.text();
+    packer.close();
+    reply.body = Content::bytes(packed.str());
+    reply.headers.emplace_back("Content-Encoding", "gzip");
+}
+
 }  // namespace
 
 FlickrSim::FlickrSim(Account& account, SimOptions options)
@@ -60,17 +80,21 @@ FlickrSim::FlickrSim(Account& account, SimOptions options)
       options_(std::move(options)),
       orderWord_(randomWord()),
       repeatLastPage_(options_.repeatLastPage),
+      today_(options_.today ? std::make_unique<TodayApi>(options_.credentials, *options_.today) : nullptr),
       delivery_(options_.delivery) {
     const auto handler = [this](Wire& wire, Request& request, bool first, bool& keepAlive) {
         serve(wire, request, first, keepAlive);
     };
     // The lock keeps a first request waiting until both ports are known.
     std::lock_guard<std::mutex> lock(mutex_);
-    if (options_.httpsPort) {
-        https_ = std::make_unique<Listener>(options_.address, *options_.httpsPort, true, handler);
+    if (options_.httpsPort || today_) {
+        auto tls = std::make_unique<TlsContext>(options_.address, options_.tlsNames);
+        authorityPem_ = tls->authorityPem();
+        https_ = std::make_unique<Listener>(options_.address, options_.httpsPort.value_or(0), std::move(tls),
+                                            handler);
         httpsPort_ = https_->port();
     }
-    http_ = std::make_unique<Listener>(options_.address, options_.port, false, handler);
+    http_ = std::make_unique<Listener>(options_.address, options_.port, nullptr, handler);
     port_ = http_->port();
 }
 
@@ -97,7 +121,7 @@ std::string FlickrSim::baseUrl(bool https) const {
 }
 
 std::string FlickrSim::mediaUrl(const std::string& itemId, const std::string& label) const {
-    return baseUrl(delivery().https) + mediaPath(*account_.item(itemId), label);
+    return baseUrl(today_ || delivery().https) + mediaPath(*account_.item(itemId), label);
 }
 
 MediaDelivery FlickrSim::delivery() const {
@@ -144,6 +168,10 @@ void FlickrSim::serve(Wire& wire, Request& request, bool first, bool& keepAlive)
         if (hook) hook(request);
         reply = answer(request);
         faults_.apply(request, reply);
+        if (today_ && request.kind == Kind::Rest && reply.status == 200 && !reply.raw &&
+            request.header("Accept-Encoding").find("gzip") != std::string::npos) {
+            compress(reply);
+        }
         request.status = reply.raw ? 0 : reply.status;
         recordStatus(request);
     }
@@ -155,6 +183,8 @@ void FlickrSim::classify(Request& request) const {
         request.kind = Kind::Rest;
         request.method = request.parameter("method");
         request.itemId = request.parameter("photo_id");
+    } else if (today_ && TodayApi::isOAuthPath(request.path)) {
+        request.kind = Kind::OAuth;
     } else if (request.path.compare(0, 5, "/sim/") == 0) {
         request.kind = Kind::Control;
     } else if (parseMediaPath(request.path, request.itemId, request.label)) {
@@ -177,6 +207,9 @@ std::function<void(const Request&)> FlickrSim::record(Request& request, bool fir
         case Kind::Thumbnail:
             ++counts_.thumbnails;
             break;
+        case Kind::OAuth:
+            ++counts_.oauth;
+            break;
         default:
             ++counts_.other;
     }
@@ -185,32 +218,54 @@ std::function<void(const Request&)> FlickrSim::record(Request& request, bool fir
 }
 
 void FlickrSim::recordStatus(const Request& request) {
-    if (!options_.keepLog) return;
     std::lock_guard<std::mutex> lock(mutex_);
-    if (request.number >= logStart_) log_[request.number - logStart_].status = request.status;
+    if (request.status == 429) ++counts_.refused;
+    if (request.status == 206) ++counts_.parts;
+    if (options_.keepLog && request.number >= logStart_)
+        log_[request.number - logStart_].status = request.status;
 }
 
 Reply FlickrSim::answer(const Request& request) {
-    if (request.verb != "GET" && request.verb != "HEAD") return plainReply(405, "Only GET is answered.\n");
+    const bool takesForms = today_ && (request.kind == Kind::Rest || request.kind == Kind::OAuth);
+    if (request.verb != "GET" && request.verb != (takesForms ? "POST" : "HEAD")) {
+        return plainReply(405, takesForms ? "Only GET and POST are answered.\n" : "Only GET is answered.\n");
+    }
+    if (today_) {
+        if (auto refusal = today_->refuse(request)) return *refusal;
+    }
     switch (request.kind) {
-        case Kind::Rest: {
-            const bool https = delivery().https;
-            // Addresses lead back the way by which the call came, through a relay too.
-            const std::string host = request.header("Host");
-            const RestContext context{account_, options_.credentials,
-                                      https || host.empty() ? baseUrl(https) : "http://" + host,
-                                      repeatLastPage_};
-            Reply reply;
-            reply.headers.emplace_back("Content-Type", "text/xml; charset=utf-8");
-            reply.body = Content::bytes(answerCall(request, context));
-            return reply;
-        }
+        case Kind::Rest:
+            return restReply(request);
+        case Kind::OAuth:
+            return today_->answerOAuth(request);
         case Kind::Media:
         case Kind::Thumbnail:
             return mediaReply(request);
         default:
             return plainReply(404, "There is nothing here.\n");
     }
+}
+
+/// Addresses lead back the way by which the request came, through a relay too.
+std::string FlickrSim::addressFor(const Request& request, bool https) const {
+    const std::string host = request.header("Host");
+    if (host.empty() || https != request.https) return baseUrl(https);
+    return (https ? "https://" : "http://") + host;
+}
+
+Reply FlickrSim::restReply(const Request& request) {
+    RestContext context{account_, options_.credentials, addressFor(request, today_ || delivery().https),
+                        repeatLastPage_};
+    Reply reply;
+    if (today_) {
+        context.today = true;
+        context.originals = options_.today->originals;
+        context.originalsInLists = options_.today->originalsInLists;
+        return today_->answerRest(request, context);
+    }
+    reply.headers.emplace_back("Content-Type", "text/xml; charset=utf-8");
+    reply.body = Content::bytes(answerCall(request, context));
+    return reply;
 }
 
 Reply FlickrSim::mediaReply(const Request& request) {
@@ -221,15 +276,19 @@ Reply FlickrSim::mediaReply(const Request& request) {
         return plainReply(404, "There is no such item.\n");
     }
     const MediaDelivery how = delivery();
-    unsigned hops = how.redirects + (how.redirectToHttps ? 1 : 0);
+    const bool isFilm = today_ && isVideoLabel(request.label);
+    if (isFilm && request.label == "Video Player") {
+        return plainReply(200, "A page that plays the video.\n");
+    }
+    unsigned hops = how.redirects + (how.redirectToHttps || isFilm ? 1 : 0);
     Poco::NumberParser::tryParseUnsigned(request.parameter(kHops), hops);
     if (hops > 0) {
         const bool toHttps = how.redirectToHttps && hops == 1;
         const bool relative = how.relativeLocations && !toHttps;
         Reply reply = plainReply(how.redirectStatus, "Elsewhere.\n");
-        reply.headers.emplace_back("Location", (relative ? "" : baseUrl(toHttps || request.https)) +
-                                                   request.path + '?' + kHops + '=' +
-                                                   std::to_string(hops - 1));
+        reply.headers.emplace_back(
+            "Location", (relative ? "" : addressFor(request, toHttps || request.https)) + request.path + '?' +
+                            kHops + '=' + std::to_string(hops - 1));
         return reply;
     }
     Reply reply;
@@ -237,6 +296,7 @@ Reply FlickrSim::mediaReply(const Request& request) {
     if (!reply.body) return plainReply(404, "There is no such rendition.\n");
     reply.headers.emplace_back("Content-Type", typeOf(request, *item));
     reply.framing = how.framing;
+    if (today_) offerRanges(request, reply, tagOf(request, *item, reply.body), item->updated);
     return reply;
 }
 

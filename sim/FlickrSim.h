@@ -23,7 +23,9 @@
 
 #include "sim/Account.h"
 #include "sim/Faults.h"
+#include "sim/MediaAddress.h"
 #include "sim/Message.h"
+#include "sim/TodayApi.h"
 
 namespace flickr_sim {
 
@@ -34,6 +36,10 @@ struct Credentials {
     std::string apiKey = "demo0key0for0the0simulated0flickr";
     std::string apiSecret = "demo0secret";
     std::string token = "demo-token-1";
+    std::string tokenSecret = "demo1token2secret";  ///< of today's service
+    std::string userId = kOwner;                    ///< whose account it is
+    std::string userName = "Sim Owner";
+    std::string fullName = "Simone Owner";
 };
 
 /// How media files are handed out; can be changed at any time.
@@ -52,7 +58,10 @@ struct SimOptions {
     /// TLS with a certificate made at start; 0: the system picks, none: no TLS. Clients that ignore the port
     /// of https addresses need 443.
     std::optional<std::uint16_t> httpsPort;
+    std::vector<std::string> tlsNames;  ///< further names of the certificate, as for relays
     Credentials credentials;
+    /// The service as it is today, over HTTPS: TodayApi.h. The plain port takes orders only.
+    std::optional<TodayOptions> today;
     MediaDelivery delivery;
     /// flickr.photos.getNotInSet answers pages past the end with the last one again.
     bool repeatLastPage = false;
@@ -64,7 +73,10 @@ struct Counts {
     std::uint64_t rest = 0;
     std::uint64_t media = 0;
     std::uint64_t thumbnails = 0;
+    std::uint64_t oauth = 0;
     std::uint64_t other = 0;
+    std::uint64_t refused = 0;  ///< of all of them those answered with status 429
+    std::uint64_t parts = 0;    ///< answered with status 206
     std::uint64_t connections = 0;
     std::map<std::string, std::uint64_t> methods;  ///< REST calls by method name
 };
@@ -93,6 +105,13 @@ public:
     std::uint16_t httpsPort() const { return httpsPort_; }
     /// The random word that orders have to bring; see Control.h.
     const std::string& orderWord() const { return orderWord_; }
+    /// The certificate that clients have to trust, in PEM. Without TLS empty.
+    const std::string& authorityPem() const { return authorityPem_; }
+    bool isToday() const { return today_ != nullptr; }
+    /// "https://127.0.0.1:PORT": below it are /services/rest/ and /services/oauth/ of today's service.
+    std::string serviceUrl() const { return baseUrl(true); }
+    /// Today's side; only with SimOptions::today.
+    TodayApi& today() { return *today_; }
     const Credentials& credentials() const { return options_.credentials; }
     /// The address of one rendition, as answers give it.
     std::string mediaUrl(const std::string& itemId, const std::string& label = "Original") const;
@@ -118,6 +137,8 @@ private:
     std::function<void(const Request&)> record(Request& request, bool firstOfConnection);
     void recordStatus(const Request& request);
     Reply answer(const Request& request);
+    Reply restReply(const Request& request);
+    std::string addressFor(const Request& request, bool https) const;
     Reply mediaReply(const Request& request);
     static void transmit(Wire& wire, const Request& request, const Reply& reply, bool& keepAlive);
     MediaDelivery delivery() const;
@@ -127,6 +148,7 @@ private:
     const std::string orderWord_;
     Faults faults_;
     std::atomic<bool> repeatLastPage_;
+    const std::unique_ptr<TodayApi> today_;
     mutable std::mutex mutex_;  // guards what follows
     MediaDelivery delivery_;
     std::function<void(const Request&)> hook_;
@@ -136,6 +158,7 @@ private:
     std::uint64_t logStart_ = 1;  // number of the first request in log_
     std::uint16_t port_ = 0;
     std::uint16_t httpsPort_ = 0;
+    std::string authorityPem_;
     std::unique_ptr<Listener> http_;
     std::unique_ptr<Listener> https_;
 };

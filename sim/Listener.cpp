@@ -22,6 +22,7 @@ namespace {
 
 constexpr std::size_t kGathered = 32 * 1024;   // small pieces are sent together up to this size
 constexpr std::size_t kHeaderMax = 64 * 1024;  // of a request
+constexpr std::size_t kFormMax = 64 * 1024;
 constexpr std::size_t kThreadsMax = 512;
 constexpr int kIdleSeconds = 60;
 
@@ -109,6 +110,16 @@ public:
         return true;
     }
 
+    /// Reads a request's body.
+    bool read(std::size_t length, std::string& body) {
+        while (received_.size() < length) {
+            if (!receive()) return false;
+        }
+        body.assign(received_, 0, length);
+        received_.erase(0, length);
+        return true;
+    }
+
 private:
     bool receive() {
         char block[8192];
@@ -158,8 +169,9 @@ private:
     bool reset_ = false;
 };
 
-Listener::Listener(const std::string& address, std::uint16_t port, bool tls, Handler handler)
-    : handler_(std::move(handler)) {
+Listener::Listener(const std::string& address, std::uint16_t port, std::unique_ptr<TlsContext> tls,
+                   Handler handler)
+    : handler_(std::move(handler)), tls_(std::move(tls)) {
     const std::string where = address + ":" + std::to_string(port);
     sockaddr_in name{};
     name.sin_family = AF_INET;
@@ -169,7 +181,6 @@ Listener::Listener(const std::string& address, std::uint16_t port, bool tls, Han
         throw Poco::InvalidArgumentException(
             "The simulator listens on loopback addresses (127.x.y.z) only, not on " + address + ".");
     }
-    if (tls) tls_ = std::make_unique<TlsContext>(address);
 
     socket_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int on = 1;
@@ -248,7 +259,12 @@ void Listener::serve(Connection& connection) {
             connection.write("HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
             return;
         }
-        if (!connection.skip(bodyLength)) return;
+        if (request.hasForm() && bodyLength <= kFormMax) {
+            if (!connection.read(bodyLength, request.body)) return;
+            addParameters(request.body, request);
+        } else if (!connection.skip(bodyLength)) {
+            return;
+        }
         const std::string wish = Poco::toLower(request.header("Connection"));
         keepAlive = request.line.back() == '1' ? wish != "close" : wish == "keep-alive";
         handler_(connection, request, first, keepAlive);

@@ -30,8 +30,10 @@ public:
     using Handler =
         std::function<void(Wire& wire, Request& request, bool firstOfConnection, bool& keepAlive)>;
 
-    /// port 0: the system picks. Throws Poco::Exception with a sentence that says what cannot be had.
-    Listener(const std::string& address, std::uint16_t port, bool tls, Handler handler);
+    /// port 0: the system picks; tls null: plain. Throws Poco::Exception with a sentence that says what
+    /// cannot be had.
+    Listener(const std::string& address, std::uint16_t port, std::unique_ptr<TlsContext> tls,
+             Handler handler);
     /// Ends all connections and waits for their threads.
     ~Listener();
     Listener(const Listener&) = delete;
@@ -48,7 +50,7 @@ private:
     bool waitUnlessStopping(std::chrono::milliseconds time);
 
     const Handler handler_;
-    std::unique_ptr<TlsContext> tls_;
+    const std::unique_ptr<TlsContext> tls_;
     int socket_ = -1;
     std::uint16_t port_ = 0;
     std::atomic<bool> stopping_{false};

@@ -17,11 +17,26 @@ struct Place {
 };
 
 constexpr Place kStills[] = {
-    {"Square", "s"},     {"Large Square", "q"}, {"Thumbnail", "t"}, {"Small", "m"},    {"Small 320", "n"},
-    {"Medium 640", "z"}, {"Medium 800", "c"},   {"Large", "b"},     {"Original", "o"},
+    {"Square", "s"},      {"Large Square", "q"}, {"Thumbnail", "t"},   {"Small", "m"},
+    {"Small 320", "n"},   {"Medium 640", "z"},   {"Medium 800", "c"},  {"Large", "b"},
+    {"Original", "o"},    {"Small 400", "w"},    {"Large 1600", "h"},  {"Large 2048", "k"},
+    {"X-Large 3K", "3k"}, {"X-Large 4K", "4k"},  {"X-Large 5K", "5k"}, {"X-Large 6K", "6k"},
 };
-constexpr Place kVideos[] = {
-    {"Video Player", "player"}, {"Site MP4", "site"}, {"Mobile MP4", "mobile"}, {"Video Original", "orig"}};
+constexpr Place kVideos[] = {{"Video Player", "player"},
+                             {"Site MP4", "site"},
+                             {"Mobile MP4", "mobile"},
+                             {"Video Original", "orig"},
+                             {"100", "100"},
+                             {"288p", "288p"},
+                             {"300", "300"},
+                             {"360p", "360p"},
+                             {"iphone_wifi", "iphone_wifi"},
+                             {"appletv", "appletv"},
+                             {"700", "700"},
+                             {"720p", "720p"},
+                             {"HD MP4", "hd"},
+                             {"1080p", "1080p"},
+                             {"orig", "source"}};
 
 std::string encode(const std::string& text) {
     std::string encoded;

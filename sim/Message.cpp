@@ -37,6 +37,11 @@ std::string Request::parameter(const std::string& name) const {
     return found == parameters.end() ? std::string() : found->second;
 }
 
+bool Request::hasForm() const {
+    const std::string type = "application/x-www-form-urlencoded";
+    return Poco::icompare(header("Content-Type"), 0, type.size(), type) == 0;
+}
+
 bool parseRequest(const std::string& text, Request& request) {
     const auto lineEnd = [&](std::size_t start) { return std::min(text.find('\n', start), text.size()); };
     const auto lineFrom = [&](std::size_t start, std::size_t end) {
@@ -69,17 +74,20 @@ bool parseRequest(const std::string& text, Request& request) {
     }
     const std::size_t question = std::min(request.target.find('?', pathStart), request.target.size());
     request.path = request.target.substr(pathStart, question - pathStart);
-    for (std::size_t at = question; at < request.target.size();) {
-        const std::size_t start = at + 1;
-        at = std::min(request.target.find('&', start), request.target.size());
-        const std::string pair = request.target.substr(start, at - start);
+    if (question < request.target.size()) addParameters(request.target.substr(question + 1), request);
+    return true;
+}
+
+void addParameters(const std::string& form, Request& request) {
+    for (std::size_t start = 0, end = 0; start < form.size(); start = end + 1) {
+        end = std::min(form.find('&', start), form.size());
+        const std::string pair = form.substr(start, end - start);
         const std::size_t equals = std::min(pair.find('='), pair.size());
         std::string name = decodeQuery(pair.substr(0, equals));
         if (name.empty()) continue;
         request.parameters[std::move(name)] =
             equals < pair.size() ? decodeQuery(pair.substr(equals + 1)) : std::string();
     }
-    return true;
 }
 
 std::string reasonOf(int status) {

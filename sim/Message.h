@@ -18,6 +18,7 @@ namespace flickr_sim {
 
 enum class Kind {
     Rest,       ///< a call to /services/rest/
+    OAuth,      ///< the sign-in of today's service, under /services/oauth/
     Media,      ///< a media file: any rendition but the thumbnail
     Thumbnail,  ///< the rendition "Thumbnail"
     Control,    ///< an order to the simulator itself, under /sim/
@@ -34,7 +35,8 @@ struct Request {
     std::string verb;          ///< "GET"
     std::string target;        ///< as in the line
     std::string path;  ///< as in the target, encoded; without scheme and host when the target is a whole URL
-    std::map<std::string, std::string> parameters;  ///< of the query, decoded
+    std::string body;  ///< when it is a form, exactly; otherwise empty
+    std::map<std::string, std::string> parameters;  ///< of the query and the form, decoded
     Kind kind = Kind::Other;
     std::string method;  ///< of REST calls: "flickr.photosets.getList"
     std::string itemId;  ///< of media and thumbnails, and photo_id of REST calls
@@ -46,11 +48,16 @@ struct Request {
     std::string header(const std::string& name) const;
     /// The value of a parameter; empty when it is missing.
     std::string parameter(const std::string& name) const;
+    /// Whether the body is announced as the fields of a form (application/x-www-form-urlencoded).
+    bool hasForm() const;
 };
 
 /// Reads a request line and its headers, all without the empty line at the end; sets the fields down to
 /// parameters. False when it is no HTTP/1 request.
 bool parseRequest(const std::string& text, Request& request);
+
+/// Adds names and values joined by '=' and '&' to the request's parameters.
+void addParameters(const std::string& form, Request& request);
 
 /// The name of an HTTP status: "Not Found".
 std::string reasonOf(int status);
@@ -78,6 +85,7 @@ struct Reply {
     int status = 200;  ///< 0: nothing is sent, the connection is closed
     Headers headers;   ///< without those that frame the body
     Content body;
+    Content whole;  ///< of an answer that gives a part: all of which it is one
     Framing framing = Framing::ContentLength;
     /// Content-Length headers instead of the true one; an empty list: none.
     std::optional<std::vector<std::string>> announcedLengths;

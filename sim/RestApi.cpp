@@ -84,6 +84,19 @@ struct Paging {
     std::size_t pages(std::size_t total) const { return (total + perPage - 1) / perPage; }
 };
 
+/// What the caller may have of an item.
+std::vector<Rendition> offered(const Item& item, const RestContext& context) {
+    std::vector<Rendition> all = renditionsOf(item, context.today ? Labels::Today : Labels::Former);
+    if (!context.originals) {
+        const auto isOriginal = [](const Rendition& rendition) {
+            return rendition.label == "Original" || rendition.label == "Video Original" ||
+                   rendition.label == "orig";
+        };
+        all.erase(std::remove_if(all.begin(), all.end(), isOriginal), all.end());
+    }
+    return all;
+}
+
 /// The extra attributes of photos that a call asks for.
 class Extras {
 public:
@@ -107,7 +120,10 @@ public:
             xml.attribute("datetaken", item.taken).attribute("datetakengranularity", "0");
             xml.attribute("datetakenunknown", "0");
         }
-        if (has("owner_name")) xml.attribute("ownername", "Sim Owner");
+        if (has("owner_name")) xml.attribute("ownername", context.credentials.userName);
+        if (has("path_alias")) xml.attribute("pathalias", "");
+        if (has("o_dims")) xml.attribute("o_width", item.width).attribute("o_height", item.height);
+        if (has("geo")) xml.attribute("latitude", 0).attribute("longitude", 0).attribute("accuracy", 0);
         if (has("views")) xml.attribute("views", "7");
         if (has("tags")) {
             std::string tags;
@@ -122,10 +138,11 @@ public:
             xml.attribute("media", item.isVideo ? "video" : "photo").attribute("media_status", "ready");
         }
         if (addresses_.empty()) return;
-        const std::vector<Rendition> renditions = renditionsOf(item);
+        const std::vector<Rendition> renditions = offered(item, context);
         for (const auto* address : addresses_) {
             for (const Rendition& rendition : renditions) {
                 if (rendition.label != (*address)[1] || !rendition.hasSource) continue;
+                if (rendition.label == "Original" && !context.originalsInLists) continue;
                 const std::string suffix = (*address)[0];
                 xml.attribute(("url_" + suffix).c_str(),
                               context.mediaBase + mediaPath(item, rendition.label));
@@ -138,8 +155,11 @@ public:
 private:
     using Address = std::array<const char*, 2>;
     static constexpr Address kAddresses[] = {
-        {"sq", "Square"}, {"m", "Medium"},    {"o", "Original"},   {"t", "Thumbnail"},  {"q", "Large Square"},
-        {"s", "Small"},   {"n", "Small 320"}, {"z", "Medium 640"}, {"c", "Medium 800"}, {"l", "Large"},
+        {"sq", "Square"},      {"m", "Medium"},      {"o", "Original"},    {"t", "Thumbnail"},
+        {"q", "Large Square"}, {"s", "Small"},       {"n", "Small 320"},   {"z", "Medium 640"},
+        {"c", "Medium 800"},   {"l", "Large"},       {"w", "Small 400"},   {"h", "Large 1600"},
+        {"k", "Large 2048"},   {"3k", "X-Large 3K"}, {"4k", "X-Large 4K"}, {"5k", "X-Large 5K"},
+        {"6k", "X-Large 6K"},
     };
 
     std::set<std::string> names_;
@@ -151,7 +171,7 @@ void writePhotos(Xml& xml, const Account::Page& page, bool inSet, const Extras& 
     xml.reserve(page.items.size() * 1024 + 1024);
     for (const Account::ItemPtr& item : page.items) {
         xml.raw("\n<photo").attribute("id", item->id);
-        if (!inSet) xml.attribute("owner", kOwner);
+        if (!inSet) xml.attribute("owner", context.credentials.userId);
         xml.attribute("secret", secretOf(item->id)).attribute("server", kMediaServer).attribute("farm", 66);
         xml.attribute("title", item->title);
         if (inSet) xml.attribute("isprimary", item->id == page.set.cover ? 1 : 0);
@@ -183,8 +203,9 @@ std::string photosetsGetList(const Request& call, const RestContext& context) {
     xml.attribute("cancreate", 1).raw(">");
     for (std::size_t i = first; i < last; ++i) {
         const Account::Set& set = sets[i];
-        xml.raw("\n<photoset").attribute("id", set.id).attribute("owner", kOwner);
-        xml.attribute("username", "Sim Owner").attribute("primary", set.cover.empty() ? "0" : set.cover);
+        xml.raw("\n<photoset").attribute("id", set.id).attribute("owner", context.credentials.userId);
+        xml.attribute("username", context.credentials.userName)
+            .attribute("primary", set.cover.empty() ? "0" : set.cover);
         xml.attribute("secret", secretOf(set.cover)).attribute("server", kMediaServer).attribute("farm", 66);
         xml.attribute("count_views", 12).attribute("count_comments", 0);
         xml.attribute("count_photos", set.photos).attribute("count_videos", set.videos);
@@ -201,6 +222,9 @@ std::string photosetsGetList(const Request& call, const RestContext& context) {
 std::string photosetsGetPhotos(const Request& call, const RestContext& context) {
     const std::string id = call.parameter("photoset_id");
     if (id.empty()) return failAnswer(1, "Photoset not found");
+    if (context.today && call.parameter("user_id") != context.credentials.userId) {
+        return failAnswer(2, "User not found");
+    }
     Paging paging(call, kSetPage);
     Account::Page page = context.account.page(id, paging.first(), paging.perPage);
     const std::size_t pages = std::max<std::size_t>(paging.pages(page.total), 1);
@@ -211,7 +235,9 @@ std::string photosetsGetPhotos(const Request& call, const RestContext& context) 
 
     Xml xml;
     xml.raw(kStart).raw("<rsp stat=\"ok\">\n<photoset").attribute("id", id);
-    xml.attribute("primary", page.set.cover).attribute("owner", kOwner).attribute("ownername", "Sim Owner");
+    xml.attribute("primary", page.set.cover)
+        .attribute("owner", context.credentials.userId)
+        .attribute("ownername", context.credentials.userName);
     xml.attribute("page", paging.page).attribute("per_page", paging.perPage);
     xml.attribute("perpage", paging.perPage).attribute("pages", pages);
     xml.attribute("title", page.set.title).attribute("total", page.total).raw(">");
@@ -243,17 +269,22 @@ std::string photosGetSizes(const Request& call, const RestContext& context) {
     Xml xml;
     xml.raw(kStart).raw("<rsp stat=\"ok\">\n<sizes").attribute("canblog", 1).attribute("canprint", 1);
     xml.attribute("candownload", 1).raw(">");
-    for (const Rendition& rendition : renditionsOf(*item)) {
-        const bool isVideo =
-            rendition.label.find("Video") == 0 || rendition.label.find("MP4") != std::string::npos;
+    for (const Rendition& rendition : offered(*item, context)) {
         xml.raw("\n<size").attribute("label", rendition.label);
         xml.attribute("width", rendition.width).attribute("height", rendition.height);
         xml.attribute("source", rendition.hasSource ? context.mediaBase + mediaPath(*item, rendition.label)
                                                     : std::string());
         xml.attribute("url", context.mediaBase + "/photos/" + kOwner + '/' + item->id + "/sizes/");
-        xml.attribute("media", isVideo ? "video" : "photo").raw(" />");
+        xml.attribute("media", isVideoLabel(rendition.label) ? "video" : "photo").raw(" />");
     }
     return xml.raw("\n</sizes>\n</rsp>\n").take();
+}
+
+std::string testLogin(const RestContext& context) {
+    Xml xml;
+    xml.raw(kStart).raw("<rsp stat=\"ok\">\n<user").attribute("id", context.credentials.userId);
+    xml.raw(">\n<username>").text(context.credentials.userName).raw("</username>\n<path_alias />\n</user>");
+    return xml.raw("\n</rsp>\n").take();
 }
 
 }  // namespace
@@ -268,6 +299,10 @@ std::string answerCall(const Request& call, const RestContext& context) {
     if (call.parameter("auth_token") != context.credentials.token) {
         return failAnswer(98, "Login failed / Invalid auth token");
     }
+    return answerMethod(call, context);
+}
+
+std::string answerMethod(const Request& call, const RestContext& context) {
     const std::string method = call.parameter("method");
     const bool asksPhoto = method == "flickr.photos.getSizes";
     try {
@@ -275,6 +310,7 @@ std::string answerCall(const Request& call, const RestContext& context) {
         if (method == "flickr.photosets.getPhotos") return photosetsGetPhotos(call, context);
         if (method == "flickr.photos.getNotInSet") return photosGetNotInSet(call, context);
         if (asksPhoto) return photosGetSizes(call, context);
+        if (context.today && method == "flickr.test.login") return testLogin(context);
     } catch (Poco::NotFoundException&) {
         return failAnswer(1, asksPhoto ? "Photo not found" : "Photoset not found");
     }

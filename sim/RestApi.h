@@ -25,6 +25,10 @@ struct RestContext {
     const Credentials& credentials;
     std::string mediaBase;        ///< scheme, host and port in front of media paths
     bool repeatLastPage = false;  ///< of flickr.photos.getNotInSet, for pages past the end
+    /// Newer labels and flickr.test.login; flickr.photosets.getPhotos wants the owner's id as "user_id".
+    bool today = false;
+    bool originals = true;         ///< originals are given to the caller
+    bool originalsInLists = true;  ///< as the extra "url_o" too
 };
 
 /// The XML answer to a call.
@@ -32,6 +36,9 @@ struct RestContext {
 /// flickr.photosets.getPhotos gives pages of 500, and the last page for any past the end;
 /// flickr.photos.getNotInSet pages of 100, empty ones past the end. "per_page" changes that, up to 500.
 std::string answerCall(const Request& call, const RestContext& context);
+
+/// The same without a look at key, signature and token.
+std::string answerMethod(const Request& call, const RestContext& context);
 
 /// The service's error answer.
 std::string failAnswer(int code, const std::string& message);

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <iostream>
 
 #include "sim/Control.h"
@@ -32,13 +33,19 @@ the second line of the ready file:
   /sim/edit[?id=ID][&bytes=N]   /sim/retitle?title=T[&id=ID]   /sim/delete[?id=ID]
   /sim/add-set?title=T   /sim/rename-set?title=T[&id=ID]   /sim/delete-set[?id=ID]
   /sim/fault?spec=TEXT   /sim/clear-faults
+  /sim/before-page?page=N&order=ORDER   (an order that waits for page N of a list, encoded)
 An id that is left out is the first set or its first item. A folder given by --photos is never written to.
 
 Faults are lists of key=value:
-  which  kind=rest|media|thumbnail, method=NAME, item=ID, path=PART
-  when   nth=N, from=N, count=N, every=N, rate=0..1
+  which  kind=rest|media|thumbnail|oauth, method=NAME, item=ID, path=PART
+  when   nth=N, from=N, count=N, every=N, rate=0..1, for=SECONDS
   what   status=CODE, error=CODE, drop=before|header|body, cut=BYTES, short=BYTES, slow=BYTES/MS,
-         length=TEXT, framing=chunked|close, redirect=URL|self, malformed=1, headers=BYTES
+         length=TEXT, framing=chunked|close, redirect=URL|self, malformed=1, headers=BYTES, retry-after=SECONDS, ignore-range=1
+
+With --today the service is the one of today: HTTPS with an authority of its own, OAuth 1.0a. The line behind
+the data URL is then the address of the service; the data URL's port takes orders only. Further orders:
+  /sim/sign-in?oauth_token=T[&answer=deny]   /sim/expire-tokens   /sim/clock?offset=SECONDS
+  /sim/limits?[list=N][&media=N][&window=SECONDS][&retry-after=0]
 
 Example:
   flickr-sim --generate 3x20 --print-credentials-file creds.ini --ready-file ready &
@@ -56,6 +63,11 @@ struct Settings {
     std::vector<std::string> faults;
     std::string readyFile;
     std::string credentialsFile;
+    bool isToday = false;
+    TodayOptions today;
+    unsigned limitWindow = 3600;
+    std::string authorityFile;
+    std::string applicationFile;
     bool exitWithParent = false;
     double seconds = 0;
 };
@@ -111,6 +123,49 @@ void describe(CLI::App& app, Settings& settings) {
                    "can read, once requests are answered");
     app.add_option("--seconds", settings.seconds, "Stop by itself after so long");
     app.add_flag("--exit-with-parent", settings.exitWithParent, "Stop when the program that started it ends");
+}
+
+void describeToday(CLI::App& app, Settings& settings) {
+    auto* today = app.add_flag("--today", settings.isToday, "Be the service of today (see below)");
+    const auto add = [&](CLI::Option* option) { option->needs(today)->group("Today's service"); };
+    add(app.add_option("--ca-file", settings.authorityFile, "Write the authority's certificate to a file"));
+    add(app.add_option("--print-application-file", settings.applicationFile,
+                       "Write the credentials file of an application that nobody has signed in to yet"));
+    add(app.add_option("--user-id", settings.sim.credentials.userId, "Whose account it is")
+            ->capture_default_str());
+    add(app.add_option("--user-name", settings.sim.credentials.userName, "The name of that user")
+            ->capture_default_str());
+    add(app.add_option("--tls-name", settings.sim.tlsNames,
+                       "A further name or address for the certificate; can be given several times")
+            ->allow_extra_args(false));
+    add(app.add_flag("--sign-in-at-once", settings.today.signInAtOnce, "Allow without asking the user"));
+    add(app.add_flag("!--no-originals", settings.today.originals, "Keep originals from the caller"));
+    add(app.add_flag("!--lists-without-originals", settings.today.originalsInLists,
+                     "Give originals in the answer about one photo only"));
+    add(app.add_option("--list-limit", settings.today.lists.requests,
+                       "Calls that are answered in a window; 0: all"));
+    add(app.add_option("--media-limit", settings.today.media.requests,
+                       "Media files that are answered in a window; 0: all"));
+    add(app.add_option("--limit-window", settings.limitWindow, "Length of a window in seconds")
+            ->check(CLI::Range(1u, 86400u))
+            ->capture_default_str());
+    add(app.add_flag("!--no-retry-after", settings.today.announceWait,
+                     "Refuse beyond a limit without saying how long to wait"));
+}
+
+/// The credentials file; signedIn: with the token and its user.
+std::string credentialsText(const FlickrSim& sim, const std::string& authorityFile, bool signedIn) {
+    const Credentials& known = sim.credentials();
+    std::string text = "api_key = " + known.apiKey + "\napi_secret = " + known.apiSecret + '\n';
+    if (signedIn) text += "token = " + known.token + '\n';
+    if (!sim.isToday()) return text;
+    if (signedIn) {
+        text += "token_secret = " + known.tokenSecret + "\nuser_id = " + known.userId +
+                "\nuser_name = " + known.userName + '\n';
+    }
+    text += "service = " + sim.serviceUrl() + '\n';
+    if (!authorityFile.empty()) text += "ca = " + std::filesystem::absolute(authorityFile).string() + '\n';
+    return text;
 }
 
 void fill(Account& account, Settings& settings) {
@@ -170,19 +225,25 @@ int run(Settings& settings) {
     if (settings.framing != "length") {
         settings.sim.delivery.framing = settings.framing == "chunked" ? Framing::Chunked : Framing::Close;
     }
+    if (settings.isToday) {
+        settings.today.lists.window = settings.today.media.window =
+            std::chrono::seconds(settings.limitWindow);
+        settings.sim.today = settings.today;
+    }
     settings.sim.keepLog = false;
     FlickrSim sim(account, settings.sim);
     for (const std::string& fault : settings.faults) sim.faults().add(parseFault(fault));
 
-    if (!settings.credentialsFile.empty()) {
-        const Credentials& accepted = sim.credentials();
-        writeFile(settings.credentialsFile, "api_key = " + accepted.apiKey + "\napi_secret = " +
-                                                accepted.apiSecret + "\ntoken = " + accepted.token + "\n");
+    if (!settings.authorityFile.empty()) writeFile(settings.authorityFile, sim.authorityPem());
+    for (const bool signedIn : {true, false}) {
+        const std::string& file = signedIn ? settings.credentialsFile : settings.applicationFile;
+        if (!file.empty()) writeFile(file, credentialsText(sim, settings.authorityFile, signedIn));
     }
     std::cout << sim.dataUrl() << std::endl;
     if (sim.httpsPort() != 0) std::cout << sim.baseUrl(true) << std::endl;
     if (!settings.readyFile.empty()) {
-        writeFile(settings.readyFile, sim.dataUrl() + "\n" + sim.orderWord() + "\n");
+        writeFile(settings.readyFile, sim.dataUrl() + '\n' + sim.orderWord() + '\n' +
+                                          (sim.isToday() ? sim.serviceUrl() + '\n' : ""));
     }
     waitForEnd(signals, settings.seconds);
     std::cout << toJson(sim.counts()) << std::endl;
@@ -196,6 +257,7 @@ int main(int argc, char** argv) {
                  "flickr-sim");
     Settings settings;
     describe(app, settings);
+    describeToday(app, settings);
     app.footer(kFooter);
     try {
         app.parse(argc, argv);
