@@ -100,6 +100,7 @@ std::string keepForPage(const Request& order, FlickrSim& sim) {
     if (!parseRequest("GET /sim/" + order.parameter("order") + " HTTP/1.1", kept)) {
         throw Poco::SyntaxException("order has to be an order, encoded");
     }
+    kept.parameters["word"] = order.parameter("word");
     const auto isDone = std::make_shared<std::atomic<bool>>(false);
     sim.onRequest([&sim, kept, isDone, page = order.parameter("page")](const Request& request) {
         if (request.kind != Kind::Rest || request.parameter("page") != page || isDone->exchange(true)) return;

@@ -65,6 +65,8 @@ protected:
         return receive(session);
     }
 
+    void order(const std::string& text) { EXPECT_EQ(getPlain("/sim/" + text).status, 200) << text; }
+
     /// A signed call.
     Answer call(const std::string& method, Parameters parameters = {}, const Headers& headers = {}) {
         static int nonce = 0;
@@ -144,17 +146,17 @@ TEST(OAuthSignature, IsThatOfTheStandard) {
 TEST_F(SimToday, AcceptsAndRefusesTheSignaturesOfAnotherImplementation) {
     serve();
     const Credentials& known = sim_->credentials();
-    const std::string command = std::string("/usr/bin/python3 ") + SIM_TODAY_OAUTH + ' ' + sim_->serviceUrl() + ' ' +
-                                authority_.path() + ' ' + known.apiKey + ' ' + known.apiSecret + ' ' +
-                                known.token + ' ' + known.tokenSecret;
+    const std::string command = std::string("/usr/bin/python3 ") + SIM_TODAY_OAUTH + ' ' +
+                                sim_->serviceUrl() + ' ' + authority_.path() + ' ' + known.apiKey + ' ' +
+                                known.apiSecret + ' ' + known.token + ' ' + known.tokenSecret;
     EXPECT_EQ(std::system(command.c_str()), 0);
     EXPECT_GT(sim_->counts().oauth, 0u);
     // A clock that is off, and tokens that are no longer good.
-    getPlain("/sim/clock?offset=-3600");
+    order("clock?offset=-3600");
     EXPECT_THAT(call("flickr.test.login").body, StartsWith("oauth_problem=timestamp_refused"));
     sim_->today().oauth().setClockOffset(0);
     EXPECT_THAT(call("flickr.test.login").body, HasSubstr("<username>Sim Owner</username>"));
-    getPlain("/sim/expire-tokens");
+    order("expire-tokens");
     EXPECT_THAT(call("flickr.test.login").body, HasSubstr("code=\"98\""));
 }
 
@@ -216,7 +218,7 @@ TEST_F(SimToday, ListsWithTodaysExtrasAndLabels) {
     EXPECT_EQ(unpacked, list);
 
     // A list that changes between two pages.
-    getPlain("/sim/before-page?page=2&order=delete%3Fid%3D" + account_.items("")[0]->id);
+    order("before-page?page=2&order=delete%3Fid%3D" + account_.items("")[0]->id);
     EXPECT_THAT(call("flickr.photos.getNotInSet", {{"page", "1"}}).body, HasSubstr("total=\"600\""));
     EXPECT_THAT(call("flickr.photos.getNotInSet", {{"page", "2"}}).body, HasSubstr("total=\"599\""));
 
@@ -241,16 +243,16 @@ TEST_F(SimToday, LimitsRequests) {
     EXPECT_EQ(refused.status, 429);
     EXPECT_EQ(refused.headers.at("Retry-After"), "3600");
     EXPECT_EQ(get(sim_->mediaUrl(id)).status, 200);
-    getPlain("/sim/limits?media=1&window=50&retry-after=0");
+    order("limits?media=1&window=50&retry-after=0");
     EXPECT_EQ(call("flickr.test.login").status, 200);
     EXPECT_EQ(get(sim_->mediaUrl(id, "Thumbnail")).status, 200);
     EXPECT_THAT(get(sim_->mediaUrl(id)).headers, Not(::testing::Contains(::testing::Key("Retry-After"))));
     EXPECT_EQ(sim_->counts().refused, 2u);
-    getPlain("/sim/limits?list=0&media=0");
-    getPlain("/sim/fault?spec=status%3D429,retry-after%3D7,for%3D1000");
+    order("limits?list=0&media=0");
+    order("fault?spec=status%3D429,retry-after%3D7,for%3D1000");
     EXPECT_EQ(get(sim_->serviceUrl() + "/services/oauth/request_token").headers.at("Retry-After"), "7");
     sim_->faults().clear();
-    getPlain("/sim/fault?spec=status%3D429,for%3D0");
+    order("fault?spec=status%3D429,for%3D0");
     EXPECT_EQ(call("flickr.test.login").status, 200);
 }
 
