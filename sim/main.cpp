@@ -43,7 +43,8 @@ Faults are lists of key=value:
          length=TEXT, framing=chunked|close, redirect=URL|self, malformed=1, headers=BYTES, retry-after=SECONDS, ignore-range=1
 
 With --today the service is the one of today: HTTPS with an authority of its own, OAuth 1.0a. The line behind
-the data URL is then the address of the service; the data URL's port takes orders only. Further orders:
+the data URL (and the third one of the ready file) is then the address of the service; the data URL's port
+takes orders only. Further orders:
   /sim/sign-in?oauth_token=T[&answer=deny]   /sim/expire-tokens   /sim/clock?offset=SECONDS
   /sim/limits?[list=N][&media=N][&window=SECONDS][&retry-after=0]
 

@@ -65,7 +65,9 @@ protected:
         return receive(session);
     }
 
-    void order(const std::string& text) { EXPECT_EQ(getPlain("/sim/" + text).status, 200) << text; }
+    void order(const std::string& text) {
+        EXPECT_EQ(getPlain("/sim/" + text + "&word=" + sim_->orderWord()).status, 200) << text;
+    }
 
     /// A signed call.
     Answer call(const std::string& method, Parameters parameters = {}, const Headers& headers = {}) {
@@ -156,7 +158,7 @@ TEST_F(SimToday, AcceptsAndRefusesTheSignaturesOfAnotherImplementation) {
     EXPECT_THAT(call("flickr.test.login").body, StartsWith("oauth_problem=timestamp_refused"));
     sim_->today().oauth().setClockOffset(0);
     EXPECT_THAT(call("flickr.test.login").body, HasSubstr("<username>Sim Owner</username>"));
-    order("expire-tokens");
+    order("expire-tokens?");
     EXPECT_THAT(call("flickr.test.login").body, HasSubstr("code=\"98\""));
 }
 
