@@ -8,6 +8,7 @@
 #include <Poco/Timestamp.h>
 
 #include "core/PhotoInformationSaxHandler.h"
+#include "core/RunLines.h"
 #include "core/RunSupport.h"
 #include "hostapi/ExceptionHandlerMac.h"
 
@@ -129,7 +130,8 @@ void PhotoListSaxHandler::finishPhoto() {
     photo_.setPhotoTitle(photo_.getPhotoTitle() + suffixOf(photo_.getMediaType()));
     if (photo_.getImagePath().empty()) {
         ++leftOut_;
-        if (asked) logFailure("No rendition to download for item - " + photo_.getPhotoTitle());
+        const bool stopped = Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->isManuallyStopped();
+        if (asked || !stopped) logFailure(kItemLeftOut.with(photo_.getPhotoID(), photo_.getPhotoTitle()));
         return;
     }
 

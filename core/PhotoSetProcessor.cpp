@@ -10,6 +10,7 @@
 #include "core/DownloadPhotoListActivity.h"
 #include "core/DownloadPhotoSetListActivity.h"
 #include "core/MediaDownloadActivity.h"
+#include "core/RunLines.h"
 #include "core/RunSupport.h"
 #include "hostapi/HostServiceUsageParams.h"
 #include "hostapi/ItemDataManager.h"
@@ -197,6 +198,7 @@ int PhotoSetProcessor::isPhotoSetRenamed(PhotoSet& set, std::string storedName) 
 
 void PhotoSetProcessor::ProcessPhoto(PhotoSet& set, Photo& photo, bool updateExisting, bool titleChanged,
                                      bool titleResolved, bool& factoryRegistered) {
+    logInfo(kItemBegins.with(photo.getPhotoID(), photo.getPhotoTitle()));
     try {
         MediaDownloadActivity activity;
         if (!factoryRegistered) {

@@ -2,6 +2,7 @@
 
 #include <Poco/SAX/Attributes.h>
 
+#include "core/RunLines.h"
 #include "core/RunSupport.h"
 #include "hostapi/CSConfigException.h"
 #include "hostapi/ExceptionHandlerMac.h"
@@ -11,6 +12,11 @@ namespace Norvale_Plugin_Flickr {
 
 void PhotosetSaxHandler::startElement(const Poco::XML::XMLString&, const Poco::XML::XMLString& localName,
                                       const Poco::XML::XMLString&, const Poco::XML::Attributes& attributes) {
+    // The refusal itself has stopped the run by then.
+    if (localName == "err" && !inPhotoSet_) {
+        logFailure(
+            kServiceRefuses.with(attributes.getValue("", "code") + ":", attributes.getValue("", "msg")));
+    }
     if (stoppedAt("Backup Stopped in PhotosetSaxHandler::startElement()")) return;
 
     if (localName == "rsp" && !inPhotoSet_) {

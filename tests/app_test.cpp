@@ -305,7 +305,11 @@ TEST(SummaryTest, CallsARunCompleteOnlyWhenNothingFailed) {
     EXPECT_THAT(summaryText(report), testing::StartsWith("Backup complete after"));
 
     RunReport item = report, list = report, status = report, stopped = report;
-    item.done.failures = {{"a\nb.jpg", "Trip", "The service answered 503"}, {"", "Anonymous", "No list"}};
+    item.done.failures = {{"a\nb.jpg", "Trip", "The service answered 503", "5_72"},
+                          {"c.jpg", "Trip", "It answered 503", "6_72", true},
+                          {"", "Anonymous", "No list", ""}};
+    item.done.untriedItems = 11;
+    item.done.untriedSets = 1;
     list.done.errors = {"The database is locked"};
     status.outcome = {511, "511", "Error text", false};
     stopped.outcome = {1, "501", "", true};
@@ -314,9 +318,14 @@ TEST(SummaryTest, CallsARunCompleteOnlyWhenNothingFailed) {
         int exit;
         const char *text, *result, *member, *json;
     } kCases[] = {
-        {item, 1, "\"a?b.jpg\" in \"Trip\": The service answered 503\n", "failed", "failures",
-         R"([{"name":"a\nb.jpg","reason":"The service answered 503","set":"Trip"},)"
-         R"({"name":"","reason":"No list","set":"Anonymous"}])"},
+        {item, 1, "Not backed up (2):\n  \"a?b.jpg\" (5_72) in \"Trip\": The service answered 503\n",
+         "failed", "failures",
+         R"([{"id":"5_72","name":"a\nb.jpg","onDevice":false,"reason":"The service answered 503","set":"Trip"},)"
+         R"({"id":"6_72","name":"c.jpg","onDevice":true,"reason":"It answered 503","set":"Trip"},)"
+         R"({"id":"","name":"","onDevice":false,"reason":"No list","set":"Anonymous"}])"},
+        {item, 1, "perhaps not as it is now (1):\n  \"c.jpg\" (6_72) in \"Trip\": It answered 503\n",
+         "failed", "kept", "1"},
+        {item, 1, "  not tried  11 items, and all of 1 further set\n", "failed", "untried", "11"},
         {item, 1, "  items in no set: No list\n", "failed", "new", "3"},
         {list, 1, "Errors:\n  The database is locked\n", "failed", "errors", R"(["The database is locked"])"},
         {status, 1, "Errors:\n  Error text\n", "failed", "errors", R"(["Error text"])"},

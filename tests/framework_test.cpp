@@ -745,6 +745,9 @@ TEST_F(FrameworkTest, TellsWhatBecameOfEachItem) {
     const auto log = [](const std::string& line) {
         DevLogger::writeLog(line, LogLevelInformation, __FILE__, __LINE__);
     };
+    const auto begin = [&](const std::string& id, const std::string& title) {
+        log("Item to transfer - " + id + "_72 " + title);
+    };
     const auto end = [&](const std::string& name) {
         log("Closed socket connection for activity to download photo -" + name);
     };
@@ -757,36 +760,46 @@ TEST_F(FrameworkTest, TellsWhatBecameOfEachItem) {
     log("Processing Photo Set: Trip");
     log("Getting Photo List Attempt - 1");
     log("*********************** Photo Started**************************");
-    Utils().NormalizeString("left out at first");
     handler.handleException(network, "Exception occurred in getPhotoInformation() : reset", 2);
+    log("No rendition to download for item - 80_72 left out at first");
     handler.handleException(network, "Exception occurred in DownloadPhotoListActivity::getPhotoList(): reset",
                             1);
     log("Getting Photo List Attempt - 2");
+    for (const char* id : {"81_72", "82_72", "82_72"}) {
+        log("*********************** Photo Started**************************");
+        handler.handleException(network, "Exception occurred in getPhotoInformation() : reset", 2);
+        log("No rendition to download for item - " + std::string(id) + " left out");
+    }
     log("*********************** Photo Started**************************");
-    Utils().NormalizeString("left out");
-    handler.handleException(network, "Exception occurred in getPhotoInformation() : reset", 2);
-    log("Available new/updated media to process: 4");
+    log("No rendition to download for item - 83_72 nothing");
+    log("Available new/updated media to process: 9");
     log("Photo - is edited, Downloading again. already backed up no change, continuing to next photo");
 
     HostServiceClientMac client;
+    begin("1", "good.jpg");
     store(client, "good.jpg", "x", "1");
     store(client, "Thumbnail/good_1.jpg", "x");
     log("good.jpg successfully downloaded.");
     end("good.jpg");
     log("Photo - edited.jpg is edited, Downloading again.");
+    begin("2", "edited.jpg");
     store(client, "edited.jpg", "x", "2");
     log("edited.jpg successfully downloaded.");
     end("edited.jpg");
+    begin("3", "short.jpg");
     store(client, "short.jpg", "x", "3");
     log("Response Status - 302 Redirecting to - http://x/?auth_token=t");
     log("another.jpg successfully downloaded.");  // a title cannot pass for the line
     log("Data written is not the same as content length ");
     end("short.jpg");
+    begin("4", "x.jpg");
     store(client, "none/x.jpg", "x", "4");
     end("x.jpg");
     log("Unable to rename photoSet - Trip to Voyage");
-    end("never tried.jpg");
+    begin("6", "Item to transfer - 7_72 evil.jpg");
+    end("evil.jpg");
     params_->setBackupState(true);
+    begin("5", "cut.jpg");
     store(client, "cut.jpg", "x", "5");
     end("cut.jpg");
 
@@ -795,16 +808,21 @@ TEST_F(FrameworkTest, TellsWhatBecameOfEachItem) {
     EXPECT_EQ(1, summary.editedItems);
     EXPECT_EQ(1, summary.unchangedItems);
     EXPECT_EQ(1, summary.interruptedItems);
+    EXPECT_EQ(2, summary.untriedItems) << "of 9";
+    EXPECT_EQ(1, summary.untriedSets) << "of 2";
     std::vector<std::string> failures;
     for (const Failure& failure : summary.failures) {
         EXPECT_EQ("Trip", failure.set);
-        failures.push_back(failure.name + ": " + failure.reason);
+        failures.push_back(failure.id + " " + failure.name + ": " + failure.reason);
     }
     EXPECT_THAT(
         failures,
-        ElementsAre(HasSubstr("left out: "), HasSubstr("short.jpg: The transfer ended early"),
-                    HasSubstr("x.jpg: Cannot open the folder \"none\""), HasSubstr("Trip to Voyage: "),
-                    HasSubstr("never tried.jpg: No attempt was made")));
+        ElementsAre(HasSubstr("81_72 left out: The service's list of its renditions is of no use: Exception"),
+                    HasSubstr("82_72 left out: "), HasSubstr("83_72 nothing: "),
+                    HasSubstr("3_72 short.jpg: The transfer ended early"),
+                    HasSubstr("4_72 x.jpg: Cannot open the folder \"none\""), HasSubstr(" Trip to Voyage: "),
+                    HasSubstr("6_72 Item to transfer - 7_72 evil.jpg: No attempt was made")));
+    EXPECT_THAT(failures[2], HasSubstr("It offers no file"));
 
     journal.begin();
     params_->setBackupState(false);

@@ -104,7 +104,7 @@ public:
     bool stopRequested() override {
         const int signals = stopSignals;
         if (signals != stopsSeen_) {
-            line_.message(stopsSeen_ == 0 ? "Stopping: the item being transferred is discarded."
+            line_.message(stopsSeen_ == 0 ? "Stopping: an item that is being transferred is discarded."
                                           : "Stopping already; please wait.");
             stopsSeen_ = signals;
         }
@@ -205,6 +205,17 @@ void addDamage(BackupDatabase& database, const DeviceLayout& layout,
     }
 }
 
+/// Tells the failures of which an earlier version is on the device.
+void markKept(BackupDatabase& database, const DeviceLayout& layout,
+              Norvale_Plugin_Core::RunSummary& summary) {
+    for (Norvale_Plugin_Core::Failure& failure : summary.failures) {
+        const auto row = failure.id.empty() ? std::nullopt : database.item(failure.id);
+        std::error_code ignored;
+        failure.onDevice =
+            row && std::filesystem::is_regular_file(layout.serviceFolder + "/" + row->mediaPath, ignored);
+    }
+}
+
 /// Adds to the journal of a resumed run what its earlier passes did. What failed in them was tried again, and
 /// what they fetched is unchanged in the last one.
 void addEarlierPasses(long newItems, long editedItems, Norvale_Plugin_Core::RunSummary& summary) {
@@ -258,6 +269,7 @@ int run(const Options& options) {
     addEarlierPasses(newItems, editedItems, report.done);
     try {
         recover();
+        markKept(database, layout, report.done);
         if (!report.outcome.stopped) addDamage(database, layout, report.done);
     } catch (Poco::Exception& exception) {
         report.done.errors.push_back(exception.message());

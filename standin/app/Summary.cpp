@@ -25,7 +25,8 @@ std::vector<std::string> errorsOf(const RunReport& report) {
     if (report.outcome.status == kPluginSuccess || report.outcome.stopped) return errors;
     const std::string& text = report.outcome.errorText;
     if (!text.empty()) {
-        if (std::find(errors.begin(), errors.end(), text) == errors.end()) errors.push_back(text);
+        const auto tells = [&](const std::string& error) { return error.compare(0, text.size(), text) == 0; };
+        if (std::none_of(errors.begin(), errors.end(), tells)) errors.push_back(text);
     } else if (report.outcome.detail == "110") {
         errors.push_back("The user is not signed in with OAuth, or the token is empty");
     } else if (report.outcome.detail == "500") {
@@ -41,7 +42,14 @@ std::string nameOf(const Norvale_Plugin_Core::Failure& failure) {
                                 ? "items in no set"
                                 : "\"" + printable(failure.set) + "\"";
     if (failure.name.empty()) return set;
-    return "\"" + printable(failure.name) + "\" in " + set;
+    const std::string id = failure.id.empty() ? "" : " (" + printable(failure.id) + ")";
+    return "\"" + printable(failure.name) + "\"" + id + " in " + set;
+}
+
+/// How many of the failures left an earlier version on the device.
+long keptItems(const Norvale_Plugin_Core::RunSummary& done) {
+    return std::count_if(done.failures.begin(), done.failures.end(),
+                         [](const auto& failure) { return failure.onDevice; });
 }
 
 }  // namespace
@@ -62,16 +70,31 @@ std::string summaryText(const RunReport& report) {
     text << "  new        " << formatCount(done.newItems, "item") << "\n"
          << "  edited     " << formatCount(done.editedItems, "item") << "\n"
          << "  unchanged  " << formatCount(done.unchangedItems, "item") << "\n";
+    const long kept = keptItems(done), lost = static_cast<long>(done.failures.size()) - kept;
+    if (kept) {
+        text << "  kept       " << formatCount(kept, "item") << " as an earlier run backed "
+             << (kept == 1 ? "it" : "them") << " up\n";
+    }
+    if (done.untriedItems || done.untriedSets) {
+        text << "  not tried  ";
+        if (done.untriedItems) text << formatCount(done.untriedItems, "item");
+        if (done.untriedItems && done.untriedSets) text << ", and ";
+        if (done.untriedSets) text << "all of " << formatCount(done.untriedSets, "further set");
+        text << "\n";
+    }
     if (done.interruptedItems) text << "  cut off    " << formatCount(done.interruptedItems, "item") << "\n";
     text << "  written    " << formatBytes(done.bytes) << "\n"
          << "  files      " << printable(report.serviceFolder) << "\n";
 
-    if (!done.failures.empty()) {
-        text << "Not backed up (" << done.failures.size() << "):\n";
+    const auto listFailures = [&](const char* title, long count, bool onDevice) {
+        if (count > 0) text << title << " (" << count << "):\n";
         for (const auto& failure : done.failures) {
+            if (failure.onDevice != onDevice) continue;
             text << "  " << nameOf(failure) << ": " << printable(failure.reason) << "\n";
         }
-    }
+    };
+    listFailures("Not backed up", lost, false);
+    listFailures("On the device from an earlier run, and perhaps not as it is now", kept, true);
     const auto list = [&](const char* title, const std::vector<std::string>& lines) {
         if (lines.empty()) return;
         text << title << "\n";
@@ -95,9 +118,11 @@ std::string summaryJson(const RunReport& report) {
     Poco::JSON::Array failures;
     for (const auto& failure : done.failures) {
         Poco::JSON::Object entry(Poco::JSON_PRESERVE_KEY_ORDER);
+        entry.set("id", validUtf8(failure.id));
         entry.set("name", validUtf8(failure.name));
         entry.set("set", validUtf8(failure.set));
         entry.set("reason", validUtf8(failure.reason));
+        entry.set("onDevice", failure.onDevice);
         failures.add(entry);
     }
     Poco::JSON::Object object(Poco::JSON_PRESERVE_KEY_ORDER);
@@ -108,6 +133,9 @@ std::string summaryJson(const RunReport& report) {
     object.set("edited", std::int64_t{done.editedItems});
     object.set("unchanged", std::int64_t{done.unchangedItems});
     object.set("interrupted", std::int64_t{done.interruptedItems});
+    object.set("kept", std::int64_t{keptItems(done)});
+    object.set("untried", std::int64_t{done.untriedItems});
+    object.set("untriedSets", std::int64_t{done.untriedSets});
     object.set("bytes", static_cast<std::int64_t>(done.bytes));
     object.set("seconds", report.seconds);
     object.set("failures", failures);

@@ -30,8 +30,11 @@ std::string summaryText(const RunReport& report);
 ///   result          "success", "failed" or "stopped"
 ///   status, detail  as the plug-in and the host give them
 ///   new, edited, unchanged, interrupted   numbers of items
+///   kept            of the failures that left an item as an earlier run backed it up
+///   untried, untriedSets   listed items, and sets not listed to their end, before whose turn the run ended
 ///   bytes, seconds
-///   failures        [{"name", "set", "reason"}]   what was to be backed up and is not
+///   failures        [{"id", "name", "set", "reason", "onDevice"}]   what was to be backed up and is not, or
+///                   not as it is now; id is that of the item's row, empty for a folder or list
 ///   errors, warnings   [text]
 ///   folder, database, log   paths
 std::string summaryJson(const RunReport& report);

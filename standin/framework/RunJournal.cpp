@@ -1,14 +1,21 @@
 #include "standin/framework/RunJournal.h"
 
+#include <Poco/NumberParser.h>
+
 #include <algorithm>
 #include <string_view>
 
+#include "core/RunLines.h"
 #include "hostapi/HostServiceUsageParams.h"
 #include "standin/framework/BackupDatabase.h"
 #include "standin/framework/Names.h"
 #include "standin/framework/RunSettings.h"
 
 namespace Norvale_Plugin_Core {
+
+using Norvale_Plugin_Flickr::kItemBegins;
+using Norvale_Plugin_Flickr::kItemLeftOut;
+using Norvale_Plugin_Flickr::kServiceRefuses;
 
 namespace {
 
@@ -32,16 +39,15 @@ bool isManuallyStopped() {
     return HostServiceUsageParams::getInstance()->isManuallyStopped();
 }
 
-/// The title that passed through Utils::NormalizeString() last on this thread.
-std::string& lastTitle() {
-    thread_local std::string title;
-    return title;
+/// The number in which a line of the core ends.
+long numberOf(const std::string& text) {
+    int number = 0;
+    return Poco::NumberParser::tryParse(text, number) ? number : 0;
 }
 
 constexpr std::string_view kSetLine = "Processing Photo Set: ";
 constexpr std::string_view kListAttempt = "Getting Photo List Attempt - ";
 constexpr std::string_view kListedItem = "*********************** Photo Started";
-constexpr std::string_view kNoRendition = "No rendition to download for item - ";
 constexpr std::string_view kFewerListed = "Fewer items listed than announced: ";
 constexpr std::string_view kListEnd = "Available new/updated media to process: ";
 constexpr std::string_view kSetsListed = "Available new/updated photo sets to process: ";
@@ -49,6 +55,7 @@ constexpr std::string_view kUnchanged = " already backed up no change, continuin
 constexpr std::string_view kEdited = " is edited, Downloading again.";
 constexpr std::string_view kDownloaded = " successfully downloaded.";
 constexpr std::string_view kItemEnd = "Closed socket connection for activity to download photo -";
+constexpr const char* kRefused = "Invalid Auth Token";
 constexpr std::string_view kFolderFailures[] = {"Error occured while creating directory - ",
                                                 "Unable to create thumbnail directory for - ",
                                                 "Unable to rename photoSet - "};
@@ -63,22 +70,24 @@ RunJournal& RunJournal::instance() {
 void RunJournal::begin() {
     const std::lock_guard<std::mutex> lock(mutex_);
     summary_ = RunSummary();
+    setItems_ = 0;
+    triedItems_ = 0;
     setsListed_ = false;
+    sets_ = 0;
+    listedSets_ = 0;
     beginSet("");
 }
 
 RunSummary RunJournal::summary() const {
     const std::lock_guard<std::mutex> lock(mutex_);
     RunSummary summary = summary_;
+    summary.untriedItems += setItems_ - triedItems_;
+    summary.untriedSets = std::max(0L, sets_ - listedSets_);
     summary.bytes = HostServiceUsageParams::getInstance()->getTotalSize();
     if (!setsListed_ && summary.errors.empty() && !isStopped()) {
         summary.errors.emplace_back("The list of photo sets was not fetched");
     }
     return summary;
-}
-
-void RunJournal::noteTitle(const std::string& title) {
-    lastTitle() = title;
 }
 
 void RunJournal::logLine(const std::string& line) {
@@ -88,10 +97,15 @@ void RunJournal::logLine(const std::string& line) {
 }
 
 bool RunJournal::followItem(const std::string& line) {
-    if (startsWith(line, kItemEnd)) {
-        endItem(after(line, kItemEnd));
+    if (const auto item = kItemBegins.read(line)) {
+        beginItem(item->id, item->text);
+    } else if (startsWith(line, kItemEnd)) {
+        endItem();
     } else if (startsWith(line, "Photo - ") || startsWith(line, "Video - ")) {
-        if (endsWith(line, kUnchanged)) ++summary_.unchangedItems;
+        if (endsWith(line, kUnchanged)) {
+            ++summary_.unchangedItems;
+            ++triedItems_;
+        }
         if (endsWith(line, kEdited)) edited_ = true;
     } else if (!file_.empty() && line.size() == file_.size() + kDownloaded.size() &&
                startsWith(line, file_) && endsWith(line, kDownloaded)) {
@@ -119,8 +133,11 @@ bool RunJournal::followFolder(const std::string& line) {
 bool RunJournal::followLists(const std::string& line) {
     if (startsWith(line, kListedItem)) {
         ++listedItems_;
-    } else if (startsWith(line, kNoRendition)) {
-        if (!isStopped()) leaveOutItem(after(line, kNoRendition), "It offers no file to download");
+        lookupFailure_.clear();
+    } else if (const auto item = kItemLeftOut.read(line)) {
+        if (!isStopped()) leaveOutItem(item->id, item->text);
+    } else if (kServiceRefuses.read(line)) {
+        addRefusal(line);
     } else if (startsWith(line, kFewerListed)) {
         summary_.warnings.push_back("The service listed " + after(line, kFewerListed) +
                                     " items that it announced for the photo set \"" + set_ + "\"");
@@ -134,9 +151,10 @@ bool RunJournal::followLists(const std::string& line) {
         }
         listedItems_ = 0;
     } else if (startsWith(line, kListEnd)) {
-        endListing();
+        endListing(numberOf(after(line, kListEnd)));
     } else if (startsWith(line, kSetsListed)) {
         setsListed_ = true;
+        if (!isStopped()) sets_ = numberOf(after(line, kSetsListed));
     } else {
         return false;
     }
@@ -144,19 +162,31 @@ bool RunJournal::followLists(const std::string& line) {
 }
 
 void RunJournal::beginSet(const std::string& title) {
+    summary_.untriedItems += setItems_ - triedItems_;
+    setItems_ = 0;
+    triedItems_ = 0;
     set_ = title;
-    file_.clear();
-    reason_.clear();
-    edited_ = false;
-    downloaded_ = false;
+    beginItem("", "");
     recordFailed_ = false;
     listAttempts_ = 0;
     listedItems_ = 0;
     leftOutFrom_ = summary_.failures.size();
 }
 
-void RunJournal::endListing() {
+void RunJournal::beginItem(const std::string& id, const std::string& title) {
+    itemId_ = id;
+    title_ = title;
+    file_.clear();
+    downloaded_ = false;
+    if (!id.empty()) return;
+    edited_ = false;
+    reason_.clear();
+}
+
+void RunJournal::endListing(long items) {
     if (isStopped()) return;
+    ++listedSets_;
+    setItems_ = items;
     if (listAttempts_ == 0) {
         addFailure("", "The list of its items was not fetched: the number of attempts is 0");
     } else if (listedItems_ == 0 && set_ != kNoSetId && summary_.failures.size() == leftOutFrom_) {
@@ -164,30 +194,28 @@ void RunJournal::endListing() {
     }
 }
 
-void RunJournal::endItem(const std::string& name) {
+void RunJournal::endItem() {
+    ++triedItems_;
     if (downloaded_) {
         ++(edited_ ? summary_.editedItems : summary_.newItems);
     } else if (isManuallyStopped() || (isStopped() && reason_.empty())) {
         ++summary_.interruptedItems;
     } else {
-        addFailure(file_.empty() ? name : file_, takeReason());
+        addFailure(file_.empty() ? title_ : file_, takeReason(), itemId_);
     }
-    file_.clear();
-    reason_.clear();
-    edited_ = false;
-    downloaded_ = false;
+    beginItem("", "");
 }
 
 void RunJournal::exception(const std::string& message, bool lastAttempt) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const std::string text = maskSecrets(message);
     if (startsWith(message, "Exception occurred in getPhotoInformation()")) {
-        if (!isStopped()) leaveOutItem(lastTitle(), text);
+        lookupFailure_ = text;
     } else if (startsWith(message, "Exception occurred in DownloadPhotoListActivity")) {
         if (lastAttempt && !isStopped()) addFailure("", text);
     } else if (startsWith(message, "Exception occurred in ProcessPhoto()")) {
         reason_ = text;
-        endItem(lastTitle());
+        endItem();
     } else if (startsWith(message, "Exception occurred in Media Download Activity")) {
         reason_ = text;
     } else if (lastAttempt) {
@@ -214,18 +242,23 @@ void RunJournal::folderRecordFailed(const std::string& folder, const std::string
     addFailure(folder, "Its description record could not be written: " + explanation);
 }
 
-void RunJournal::leaveOutItem(const std::string& title, const std::string& reason) {
-    const std::string text = "The service's list of its renditions is of no use: " + reason;
+void RunJournal::leaveOutItem(const std::string& id, const std::string& title) {
     // A page can come twice, as the last one of the items in no set does.
-    const auto known = [&](const Failure& failure) {
-        return failure.name == title && failure.reason == text;
-    };
     const auto first = summary_.failures.begin() + static_cast<std::ptrdiff_t>(leftOutFrom_);
-    if (std::none_of(first, summary_.failures.end(), known)) addFailure(title, text);
+    const auto known = [&](const Failure& failure) { return failure.id == id; };
+    if (std::any_of(first, summary_.failures.end(), known)) return;
+    const std::string reason = lookupFailure_.empty() ? "It offers no file to download" : lookupFailure_;
+    addFailure(title, "The service's list of its renditions is of no use: " + reason, id);
 }
 
-void RunJournal::addFailure(std::string name, std::string reason) {
-    summary_.failures.push_back({std::move(name), set_, std::move(reason)});
+void RunJournal::addRefusal(const std::string& line) {
+    for (std::string& error : summary_.errors) {
+        if (error == kRefused) error += ". " + maskSecrets(line);
+    }
+}
+
+void RunJournal::addFailure(std::string name, std::string reason, std::string id) {
+    summary_.failures.push_back({std::move(name), set_, std::move(reason), std::move(id)});
 }
 
 void RunJournal::addError(const std::string& text) {

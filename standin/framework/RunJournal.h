@@ -6,14 +6,17 @@
 //
 //   "Processing Photo Set: S"                                     items belong to S from here on
 //   "Getting Photo List Attempt - N"                              S is being listed
-//   "No rendition to download for item - T"                       the listing left T out
+//   "No rendition to download for item - I T"                     the listing left item I out
 //   "Fewer items listed than announced: N of M"                   for S
 //   "Photo - T already backed up no change, ..." ("Video - ")     T is unchanged
 //   "Photo - T is edited, Downloading again."    ("Video - ")     the next item is an edited one
+//   "Item to transfer - I T"                                      item I, titled T, comes next
 //   "F successfully downloaded."                                  F, the file opened last, is on the device
 //   "Closed socket connection for activity to download photo -F"  the item has ended: without the line
 //                                                                 before, it failed with the last reason
 //                                                                 seen, or was cut off by a stop
+//   "Available new/updated media to process: N"                   S is listed and has N items
+//   "The service answers with error C: W"                         why it refuses the list of sets
 //   "Unable to create thumbnail directory for - S", "Error occured while creating directory - S",
 //   "Unable to rename photoSet - S to T"                          the folder failed
 //
@@ -31,11 +34,13 @@
 
 namespace Norvale_Plugin_Core {
 
-/// Something that was to be backed up and is not.
+/// Something that was to be backed up and is not, or not as it is now.
 struct Failure {
-    std::string name;    ///< the item's file name or title, the folder's name; empty for a set's list
-    std::string set;     ///< title of the photo set; "Anonymous" for items in no set
-    std::string reason;  ///< one sentence or the error's own text
+    std::string name;       ///< the item's file name or title, the folder's name; empty for a set's list
+    std::string set;        ///< title of the photo set; "Anonymous" for items in no set
+    std::string reason;     ///< one sentence or the error's own text
+    std::string id;         ///< the item's PhotoID, as in its row; empty for a folder or list
+    bool onDevice = false;  ///< an earlier version is; the journal itself does not know
 };
 
 struct RunSummary {
@@ -43,6 +48,8 @@ struct RunSummary {
     long editedItems = 0;
     long unchangedItems = 0;
     long interruptedItems = 0;  ///< begun, and cut off by a stop
+    long untriedItems = 0;      ///< listed, and the run ended before their turn came
+    long untriedSets = 0;       ///< the run ended before all of their items were listed
     double bytes = 0;           ///< written to the device
     std::vector<Failure> failures;
     std::vector<std::string>
@@ -67,8 +74,6 @@ public:
     void logLine(const std::string& message);
     /// lastAttempt: nothing more is tried for what failed.
     void exception(const std::string& message, bool lastAttempt);
-    /// The title that this thread read last: the one of the item that an exception belongs to.
-    static void noteTitle(const std::string& title);
     void fileOpened(const std::string& path);
     void fileServiceFailed(const std::string& explanation);
     /// A folder's description record could not be placed.
@@ -81,22 +86,31 @@ private:
     bool followFolder(const std::string& line);
     bool followLists(const std::string& line);
     void beginSet(const std::string& title);
-    void endItem(const std::string& name);
-    void endListing();
-    void leaveOutItem(const std::string& title, const std::string& reason);
-    void addFailure(std::string name, std::string reason);
+    void beginItem(const std::string& id, const std::string& title);
+    void endItem();
+    void endListing(long items);
+    void leaveOutItem(const std::string& id, const std::string& title);
+    void addRefusal(const std::string& line);
+    void addFailure(std::string name, std::string reason, std::string id = "");
     void addError(const std::string& text);
     std::string takeReason();
 
     mutable std::mutex mutex_;
     RunSummary summary_;
     std::string set_;
-    std::string file_;    // name of the file opened first for the current item
-    std::string reason_;  // the last one seen since the previous item ended
+    std::string itemId_;  // of the current item
+    std::string title_;
+    std::string file_;           // name of the file opened first for the current item
+    std::string reason_;         // the last one seen since the previous item ended
+    std::string lookupFailure_;  // of the item that is being listed
     bool edited_ = false;
     bool downloaded_ = false;
     bool recordFailed_ = false;  // of the current set's folder
     bool setsListed_ = false;
+    long sets_ = 0;
+    long listedSets_ = 0;          // to their end
+    long setItems_ = 0;            // of the current set
+    long triedItems_ = 0;          // of these
     int listAttempts_ = 0;         // for the current set
     long listedItems_ = 0;         // by the current attempt
     std::size_t leftOutFrom_ = 0;  // the first failure that the current attempt may have added

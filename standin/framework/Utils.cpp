@@ -3,14 +3,11 @@
 #include <string_view>
 
 #include "standin/framework/Names.h"
-#include "standin/framework/RunJournal.h"
 
 namespace Norvale_Plugin_Core {
 
 std::string Utils::NormalizeString(std::string text) {
-    std::string name = safeName(text);
-    RunJournal::noteTitle(name);
-    return name;
+    return safeName(text);
 }
 
 std::string Utils::trimString(std::string text) {
