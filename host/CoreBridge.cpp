@@ -18,8 +18,7 @@ static_assert(FlickrTextCapacity == flickr::kTextCapacity, "the core writes as m
 struct {
     std::mutex mutex;
     void* handle = nullptr;
-    FlickrCoreNumber number = 0;  // of the core made last
-    int backups = 0;              // that work with the core now
+    int backups = 0;  // between their first step and their last
 } core;
 
 // The entry functions take writable texts and only read them.
@@ -32,48 +31,47 @@ int fail(int status, const char* reason, char* error) {
     return status;
 }
 
-/// Counts a backup for as long as it lives, so that its core stays.
-class BackupInProgress {
-public:
-    BackupInProgress() {
-        std::lock_guard<std::mutex> lock(core.mutex);
-        handle_ = core.handle;
-        ++core.backups;
-    }
-    ~BackupInProgress() {
-        std::lock_guard<std::mutex> lock(core.mutex);
-        --core.backups;
-    }
-    BackupInProgress(const BackupInProgress&) = delete;
-    BackupInProgress& operator=(const BackupInProgress&) = delete;
-    void* handle() const { return handle_; }
-
-private:
-    void* handle_;
-};
-
-}  // namespace
-
-FlickrCoreNumber FlickrCoreCreate(const char* logDirectory, const char* configDirectory, char* error) {
-    std::lock_guard<std::mutex> lock(core.mutex);
-    if (core.handle == nullptr) {
-        core.handle = flickr::createObject(text(logDirectory), text(configDirectory), error);
-        ++core.number;
-    }
-    return core.number;
-}
-
-FlickrCoreNumber FlickrCoreCurrent(void) {
-    std::lock_guard<std::mutex> lock(core.mutex);
-    return core.handle != nullptr ? core.number : 0;
-}
-
-void FlickrCoreDestroy(FlickrCoreNumber number, char* error) {
-    std::lock_guard<std::mutex> lock(core.mutex);
-    if (core.handle == nullptr || core.number != number || core.backups > 0) return;
+// With the lock held.
+void destroyUnlessInUse(char* error) {
+    if (core.handle == nullptr || core.backups > 0) return;
     void* handle = core.handle;
     core.handle = nullptr;
     flickr::deleteObject(handle, error);
+}
+
+}  // namespace
+
+int FlickrCoreCreate(const char* logDirectory, const char* configDirectory, char* error) {
+    std::lock_guard<std::mutex> lock(core.mutex);
+    if (core.handle != nullptr) return 0;
+    core.handle = flickr::createObject(text(logDirectory), text(configDirectory), error);
+    return 1;
+}
+
+int FlickrCoreExists(void) {
+    std::lock_guard<std::mutex> lock(core.mutex);
+    return core.handle != nullptr;
+}
+
+void FlickrCoreEnter(void) {
+    std::lock_guard<std::mutex> lock(core.mutex);
+    ++core.backups;
+}
+
+void FlickrCoreLeave(char* error) {
+    std::lock_guard<std::mutex> lock(core.mutex);
+    --core.backups;
+    destroyUnlessInUse(error);
+}
+
+int FlickrCoreIsBusy(void) {
+    std::lock_guard<std::mutex> lock(core.mutex);
+    return core.handle != nullptr || core.backups > 0;
+}
+
+void FlickrCoreDiscard(char* error) {
+    std::lock_guard<std::mutex> lock(core.mutex);
+    destroyUnlessInUse(error);
 }
 
 int FlickrCoreGetText(FlickrCoreText which, char* out, char* error) {
@@ -110,11 +108,14 @@ int FlickrCoreStop(char* error) {
 
 int FlickrCoreBackup(const FlickrBackupArguments* arguments) {
     const FlickrBackupArguments& a = *arguments;
+    void* handle;
+    {
+        std::lock_guard<std::mutex> lock(core.mutex);
+        handle = core.handle;
+    }
+    if (handle == nullptr) return fail(kFailed, "The plug-in has not been initialised.", a.error);
     // The core is not locked meanwhile: stop requests come from other threads.
-    const BackupInProgress backup;
-    if (backup.handle() == nullptr) return fail(kFailed, "The plug-in has not been initialised.", a.error);
-    return flickr::backup(backup.handle(), text(a.connection), text(a.authToken), text(a.backupFrom),
-                          text(a.apiKey), text(a.apiSecret), text(a.dataTypes), a.videoList,
-                          text(a.serviceFolder), text(a.cek), text(a.mountPoint), a.isPrimaryMode != 0,
-                          text(a.culture), a.error);
+    return flickr::backup(handle, text(a.connection), text(a.authToken), text(a.backupFrom), text(a.apiKey),
+                          text(a.apiSecret), text(a.dataTypes), a.videoList, text(a.serviceFolder),
+                          text(a.cek), text(a.mountPoint), a.isPrimaryMode != 0, text(a.culture), a.error);
 }

@@ -18,19 +18,25 @@ extern "C" {
 /// Room in bytes in the video list of FlickrCoreBackup(), and in every other buffer.
 enum { FlickrVideoListCapacity = 1000, FlickrTextCapacity = 2048 };
 
-/// Names a core for as long as the process lives; a later core has another number. 0: no core.
-typedef unsigned long FlickrCoreNumber;
+/// Makes the core from the directories of its log and its configuration. Returns 1; 0 when there is one
+/// already, which stays. error is not written.
+int FlickrCoreCreate(const char* logDirectory, const char* configDirectory, char* error);
 
-/// Makes the core from the directories of its log and its configuration. When there is one already that one
-/// stays. Returns the core's number. error is not written.
-FlickrCoreNumber FlickrCoreCreate(const char* logDirectory, const char* configDirectory, char* error);
+/// Whether there is a core.
+int FlickrCoreExists(void);
 
-/// The core's number, or 0 when there is none.
-FlickrCoreNumber FlickrCoreCurrent(void);
+/// A backup begins: the core that is there, or is made, stays until FlickrCoreLeave(). A backup that was
+/// paused begins again inside the first one, and the next one can begin before the last has left.
+void FlickrCoreEnter(void);
 
-/// Destroys and forgets that core. Does nothing when it is gone already, also when another has taken its
-/// place, and while a backup on another thread still works with it, which destroys it at its own end.
-void FlickrCoreDestroy(FlickrCoreNumber number, char* error);
+/// That backup has ended; the last one to leave destroys the core and forgets it.
+void FlickrCoreLeave(char* error);
+
+/// Whether there is a core, or a backup that is about to make one.
+int FlickrCoreIsBusy(void);
+
+/// Destroys and forgets the core unless a backup works with it, which does so at its own end.
+void FlickrCoreDiscard(char* error);
 
 /// What a core can say about the plug-in.
 typedef enum {
@@ -73,7 +79,7 @@ typedef struct {
 } FlickrBackupArguments;
 
 /// Performs one run on the calling thread and returns its status; 1 is success. Without a core the status is
-/// 511.
+/// 511. To be called between FlickrCoreEnter() and FlickrCoreLeave().
 int FlickrCoreBackup(const FlickrBackupArguments* arguments);
 
 #ifdef __cplusplus

@@ -44,13 +44,15 @@
     ExceptionManager* m_pExceptionManager;
 
     NSTimer* m_pUpdateTimer;
+    NSMutableArray* m_pEndingTimers;     // stopped, and not invalid yet
     NSCondition* m_pBandwidthCondition;  // only while a run waits for bandwidth
     BOOL m_bIsStopBackup;                // the current run is to wind down
     BOOL m_bIsPauseForBandwidth;         // a run waits for bandwidth
     BOOL m_bIsResumeBackup;              // a run that waits, or is about to, is to begin again
     BOOL m_bIsWaitReleased;              // the wait has been ended, maybe before it began
     BOOL m_bIsStopRequested;             // by stopBackup: no release brings the backup back
-    BOOL m_bIsBeginningAgain;            // from the end of a wait to the begin that it leads to
+    BOOL m_bIsBeginningAgain;            // from the end of a wait to the begin that it leads to: a stop or
+                                         // pause of that moment counts
 }
 
 // Filled by initialize.
@@ -81,6 +83,7 @@
 /// interval says.
 - (void)startUpdater:(NSTimeInterval)interval device:(NVDeviceSettings*)device;
 - (void)stopUpdater;
+/// One report, for the device that is the timer's user info. Also for a timer of the host's own.
 - (void)timerUpdater:(NSTimer*)timer;
 
 @end

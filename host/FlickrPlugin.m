@@ -62,14 +62,15 @@ static NSDate* defaultBackupFrom(void) {
     return [calendar dateFromComponents:day];
 }
 
-/// The day of a service's backupFrom as month/day/year.
+/// The day of a service's backupFrom as month/day/year; the first day of all when it is none.
 static NSString* backupFromText(id backupFrom) {
-    NSDate* date = backupFrom;
+    NSDate* date = [backupFrom isKindOfClass:[NSDate class]] ? backupFrom : nil;
     if ([NSStringFromClass([backupFrom class]) isEqualToString:@"NSCFString"]) {
         NSDateFormatter* formatter = [[[NSDateFormatter alloc] init] autorelease];
         [formatter setDateFormat:@"yyyy-MM-dd hh:mm:ss Z"];
         date = [formatter dateFromString:backupFrom];
     }
+    if (date == nil) date = defaultBackupFrom();
     NSCalendar* calendar =
         [[[NSCalendar alloc] initWithCalendarIdentifier:NSCalendarIdentifierGregorian] autorelease];
     NSDateComponents* day = [calendar components:NSCalendarUnitMonth | NSCalendarUnitDay | NSCalendarUnitYear
@@ -78,7 +79,7 @@ static NSString* backupFromText(id backupFrom) {
 }
 
 @interface FlickrPlugin (Private)
-- (void)runBackup:(BackupParameters*)parameters core:(FlickrCoreNumber*)core error:(char*)error;
+- (void)runBackup:(BackupParameters*)parameters timer:(NSTimer**)timer error:(char*)error;
 - (int)callCore:(BackupParameters*)parameters
             token:(NSString*)token
            apiKey:(NSString*)apiKey
@@ -93,7 +94,9 @@ static NSString* backupFromText(id backupFrom) {
 - (void)sendEvent:(BackupEventArgs*)event;
 - (void)logException:(NSException*)exception message:(NSString*)message;
 - (NSString*)decipher:(NSString*)configured;
+- (void)stopUpdater:(NSTimer*)timer;
 - (void)addToMainRunLoop:(NSTimer*)timer;
+- (void)endTimer:(NSTimer*)timer;
 @end
 
 @implementation FlickrPlugin
@@ -116,12 +119,16 @@ static NSString* backupFromText(id backupFrom) {
 
 - (id)init {
     self = [super init];
-    if (self != nil) m_pExceptionManager = [[ExceptionManager alloc] init];
+    if (self != nil) {
+        m_pExceptionManager = [[ExceptionManager alloc] init];
+        m_pEndingTimers = [[NSMutableArray alloc] init];
+    }
     return self;
 }
 
 - (void)dealloc {
-    [self stopUpdater];
+    [m_pUpdateTimer release];  // invalid: a timer keeps its target
+    [m_pEndingTimers release];
     [m_pPluginName release];
     [m_pVersion release];
     [m_pServiceID release];
@@ -159,17 +166,29 @@ static NSString* backupFromText(id backupFrom) {
 
     NSString* directory = [[[NSBundle mainBundle] resourcePath] stringByAppendingString:@"/Plugins/"];
     char error[FlickrTextCapacity] = "";
-    FlickrCoreCreate(utf8(directory), utf8(directory), error);
+    const BOOL isNew = FlickrCoreCreate(utf8(directory), utf8(directory), error) != 0;
+    @try {
+        NSMutableDictionary* identity = [NSMutableDictionary dictionary];
+        for (size_t i = 0; i < sizeof kIdentity / sizeof *kIdentity; ++i) {
+            char text[FlickrTextCapacity] = "";
+            FlickrCoreGetText(kIdentity[i].text, text, error);
+            [identity setValue:textOf(text) forKey:kIdentity[i].property];
+        }
+        id key = [[NVSecurity sharedInstance] generateKey:nil salt:kSalt encryptionSize:kKeySize];
+        for (NSString *property in [NSArray arrayWithObjects:@"apiKey", @"apiSecret", nil]) {
+            [identity setValue:[self decipher:[identity valueForKey:property]] forKey:property];
+        }
 
-    for (size_t i = 0; i < sizeof kIdentity / sizeof *kIdentity; ++i) {
-        char text[FlickrTextCapacity] = "";
-        FlickrCoreGetText(kIdentity[i].text, text, error);
-        [self setValue:textOf(text) forKey:kIdentity[i].property];
+        // Everything at once: what is enciphered is never seen as a property, and what fails leaves nothing.
+        [self setPKEK:key];
+        for (size_t i = 0; i < sizeof kIdentity / sizeof *kIdentity; ++i) {
+            [self setValue:[identity valueForKey:kIdentity[i].property] forKey:kIdentity[i].property];
+        }
+    } @catch (NSException* exception) {
+        // A backup makes its core by initialising; one that it found here would pass for initialised.
+        if (isNew) FlickrCoreDiscard(error);
+        @throw;
     }
-
-    [self setPKEK:[[NVSecurity sharedInstance] generateKey:nil salt:kSalt encryptionSize:kKeySize]];
-    [self setApiKey:[self decipher:[self apiKey]]];
-    [self setApiSecret:[self decipher:[self apiSecret]]];
 }
 
 /// The plain text of a value that is configured as base64 of enciphered bytes; nil when it cannot be had.
@@ -295,15 +314,20 @@ static NSString* backupFromText(id backupFrom) {
      deviceSettings:(NVDeviceSettings*)deviceSettings
          withAKEKey:(id)key {
     NSAutoreleasePool* pool = [[NSAutoreleasePool alloc] init];
-    @try {
-        @synchronized(self) {
-            // A backup that begins again keeps a stop request that came since its wait ended; one that the
-            // host begins knows none.
-            m_bIsStopRequested = m_bIsStopRequested && m_bIsBeginningAgain;
-            m_bIsBeginningAgain = NO;
+    BOOL isFirst;
+    @synchronized(self) {
+        // A backup that begins again keeps the requests that came since its wait ended; one that the host
+        // begins knows none. From here on a stop is this backup's to answer.
+        isFirst = !m_bIsBeginningAgain;
+        m_bIsBeginningAgain = NO;
+        if (isFirst) {
+            m_bIsStopRequested = NO;
             m_bIsResumeBackup = NO;
             m_bIsWaitReleased = NO;
         }
+        FlickrCoreEnter();
+    }
+    @try {
         [self stopUpdater];
 
         [self setBaseAppSettings:appSettings];
@@ -314,7 +338,7 @@ static NSString* backupFromText(id backupFrom) {
 
         [self monitorBandwidth];
         @synchronized(self) {
-            m_bIsStopBackup = m_bIsStopRequested;
+            if (isFirst) m_bIsStopBackup = m_bIsStopRequested;
         }
 
         BackupParameters* parameters = [[BackupParameters alloc]
@@ -331,42 +355,51 @@ static NSString* backupFromText(id backupFrom) {
     } @catch (NSException* exception) {
         [self logException:exception message:@"BeginBackup error"];
     } @finally {
+        char error[FlickrTextCapacity] = "";
+        FlickrCoreLeave(error);
         [pool release];
     }
 }
 
 - (void)processBackup:(BackupParameters*)parameters {
-    FlickrCoreNumber core = 0;
+    NSTimer* timer = nil;
     char* error = newBuffer(FlickrTextCapacity);
+    FlickrCoreEnter();
     @try {
         NSLog(@"Setting settings..");
         [self setServiceSettings:[parameters serviceSettings]];
         [self setDeviceSettings:[parameters deviceSettings]];
         NSLog(@"Set settings..");
         @try {
-            [self runBackup:parameters core:&core error:error];
+            [self runBackup:parameters timer:&timer error:error];
         } @catch (NSException* exception) {
             [self logException:exception message:@"Error in Backup in ProcessBackup method"];
             [self finishWithDetail:kDetailNothingRan];
         }
     } @finally {
-        // Also the way of C++ exceptions, which go on to the caller. After a backup that began again the core
-        // is gone already, and stays the one to be destroyed here: another may have been made since.
-        [self stopUpdater];
-        FlickrCoreDestroy(core, error);
+        // Also the way of C++ exceptions, which go on to the caller. The timer of a backup that has begun
+        // since is left alone.
+        [self stopUpdater:timer];
+        [timer release];
+        FlickrCoreLeave(error);
         free(error);
     }
 }
 
-/// The run between its set-up and its clean-up. Tells which core it works with.
-- (void)runBackup:(BackupParameters*)parameters core:(FlickrCoreNumber*)core error:(char*)error {
-    if (FlickrCoreCurrent() == 0) [self initialize];
-    *core = FlickrCoreCurrent();
+/// The run between its set-up and its clean-up. Hands over the timer that it has started.
+- (void)runBackup:(BackupParameters*)parameters timer:(NSTimer**)timer error:(char*)error {
+    if (!FlickrCoreExists()) [self initialize];
 
     NVServiceSettings* service = [self serviceSettings];
     NVDeviceSettings* device = [self deviceSettings];
     [self setMountpoint:[device mountPoint]];
+    if ([[self mountpoint] length] == 0) {
+        [NSException raise:NSInvalidArgumentException format:@"The device has no mount point."];
+    }
     [self startUpdater:kRequestedInterval device:device];
+    @synchronized(self) {
+        *timer = [m_pUpdateTimer retain];
+    }
 
     NSString* folderName = [NVLanguage localizedServiceFolderName:[service serviceName]
                                                        forCulture:[device deviceCulture]
@@ -512,23 +545,22 @@ static NSString* backupFromText(id backupFrom) {
 
     // The flag is cleared first and the condition signalled then, under its lock: between the look at the
     // flag and the wait no signal can pass.
+    BOOL waiting = YES;
+    BOOL resume = NO;
     [condition lock];
-    for (;;) {
-        BOOL waiting;
+    while (waiting) {
         @synchronized(self) {
             waiting = m_bIsPauseForBandwidth;
+            if (!waiting) {
+                m_pBandwidthCondition = nil;
+                resume = m_bIsResumeBackup && !m_bIsStopRequested;
+                m_bIsBeginningAgain = resume;
+                if (resume) m_bIsStopBackup = m_bIsResumeBackup = m_bIsWaitReleased = NO;
+            }
         }
-        if (!waiting) break;
-        [condition wait];
+        if (waiting) [condition wait];
     }
     [condition unlock];
-
-    BOOL resume;
-    @synchronized(self) {
-        m_pBandwidthCondition = nil;
-        resume = m_bIsResumeBackup && !m_bIsStopRequested;
-        m_bIsBeginningAgain = resume;
-    }
     [condition release];
 
     if (!resume) {
@@ -570,8 +602,9 @@ static NSString* backupFromText(id backupFrom) {
     @try {
         [self stopMonitorBandwidth];
         // Asked before a waiting run wakes up, which sends its own event and destroys the core.
-        const BOOL isRunning = FlickrCoreCurrent() != 0;
+        BOOL isRunning;
         @synchronized(self) {
+            isRunning = FlickrCoreIsBusy() != 0;
             m_bIsStopBackup = YES;
             m_bIsStopRequested = YES;
             m_bIsWaitReleased = YES;
@@ -598,6 +631,13 @@ static NSString* backupFromText(id backupFrom) {
     // next begin would end that run half way and let it pass for a success.
     @synchronized(self) {
         m_bIsStopBackup = YES;
+        if (!m_bIsStopRequested) {
+            // A release that came earlier was for another pause. Who was released and is not awake yet goes
+            // on waiting.
+            m_bIsResumeBackup = NO;
+            m_bIsWaitReleased = NO;
+            m_bIsPauseForBandwidth = m_pBandwidthCondition != nil;
+        }
         [self stopUpdater];
         FlickrCoreStop(error);
     }
@@ -631,26 +671,40 @@ static NSString* backupFromText(id backupFrom) {
 }
 
 - (void)stopUpdater {
-    NSTimer* timer;
     @synchronized(self) {
-        timer = m_pUpdateTimer;
-        m_pUpdateTimer = nil;
+        [self stopUpdater:m_pUpdateTimer];
     }
-    [timer performSelectorOnMainThread:@selector(invalidate)
-                            withObject:nil
-                         waitUntilDone:[NSThread isMainThread]];
-    [timer release];
+}
+
+/// Stops that timer if it is the one that runs.
+- (void)stopUpdater:(NSTimer*)timer {
+    @synchronized(self) {
+        if (timer == nil || timer != m_pUpdateTimer) return;
+        m_pUpdateTimer = nil;
+        [m_pEndingTimers addObject:timer];
+        [timer release];
+    }
+    [self performSelectorOnMainThread:@selector(endTimer:)
+                           withObject:timer
+                        waitUntilDone:[NSThread isMainThread]];
+}
+
+- (void)endTimer:(NSTimer*)timer {
+    [timer invalidate];
+    @synchronized(self) {
+        [m_pEndingTimers removeObjectIdenticalTo:timer];
+    }
 }
 
 - (void)timerUpdater:(NSTimer*)timer {
     NSAutoreleasePool* pool = [[NSAutoreleasePool alloc] init];
     @try {
-        BOOL isCurrent;
+        BOOL isStopped;
         @synchronized(self) {
-            isCurrent = timer == m_pUpdateTimer;
+            isStopped = [m_pEndingTimers indexOfObjectIdenticalTo:timer] != NSNotFound;
         }
         // A timer that was stopped from another thread may tick once more before it is invalid.
-        if (isCurrent) {
+        if (!isStopped) {
             char error[FlickrTextCapacity] = "";
             double count = 0;
             double size = 0;

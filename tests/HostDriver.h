@@ -18,6 +18,9 @@ typedef struct {
     int (*begins)(void* context);
     /// baseAKEKey, which only the resume of a pause asks for, before it begins again. May be null.
     void (*resumes)(void* context);
+    /// deviceCulture, which a backup asks for between the start of its timer and its core's work. May be
+    /// null.
+    void (*cultureAsked)(void* context);
     /// A backup has wound down for a pause; on its thread. May be null.
     void (*rests)(void* context);
     /// Calls work(argument), and is where C++ exceptions that leave beginBackup… arrive.
@@ -34,18 +37,19 @@ Host* HostNew(const HostCallbacks* callbacks);
 /// Waits for the run's end first. Returns how many plug-in objects are still there.
 int HostFree(Host* host);
 
-/// Settings of the service: "dataTypes" (each followed by ";"), "serviceOAuthToken", "authMechanism",
-/// "serviceAPIKey", "serviceAPISecret", "cEK", and of the device: "mountPoint", "deviceCulture", "mode".
+/// value may be null. Settings of the service: "dataTypes" (each followed by ";"), "serviceOAuthToken",
+/// "authMechanism", "serviceAPIKey", "serviceAPISecret", "cEK", and of the device: "mountPoint",
+/// "deviceCulture", "mode".
 void HostSet(Host* host, const char* key, const char* value);
 void HostSetBackupFrom(Host* host, int year, int month, int day);
-/// As a text object whose class is called NSCFString.
+/// As a text object whose class is called NSCFString; null for no date.
 void HostSetBackupFromText(Host* host, const char* text);
 /// Takes the settings that the plug-in offers.
 void HostTakePluginSettings(Host* host);
 
 /// Sends the plug-in "initialize", "stopBackup", "pauseBackup" or "unholdWaitingCondition"; "resume" and
-/// "end" for the release with YES and NO; "low" and "recovered" to its bandwidth monitor; "process" for
-/// processBackup: without beginBackup. From any thread.
+/// "end" for the release with YES and NO; "low" and "recovered" to its bandwidth monitor; "begin"; "process"
+/// for processBackup: without beginBackup; "tick" of a timer of the host's own. From any thread.
 void HostSend(Host* host, const char* message);
 
 /// Begins a backup on a thread of its own. message: "begin", or "process" as above.
@@ -53,6 +57,10 @@ void HostStart(Host* host, const char* message);
 /// Runs the main run loop until done(context) or, with null, until the run's thread has ended; at most so
 /// many seconds. Returns whether that came.
 int HostRunLoop(Host* host, double seconds, int (*done)(void* context), void* context);
+
+/// Whether a backup waits for bandwidth, and whether one that was started here is going on.
+int HostIsWaiting(Host* host);
+int HostIsRunning(Host* host);
 
 /// A property of the plug-in by its name, or "settings KEY" or "settingsV2 KEY" for the settings that it
 /// offers, as text; arrays as "[a|b]", "nil" for nil. The text is valid until the next call.

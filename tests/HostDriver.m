@@ -42,6 +42,9 @@
 }
 @end
 
+@interface TestDevice : NVDeviceSettings
+@end
+
 @interface TestHost : NSObject <PluginDelegate> {
 @public
     HostCallbacks m_Callbacks;
@@ -93,6 +96,15 @@ static IMP replaceMethod(SEL selector, IMP replacement) {
     class_replaceMethod(class, selector, replacement, method_getTypeEncoding(method));
     return original;
 }
+
+@implementation TestDevice
+
+- (NSString*)deviceCulture {
+    if (host->m_Callbacks.cultureAsked != NULL) host->m_Callbacks.cultureAsked(host->m_Callbacks.context);
+    return [super deviceCulture];
+}
+
+@end
 
 static void perform(void* message) {
     [host send:message];
@@ -161,6 +173,14 @@ static void perform(void* message) {
         [m_pPlugin releaseBackupWaitConditionForResume:[message isEqualToString:@"resume"]];
     } else if ([message isEqualToString:@"low"]) {
         [m_pPlugin bandwidthBecameLow];
+    } else if ([message isEqualToString:@"tick"]) {
+        NSTimer* timer = [NSTimer timerWithTimeInterval:60
+                                                 target:m_pPlugin
+                                               selector:@selector(timerUpdater:)
+                                               userInfo:m_pDevice
+                                                repeats:YES];
+        [timer fire];
+        [timer invalidate];
     } else if ([message isEqualToString:@"recovered"]) {
         [m_pPlugin bandwidthRecovered];
     } else {
@@ -191,7 +211,7 @@ Host* HostNew(const HostCallbacks* callbacks) {
     ++plugins;
     host->m_pPlugin = [[NSClassFromString(@"FlickrPlugin") alloc] init];
     host->m_pService = [[NVServiceSettings alloc] init];
-    host->m_pDevice = [[NVDeviceSettings alloc] init];
+    host->m_pDevice = [[TestDevice alloc] init];
     [host->m_pService setServiceName:@"Flickr"];
     [host->m_pPlugin setDelegate:host];
     [[NSNotificationCenter defaultCenter] addObserver:host
@@ -217,7 +237,7 @@ int HostFree(Host* unused) {
 void HostSet(Host* unused, const char* key, const char* value) {
     NSAutoreleasePool* pool = [[NSAutoreleasePool alloc] init];
     NSString* name = [NSString stringWithUTF8String:key];
-    NSString* text = [NSString stringWithUTF8String:value];
+    NSString* text = value == NULL ? nil : [NSString stringWithUTF8String:value];
     if ([name isEqualToString:@"dataTypes"]) {
         NSMutableArray* types = [[[text componentsSeparatedByString:@";"] mutableCopy] autorelease];
         [types removeLastObject];
@@ -247,8 +267,9 @@ void HostSetBackupFrom(Host* unused, int year, int month, int day) {
 
 void HostSetBackupFromText(Host* unused, const char* text) {
     NSAutoreleasePool* pool = [[NSAutoreleasePool alloc] init];
-    NSString* plain = [NSString stringWithUTF8String:text];
-    [host->m_pService setBackupFrom:[[[NSCFString alloc] initWithText:plain] autorelease]];
+    NSString* plain = text == NULL ? nil : [NSString stringWithUTF8String:text];
+    [host->m_pService
+        setBackupFrom:plain == nil ? nil : [[[NSCFString alloc] initWithText:plain] autorelease]];
     [pool release];
 }
 
@@ -294,6 +315,20 @@ int HostRunLoop(Host* unused, double seconds, int (*done)(void* context), void* 
     }
     [pool release];
     return isDone;
+}
+
+int HostIsWaiting(Host* unused) {
+    NSAutoreleasePool* pool = [[NSAutoreleasePool alloc] init];
+    BOOL isWaiting;
+    @synchronized(host->m_pPlugin) {
+        isWaiting = [[host->m_pPlugin valueForKey:@"m_bIsPauseForBandwidth"] boolValue];
+    }
+    [pool release];
+    return isWaiting;
+}
+
+int HostIsRunning(Host* unused) {
+    return [host isRunning];
 }
 
 static NSString* textOf(id value) {

@@ -46,7 +46,7 @@ protected:
         bytes_ = bytes;
     }
     bool stopRequested() override {
-        if (failing_ && media_ >= 3) throw std::logic_error("of the listener");
+        if (failing_ && !pause_ && media_ >= 3) throw std::logic_error("of the listener");
         return stop_ && (media_ >= 3 || pauses_.size() >= 1);
     }
     bool pauseRequested() override {
@@ -55,7 +55,10 @@ protected:
     }
     void paused(bool isPaused) override {
         pauses_.push_back(isPaused);
-        if (!isPaused) host_.recover();  // as the application does
+        requests_ = host_.sim.counts().rest;
+        if (isPaused) return;
+        if (failing_) throw std::logic_error("of the recovery");
+        host_.recover();  // as the application does
     }
 
     RunOutcome run() { return performRun(request_, *this); }
@@ -66,6 +69,7 @@ protected:
     bool slow_ = false, stop_ = false, pause_ = false, failing_ = false;
     int restingPolls_ = 3;
     std::vector<bool> pauses_;
+    std::uint64_t requests_ = 0;  // of the service, at the last change to or from a pause
     double items_ = 0, bytes_ = 0;
 };
 
@@ -115,6 +119,7 @@ TEST_F(BundleTest, FailedRunsSayWhy) {
     host_.sim.faults().clear();
     EXPECT_EQ(run().status, 1) << "a failed run leaves the next one alone";
 
+    EXPECT_TRUE(std::filesystem::exists(host_.bundle() + "/Resources/Info.plist"));
     const std::string elsewhere = host_.bundle() + ".away";
     std::filesystem::rename(host_.bundle(), elsewhere);
     EXPECT_THROW(
@@ -174,7 +179,12 @@ TEST_F(BundleTest, StopAndPause) {
 TEST_F(BundleTest, AListenerThatThrowsEndsTheRunFirst) {
     slow_ = failing_ = true;
     EXPECT_THROW(run(), std::logic_error);
-    failing_ = false;
+    host_.recover();
+    media_ = 0;
+    pause_ = true;
+    EXPECT_THROW(run(), std::logic_error);
+    EXPECT_EQ(host_.sim.counts().rest, requests_) << "resumed on a device that is not in order";
+    failing_ = pause_ = false;
     host_.recover();
     EXPECT_EQ(run().status, 1);
     EXPECT_EQ(host_.libraryProblem(), "");

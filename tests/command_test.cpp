@@ -229,6 +229,46 @@ TEST_F(CommandTest, NamesWhatFailedForGoodAndSaysSoByItsExitStatus) {
         out_, HasSubstr(R"(["Invalid Auth Token. The service answers with error 98: Invalid auth token"])"));
 }
 
+// Paths and variables are bytes to the system and texts to Foundation.
+TEST_F(CommandTest, ServesOddBytesOrRefusesThem) {
+    account_.addItem(account_.addSet("Trip"), photo("one"));
+    configure();
+    const std::string odd = folder_ + "/\xff", place = device();
+    fs::create_directories(odd);
+    fs::copy(credentials(), odd + "/flickr.ini");
+    ::setenv("ODD", "\xff", 1);
+    ::setenv("GNUSTEP_STRING_ENCODING", "NSISOLatin1StringEncoding", 1);
+    const fs::path before = fs::current_path();
+    fs::current_path(odd);
+    // Without a byte on the device that is not asked for.
+    for (const std::string& path : {place + "/a\\b", place + "/\xe3\x83\x9e \xc3\xbc"}) {
+        fs::create_directory(path);
+        EXPECT_EQ(command({"run", "--device", path, "--credentials", "flickr.ini", "--culture", "ja"}), 0)
+            << err_;
+        EXPECT_EQ(command({"verify", "--device", path}), 0) << out_ << err_;
+        fs::remove_all(path);
+        EXPECT_TRUE(fs::is_empty(place));
+    }
+    for (const std::vector<std::string>& more : std::vector<std::vector<std::string>>{
+             {"--device", odd}, {"--device", place, "--culture", "de-\xff"}, {"--device", place, "\xff"}}) {
+        std::vector<std::string> arguments = {"run", "--credentials", odd + "/flickr.ini"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        EXPECT_EQ(command(arguments), 2) << out_;
+        EXPECT_THAT(err_, testing::MatchesRegex("flickr-backup: [^\n]+\n"));
+    }
+    EXPECT_EQ(std::distance(fs::directory_iterator(odd), {}), 1);
+    EXPECT_TRUE(fs::is_empty(place));
+    fs::current_path(before);
+    ::unsetenv("ODD");
+    ::unsetenv("GNUSTEP_STRING_ENCODING");
+    fs::rename(folder_ + "/flickr-backup.app", odd + "/flickr-backup.app");
+    fs::remove(folder_ + "/bin/flickr-backup");
+    fs::create_symlink(odd + "/flickr-backup.app/flickr-backup", folder_ + "/bin/flickr-backup");
+    EXPECT_EQ(command(runArguments()), 2) << out_;
+    EXPECT_THAT(err_, HasSubstr("not UTF-8"));
+    EXPECT_TRUE(fs::is_empty(place));
+}
+
 TEST_F(CommandTest, StopsOnASignalAndGoesOnNextTime) {
     for (int i = 0; i < 4; ++i) account_.addItem("", photo("picture " + std::to_string(i)));
     configure();
@@ -243,6 +283,7 @@ TEST_F(CommandTest, StopsOnASignalAndGoesOnNextTime) {
 
     ::kill(child, SIGINT);
     ::kill(child, SIGTERM);
+    ::kill(child, SIGHUP);
     EXPECT_EQ(finish(child), 130) << out_ << err_;
     EXPECT_THAT(out_, testing::AllOf(HasSubstr("Backup stopped"), HasSubstr("new        1 item\n")));
     EXPECT_THAT(err_, HasSubstr("Stopping"));
@@ -251,6 +292,32 @@ TEST_F(CommandTest, StopsOnASignalAndGoesOnNextTime) {
     EXPECT_EQ(runJson(0)->getValue<int>("new"), 3);
     EXPECT_EQ(command({"verify", "--device", device()}), 0) << out_;
 }
+
+#if !defined(__SANITIZE_ADDRESS__)  // whose runtime wants to be loaded first
+TEST_F(CommandTest, AStopBehindTheRunCountsToo) {
+    account_.addItem("", photo("one"));
+    configure();
+    ASSERT_EQ(command(runArguments()), 0) << err_;
+    // Held where the records' folder is looked for behind the run: to put it in order, and to compare it.
+    for (const char* at : {"2", "3"}) {
+        const std::pair<const char*, std::string> hold[] = {{"LD_PRELOAD", FAULTFS},
+                                                            {"FAULT_UNDER", device()},
+                                                            {"FAULT_CALLS", "mkdirat"},
+                                                            {"FAULT_AT", at},
+                                                            {"FAULT_HOW", "stop"}};
+        for (const auto& [name, value] : hold) ::setenv(name, value.c_str(), 1);
+        const pid_t child = start(runArguments());
+        for (const auto& setting : hold) ::unsetenv(setting.first);
+        int status = 0;
+        ::waitpid(child, &status, WUNTRACED);
+        ASSERT_TRUE(WIFSTOPPED(status));
+        ::kill(child, SIGINT);
+        ::kill(child, SIGCONT);
+        EXPECT_EQ(finish(child), 130) << at << out_;
+        EXPECT_THAT(err_, Not(HasSubstr("Stopping"))) << "that was the run";
+    }
+}
+#endif
 
 TEST_F(CommandTest, PausesForAFileAndForASignal) {
     for (int i = 0; i < 4; ++i) account_.addItem("", photo("picture " + std::to_string(i)));

@@ -37,6 +37,7 @@ struct FakeCore {
     std::atomic<bool> begun{false};      // there has been one
     std::function<int(Backup&)> script;  // by the run's thread
     std::string dataTypes = "Images;Videos;";
+    std::function<void()> onDataTypes;  // the last text that is asked for
     std::atomic<bool> stopped{false};
 
     void use(void* core) {
@@ -100,6 +101,7 @@ int getApiSecret(void* core, char* out, char*) {
     return answer(core, out, "no base64 and no cipher");
 }
 int getSupportedDataTypes(void* core, char* out, char*) {
+    if (fake.onDataTypes) fake.onDataTypes();
     return answer(core, out, fake.dataTypes);
 }
 
@@ -143,6 +145,7 @@ protected:
         fake.script = [](Backup&) { return 1; };
         fake.made = fake.deleted = 0;
         fake.backups.clear();
+        fake.onDataTypes = nullptr;
         HostCallbacks callbacks = {};
         callbacks.context = this;
         callbacks.finished = [](void* test, int status, const char* detail, int service, int hasSettings) {
@@ -152,6 +155,7 @@ protected:
             if (hasSettings && service != status) event += " but " + std::to_string(service);
             if (!hasSettings) event += " without settings";
             self.events_.push_back(event);
+            if (self.onEvent_) self.onEvent_();
             return self.raising_ == "finish" && self.events_.size() == 1 ? 1 : 0;
         };
         callbacks.ticked = [](void* test, double items, double bytes, int isRight) {
@@ -168,6 +172,10 @@ protected:
         callbacks.resumes = [](void* test) {
             HostTest& self = *static_cast<HostTest*>(test);
             if (self.onResume_) self.onResume_();
+        };
+        callbacks.cultureAsked = [](void* test) {
+            HostTest& self = *static_cast<HostTest*>(test);
+            if (self.onCulture_) self.onCulture_();
         };
         callbacks.guard = [](void* test, void (*work)(void*), void* argument) {
             try {
@@ -234,7 +242,7 @@ protected:
     int begins_ = 0;
     std::string raising_;
     std::function<void(int)> onBegin_;
-    std::function<void()> onResume_;
+    std::function<void()> onResume_, onEvent_, onCulture_;
 };
 
 using testing::ElementsAre;
@@ -298,6 +306,17 @@ TEST_F(HostTest, IdentityAndSettings) {
     run();
 }
 
+TEST_F(HostTest, AnInitializeThatFailsIsDoneAgain) {
+    fake.onDataTypes = [] { HostRaise("in initialize"); };
+    EXPECT_THAT(run(), ElementsAre("2 500"));
+    EXPECT_STREQ(HostGet(host_, "getApiKey"), "nil");
+    std::string meanwhile;
+    fake.onDataTypes = [&] { meanwhile = HostGet(host_, "getApiKey"); };
+    EXPECT_THAT(run(), ElementsAre("1 "));
+    EXPECT_STREQ(HostGet(host_, "getApiKey"), "key 1");
+    EXPECT_EQ(meanwhile, "nil") << "what is enciphered is seen";
+}
+
 TEST_F(HostTest, EachOutcomeHasItsEvent) {
     const struct {
         const char *key, *value;  // a setting that differs
@@ -312,12 +331,14 @@ TEST_F(HostTest, EachOutcomeHasItsEvent) {
         {"dataTypes", "", 1, "", "2 500", "", 0},
         {"authMechanism", "Basic", 1, "", "2 110", "", 0},
         {"serviceOAuthToken", "", 1, "", "2 110", "", 0},
+        {"mountPoint", nullptr, 1, "", "2 500", "", 0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.event);
         set("dataTypes", "Images;Videos;");
         set("authMechanism", "OAuth");
         set("serviceOAuthToken", "token");
+        set("mountPoint", device_.c_str());
         set(c.key, c.value);
         fake.backups.clear();
         fake.script = [&](Backup& backup) {
@@ -332,6 +353,7 @@ TEST_F(HostTest, EachOutcomeHasItsEvent) {
             EXPECT_STREQ(HostLastMessage(), c.message);
         }
     }
+    EXPECT_FALSE(std::filesystem::exists("(null)"));
     EXPECT_EQ(fake.made, static_cast<long>(std::size(cases))) << "each run has a core of its own";
 }
 
@@ -353,6 +375,22 @@ TEST_F(HostTest, TheCoreGetsTheSettings) {
                             testing::AllOf(HasSubstr("/backup.db|token|12/31/2019|k|s|Videos;|"),
                                            HasSubstr("|c|" + device_ + "|other|de|"),
                                            testing::Not(HasSubstr("My Flickr Items")))));
+
+    for (const char* noDate : {static_cast<const char*>(nullptr), "last summer"}) {
+        fake.backups.clear();
+        HostSetBackupFromText(host_, noDate);
+        run();
+        EXPECT_THAT(fake.backups, ElementsAre(HasSubstr("|1/1/2001|")));
+    }
+
+    // A "\\" in a path is no separator.
+    const std::string odd = device_ + "/a\\b";
+    std::filesystem::create_directory(odd);
+    set("mountPoint", odd.c_str());
+    fake.backups.clear();
+    run();
+    EXPECT_THAT(fake.backups, ElementsAre(testing::StartsWith(odd + "/backup.db|")));
+    EXPECT_TRUE(std::filesystem::exists(odd + "/Brightkettle"));
 }
 
 TEST_F(HostTest, StopAtAnyMoment) {
@@ -360,8 +398,13 @@ TEST_F(HostTest, StopAtAnyMoment) {
     EXPECT_THAT(events_, ElementsAre("2 501 without settings")) << "there is no run: at once";
 
     // Before the core is called: nothing of the service or the device is touched.
-    onBegin_ = [this](int) { send("initialize"), send("stopBackup"); };
-    EXPECT_THAT(run(), ElementsAre("2 501"));
+    for (const bool hasCore : {false, true}) {
+        onBegin_ = [=](int) {
+            if (hasCore) send("initialize");
+            send("stopBackup");
+        };
+        EXPECT_THAT(run(), ElementsAre("2 501")) << "one stop, one event";
+    }
     onBegin_ = nullptr;
     send("initialize");
     send("stopBackup");
@@ -410,7 +453,8 @@ TEST_F(HostTest, PauseAndWhatEndsIt) {
         {{"low"}, {"stopBackup"}, "2 501", 1},
         {{"low", "resume"}, {}, "1 ", 2},
         {{"low", "unholdWaitingCondition"}, {}, "1 ", 2},
-        {{"resume", "low"}, {}, "1 ", 2},
+        {{"resume", "low"}, {"resume"}, "1 ", 2},  // a release is for the pause before it
+        {{"low", "resume", "low"}, {"end"}, "2 501", 1},
         {{"low", "end"}, {}, "2 501", 1},
         {{"low", "stopBackup"}, {}, "2 501", 1},
         {{"low", "resume", "stopBackup"}, {}, "2 501", 1},
@@ -434,7 +478,8 @@ TEST_F(HostTest, PauseAndWhatEndsIt) {
             HostStart(host_, "begin");
             if (!c.waiting.empty()) {
                 ASSERT_TRUE(wait([] { return fake.begun.load(); }));
-                HostRunLoop(host_, 0.02, nullptr, nullptr);  // likely to wait by now; early is right as well
+                ASSERT_TRUE(wait([&] { return HostIsWaiting(host_) || !HostIsRunning(host_); }));
+                ASSERT_TRUE(HostIsWaiting(host_)) << "the pause was undone";
                 for (const std::string& message : c.waiting) send(message.c_str());
             }
             ASSERT_TRUE(HostRunLoop(host_, 60, nullptr, nullptr)) << "the run waits for ever";
@@ -463,22 +508,68 @@ TEST_F(HostTest, StopBetweenTheWaitAndTheNextBegin) {
     }
 }
 
-TEST_F(HostTest, ACoreGoesWithItsOwnRunOnly) {
-    const FlickrCoreNumber first = FlickrCoreCreate("", "", nullptr);
-    EXPECT_EQ(FlickrCoreCreate("", "", nullptr), first);
-    FlickrCoreDestroy(first, nullptr);
-    EXPECT_EQ(FlickrCoreCurrent(), 0u);
+TEST_F(HostTest, PauseBetweenTheWaitAndTheNextBegin) {
+    during({"low", "resume"});
+    onBegin_ = [this](int number) {
+        if (number == 2) send("low");
+    };
+    HostStart(host_, "begin");
+    ASSERT_TRUE(wait([this] { return (begins_ == 2 && HostIsWaiting(host_)) || !HostIsRunning(host_); }));
+    EXPECT_TRUE(HostIsWaiting(host_)) << "the pause was lost";
+    send("resume");
+    ASSERT_TRUE(HostRunLoop(host_, 60, nullptr, nullptr));
+    EXPECT_THAT(events_, ElementsAre("1 "));
+    EXPECT_EQ(fake.backups.size(), 2u);
+}
+
+TEST_F(HostTest, ABackupBegunInAnswerToTheEventOfAnother) {
+    // The second one's core and timer are there when the first one cleans up.
+    std::atomic<bool> begun{false}, go{false};
+    std::thread second;
+    fake.script = [&](Backup&) {
+        while (fake.backups.size() == 2 && !go) std::this_thread::yield();
+        return 1;
+    };
+    onEvent_ = [&] {
+        if (second.joinable()) return;
+        onCulture_ = [&] {
+            begun = true;
+            while (HostIsRunning(host_)) std::this_thread::yield();  // the first one
+            onCulture_ = nullptr;
+        };
+        second = std::thread([this] { send("begin"); });
+        while (!begun) std::this_thread::yield();
+    };
+    HostStart(host_, "begin");
+    const auto ended = [this] {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return events_.size() == 2;
+    };
+    EXPECT_TRUE(wait([&] { return ticks_ > 0 || ended(); }));
+    EXPECT_GT(ticks_, 0);
+    go = true;
+    EXPECT_TRUE(wait(ended));
+    second.join();
+    EXPECT_THAT(events_, ElementsAre("1 ", "1 "));
+    HostRunLoop(host_, 0.1, nullptr, nullptr);
+    EXPECT_EQ(fake.made, fake.deleted);
+}
+
+TEST_F(HostTest, ACoreStaysWhileABackupWorksWithIt) {
+    EXPECT_EQ(FlickrCoreCreate("", "", nullptr), 1);
+    EXPECT_EQ(FlickrCoreCreate("", "", nullptr), 0);
+    FlickrCoreDiscard(nullptr);
+    EXPECT_FALSE(FlickrCoreExists());
     char error[FlickrTextCapacity] = "";
     EXPECT_EQ(FlickrCoreGetText(FlickrCoreName, error, error), 511);
     EXPECT_STRNE(error, "");
     EXPECT_EQ(FlickrCoreStop(error), 1);
 
-    const FlickrCoreNumber second = FlickrCoreCreate("", "", nullptr);
-    FlickrCoreDestroy(first, nullptr);
-    EXPECT_EQ(FlickrCoreCurrent(), second);
-    fake.script = [=](Backup&) {  // the end of another run meanwhile
-        FlickrCoreDestroy(second, nullptr);
-        return FlickrCoreCurrent() == second ? 1 : 2;
+    fake.script = [](Backup&) {  // the end of another run meanwhile
+        FlickrCoreEnter();
+        FlickrCoreLeave(nullptr);
+        FlickrCoreDiscard(nullptr);
+        return FlickrCoreExists() ? 1 : 2;
     };
     EXPECT_THAT(run(), ElementsAre("1 "));
 }
@@ -550,6 +641,10 @@ TEST_F(HostTest, TicksOnTheMainThread) {
         ASSERT_TRUE(HostRunLoop(host_, 60, nullptr, nullptr));
     }
     EXPECT_THAT(HostLastMessage(), HasSubstr("Error inside Flickr Backup Updater method"));
+
+    ticks_ = 0;
+    send("tick");
+    EXPECT_EQ(ticks_, 1) << "a timer of the host's own is as good";
 }
 
 // Requests from several threads while runs begin, wait and end: the fake core counts every use of a core that

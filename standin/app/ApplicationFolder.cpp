@@ -2,11 +2,18 @@
 
 #include <filesystem>
 
+#include "standin/app/UsageError.h"
+#include "standin/framework/Names.h"
+
 namespace flickr_app {
 
 std::string pluginsDirectory() {
     static const std::string directory =
         (std::filesystem::read_symlink("/proc/self/exe").parent_path() / "Resources/Plugins/").string();
+    if (directory != Norvale_Plugin_Core::validUtf8(directory)) {
+        throw UsageError("The program's folder " + directory +
+                         " has a name that is not UTF-8; move the program to another one.");
+    }
     return directory;
 }
 

@@ -14,7 +14,8 @@
 
 namespace flickr_app {
 
-/// "…/Resources/Plugins/" of the running program, found through links to it.
+/// "…/Resources/Plugins/" of the running program, found through links to it. Throws UsageError when the path
+/// is not UTF-8, as Foundation needs it.
 std::string pluginsDirectory();
 
 /// The configuration and the log in it.

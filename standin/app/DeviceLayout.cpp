@@ -37,7 +37,8 @@ std::string languageOf(const std::string& culture) {
 
 void checkCulture(const std::string& culture) {
     const std::vector<std::string> known = Norvale_Plugin_Core::knownCultures();
-    if (std::find(known.begin(), known.end(), languageOf(culture)) != known.end()) return;
+    const bool isPlain = Norvale_Plugin_Core::validUtf8(culture) == culture;
+    if (isPlain && std::find(known.begin(), known.end(), languageOf(culture)) != known.end()) return;
     std::string list;
     for (const std::string& name : known) list += (list.empty() ? "" : ", ") + name;
     throw UsageError("The culture \"" + culture + "\" is not known; give one of " + list + ".");

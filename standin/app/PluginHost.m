@@ -238,9 +238,15 @@ static void callPlugin(void* backup) {
     }
 }
 
-/// The backup rests: nothing of it touches the device until it is told to begin again.
+/// The backup rests: nothing of it touches the device until it is told to begin again. A device that could
+/// not be put in order meanwhile asks for a stop.
 - (void)resume {
     m_pRun->paused(m_pRun->context, 0);
+    if (m_pRun->stopRequested(m_pRun->context)) {
+        [m_pPlugin stopBackup];
+        m_bIsStopSent = YES;
+        return;
+    }
     m_bIsPauseShown = NO;
     m_bIsPauseSent = NO;
     @synchronized(self) {

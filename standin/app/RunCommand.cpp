@@ -29,6 +29,7 @@
 #include "standin/framework/Cipher.h"
 #include "standin/framework/DeviceLock.h"
 #include "standin/framework/LibraryCheck.h"
+#include "standin/framework/Names.h"
 #include "standin/framework/Recovery.h"
 #include "standin/framework/RunJournal.h"
 #include "standin/framework/RunSettings.h"
@@ -53,8 +54,8 @@ struct Options {
 volatile std::sig_atomic_t stopSignals = 0;
 volatile std::sig_atomic_t pauseSignal = 0;
 
-/// While this lives SIGINT and SIGTERM are counted, and SIGUSR1 and SIGUSR2 set and clear the wish for a
-/// pause; the run sees to the rest.
+/// While this lives SIGINT, SIGTERM and SIGHUP are counted, and SIGUSR1 and SIGUSR2 set and clear the wish
+/// for a pause; the run sees to the rest.
 class RunSignals {
 public:
     RunSignals() {
@@ -70,7 +71,12 @@ public:
         };
         action.sa_flags = SA_RESTART;
         ::sigemptyset(&action.sa_mask);
-        for (std::size_t i = 0; i < std::size(kSignals); ++i) ::sigaction(kSignals[i], &action, &earlier_[i]);
+        for (std::size_t i = 0; i < std::size(kSignals); ++i) {
+            ::sigaction(kSignals[i], &action, &earlier_[i]);
+            // What nohup has the program ignore stays ignored.
+            if (kSignals[i] == SIGHUP && earlier_[i].sa_handler == SIG_IGN)
+                ::sigaction(SIGHUP, &earlier_[i], nullptr);
+        }
     }
     ~RunSignals() {
         for (std::size_t i = 0; i < std::size(kSignals); ++i) ::sigaction(kSignals[i], &earlier_[i], nullptr);
@@ -79,7 +85,7 @@ public:
     RunSignals& operator=(const RunSignals&) = delete;
 
 private:
-    static constexpr int kSignals[] = {SIGINT, SIGTERM, SIGUSR1, SIGUSR2};
+    static constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGUSR1, SIGUSR2};
     struct sigaction earlier_[std::size(kSignals)] = {};
 };
 
@@ -183,6 +189,13 @@ public:
     HiddenSecrets& operator=(const HiddenSecrets&) = delete;
 };
 
+/// The plug-in gets the path as a text.
+void refuseUnnameable(const DeviceLayout& layout) {
+    if (layout.device == Norvale_Plugin_Core::validUtf8(layout.device)) return;
+    throw UsageError("The device " + layout.device +
+                     " has a path that is not UTF-8; mount it under another name, or rename the folder.");
+}
+
 /// A database that names files where there are none would make a run pass over them.
 void refuseLostFiles(BackupDatabase& database, const DeviceLayout& layout) {
     long recorded = 0;
@@ -230,6 +243,7 @@ int run(const Options& options) {
     request.dataTypes = dataTypesOf(options.media);
     const Credentials credentials = credentialsFor(options);
     const DeviceLayout layout = layoutOf(options.device, options.database, options.culture);
+    refuseUnnameable(layout);
     request.device = layout.device;
     request.databaseName = options.database;
     request.authToken = credentials.token;
@@ -270,10 +284,12 @@ int run(const Options& options) {
     try {
         recover();
         markKept(database, layout, report.done);
-        if (!report.outcome.stopped) addDamage(database, layout, report.done);
+        // A stop that comes only now ends what follows.
+        if (stopSignals == 0) addDamage(database, layout, report.done);
     } catch (Poco::Exception& exception) {
         report.done.errors.push_back(exception.message());
     }
+    if (stopSignals > 0 && exitStatus(report) == ExitSuccess) report.outcome.stopped = true;
     report.seconds = secondsSince(start);
 
     std::cout << (options.json ? summaryJson(report) : summaryText(report)) << std::flush;
@@ -309,9 +325,9 @@ void addRunCommand(CLI::App& program, int& status) {
         ->type_name("FILE");
     command->add_flag("--json", options->json, "Print the summary as one JSON object");
     command->footer(
-        "Progress goes to standard error, the summary to standard output. SIGINT (Ctrl-C) and SIGTERM stop\n"
-        "the run; the next one goes on from there. SIGUSR1 pauses the run, SIGUSR2 resumes it. Exit status:\n"
-        "0 complete, 1 failed or something is not backed up, 2 wrong usage, 130 stopped.\n"
+        "Progress goes to standard error, the summary to standard output. SIGINT (Ctrl-C), SIGTERM and\n"
+        "SIGHUP stop the run; the next one goes on from there. SIGUSR1 pauses the run, SIGUSR2 resumes it.\n"
+        "Exit status: 0 complete, 1 failed or something is not backed up, 2 wrong usage, 130 stopped.\n"
         "\n"
         "Example:\n"
         "  flickr-backup run --device /media/usb --credentials ~/.flickr.ini --from 2015-06-01");

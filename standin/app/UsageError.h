@@ -19,7 +19,7 @@ enum ExitStatus {
     ExitSuccess = 0,
     ExitFailure = 1,  ///< the run failed, or an item of it; a check found something
     ExitUsage = 2,
-    ExitStopped = 130  ///< by SIGINT or SIGTERM
+    ExitStopped = 130  ///< by SIGINT, SIGTERM or SIGHUP
 };
 
 }  // namespace flickr_app

@@ -9,6 +9,7 @@
 
 #include "standin/app/Commands.h"
 #include "standin/app/Format.h"
+#include "standin/app/ProgramArguments.h"
 #include "standin/app/UsageError.h"
 
 namespace {
@@ -22,7 +23,8 @@ int fail(const std::string& sentence, int status) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char**) {
+    flickr_app::setUpFoundation();
     ::signal(SIGPIPE, SIG_IGN);  // of the service or of whoever reads the output
     CLI::App program("Backs up the photos and videos of a Flickr account to a directory.", "flickr-backup");
     program.require_subcommand(1);
@@ -34,7 +36,7 @@ int main(int argc, char** argv) {
     flickr_app::addVerifyCommand(program, status);
     flickr_app::addInfoCommand(program, status);
     try {
-        program.parse(argc, argv);
+        program.parse(argc, flickr_app::programArguments());
         return status;
     } catch (const CLI::Success& help) {  // --help, --version
         return program.exit(help);

@@ -5,6 +5,9 @@
 #import "hostapi/NVServiceSettings.h"
 #import "standin/framework/BandwidthMonitor.h"
 
+// GNUstep's, which none of its headers declares.
+extern const char* GSPathHandling(const char* mode);
+
 NSString* const BackupDidRestNotification = @"BackupDidRest";
 
 @implementation PluginBase
@@ -14,6 +17,11 @@ NSString* const BackupDidRestNotification = @"BackupDidRest";
 @synthesize baseServiceSettings = m_pBaseServiceSettings;
 @synthesize baseDeviceSettings = m_pBaseDeviceSettings;
 @synthesize baseAKEKey = m_pBaseAKEKey;
+
+/// GNUstep takes "\\" in a path for a separator unless it is told that this is no Windows.
++ (void)load {
+    GSPathHandling("unix");
+}
 
 - (void)dealloc {
     [m_pBaseBackupMetaDataConnectionString release];

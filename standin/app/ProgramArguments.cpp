@@ -1,0 +1,47 @@
+#include "standin/app/ProgramArguments.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "standin/framework/Names.h"
+
+namespace flickr_app {
+namespace {
+
+char** given = nullptr;
+
+bool isUtf8(const char* text) {
+    return Norvale_Plugin_Core::validUtf8(text) == text;
+}
+
+/// Runs before the initialisation of any library and so uses no state of one.
+void lookOver(int argc, char** argv, char** environment) {
+    given = static_cast<char**>(std::calloc(static_cast<std::size_t>(argc) + 1, sizeof *given));
+    if (given == nullptr) std::abort();
+    for (int i = 0; i < argc; ++i) {
+        given[i] = ::strdup(argv[i]);
+        if (isUtf8(argv[i])) continue;
+        for (char* byte = argv[i]; *byte != '\0'; ++byte) {
+            if (static_cast<unsigned char>(*byte) >= 0x80) *byte = '?';
+        }
+    }
+    char** kept = environment;
+    for (char** variable = environment; *variable != nullptr; ++variable) {
+        if (isUtf8(*variable)) *kept++ = *variable;
+    }
+    *kept = nullptr;
+}
+
+__attribute__((section(".preinit_array"), used)) void (*const atStart)(int, char**, char**) = lookOver;
+
+}  // namespace
+
+char** programArguments() {
+    return given;
+}
+
+void setUpFoundation() {
+    ::setenv("GNUSTEP_STRING_ENCODING", "NSUTF8StringEncoding", 1);
+}
+
+}  // namespace flickr_app
