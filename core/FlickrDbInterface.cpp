@@ -1,9 +1,11 @@
 #include "core/FlickrDbInterface.h"
 
 #include <Poco/Data/SQLite/Connector.h>
+#include <Poco/Data/SQLite/Utility.h>
 #include <Poco/Data/Session.h>
 #include <Poco/Data/Statement.h>
 #include <Poco/Exception.h>
+#include <sqlite3.h>
 
 #include "core/RunSupport.h"
 
@@ -17,10 +19,27 @@ using Poco::Data::SQLite::Connector;
 
 namespace {
 
-/// A session whose connector is registered for as long as the session lives.
+// For a file that cannot be opened, in seconds: it does not come back soon. The library asks again until
+// then, stop or not.
+constexpr std::size_t kOpenTimeout = 2;
+// For another program's lock, in milliseconds.
+constexpr int kLockTimeout = 10000;
+constexpr int kLockPause = 10;
+
+int waitForLock(void*, int count) {
+    const bool stopped = Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->isBackupStopped();
+    if (stopped || count >= kLockTimeout / kLockPause) return 0;
+    sqlite3_sleep(kLockPause);
+    return 1;
+}
+
+/// A session whose connector is registered for as long as the session lives. It waits for a lock until a
+/// stop.
 class ConnectorSession {
 public:
-    explicit ConnectorSession(const std::string& path) : session_("SQLite", path) {}
+    explicit ConnectorSession(const std::string& path) : session_("SQLite", path, kOpenTimeout) {
+        sqlite3_busy_handler(Poco::Data::SQLite::Utility::dbHandle(session_), waitForLock, nullptr);
+    }
     ~ConnectorSession() {
         try {
             session_.close();

@@ -20,6 +20,7 @@ void printDisagreements(std::ostream& out, const Norvale_Plugin_Core::LibraryRep
     list("Recorded, but missing on the device", report.missing);
     list("Altered since it was backed up", report.altered);
     list("On the device, but not recorded", report.unrecorded);
+    list("Description records that are missing or cannot be read", report.records);
 }
 
 }  // namespace flickr_app

@@ -9,7 +9,7 @@
 
 namespace flickr_app {
 
-/// Lists missing, altered and unrecorded files, or says that there are none.
+/// Lists missing, altered and unrecorded files and unusable records, or says that there are none.
 void printDisagreements(std::ostream& out, const Norvale_Plugin_Core::LibraryReport& report);
 
 }  // namespace flickr_app

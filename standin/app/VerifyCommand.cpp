@@ -47,7 +47,7 @@ int verify(const LibraryOptions& options) {
                   << " could be compared by size only, since no checksum is kept.\n";
     }
     if (!problem.empty()) std::cout << "The database is damaged: " << printable(problem) << "\n";
-    printDisagreements(std::cout, report);
+    if (problem.empty() || !report.agrees()) printDisagreements(std::cout, report);
     std::cout << std::flush;
     return report.agrees() && problem.empty() ? ExitSuccess : ExitFailure;
 }

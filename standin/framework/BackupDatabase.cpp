@@ -2,9 +2,11 @@
 
 #include <Poco/Data/DataException.h>
 #include <Poco/DateTimeFormatter.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <array>
+#include <climits>
+#include <cstdlib>
 #include <map>
 #include <utility>
 
@@ -13,6 +15,7 @@
 #include "standin/framework/Ledger.h"
 #include "standin/framework/Names.h"
 #include "standin/framework/Sqlite.h"
+#include "standin/framework/SqliteGuard.h"
 
 namespace Norvale_Plugin_Core {
 
@@ -75,12 +78,40 @@ constexpr const char* kItemColumns =
     "SELECT ItemId, DerivedContainerName, DerivedItemName, OriginalContainerId, ItemUpdatedOn, ItemType, "
     "ImageExtension FROM backupmetadata ";
 
-SqliteFile::Open modeFor(const std::string& path, BackupDatabase::Missing missing) {
-    if (missing == BackupDatabase::Missing::Create) return SqliteFile::Open::OrCreate;
-    if (path.empty() || ::access(path.c_str(), F_OK) != 0) {
-        throw Poco::NotFoundException("The backup database " + path + " does not exist");
+/// The path with the links of its folder, the device's mount point, followed once; what stands in that folder
+/// may be none.
+std::string realPathOf(const std::string& path) {
+    const std::string folder = folderOf(path);
+    char real[PATH_MAX];
+    if (!::realpath(folder.empty() && path[0] != '/' ? "." : (folder + "/").c_str(), real)) return path;
+    return (std::string(real) == "/" ? "" : real) + ("/" + nameOf(path));
+}
+
+bool holdsSeparator(const std::string& text) {
+    return text.find('/') != std::string::npos || text.find('\0') != std::string::npos;
+}
+
+/// Paths on the device are made of what the rows hold, by statements of the plug-in as well.
+void checkRows(SqliteFile& file, const std::string& path) {
+    const auto rows = file.prepare(
+        "SELECT rowid, ItemType, ItemId, DerivedItemName, DerivedContainerName, OriginalContainerId, "
+        "ImageExtension FROM backupmetadata");
+    while (rows->step()) {
+        const bool isNote = rows->text(1) == "FlickrLatestBackUpDateTime";
+        const std::string id = rows->text(2), name = rows->text(3), folder = rows->text(4);
+        const char* wrong = nullptr;
+        if (id.empty() || holdsSeparator(id)) wrong = "ItemId";
+        if (!isBackupName(name) && !(isNote && name.empty())) wrong = "DerivedItemName";
+        const bool mayLackFolder = isNote || rows->text(5) == kNoSetId;
+        if (!isBackupName(folder) && !(mayLackFolder && folder.empty())) wrong = "DerivedContainerName";
+        if (holdsSeparator(rows->text(6))) wrong = "ImageExtension";
+        if (!wrong) continue;
+        throw Poco::DataFormatException("The database " + path + " is not used: what row " + rows->text(0) +
+                                        " holds as " + wrong +
+                                        " cannot be part of a path. It is damaged or was changed by another "
+                                        "program; put an older copy in its place, or move it away to begin a "
+                                        "new backup");
     }
-    return SqliteFile::Open::Existing;
 }
 
 std::string nameSpaceOf(const std::string& itemType, const std::string& containerId) {
@@ -101,7 +132,7 @@ ItemRow itemOfRow(const Statement& row) {
     return item;
 }
 
-/// The databases that are open in this process.
+/// The databases that are open in this process, by the path that they were opened with.
 struct Registry {
     std::mutex mutex;
     std::map<std::string, BackupDatabase*> open;
@@ -116,7 +147,7 @@ Registry& registry() {
 
 struct BackupDatabase::Impl {
     Impl(const std::string& path, Missing missing)
-        : path(path), file(path, modeFor(path, missing), SqliteFile::Cache::Shared) {
+        : path(path), realPath(realPathOf(path)), file(open(missing)) {
         // Sessions that the plug-in opens join the cache of this connection: they find the schema read.
         sqlite3_enable_shared_cache(1);
     }
@@ -148,15 +179,40 @@ struct BackupDatabase::Impl {
         return use.step() ? use->text(0) : std::string();
     }
 
+    SqliteFile open(Missing missing);
     void create();
-    void checkSchema();
     void refreshNames();
 
-    const std::string path;
+    const std::string path;      // as it was given, and sessions are opened with it
+    const std::string realPath;  // the same without links
     std::mutex mutex;
     SqliteFile file;
     std::unique_ptr<Statements> sql;
+    std::unique_ptr<const AdmittedDatabase> admitted;
 };
+
+/// Nothing is written to what stands there before it is known to be ours.
+SqliteFile BackupDatabase::Impl::open(Missing missing) {
+    const Schema schema = {kSchema, kSchemaVersion};
+    const bool ours = inspectDatabase(realPath, schema, [&](SqliteFile& inspected) {
+        if (missing == Missing::Create) {
+            const std::string problem = inspected.value("PRAGMA quick_check(1)");
+            if (problem != "ok") {
+                throw Poco::DataFormatException("The database " + path + " is damaged (" + problem +
+                                                "): put an older copy in its place, or move it away to begin "
+                                                "a new backup");
+            }
+        }
+        checkRows(inspected, path);
+    });
+    if (missing == Missing::Create) return {realPath, SqliteFile::Open::OrCreate, SqliteFile::Cache::Shared};
+    struct stat status = {};
+    if (::lstat(realPath.c_str(), &status) != 0) {
+        throw Poco::NotFoundException("The backup database " + path + " does not exist");
+    }
+    if (!ours) throw Poco::DataFormatException("The database " + path + " is empty: it holds no backup");
+    return {realPath, SqliteFile::Open::Existing, SqliteFile::Cache::Shared};
+}
 
 void BackupDatabase::Impl::create() {
     Transaction transaction(file);
@@ -166,17 +222,6 @@ void BackupDatabase::Impl::create() {
         file.execute(("PRAGMA user_version = " + std::to_string(kSchemaVersion)).c_str());
     }
     transaction.commit();
-}
-
-void BackupDatabase::Impl::checkSchema() {
-    const bool shaped = file.value(
-                            "SELECT COUNT(*) FROM sqlite_master WHERE name IN ('backupmetadata', "
-                            "'containercounts', 'metadatacountmove')") == "3";
-    if (!shaped || file.value("PRAGMA user_version") != std::to_string(kSchemaVersion)) {
-        throw Poco::DataFormatException("The database " + path +
-                                        " was not made by this program, or by another version of it: choose "
-                                        "another file");
-    }
 }
 
 /// Fills in the keys of rows whose names were changed by statements that do not know them.
@@ -198,12 +243,10 @@ void BackupDatabase::Impl::refreshNames() {
 BackupDatabase::BackupDatabase(std::string path, Missing missing)
     : impl_(std::make_unique<Impl>(path, missing)) {
     impl_->file.execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;");
-    if (missing == Missing::Create && impl_->file.value("SELECT COUNT(*) FROM sqlite_master") == "0") {
-        impl_->create();
-    }
-    impl_->checkSchema();
+    if (impl_->file.value("SELECT COUNT(*) FROM sqlite_master") == "0") impl_->create();
     impl_->sql = std::make_unique<Impl::Statements>(impl_->file.handle());
     if (missing == Missing::Create) {
+        impl_->admitted = std::make_unique<const AdmittedDatabase>(impl_->path, impl_->realPath);
         const std::lock_guard<std::mutex> lock(registry().mutex);
         registry().open[impl_->path] = this;
     }
@@ -223,6 +266,7 @@ void withDatabase(const std::string& path, const std::function<void(BackupDataba
         if (found != registry().open.end()) open = found->second;
     }
     if (open) {
+        open->requireThere();
         work(*open);
     } else {
         BackupDatabase database(path, BackupDatabase::Missing::Refuse);
@@ -234,9 +278,15 @@ void flushOpenDatabases() {
     std::vector<std::string> paths;
     {
         const std::lock_guard<std::mutex> lock(registry().mutex);
-        for (const auto& [path, database] : registry().open) paths.push_back(path);
+        for (const auto& [path, database] : registry().open) paths.push_back(database->impl_->realPath);
     }
     for (const std::string& path : paths) flushWriteAheadLog(path);
+}
+
+void BackupDatabase::requireThere() const {
+    if (impl_->admitted && !impl_->admitted->isThere()) {
+        throw Poco::NotFoundException("The backup database " + impl_->path + " is not there any more");
+    }
 }
 
 const std::string& BackupDatabase::path() const {
@@ -266,7 +316,7 @@ std::vector<FolderRow> BackupDatabase::folders() {
 
 void BackupDatabase::forEachItem(const std::function<void(const ItemRow&)>& visit) {
     // On a connection of its own, whose snapshot lasts for the walk.
-    SqliteFile file(impl_->path, SqliteFile::Open::ExistingReadOnly);
+    SqliteFile file(impl_->realPath, SqliteFile::Open::ExistingReadOnly);
     const auto statement = file.prepare(
         (std::string(kItemColumns) + "WHERE ItemType NOT IN ('FlickrFolder', 'FlickrLatestBackUpDateTime')")
             .c_str());

@@ -64,7 +64,8 @@ struct MetadataEntry {
 
 /// The database, with one connection that stays open for the object's life; sessions that others open on the
 /// same file meanwhile are cheap. While the object lives, DbInterface works over it wherever its connection
-/// string is this path. It holds no lock and no open read between calls.
+/// string is this path, and sessions that others open by that path reach this file; see SqliteGuard.h. It
+/// holds no lock and no open read between calls.
 ///
 /// Every operation may be called from any thread, and throws a Poco::Exception with a sentence that says what
 /// is wrong.
@@ -73,14 +74,20 @@ public:
     enum class Missing { Create, Refuse };
 
     /// Opens the database at path and, when it is missing and may be created, makes file, table and indexes.
-    /// Throws Poco::NotFoundException for a missing file that may not be created, and
-    /// Poco::DataFormatException for a file that is no database or holds a table of another shape.
+    /// The links of the folder in which it lies, the mount point, are followed once. What stands there is
+    /// looked through before anything is written, and left as it is when it is refused. Throws
+    /// Poco::NotFoundException for a missing file that may not be created, Poco::DataFormatException for a
+    /// link, a schema that is not this program's, a row that cannot be one of its own and, where it may be
+    /// created, for a damaged file, and Poco::Data::DataException for a file that is no database.
     explicit BackupDatabase(std::string path, Missing missing = Missing::Create);
     ~BackupDatabase();
     BackupDatabase(const BackupDatabase&) = delete;
     BackupDatabase& operator=(const BackupDatabase&) = delete;
 
     const std::string& path() const;
+
+    /// Throws Poco::NotFoundException, and ends the run, when the file is not the one that was opened.
+    void requireThere() const;
 
     /// All folders by device name; the one of the items in no set is among them once it holds any.
     std::vector<FolderRow> folders();
@@ -113,6 +120,7 @@ public:
     void setDerivedName(const std::string& id, const std::string& name);
 
 private:
+    friend void flushOpenDatabases();
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };

@@ -23,9 +23,9 @@ constexpr const char* kSchema = R"(
         PRIMARY KEY (folder, name)) WITHOUT ROWID;
     CREATE INDEX IF NOT EXISTS filesofitem ON files (item);
     CREATE INDEX IF NOT EXISTS pendingfiles ON files (folder, name) WHERE pending <> 0;
-    DROP TABLE IF EXISTS parts;
     CREATE TABLE IF NOT EXISTS state (inuse INTEGER PRIMARY KEY);
 )";
+constexpr const char* kFormerSchema = "CREATE TABLE parts (path TEXT PRIMARY KEY) WITHOUT ROWID;";
 
 constexpr const char* kFileColumns = "SELECT folder, name, item, size, checksum, was, pending FROM files ";
 
@@ -63,21 +63,41 @@ struct Ledger::Statements {
         eraseFile, settleItem;
 };
 
-Ledger::Ledger(const std::string& path) : path_(path), database_(path, SqliteFile::Open::OrCreate) {
+namespace {
+
+[[noreturn]] void failToUse(const std::string& path, const Poco::Exception& exception) {
+    throw Poco::DataException("The list of backed up files " + path +
+                                  " cannot be used: " + exception.message() +
+                                  ". If it is damaged, delete it: the next run takes in the recorded files "
+                                  "again, without their checksums.",
+                              exception, exception.code());
+}
+
+/// The path, when what stands there may be used.
+const std::string& inspected(const std::string& path) {
+    try {
+        inspectDatabase(path, {kSchema, 0, kFormerSchema}, [](SqliteFile&) {});
+    } catch (Poco::Exception& exception) {
+        failToUse(path, exception);
+    }
+    return path;
+}
+
+}  // namespace
+
+Ledger::Ledger(const std::string& path)
+    : path_(path), database_(inspected(path), SqliteFile::Open::OrCreate) {
     try {
         database_.execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;");
         Transaction transaction(database_);
         database_.execute(kSchema);
+        database_.execute("DROP TABLE IF EXISTS parts");
         transaction.commit();
         sql_ = std::make_unique<Statements>(database_.handle());
         mayLackRows_ = !database_.value("SELECT inuse FROM state").empty() ||
                        database_.value("SELECT 1 FROM files LIMIT 1").empty();
     } catch (Poco::Exception& exception) {
-        throw Poco::DataException(
-            "The list of backed up files " + path + " cannot be used: " + exception.message() +
-                ". If it is damaged, delete it: the next run takes in the recorded files "
-                "again, without their checksums.",
-            exception, exception.code());
+        failToUse(path, exception);
     }
 }
 

@@ -1,5 +1,7 @@
 #include "standin/framework/LibraryCheck.h"
 
+#include <Poco/SAX/SAXException.h>
+#include <Poco/SAX/SAXParser.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -14,6 +16,7 @@
 #include "standin/framework/Checksum.h"
 #include "standin/framework/Device.h"
 #include "standin/framework/ItemFiles.h"
+#include "standin/framework/ItemRecord.h"
 #include "standin/framework/Names.h"
 
 namespace Norvale_Plugin_Core {
@@ -21,6 +24,18 @@ namespace Norvale_Plugin_Core {
 namespace {
 
 constexpr std::size_t kOpenFolders = 64;
+
+/// Whether a viewer can read the record, and finds that id in it.
+bool isRecordOf(const std::string& text, const std::string& id) {
+    // A record declares nothing; what a declaration says could lead elsewhere, or grow without end.
+    if (recordField(text, "ID") != id || text.find("<!") != std::string::npos) return false;
+    try {
+        Poco::XML::SAXParser().parseString(text);
+        return true;
+    } catch (Poco::XML::SAXException&) {
+        return false;
+    }
+}
 
 class LibraryCheck {
 public:
@@ -31,11 +46,12 @@ public:
     LibraryReport run() {
         database_.forEachItem([&](const ItemRow& row) {
             ++report_.items;
-            checkFile(row.mediaPath, row);
+            if (checkFile(row.mediaPath, row)) checkRecord(row);
             checkFile(thumbnailOf(row), row);
         });
+        checkFolderRecords();
         findUnrecorded("");
-        for (auto* list : {&report_.missing, &report_.altered, &report_.unrecorded}) {
+        for (auto* list : {&report_.missing, &report_.altered, &report_.unrecorded, &report_.records}) {
             std::sort(list->begin(), list->end());
         }
         return std::move(report_);
@@ -55,12 +71,13 @@ private:
         return row.thumbnailPath;
     }
 
-    void checkFile(const std::string& path, const ItemRow& row) {
+    /// False when there is no file.
+    bool checkFile(const std::string& path, const ItemRow& row) {
         ++report_.files;
         const auto status = statusOf(path);
         if (!status || !S_ISREG(status->st_mode)) {
             report_.missing.push_back(path);
-            return;
+            return false;
         }
         recorded_.insert(path);
         const auto size = static_cast<std::uint64_t>(status->st_size);
@@ -75,6 +92,26 @@ private:
             report_.altered.push_back(path);
         }
         if (progress_) progress_(report_.bytes);
+        return true;
+    }
+
+    void checkRecord(const ItemRow& row) {
+        if (!readContents_) return;
+        const std::string name = nameOf(row.mediaPath) + kRecordExtension;
+        if (isRecordOf(device_.readRecord(row.folder, name), row.id)) return;
+        report_.records.push_back(joinPath(joinPath(row.folder, kRecordFolder), name));
+    }
+
+    /// A folder has a record once one of its items was new or edited.
+    void checkFolderRecords() {
+        if (!readContents_) return;
+        for (const FolderRow& folder : database_.folders()) {
+            const std::string& name = folder.deviceName;
+            if (name.empty() || !device_.isFolder(name)) continue;
+            const std::string text = device_.readRecord(name, kFolderRecord);
+            if (text.empty() || isRecordOf(text, folder.id)) continue;
+            report_.records.push_back(joinPath(joinPath(name, kRecordFolder), kFolderRecord));
+        }
     }
 
     /// What stands at path. Nothing moves folders during a check, so the ones it comes to stay open.

@@ -26,7 +26,12 @@ struct LibraryReport {
     std::vector<std::string> missing;                  ///< recorded, and not on the device
     std::vector<std::string> altered;                  ///< on the device with another size or content
     std::vector<std::string> unrecorded;               ///< on the device, and recorded nowhere
-    bool agrees() const { return missing.empty() && altered.empty() && unrecorded.empty(); }
+    /// Description records that no viewer can use: those of items that are missing, no XML or another item's,
+    /// and those of folders that are no XML or another folder's. Only with contents.
+    std::vector<std::string> records;
+    bool agrees() const {
+        return missing.empty() && altered.empty() && unrecorded.empty() && records.empty();
+    }
 };
 
 /// Reads every recorded file. All paths are relative to serviceFolder, sorted. progress, when given, is

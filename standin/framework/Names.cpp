@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <set>
 #include <string_view>
@@ -158,6 +159,15 @@ std::string nameKey(const std::string& name) {
     const std::unique_ptr<utf8proc_uint8_t, decltype(&std::free)> owner(folded, &std::free);
     if (length < 0) return nameKey(validUtf8(name));
     return {reinterpret_cast<const char*>(folded), static_cast<std::size_t>(length)};
+}
+
+bool isBackupName(const std::string& name) {
+    if (name.empty() || name.size() > kLongestName || name == "." || name == "..") return false;
+    if (name.find('/') != std::string::npos || name.find('\0') != std::string::npos) return false;
+    const auto first = static_cast<unsigned char>(name[0]);
+    if (first != '.' && first < 0x80) return true;  // most are so, and their keys need no look
+    const std::string key = nameKey(name);
+    return key != kRecordFolder && key.compare(0, std::strlen(kPartPrefix), kPartPrefix) != 0;
 }
 
 NameParts splitName(const std::string& name) {

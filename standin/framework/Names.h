@@ -39,6 +39,10 @@ std::string safeName(const std::string& text);
 /// The name without the differences that file systems may ignore.
 std::string nameKey(const std::string& name);
 
+/// True for one name that a file or folder of the backup can have: not empty, neither "." nor "..", without
+/// "/" and NUL, not too long, and none of the service's own.
+bool isBackupName(const std::string& name);
+
 /// A name in two parts: before its last dot, and from it. Without a dot the second is empty. This is how the
 /// plug-in takes names apart when it puts a suffix to them.
 struct NameParts {

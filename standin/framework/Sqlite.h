@@ -6,6 +6,7 @@
 #include <sqlite3.h>
 
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <memory>
 #include <string>
@@ -60,10 +61,11 @@ private:
     Statement& statement_;
 };
 
-/// An open database file.
+/// An open database file. Links are not followed: the path has to be a real one.
 class SqliteFile {
 public:
-    enum class Open { Existing, ExistingReadOnly, OrCreate };
+    /// Untouched: to be read only, and neither the file nor a log beside it changes.
+    enum class Open { Existing, ExistingReadOnly, OrCreate, Untouched };
     /// Whether the connection has a page cache of its own, or one with every other of the process that
     /// shares.
     enum class Cache { Own, Shared };
@@ -92,6 +94,21 @@ private:
     // Prepared once: a run makes several transactions for each item.
     std::unique_ptr<Statement> begin_, commit_;
 };
+
+/// What makes up a database of one kind.
+struct Schema {
+    const char* statements;   ///< that make its tables, indexes and triggers
+    int version = 0;          ///< the number that the file keeps: PRAGMA user_version
+    const char* former = "";  ///< statements that make what earlier versions left; it may be there as well
+};
+
+/// Looks at what stands at path before it is opened, and changes nothing. False when nothing stands there, or
+/// a database without tables; true for one of exactly that schema, after checkRows, which throws for rows
+/// that are not to be used. Anything else is refused with a Poco::Exception that says what is wrong: another
+/// schema, a link or a pipe in the place of the file or of one of its logs, a change that another program
+/// left unfinished.
+bool inspectDatabase(const std::string& path, const Schema& schema,
+                     const std::function<void(SqliteFile&)>& checkRows);
 
 /// Puts what was committed to the database at path on the disk. Its connections, which flush only now and
 /// then, need not know.
