@@ -1,5 +1,6 @@
 // Feeds bytes to the readers of everything that comes from outside: the service's answers, the framing of its
-// bodies, titles and paths made of them, the configuration and the keyword text.
+// bodies, titles and paths made of them, the configuration and the keyword text, and the rows of the two
+// databases on a device.
 //
 // Built with libFuzzer, the environment's FUZZ_TARGET names the target. Built without it, the program runs
 // inputs once: fuzz TARGET FILE-OR-DIRECTORY... Each target fails on a crash, on a finding of the sanitizers,
@@ -38,6 +39,10 @@
 #include "hostapi/PluginCore.h"
 #include "hostapi/Utils.h"
 #include "standin/framework/BackupDatabase.h"
+#include "standin/framework/Ledger.h"
+#include "standin/framework/LibraryCheck.h"
+#include "standin/framework/Recovery.h"
+#include "standin/framework/Sqlite.h"
 
 namespace {
 
@@ -228,16 +233,35 @@ void names(const std::string& text) {
     }
 }
 
+/// A service folder with a file and two links out of it, to what must not change.
+struct Witness {
+    Witness() {
+        fs::remove_all(outside);
+        fs::create_directories(service / "Trip");
+        fs::create_directories(outside / "victim");
+        std::ofstream(outside / "victim" / "a.jpg") << "precious";
+        fs::create_directory_symlink("../victim", service / "link");
+        fs::create_symlink("../victim/a.jpg", service / "Trip" / "b.jpg");
+        HostServiceUsageParams::getInstance()->setParams(service, "", false, 1, outside);
+    }
+    void requireUnchanged() const {
+        std::ifstream victim(outside / "victim" / "a.jpg");
+        const std::string kept{std::istreambuf_iterator<char>(victim), {}};
+        const auto entries = std::distance(fs::recursive_directory_iterator(outside / "victim"), {});
+        const fs::directory_iterator all(outside);
+        const auto beside = std::count_if(begin(all), end(all), [](const fs::directory_entry& entry) {
+            return entry.path().filename().string().compare(0, 9, "backup.db") != 0;
+        });
+        require(kept == "precious" && entries == 1 && beside == 2,
+                "nothing outside the service's folder changes");
+    }
+
+    const fs::path outside = workFolder() / "outside", service = outside / "service";
+};
+
 /// Each line is a request to the file service: a letter and a path, or two with a tab between them.
 void paths(const std::string& text) {
-    const fs::path outside = workFolder() / "outside", service = outside / "service";
-    fs::remove_all(outside);
-    fs::create_directories(service / "Trip");
-    fs::create_directories(outside / "victim");
-    std::ofstream(outside / "victim" / "a.jpg") << "precious";
-    fs::create_directory_symlink("../victim", service / "link");
-    fs::create_symlink("../victim/a.jpg", service / "Trip" / "b.jpg");
-    HostServiceUsageParams::getInstance()->setParams(service, "", false, 1, outside);
+    const Witness witness;
     {
         HostServiceClientMac client;
         std::string command, result, error;
@@ -282,22 +306,69 @@ void paths(const std::string& text) {
             }
         }
     }
-    std::string seen;
-    for (const auto& entry : fs::recursive_directory_iterator(outside)) {
-        const std::string path = fs::relative(entry.path(), outside);
-        if (path.compare(0, 8, "service/") != 0) seen += path.size() > 7 ? "victim/a.jpg;" : "";
+    witness.requireUnchanged();
+}
+
+/// Each line is a row: "b" for backup.db, "d" and "f" for the ledger's folders and files, and its columns
+/// with tabs between them. A run's recovery and check then work over them.
+void databases(const std::string& text) {
+    const Witness witness;
+    const std::string path = witness.outside / "backup.db",
+                      ledger = witness.service / ".records" / ".ledger.db";
+    fs::create_directories(witness.service / ".records");
+    fs::create_directories(witness.service / "Trip" / "Thumbnail");
+    for (const char* name : {"Trip/a.jpg", "Trip/a_Old.jpg", "Trip/Thumbnail/a_1_72.jpg", "c.jpg"}) {
+        std::ofstream(witness.service / name) << "item";
     }
-    std::ifstream victim(outside / "victim" / "a.jpg");
-    const std::string kept{std::istreambuf_iterator<char>(victim), {}};
-    const auto entries = std::distance(fs::recursive_directory_iterator(outside / "victim"), {});
-    const auto beside = std::distance(fs::directory_iterator(outside), {});
-    require(kept == "precious" && entries == 1 && beside == 2,
-            "nothing outside the service's folder changes");
+    { const BackupDatabase made(path); }
+    { const Ledger made(ledger); }
+    {
+        SqliteFile rows(path, SqliteFile::Open::Existing), list(ledger, SqliteFile::Open::Existing);
+        const std::map<char, std::unique_ptr<Statement>> inserts = [&] {
+            std::map<char, std::unique_ptr<Statement>> all;
+            all['b'] = rows.prepare(
+                "INSERT OR REPLACE INTO backupmetadata (ItemId, DerivedItemName, DerivedContainerName, "
+                "OriginalContainerId, ItemType, ImageExtension) VALUES (?, ?, ?, ?, ?, ?)");
+            all['d'] = list.prepare(
+                "INSERT OR REPLACE INTO folders (id, parent, name, was, pending, made) VALUES (?, ?, ?, ?, "
+                "?, "
+                "?)");
+            all['f'] = list.prepare(
+                "INSERT OR REPLACE INTO files (folder, name, item, was, pending, size, checksum) VALUES (?, "
+                "?, "
+                "?, ?, ?, ?, '')");
+            return all;
+        }();
+        for (const std::string& line : lines(text)) {
+            const auto insert = inserts.find(line.empty() ? '-' : line[0]);
+            if (insert == inserts.end()) continue;
+            std::istringstream columns(line.substr(1));
+            std::string column;
+            try {
+                StatementUse use(*insert->second);
+                for (int i = 1; i <= 6; ++i, column.clear()) {
+                    std::getline(columns, column, '\t');
+                    use->bind(i, column);
+                }
+                use.run();
+            } catch (Poco::Exception&) {  // a column that wants a number
+            }
+        }
+    }
+    try {
+        BackupDatabase database(path);
+        recoverDevice(database, witness.service);
+        verifyLibrary(database, witness.service);
+    } catch (Poco::Exception&) {  // refused, or in the way
+    }
+    HostServiceUsageParams::getInstance()->release();
+    witness.requireUnchanged();
 }
 
 const std::map<std::string, void (*)(const std::string&)> kTargets = {
-    {"photosets", photoSets},  {"photos", photos},     {"sizes", sizes}, {"chunks", chunks},
-    {"config", configuration}, {"keywords", keywords}, {"names", names}, {"paths", paths}};
+    {"photosets", photoSets}, {"photos", photos},        {"sizes", sizes},
+    {"chunks", chunks},       {"config", configuration}, {"keywords", keywords},
+    {"names", names},         {"paths", paths},          {"databases", databases}};
 
 void runTarget(const std::string& target, const std::string& input) {
     HostServiceUsageParams::getInstance()->release();
