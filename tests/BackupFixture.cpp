@@ -48,10 +48,9 @@ RunResult BackupFixture::run(const RunOptions& options) {
     auto text = [](const std::string& value) { return const_cast<char*>(value.c_str()); };
 
     void* core = createObject(text(folder_ + "/Plugins"), text(plugins_), error.data());
-    const flickr_sim::Credentials credentials;
     RunResult result;
     result.status = backup(core, text(folder_ + "/device/backup.db"), text(options.token), text(options.from),
-                           text(credentials.apiKey), text(credentials.apiSecret), text(options.dataTypes),
+                           text(options.apiKey), text(options.apiSecret), text(options.dataTypes),
                            videos.data(), text(service_), text(""), text(folder_ + "/device"), true,
                            text(options.culture), error.data());
     deleteObject(core, error.data());

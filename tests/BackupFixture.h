@@ -26,6 +26,8 @@ struct RunOptions {
     std::string dataTypes = "Images;Videos;";
     std::string culture = "en";
     std::string token = "demo-token-1";
+    std::string apiKey = flickr_sim::Credentials().apiKey;
+    std::string apiSecret = flickr_sim::Credentials().apiSecret;
 };
 
 class BackupFixture : public testing::Test {

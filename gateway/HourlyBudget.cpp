@@ -1,0 +1,116 @@
+#include "gateway/HourlyBudget.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <sstream>
+#include <utility>
+
+#include "gateway/Failure.h"
+
+namespace flickr_gateway {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr std::int64_t kMinute = 60000;
+// A minute more than an hour: the oldest one counts until its last request is an hour old.
+constexpr std::int64_t kMinutesKept = 61;
+constexpr std::size_t kLargestFile = 16 << 10;
+
+struct Record {
+    std::int64_t next = 0;
+    std::map<std::int64_t, unsigned> minutes;
+
+    static Record read(int file) {
+        char text[kLargestFile];
+        const ssize_t size = ::pread(file, text, sizeof text, 0);
+        std::istringstream stream(std::string(text, size > 0 ? static_cast<std::size_t>(size) : 0));
+        Record record;
+        std::string word;
+        if (!(stream >> word >> record.next) || word != "next") return Record();
+        std::int64_t minute = 0;
+        unsigned count = 0;
+        while (stream >> minute >> count) record.minutes[minute] += count;
+        return stream.eof() ? record : Record();
+    }
+
+    bool write(int file) const {
+        std::string text = "next " + std::to_string(next) + "\n";
+        for (const auto& [minute, count] : minutes) {
+            text += std::to_string(minute) + " " + std::to_string(count) + "\n";
+        }
+        return ::pwrite(file, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()) &&
+               ::ftruncate(file, static_cast<off_t>(text.size())) == 0;
+    }
+
+    /// Keeps what counts now. What lies in the future was written before the clock was set back.
+    void forget(std::int64_t minute) {
+        minutes.erase(minutes.begin(), minutes.upper_bound(minute - kMinutesKept));
+        minutes.erase(minutes.upper_bound(minute), minutes.end());
+        next = std::min(next, (minute + kMinutesKept) * kMinute);
+    }
+
+    unsigned used() const {
+        unsigned sum = 0;
+        for (const auto& each : minutes) sum += each.second;
+        return sum;
+    }
+};
+
+class LockedFile {
+public:
+    explicit LockedFile(const std::string& path)
+        : descriptor(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)) {
+        if (descriptor >= 0 && ::flock(descriptor, LOCK_EX) == 0) return;
+        fail(path);
+    }
+    ~LockedFile() {
+        if (descriptor >= 0) ::close(descriptor);
+    }
+    LockedFile(const LockedFile&) = delete;
+    LockedFile& operator=(const LockedFile&) = delete;
+
+    [[noreturn]] static void fail(const std::string& path) {
+        throw Failure(Failure::Kind::Unavailable,
+                      "The count of requests cannot be kept in " + path + ": " + std::strerror(errno) + ".");
+    }
+
+    const int descriptor;
+};
+
+}  // namespace
+
+HourlyBudget::HourlyBudget(std::string file, unsigned limit, Now now)
+    : file_(std::move(file)), limit_(limit), now_(std::move(now)) {}
+
+milliseconds HourlyBudget::take() {
+    if (file_.empty()) return milliseconds(0);
+    const LockedFile file(file_);
+    const std::int64_t now = std::chrono::duration_cast<milliseconds>(now_().time_since_epoch()).count();
+    const std::int64_t minute = now / kMinute;
+    Record record = Record::read(file.descriptor);
+    record.forget(minute);
+
+    const unsigned used = record.used();
+    // Until the oldest minute no longer counts.
+    const std::int64_t relief =
+        record.minutes.empty() ? 0 : (record.minutes.begin()->first + kMinutesKept) * kMinute - now;
+    if (used >= limit_) return milliseconds(std::max<std::int64_t>(relief, 1));
+    const unsigned left = limit_ - used;
+    const bool low = left <= limit_ / 6;
+    if (low && record.next > now) return milliseconds(record.next - now);
+
+    record.next = low ? now + relief / left : now;
+    ++record.minutes[minute];
+    if (!record.write(file.descriptor)) LockedFile::fail(file_);
+    return milliseconds(0);
+}
+
+}  // namespace flickr_gateway
