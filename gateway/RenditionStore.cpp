@@ -11,6 +11,8 @@ namespace flickr_gateway {
 namespace {
 
 constexpr int kBusyMilliseconds = 1000;
+// By name: the process may have another default, with rules for the databases on devices.
+constexpr const char* kFileSystem = "unix";
 
 /// A prepared statement with its texts bound; null when the database refuses it.
 class Query {
@@ -61,7 +63,7 @@ void RenditionStore::open(const std::string& file) {
     const bool opened =
         ::sqlite3_open_v2(file.c_str(), &database_,
                           SQLITE_OPEN_READWRITE | SQLITE_OPEN_FULLMUTEX | SQLITE_OPEN_NOFOLLOW,
-                          nullptr) == SQLITE_OK &&
+                          kFileSystem) == SQLITE_OK &&
         ::sqlite3_busy_timeout(database_, kBusyMilliseconds) == SQLITE_OK &&
         // What a power cut takes is asked for again.
         ::sqlite3_exec(
