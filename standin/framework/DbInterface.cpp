@@ -155,8 +155,7 @@ std::string DbInterface::generateFolderName(std::string title, std::string id) {
         const std::string known = database.derivedName(id);
         const auto isFree = [&](const std::string& wanted) {
             if (database.nameTaken("", nameKey(wanted), id)) return false;
-            return wanted == known || !device || !device->status(wanted) ||
-                   device->ledger().madeFolder(wanted);
+            return !device || device->isFolderFree(wanted, known, id);
         };
         const bool keeps = !known.empty() && fits(known, candidate) && isFree(known);
         name = keeps ? known : freeName(candidate, isFree);
@@ -198,7 +197,8 @@ int DbInterface::createEntry(std::string itemId, std::string itemName, std::stri
                       reserved1, reserved2, reserved3});
         status = 1;
     });
-    if (status == 1) Device::noteRecorded(itemId);
+    if (status == 1 && itemType == kFolderType) Device::noteFolder(itemId, derivedItemName);
+    if (status == 1 && itemType != kFolderType) Device::noteRecorded(itemId);
     return status;
 }
 

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <vector>
 
+#include "standin/framework/BackupDatabase.h"
 #include "standin/framework/DatabaseRegistry.h"
 #include "standin/framework/ItemRecord.h"
 #include "standin/framework/Names.h"
@@ -21,6 +22,7 @@ namespace {
 
 constexpr const char* kLedgerName = ".ledger.db";
 constexpr std::size_t kReadSize = 1 << 20;
+constexpr std::size_t kLongestRecord = 1 << 20;
 
 std::vector<std::string> namesIn(const std::string& path) {
     std::vector<std::string> names;
@@ -34,6 +36,21 @@ std::vector<std::string> namesIn(const std::string& path) {
 
 std::string quoted(const std::string& path) {
     return "\"" + path + "\"";
+}
+
+mode_t folderMode() {
+    return 0700;
+}
+
+/// Opens a regular file for reading; anything else that has the name is refused, and keeps nobody waiting.
+Descriptor openRegular(int folder, const std::string& name) {
+    Descriptor file(::openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status = {};
+    if (file.isOpen() && (::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))) {
+        file = Descriptor();
+        errno = EINVAL;
+    }
+    return file;
 }
 
 void makeMissingFolders(const std::string& serviceFolder, const std::string& mountPoint) {
@@ -78,6 +95,17 @@ SharedDevice& sharedDevice() {
     return shared;
 }
 
+/// Does work with the device in use, if there is one. A failure ends it.
+template <typename Work>
+void withShared(Work work) {
+    const std::lock_guard<std::mutex> lock(sharedDevice().mutex);
+    if (!sharedDevice().device) return;
+    try {
+        work(*sharedDevice().device);
+    } catch (Poco::Exception&) {
+    }
+}
+
 }  // namespace
 
 Descriptor::~Descriptor() {
@@ -96,6 +124,11 @@ int Descriptor::release() {
     const int number = number_;
     number_ = -1;
     return number;
+}
+
+Descriptor makeFile(int folder, const std::string& name) {
+    return Descriptor(
+        ::openat(folder, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
 }
 
 int renameWithoutReplacing(int fromFolder, const std::string& from, int toFolder, const std::string& to) {
@@ -139,13 +172,31 @@ std::shared_ptr<Device> Device::current() {
 
 void Device::close() {
     std::shared_ptr<Device> last;
-    const std::lock_guard<std::mutex> lock(sharedDevice().mutex);
-    last.swap(sharedDevice().device);
+    {
+        const std::lock_guard<std::mutex> lock(sharedDevice().mutex);
+        last.swap(sharedDevice().device);
+    }
+    if (last) last->finish();
 }
 
+/// A ledger that ends by closing vouches for all that the disk holds.
+void Device::finish() {
+    try {
+        flushRows();
+    } catch (Poco::Exception&) {
+        ledger_.leaveInUse();
+    }
+}
+
+// What cannot be noted stays pending, and recovery settles it.
 void Device::noteRecorded(const std::string& itemId) {
-    const std::lock_guard<std::mutex> lock(sharedDevice().mutex);
-    if (sharedDevice().device) sharedDevice().device->ledger_.settleItemLater(itemId);
+    withShared([&](Device& device) { device.ledger_.settleItemLater(itemId); });
+}
+
+void Device::noteFolder(const std::string& setId, const std::string& folder) {
+    withShared([&](Device& device) {
+        if (setId != kNoSetId && device.isFolder(folder)) device.ledger_.setFolderOwner(folder, setId);
+    });
 }
 
 Device::Device(Descriptor root, std::string path)
@@ -189,7 +240,10 @@ void Device::checkPath(const std::string& path) {
             throw DeviceException("The path " + quoted(path) + " holds a name of more than 255 bytes");
         }
         const std::string key = nameKey(name);
-        if (key == kRecordFolder || key.compare(0, std::strlen(kPartPrefix), kPartPrefix) == 0) {
+        const auto begins = [&](const char* prefix) {
+            return key.compare(0, std::strlen(prefix), prefix) == 0;
+        };
+        if (key == kRecordFolder || begins(kPartPrefix) || begins(kKeptPrefix)) {
             throw DeviceException("The path " + quoted(path) + " leads into the file service's own files");
         }
     }
@@ -213,6 +267,11 @@ Descriptor Device::openFolder(const std::string& folder) {
         current = std::move(next);
     }
     return current;
+}
+
+Device::Place Device::placeOf(const std::string& path) {
+    if (!isPlainName(nameOf(path))) throw DeviceException("There can be no file " + quoted(path));
+    return {openFolder(folderOf(path)), nameOf(path)};
 }
 
 std::optional<struct stat> Device::status(const std::string& path) {
@@ -263,16 +322,76 @@ bool Device::owns(const std::string& path) {
     return ledger_.file(path) || !readRecord(folderOf(path), nameOf(path) + kRecordExtension).empty();
 }
 
+bool Device::isFolderFree(const std::string& name, const std::string& known, const std::string& setId) {
+    const auto standing = status(name);
+    if (!standing) return true;
+    if (!known.empty()) {
+        // On a file system that ignores case a set that is renamed in case only finds its own folder.
+        const auto own = status(known);
+        return own && own->st_ino == standing->st_ino && own->st_dev == standing->st_dev;
+    }
+    const std::string owner = ledger_.folderOwner(name);
+    if (!owner.empty()) return owner == setId;
+    const std::string recorded = folderIdByRecord(name);
+    return ledger_.madeFolder(name) && (recorded.empty() || recorded == setId);
+}
+
+void Device::noteLeft(const std::string& path) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    left_.insert(nameKey(path));
+    leftUnflushed_ = true;
+}
+
+void Device::beforeTaking(const std::string& path) {
+    bool flush = false;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (left_.erase(nameKey(path)) == 0) return;
+        std::swap(flush, leftUnflushed_);
+    }
+    if (flush) flushRows();
+    const Descriptor folder = openFolder(folderOf(path));
+    if (::fsync(folder.get()) != 0) fail("write", path, errno);
+}
+
+// What the ledger no longer calls pending has to be in the database: that goes first.
+void Device::flushRows() {
+    std::set<std::string> folders;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        folders.swap(records_);
+    }
+    for (const std::string& folder : folders) {
+        const Descriptor records = isFolder(folder) ? openRecordFolder(folder, false) : Descriptor();
+        if (!records.isOpen()) continue;
+        const Descriptor record = openRegular(records.get(), kFolderRecord);
+        if (record.isOpen() && (::fdatasync(record.get()) != 0 || ::fsync(records.get()) != 0)) {
+            fail("write in the folder", joinPath(folder, kRecordFolder), errno);
+        }
+    }
+    flushOpenDatabases();
+    ledger_.flush();
+}
+
+void Device::flushFolder(const std::string& folder) {
+    const Descriptor descriptor = openFolder(folder);
+    const Descriptor records = openRecordFolder(folder, false);
+    if (::fsync(descriptor.get()) != 0 || (records.isOpen() && ::fsync(records.get()) != 0)) {
+        fail("write in the folder", folder, errno);
+    }
+}
+
 void Device::makeFolder(const std::string& path) {
-    const Descriptor parent = openFolder(folderOf(path));
+    const auto [parent, name] = placeOf(path);
     struct stat status = {};
-    if (::fstatat(parent.get(), nameOf(path).c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
+    if (::fstatat(parent.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
         if (S_ISDIR(status.st_mode)) return;
         throw DeviceException("Cannot make the folder " + quoted(path) + ": something else has that name");
     }
+    beforeTaking(path);
     ledger_.addMadeFolder(path);
     ledger_.flush();
-    if (::mkdirat(parent.get(), nameOf(path).c_str(), 0777) != 0 && errno != EEXIST) {
+    if (::mkdirat(parent.get(), name.c_str(), folderMode()) != 0 && errno != EEXIST) {
         const int error = errno;
         ledger_.forgetFolder(path);
         fail("make the folder", path, error);
@@ -281,8 +400,7 @@ void Device::makeFolder(const std::string& path) {
 }
 
 void Device::removeFolder(const std::string& path) {
-    const Descriptor parent = openFolder(folderOf(path));
-    const std::string name = nameOf(path);
+    const auto [parent, name] = placeOf(path);
     // The record folder does not count as content while it holds no item's record.
     {
         const Descriptor folder = openFolder(path);
@@ -303,54 +421,89 @@ void Device::renameFolder(const std::string& from, const std::string& to) {
         throw DeviceException("Cannot rename the folder " + quoted(from) + ": it does not exist");
     }
     if (from == to) return;
-    const Descriptor fromParent = openFolder(folderOf(from));
-    const Descriptor toParent = openFolder(folderOf(to));
+    const auto [fromParent, fromName] = placeOf(from);
+    const auto [toParent, toName] = placeOf(to);
     const auto standing = status(to);
     if (standing && nameKey(from) != nameKey(to)) {
         throw DeviceException("Cannot rename the folder " + quoted(from) + ": " + quoted(to) +
                               " exists already");
     }
+    beforeTaking(to);
+    flushRows();
     ledger_.moveFolder(from, to, true);
     ledger_.flush();
-    const int error = renameWithoutReplacing(fromParent.get(), nameOf(from), toParent.get(), nameOf(to));
+    const int error = renameWithoutReplacing(fromParent.get(), fromName, toParent.get(), toName);
     if (error != 0) {
         ledger_.moveFolder(to, from, false);
         fail("rename the folder", from, error);
     }
+    noteLeft(from);
     if (::fsync(toParent.get()) != 0) fail("rename the folder", from, errno);
 }
 
 void Device::removeFile(const std::string& path) {
     const std::optional<LedgerFile> file = ledger_.file(path);
-    if (file && !file->was.empty()) {
-        ledger_.flush();
-        flushOpenDatabases();
+    if (file && !file->was.empty()) flushRows();
+    const auto [folder, name] = placeOf(path);
+    const std::string kept = file && file->was.empty() ? replacedBy(*file) : std::string();
+    if (!kept.empty()) {
+        if (::renameat(folder.get(), nameOf(kept).c_str(), folder.get(), name.c_str()) != 0) {
+            fail("remove", path, errno);
+        }
+        moveRecord(kept, path);
+        ledger_.moveFile(kept, path, "");
+        return;
     }
-    const Descriptor folder = openFolder(folderOf(path));
-    if (::unlinkat(folder.get(), nameOf(path).c_str(), 0) != 0 && errno != ENOENT) {
-        fail("remove", path, errno);
+    if (::unlinkat(folder.get(), name.c_str(), 0) != 0 && errno != ENOENT) fail("remove", path, errno);
+    removeRecord(folderOf(path), name + kRecordExtension);
+    if (file) ledger_.setPending(path, kRemoved);
+}
+
+/// Path of the version that the file has replaced and that is kept; empty when there is none.
+std::string Device::replacedBy(const LedgerFile& file) {
+    for (const LedgerFile& other : ledger_.filesOfItem(file.item)) {
+        if (other.was == nameOf(file.path) && folderOf(other.path) == folderOf(file.path) &&
+            isOwnName(nameOf(other.path), kKeptPrefix) && isFile(other.path)) {
+            return other.path;
+        }
     }
-    removeRecord(folderOf(path), nameOf(path) + kRecordExtension);
-    ledger_.eraseFile(path);
+    return {};
+}
+
+bool Device::keepReplaced(const std::string& path, const std::string& item) {
+    for (const LedgerFile& other : ledger_.filesOfItem(item)) {
+        if (other.was == nameOf(path) && folderOf(other.path) == folderOf(path) && isFile(other.path)) {
+            return false;
+        }
+    }
+    if (!ledger_.file(path)) {
+        ledger_.putFile({path, item, static_cast<std::uint64_t>(status(path)->st_size), "", "", 1});
+    }
+    putFileAside(path, joinPath(folderOf(path), newOwnName(kKeptPrefix)));
+    beforeTaking(path);
+    return true;
+}
+
+void Device::refuseStanding(const std::string& from, const std::string& to) {
+    if (nameKey(from) == nameKey(to) || !status(to)) return;
+    throw DeviceException("Cannot rename " + quoted(from) + ": " + quoted(to) + " exists already");
 }
 
 void Device::moveFileOnly(const std::string& from, const std::string& to) {
-    const Descriptor fromFolder = openFolder(folderOf(from));
-    const Descriptor toFolder = openFolder(folderOf(to));
-    const bool standing = status(to) && nameKey(from) != nameKey(to);
-    const int error =
-        standing ? EEXIST
-                 : renameWithoutReplacing(fromFolder.get(), nameOf(from), toFolder.get(), nameOf(to));
-    if (error == EEXIST) {
-        throw DeviceException("Cannot rename " + quoted(from) + ": " + quoted(to) + " exists already");
-    }
+    const auto [fromFolder, fromName] = placeOf(from);
+    const auto [toFolder, toName] = placeOf(to);
+    refuseStanding(from, to);
+    const int error = renameWithoutReplacing(fromFolder.get(), fromName, toFolder.get(), toName);
     if (error != 0) fail("rename", from, error);
+    noteLeft(from);
 }
 
 // The ledger's row goes first and says where the file was: if the file did not follow, or has to come back,
-// it is found from there.
+// it is found from there. Under a name of the file service's own it is found from there only.
 void Device::putFileAside(const std::string& from, const std::string& to) {
+    refuseStanding(from, to);  // before the row claims what is somebody else's
     ledger_.moveFile(from, to, nameOf(from));
+    if (isOwnName(nameOf(to), kKeptPrefix)) ledger_.flush();
     try {
         moveFileOnly(from, to);
     } catch (Poco::Exception&) {
@@ -384,7 +537,7 @@ long Device::removeParts(const std::string& folder) {
         if (!place.empty() && !isFolder(place)) continue;
         std::vector<std::string> parts;
         listFolder(place, [&](const std::string& name) {
-            if (name.compare(0, std::strlen(kPartPrefix), kPartPrefix) == 0) parts.push_back(name);
+            if (isOwnName(name, kPartPrefix) && isFile(joinPath(place, name))) parts.push_back(name);
         });
         const Descriptor descriptor = openFolder(place);
         for (const std::string& name : parts) removed += ::unlinkat(descriptor.get(), name.c_str(), 0) == 0;
@@ -407,18 +560,35 @@ Descriptor Device::openRecordFolder(const std::string& folder, bool create) {
 
 std::string Device::readRecord(const std::string& folder, const std::string& name) {
     const Descriptor records = openRecordFolder(folder, false);
-    if (!records.isOpen()) return {};
-    const Descriptor file(::openat(records.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!records.isOpen() || !isPlainName(name)) return {};
+    const Descriptor file = openRegular(records.get(), name);
     if (!file.isOpen()) return {};
     std::string text;
     char block[4096];
     for (ssize_t count; (count = ::read(file.get(), block, sizeof block)) > 0;) {
         text.append(block, static_cast<std::size_t>(count));
+        if (text.size() > kLongestRecord) return {};
     }
     return text;
 }
 
+void Device::writeFolderRecord(const std::string& folder, const std::string& text) {
+    ledger_.markInUse();
+    {
+        NewRecord record(*this, folder, newOwnName(kPartPrefix));
+        record.write(text, false);
+        record.place(kFolderRecord, false);
+    }
+    const std::lock_guard<std::mutex> lock(mutex_);
+    records_.insert(folder);
+}
+
+std::string Device::folderIdByRecord(const std::string& folder) {
+    return recordField(readRecord(folder, kFolderRecord), "ID");
+}
+
 void Device::removeRecord(const std::string& folder, const std::string& name) {
+    if (!folder.empty() && !isFolder(folder)) return;
     const Descriptor records = openRecordFolder(folder, false);
     // A record that stays behind its file would never be looked for again: the file's row has to stay as
     // well.
@@ -441,8 +611,8 @@ void Device::moveRecord(const std::string& from, const std::string& to) {
 }
 
 void Device::readFile(const std::string& path, const std::function<void(const char*, std::size_t)>& visit) {
-    const Descriptor folder = openFolder(folderOf(path));
-    const Descriptor file(::openat(folder.get(), nameOf(path).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    const auto [folder, name] = placeOf(path);
+    const Descriptor file = openRegular(folder.get(), name);
     if (!file.isOpen()) fail("read", path, errno);
     std::vector<char> block(kReadSize);
     for (;;) {
@@ -459,8 +629,12 @@ NewRecord::NewRecord(Device& device, const std::string& folder, std::string part
       folder_(folder),
       partName_(std::move(partName)),
       records_(device.openRecordFolder(folder, true)),
-      file_(::openat(records_.get(), partName_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
-                     0666)) {
+      file_(makeFile(records_.get(), partName_)) {
+    if (!file_.isOpen() && errno == EEXIST) {
+        // What a killed process of the same number left.
+        ::unlinkat(records_.get(), partName_.c_str(), 0);
+        file_ = makeFile(records_.get(), partName_);
+    }
     if (!file_.isOpen()) fail(errno);
 }
 

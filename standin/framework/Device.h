@@ -9,7 +9,9 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "standin/framework/Ledger.h"
@@ -52,11 +54,14 @@ public:
     /// The device of the current run, or none when there is no service folder yet.
     static std::shared_ptr<Device> current();
 
-    /// Lets go of the shared device; whoever still holds it keeps it open.
+    /// Lets go of the shared device, with everything that was put off on the disk; whoever still holds it
+    /// keeps it open.
     static void close();
 
     /// The item's row is in the backup database: nothing of it is pending on the device in use.
     static void noteRecorded(const std::string& itemId);
+    /// The set's row is in the backup database and names that folder: it is the set's from now on.
+    static void noteFolder(const std::string& setId, const std::string& folder);
 
     Device(Descriptor root, std::string path);
 
@@ -77,14 +82,31 @@ public:
     /// True when it was written by the file service for any item.
     bool owns(const std::string& path);
 
+    /// True when the folder name can be given to a set: nothing stands there, or the set's own folder, known
+    /// by the name in known, or for a set without one a folder that was made for it.
+    bool isFolderFree(const std::string& name, const std::string& known, const std::string& setId);
+
+    /// To be called before something takes the name path: when a rename has left it in this run, the rows
+    /// that speak of the rename, and the rename, are on the disk afterwards.
+    void beforeTaking(const std::string& path);
+    /// Puts the rows of the backup database and of the ledger on the disk, with the folders' records.
+    void flushRows();
+    /// Puts on the disk which names there are in a folder and among its records.
+    void flushFolder(const std::string& folder);
+
     void makeFolder(const std::string& path);
     void removeFolder(const std::string& path);
     void renameFolder(const std::string& from, const std::string& to);
-    /// Removes a file with its record, and then its row. An old version that stands aside goes only when the
-    /// disk knows of what has taken its place.
+    /// Removes a file with its record; its row stays until the disk knows that both are gone. An old version
+    /// that stands aside goes only when the disk knows of what has taken its place. A file that replaced
+    /// another one makes way for it again.
     void removeFile(const std::string& path);
     /// Puts a file aside: its row remembers the name that it had.
     void putFileAside(const std::string& from, const std::string& to);
+    /// Puts what stands at path and belongs to the item aside under a name of the file service's own, on the
+    /// disk, until the item's row is written. False when an older version of it stands aside already: that
+    /// one is the recorded one, and what stands at path may be replaced.
+    bool keepReplaced(const std::string& path, const std::string& item);
     /// Renames a file, for one that stands aside back to its own name.
     void renameFile(const std::string& from, const std::string& to);
 
@@ -95,6 +117,10 @@ public:
 
     /// A record's text; empty when there is none.
     std::string readRecord(const std::string& folder, const std::string& name);
+    /// Writes a folder's record; it is on the disk when rows are the next time.
+    void writeFolderRecord(const std::string& folder, const std::string& text);
+    /// Id of the set whose record stands in the folder; empty when there is none.
+    std::string folderIdByRecord(const std::string& folder);
     void removeRecord(const std::string& folder, const std::string& name);
     void moveRecord(const std::string& from, const std::string& to);
 
@@ -108,7 +134,17 @@ public:
 private:
     friend class NewRecord;
 
+    /// A name in an open folder.
+    struct Place {
+        Descriptor folder;
+        std::string name;
+    };
+    Place placeOf(const std::string& path);
+    std::string replacedBy(const LedgerFile& file);
+    void noteLeft(const std::string& path);
+    void finish();
     bool isGone() const;
+    void refuseStanding(const std::string& from, const std::string& to);
     void moveFileOnly(const std::string& from, const std::string& to);
     Descriptor openRecordFolder(const std::string& folder, bool create);
 
@@ -116,6 +152,11 @@ private:
     std::string path_;
     struct stat identity_ = {};
     Ledger ledger_;
+
+    std::mutex mutex_;               // for what follows
+    std::set<std::string> left_;     // keys of names that a rename has left, and nothing has taken since
+    bool leftUnflushed_ = false;     // some of these renames since the rows were flushed last
+    std::set<std::string> records_;  // folders whose records were written since then
 };
 
 /// A description record on its way to the device: it stands there whole or not at all. It is removed again
@@ -132,6 +173,8 @@ public:
     void write(const std::string& text, bool send);
     /// Gives it its name. flush: its text is on the disk then.
     void place(const std::string& name, bool flush);
+    /// The folder in which it stands.
+    const Descriptor& folder() const { return records_; }
 
 private:
     [[noreturn]] void fail(int error);
@@ -143,6 +186,9 @@ private:
     Descriptor file_;
     bool placed_ = false;
 };
+
+/// A new file for writing; not open, with errno, when it cannot be made or something has the name.
+Descriptor makeFile(int folder, const std::string& name);
 
 /// Renames without replacing anything; 0 or an error number.
 int renameWithoutReplacing(int fromFolder, const std::string& from, int toFolder, const std::string& to);

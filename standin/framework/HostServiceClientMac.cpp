@@ -26,6 +26,7 @@
 #include "hostapi/HostServiceUsageParams.h"
 #include "standin/framework/Device.h"
 #include "standin/framework/FileWriter.h"
+#include "standin/framework/ItemFiles.h"
 #include "standin/framework/ItemRecord.h"
 #include "standin/framework/Names.h"
 #include "standin/framework/RunJournal.h"
@@ -54,9 +55,14 @@ void makeThumbnailFolder(Device& device, const std::string& folder) {
     if (set.empty() || device.isFolder(set)) device.makeFolder(folder);
 }
 
-std::string newPartName() {
-    static std::atomic<unsigned long> counter{0};
-    return kPartPrefix + std::to_string(::getpid()) + "-" + std::to_string(++counter);
+/// The cover that stands on the device: the row of an edited item may name the format that it had before.
+std::string standingCover(Device& device, const std::string& cover) {
+    if (cover.empty() || device.isFile(cover)) return cover;
+    for (const std::string& path :
+         withImageExtensions(joinPath(folderOf(cover), splitName(nameOf(cover)).base))) {
+        if (device.isFile(path)) return path;
+    }
+    return cover;
 }
 
 }  // namespace
@@ -161,10 +167,12 @@ long HostServiceClientMac::openFile(std::string path, long mode, std::string& co
         OpenFile open;
         open.path = path;
         open.folder = device.openFolder(folderOf(path));
-        open.partName = newPartName();
         device.ledger().markInUse();
-        Descriptor file(::openat(open.folder.get(), open.partName.c_str(),
-                                 O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+        Descriptor file;
+        do {
+            open.partName = newOwnName(kPartPrefix);
+            file = makeFile(open.folder.get(), open.partName);
+        } while (!file.isOpen() && errno == EEXIST);
         if (!file.isOpen()) device.fail("make a file for", path, errno);
         open.writer = std::make_unique<FileWriter>(std::move(file));
         impl_->files.emplace(mode, std::move(open));
@@ -227,21 +235,27 @@ void HostServiceClientMac::Impl::place(OpenFile& open, const std::string& item,
         throw DeviceException("Cannot write \"" + open.path + "\": something else stands there already");
     }
 
+    device->beforeTaking(open.path);
     const std::optional<LedgerFile> before = standing ? ledger.file(open.path) : std::nullopt;
-    LedgerFile now{open.path, item, open.writer->size(), open.writer->checksum(), "", standing ? 2 : 1};
-    ledger.putFile(now);
+    // What was never recorded need not come back.
+    const bool recorded = standing && (!before || before->pending == 0);
+    const bool kept = recorded && device->keepReplaced(open.path, item);
+    const bool replaces = standing && !kept;
+    ledger.putFile({open.path, item, open.writer->size(), open.writer->checksum(), "", replaces ? 2 : 1});
     const auto undo = [&] {
-        if (!standing) device->removeRecord(folder, name + kRecordExtension);
-        if (before) {
+        if (kept) {
+            device->removeFile(open.path);
+        } else if (before) {
             ledger.putFile(*before);
         } else {
+            if (!standing) device->removeRecord(folder, name + kRecordExtension);
             ledger.eraseFile(open.path);
         }
     };
     try {
         if (record) record->place(name + kRecordExtension, true);
         int error = 0;
-        if (standing) {
+        if (replaces) {
             if (::renameat(open.folder.get(), part.c_str(), open.folder.get(), name.c_str()) != 0)
                 error = errno;
         } else {
@@ -252,8 +266,10 @@ void HostServiceClientMac::Impl::place(OpenFile& open, const std::string& item,
         undo();
         throw;
     }
-    if (::fsync(open.folder.get()) != 0) device->fail("write", open.path, errno);
-    if (standing) ledger.setPending(open.path, 1);
+    if (::fsync(open.folder.get()) != 0 || (record && ::fsync(record->folder().get()) != 0)) {
+        device->fail("write", open.path, errno);
+    }
+    if (replaces) ledger.setPending(open.path, 1);
 }
 
 void HostServiceClientMac::deleteFile(long handle, std::string& command, std::string& result,
@@ -329,16 +345,21 @@ void HostServiceClientMac::writeFolderDataXML(std::string root, std::string reco
         if (root != device.path() + "/") throw DeviceException("\"" + root + "\" is not the service folder");
         Device::checkPath(folder);
         if (!device.isFolder(folder)) return;  // a set without items on the device has no folder
+        const std::string set = recordField(record, "ID");
+        const std::string owner = device.ledger().folderOwner(folder);
+        const std::string before = device.readRecord(folder, kFolderRecord);
+        const std::string owned = owner.empty() ? recordField(before, "ID") : owner;
+        // Without any items a set is known here by its title, which another set's folder may have.
+        if (!owned.empty() && owned != set) return;
         if (recordField(record, "LatestUpdatedItem").empty()) {
-            // A run that found nothing to do for the set knows no latest item. What stands there says more.
-            if (!device.readRecord(folder, kFolderRecord).empty()) return;
-            record = withRecordField(record, "LatestUpdatedDate", "");
+            // A run that found no photo in the set knows no latest item. What stands there says more.
+            for (const char* field : {"LatestUpdatedItem", "LatestUpdatedDate"}) {
+                record = withRecordField(record, field, recordField(before, field));
+            }
         }
-        const std::string part = std::string(kPartPrefix) + "folder";
-        device.ledger().markInUse();
-        NewRecord folderRecord(device, folder, part);
-        folderRecord.write(record, false);
-        folderRecord.place(kFolderRecord, false);
+        record =
+            withRecordField(record, "CoverImage", standingCover(device, recordField(record, "CoverImage")));
+        if (record != before) device.writeFolderRecord(folder, record);
     });
     if (result != kSuccess) RunJournal::instance().folderRecordFailed(folder, error);
 }

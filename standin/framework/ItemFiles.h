@@ -33,16 +33,21 @@ inline std::vector<std::string> thumbnailCandidates(const ItemRow& row) {
     return paths;
 }
 
+/// The path with each extension that a thumbnail may have.
+inline std::vector<std::string> withImageExtensions(const std::string& path) {
+    std::vector<std::string> paths;
+    for (const char* extension : {".jpg", ".png", ".gif", ".webp", ".tif", ".heic"}) {
+        paths.push_back(path + extension);
+    }
+    return paths;
+}
+
 /// Paths that the recorded version of the item's file at path may have: the row may have got another name
 /// since, and a thumbnail another format.
 inline std::vector<std::string> versionsOf(const std::string& path, const ItemRow& row) {
     if (folderOf(path) == row.folder) return {row.mediaPath};
-    std::vector<std::string> paths;
-    for (const char* extension : {".jpg", ".png", ".gif", ".webp", ".tif", ".heic"}) {
-        paths.push_back(
-            joinPath(folderOf(path), splitName(nameOf(row.mediaPath)).base + "_" + row.id + extension));
-    }
-    return paths;
+    return withImageExtensions(
+        joinPath(folderOf(path), splitName(nameOf(row.mediaPath)).base + "_" + row.id));
 }
 
 }  // namespace Norvale_Plugin_Core

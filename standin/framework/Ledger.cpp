@@ -25,6 +25,11 @@ constexpr const char* kSchema = R"(
     CREATE INDEX IF NOT EXISTS pendingfiles ON files (folder, name) WHERE pending <> 0;
     CREATE TABLE IF NOT EXISTS state (inuse INTEGER PRIMARY KEY);
 )";
+// Ledgers of earlier versions have none.
+constexpr const char* kOwners = R"(
+    CREATE TABLE IF NOT EXISTS owners (
+        owner TEXT NOT NULL PRIMARY KEY, folder INTEGER NOT NULL UNIQUE) WITHOUT ROWID;
+)";
 constexpr const char* kFormerSchema = "CREATE TABLE parts (path TEXT PRIMARY KEY) WITHOUT ROWID;";
 
 constexpr const char* kFileColumns = "SELECT folder, name, item, size, checksum, was, pending FROM files ";
@@ -57,7 +62,7 @@ struct Ledger::Statements {
                   "INSERT OR REPLACE INTO files (folder, name, item, size, checksum, was, pending) "
                   "VALUES (?, ?, ?, ?, ?, ?, ?)"),
           eraseFile(db, "DELETE FROM files WHERE folder = ? AND name = ?"),
-          settleItem(db, "UPDATE files SET pending = 0 WHERE item = ? AND was = '' AND pending <> 0") {}
+          settleItem(db, "UPDATE files SET pending = 0 WHERE item = ? AND was = '' AND pending IN (1, 2)") {}
 
     Statement findFolder, addFolder, folderName, isFolderMade, setFolderMade, settleFolder, findFile, putFile,
         eraseFile, settleItem;
@@ -76,7 +81,8 @@ namespace {
 /// The path, when what stands there may be used.
 const std::string& inspected(const std::string& path) {
     try {
-        inspectDatabase(path, {kSchema, 0, kFormerSchema}, [](SqliteFile&) {});
+        const std::string allowed = std::string(kOwners) + kFormerSchema;
+        inspectDatabase(path, {kSchema, 0, allowed.c_str()}, [](SqliteFile&) {});
     } catch (Poco::Exception& exception) {
         failToUse(path, exception);
     }
@@ -91,6 +97,7 @@ Ledger::Ledger(const std::string& path)
         database_.execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;");
         Transaction transaction(database_);
         database_.execute(kSchema);
+        database_.execute(kOwners);
         database_.execute("DROP TABLE IF EXISTS parts");
         transaction.commit();
         sql_ = std::make_unique<Statements>(database_.handle());
@@ -218,7 +225,10 @@ std::optional<LedgerFile> Ledger::file(const std::string& path) {
     if (folder == 0) return std::nullopt;
     StatementUse find(sql_->findFile, folder, nameOf(path));
     if (!find.step()) return std::nullopt;
-    return fileOfRow(*find.operator->(), path);
+    LedgerFile file = fileOfRow(*find.operator->(), path);
+    const bool settled = file.was.empty() && file.pending != kRemoved && laterSettled_.count(file.item) != 0;
+    if (settled) file.pending = 0;
+    return file;
 }
 
 std::vector<LedgerFile> Ledger::filesOfItem(const std::string& item) {
@@ -284,6 +294,17 @@ void Ledger::setPending(const std::string& path, int pending) {
 void Ledger::settleItemLater(const std::string& item) {
     const std::lock_guard<std::mutex> lock(mutex_);
     laterSettled_.insert(item);
+    // From the first one on a backup database that is put back from before this use can be told.
+    if (!hasSettled_) writeLater();
+    hasSettled_ = true;
+}
+
+std::vector<std::string> Ledger::settledItems() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<std::string> items;
+    const auto statement = database_.prepare("SELECT DISTINCT item FROM files WHERE pending = 0");
+    while (statement->step()) items.push_back(statement->text(0));
+    return items;
 }
 
 bool Ledger::madeFolder(const std::string& path) {
@@ -331,6 +352,8 @@ void Ledger::forgetFolderRows(std::int64_t id) {
     for (const std::int64_t child : children) forgetFolderRows(child);
     const auto eraseFiles = database_.prepare("DELETE FROM files WHERE folder = ?");
     StatementUse(*eraseFiles, id).run();
+    const auto eraseOwner = database_.prepare("DELETE FROM owners WHERE folder = ?");
+    StatementUse(*eraseOwner, id).run();
     const auto eraseFolder = database_.prepare("DELETE FROM folders WHERE id = ?");
     StatementUse(*eraseFolder, id).run();
 }
@@ -345,19 +368,49 @@ void Ledger::settleFolders(const std::vector<std::string>& paths) {
     });
 }
 
+std::vector<LedgerFolder> Ledger::readFolders(const char* where) {
+    std::vector<LedgerFolder> folders;
+    const auto statement = database_.prepare(
+        (std::string("SELECT id, was, owner FROM folders LEFT JOIN owners ON folder = id WHERE ") + where)
+            .c_str());
+    while (statement->step()) {
+        folders.push_back({folderPath(statement->number(0)), statement->text(1), statement->text(2)});
+    }
+    return folders;
+}
+
 std::vector<LedgerFolder> Ledger::pendingFolders() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    std::vector<LedgerFolder> folders;
-    const auto statement = database_.prepare("SELECT id, was FROM folders WHERE pending <> 0");
-    while (statement->step()) {
-        folders.push_back({folderPath(statement->number(0)), statement->text(1)});
-    }
+    std::vector<LedgerFolder> folders = readFolders("pending <> 0");
     const auto depth = [](const LedgerFolder& folder) {
         return std::count(folder.path.begin(), folder.path.end(), '/');
     };
     std::stable_sort(folders.begin(), folders.end(),
                      [&](const LedgerFolder& a, const LedgerFolder& b) { return depth(a) > depth(b); });
     return folders;
+}
+
+std::vector<LedgerFolder> Ledger::setFolders() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return readFolders("parent = 1 AND (owner IS NOT NULL OR pending <> 0)");
+}
+
+std::string Ledger::folderOwner(const std::string& path) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::int64_t id = folderId(path, false);
+    if (id == 0) return {};
+    const auto find = database_.prepare("SELECT owner FROM owners WHERE folder = ?");
+    StatementUse use(*find, id);
+    return use.step() ? use->text(0) : std::string();
+}
+
+void Ledger::setFolderOwner(const std::string& path, const std::string& owner) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    writeAlone([&] {
+        // Whatever else was the set's or the folder's makes way.
+        const auto set = database_.prepare("INSERT OR REPLACE INTO owners (owner, folder) VALUES (?, ?)");
+        StatementUse(*set, owner, folderId(path, true)).run();
+    });
 }
 
 }  // namespace Norvale_Plugin_Core

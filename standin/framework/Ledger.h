@@ -4,11 +4,14 @@
 //             that a renamed folder is one changed row.
 //       made      1 for a folder that the file service made itself
 //       was       its path before a rename that is not settled yet
+//   owners    one row for each set whose row was written: the set's id and its folder, which is its through
+//             every rename, whatever the rows of the backup database say
 //   files     one row for each file: who it belongs to, its size and checksum
 //       item      id of the item, also for its thumbnail
 //       was       its name before a rename that is not settled yet
 //       pending   1 until it is known that the item's row in the backup database names the file, 2 while in
-//                 addition the file may be an older one than its size and checksum say
+//                 addition the file may be an older one than its size and checksum say, 3 when the file was
+//                 removed and the disk may not know yet
 //   state     a row while the ledger is in use: one that is found when it is opened says that the last use
 //             ended by a kill or a power cut: rows of then may be missing, and half-written files be left
 //
@@ -48,7 +51,11 @@ struct LedgerFile {
 struct LedgerFolder {
     std::string path;
     std::string was;
+    std::string owner;
 };
+
+/// LedgerFile::pending of a file that was removed.
+constexpr int kRemoved = 3;
 
 /// All paths are relative to the service folder. Every operation may be called from any thread and throws a
 /// Poco::Exception when the database fails.
@@ -73,13 +80,16 @@ public:
     std::optional<LedgerFile> file(const std::string& path);
     std::vector<LedgerFile> filesOfItem(const std::string& item);
     std::vector<LedgerFile> pendingFiles();
+    /// Ids of the items of which nothing is pending.
+    std::vector<std::string> settledItems();
     void putFile(const LedgerFile& file);
     void eraseFile(const std::string& path);
     /// Moves the row from one path to another, pending, and notes where it was when the folder is the same.
     void moveFile(const std::string& from, const std::string& to, const std::string& was);
     void setPending(const std::string& path, int pending);
-    /// Nothing of the item is pending any more, except files that stand aside. Put off until many are settled
-    /// at once, something else than a new file or folder is entered, or the ledger is closed.
+    /// Nothing of the item is pending any more, except files that stand aside or were removed. Put off until
+    /// many are settled at once, something else than a new file or folder is entered, or the ledger is
+    /// closed; only the first item of a use is settled at once.
     void settleItemLater(const std::string& item);
 
     bool madeFolder(const std::string& path);
@@ -89,6 +99,12 @@ public:
     void settleFolders(const std::vector<std::string>& paths);
     /// Folders that were made or renamed and are not settled, the deepest first.
     std::vector<LedgerFolder> pendingFolders();
+    /// Folders of sets: those in the root that have an owner or are not settled.
+    std::vector<LedgerFolder> setFolders();
+    /// Id of the set whose folder it is; empty when that is not known.
+    std::string folderOwner(const std::string& path);
+    /// The folder is that set's, and no other is.
+    void setFolderOwner(const std::string& path, const std::string& owner);
 
 private:
     struct Statements;
@@ -96,6 +112,7 @@ private:
     std::int64_t folderId(const std::string& path, bool create);
     std::string folderPath(std::int64_t id);
     void forgetFolderRows(std::int64_t id);
+    std::vector<LedgerFolder> readFolders(const char* where);
     static LedgerFile fileOfRow(const Statement& row, std::string path);
     std::vector<LedgerFile> readFiles(StatementUse& use);
     /// Runs everything that was put off and then change, in one transaction.
@@ -113,6 +130,7 @@ private:
     bool mayLackRows_ = false;
     bool inUse_ = false;
     bool leftInUse_ = false;
+    bool hasSettled_ = false;
     std::map<std::string, std::int64_t> folderIds_;
     std::set<std::string> laterSettled_;
 };

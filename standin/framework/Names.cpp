@@ -1,9 +1,11 @@
 #include "standin/framework/Names.h"
 
 #include <Poco/Ascii.h>
+#include <unistd.h>
 #include <utf8proc.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -120,6 +122,25 @@ std::string numberSuffix(long number) {
 
 }  // namespace
 
+bool isPlainName(const std::string& name) {
+    return !name.empty() && name != "." && name != ".." &&
+           name.find_first_of(std::string_view("/\0", 2)) == std::string::npos;
+}
+
+std::string newOwnName(const char* prefix) {
+    static std::atomic<unsigned long> counter{0};
+    return prefix + std::to_string(::getpid()) + "-" + std::to_string(++counter);
+}
+
+bool isOwnName(const std::string& name, const char* prefix) {
+    const std::string::size_type start = std::strlen(prefix), dash = name.find('-', start);
+    if (name.compare(0, start, prefix) != 0 || dash == std::string::npos) return false;
+    const auto isNumber = [](const std::string& text) {
+        return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+    };
+    return isNumber(name.substr(start, dash - start)) && isNumber(name.substr(dash + 1));
+}
+
 std::string validUtf8(const std::string& text) {
     if (isAscii(text)) return text;
     return replaceCharacters(text, [](utf8proc_int32_t) { return false; });
@@ -162,12 +183,12 @@ std::string nameKey(const std::string& name) {
 }
 
 bool isBackupName(const std::string& name) {
-    if (name.empty() || name.size() > kLongestName || name == "." || name == "..") return false;
-    if (name.find('/') != std::string::npos || name.find('\0') != std::string::npos) return false;
+    if (!isPlainName(name) || name.size() > kLongestName) return false;
     const auto first = static_cast<unsigned char>(name[0]);
     if (first != '.' && first < 0x80) return true;  // most are so, and their keys need no look
     const std::string key = nameKey(name);
-    return key != kRecordFolder && key.compare(0, std::strlen(kPartPrefix), kPartPrefix) != 0;
+    return key != kRecordFolder && key.compare(0, std::strlen(kPartPrefix), kPartPrefix) != 0 &&
+           key.compare(0, std::strlen(kKeptPrefix), kKeptPrefix) != 0;
 }
 
 NameParts splitName(const std::string& name) {

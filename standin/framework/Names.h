@@ -23,8 +23,19 @@ constexpr std::size_t kLongestName = 255;
 /// the ledger.
 constexpr const char* kRecordFolder = ".records";
 
-/// How the name of a file begins that is still being written.
+/// How the name of a file begins that is still being written, and of one that was replaced and is kept until
+/// its item's row is written. Behind it stand the number of the process, "-", and a number.
 constexpr const char* kPartPrefix = ".part-";
+constexpr const char* kKeptPrefix = ".kept-";
+
+/// True for what can only name something in the folder that it is looked up in: neither empty nor "." nor
+/// "..", without "/" and NUL.
+bool isPlainName(const std::string& name);
+
+/// A name of that form which this process has not given yet.
+std::string newOwnName(const char* prefix);
+/// True for the form only: digits, "-", digits behind the prefix.
+bool isOwnName(const std::string& name, const char* prefix);
 
 /// The text as valid UTF-8: each byte that belongs to no character becomes "_".
 std::string validUtf8(const std::string& text);
