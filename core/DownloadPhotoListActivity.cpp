@@ -6,6 +6,7 @@
 #include "core/DownloadPhotoSetListActivity.h"
 #include "core/PhotoListSaxHandler.h"
 #include "core/RunSupport.h"
+#include "core/StopWatcher.h"
 
 namespace Norvale_Plugin_Flickr {
 
@@ -13,6 +14,7 @@ namespace {
 
 // The service's page size for the photos of a set; no request asks for another.
 constexpr int kItemsPerPage = 500;
+constexpr const char* kStopLine = "Backup Stopped in DownloadPhotoListActivity::getPhotoList()";
 
 }  // namespace
 
@@ -51,8 +53,10 @@ void DownloadPhotoListActivity::tryGettingPhotoList() {
 int DownloadPhotoListActivity::getPhotoList(int attempt) {
     try {
         return getAllPages();
+    } catch (StoppedException&) {
+        logInfo(kStopLine);
+        return 0;
     } catch (Poco::Exception& exception) {
-        if (endedByUser("Backup Stopped in DownloadPhotoListActivity::getPhotoList()")) return 0;
         logFailure("Unable to downlod / parse / sort photo list - " + exception.displayText());
         exceptionHandler_.handleException(
             exception,
@@ -67,22 +71,23 @@ int DownloadPhotoListActivity::getAllPages() {
     const int items = photoSet_.getNumberOfPhotos();
     const int pages = items <= kItemsPerPage ? 1 : items / kItemsPerPage + (items % kItemsPerPage ? 1 : 0);
 
-    // The items in no set are not counted anywhere: their listing ends with a page that brings nothing new.
-    std::size_t previousCount = 0;
+    // The items in no set are not counted anywhere: their listing ends with a page that names nothing new.
+    met_.clear();
     leftOut_ = 0;
     for (int page = 1; anonymous || page <= pages; ++page) {
-        if (stoppedAt("Backup Stopped in DownloadPhotoListActivity::getPhotoList()")) return 0;
+        if (stoppedAt(kStopLine)) return 0;
 
-        std::size_t count = 0;
-        const int status = pageRequest(page).send([&](std::istream& body) { count = parseDataV2(body); });
+        bool namesNew = false;
+        const int status = pageRequest(page).send([&](std::istream& body) { namesNew = parseDataV2(body); });
         if (status != Poco::Net::HTTPResponse::HTTP_OK) {
             throw Poco::Exception("UNABLE TO DOWNLOAD PHOTOSET", 0);
         }
-        if (anonymous && count == previousCount) return 1;
-        previousCount = count;
+        if (anonymous && !namesNew) return 1;
     }
     const std::size_t listed = photoMap_.size() + leftOut_;
-    if (listed > 0 && items > 0 && listed < static_cast<std::size_t>(items)) {
+    const bool isShort = listed > 0 && items > 0 && listed < static_cast<std::size_t>(items);
+    // A stop inside the last page is no shortness of the service's.
+    if (isShort && !Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->isBackupStopped()) {
         logFailure("Fewer items listed than announced: " + std::to_string(listed) + " of " +
                    std::to_string(items));
     }
@@ -97,9 +102,9 @@ SignedRequest DownloadPhotoListActivity::pageRequest(int page) const {
     return request;
 }
 
-std::size_t DownloadPhotoListActivity::parseDataV2(std::istream& body) {
+bool DownloadPhotoListActivity::parseDataV2(std::istream& body) {
     const std::string document = readWhole(body);
-    if (stoppedAt("Backup Stopped in DownloadPhotoListActivity::parseDataV2()")) return 0;
+    if (stoppedAt("Backup Stopped in DownloadPhotoListActivity::parseDataV2()")) return false;
 
     // The handler gets no known items: merging its own into the map comes to the same, costs the same for
     // every page of a listing, and leaves the map as it was when the page cannot be read.
@@ -113,7 +118,9 @@ std::size_t DownloadPhotoListActivity::parseDataV2(std::istream& body) {
     }
     leftOut_ += handler.leftOut();
     photoMap_.merge(std::move(handler).getPhotoList());
-    return photoMap_.size();
+    bool namesNew = false;
+    for (const std::string& id : handler.namedIds()) namesNew = met_.insert(id).second || namesNew;
+    return namesNew;
 }
 
 void DownloadPhotoListActivity::sortPhotos() {

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <istream>
 #include <map>
+#include <set>
 #include <string>
 
 #include "core/Photo.h"
@@ -47,7 +48,8 @@ private:
     int getPhotoList(int attempt);
     int getAllPages();
     SignedRequest pageRequest(int page) const;
-    std::size_t parseDataV2(std::istream& body);
+    /// Reads a page; whether it named an item that this attempt had not met.
+    bool parseDataV2(std::istream& body);
     void sortPhotos();
 
     Poco::Activity<DownloadPhotoListActivity> activity_;
@@ -59,7 +61,8 @@ private:
     std::multimap<Poco::DateTime, Photo> photos_;
     std::multimap<Poco::DateTime, Photo> videos_;
     std::map<std::string, Photo> photoMap_;
-    std::size_t leftOut_ = 0;  // items without a rendition, on the pages of the current attempt
+    std::set<std::string> met_;  // ids of the items named in the current attempt, also of those left out
+    std::size_t leftOut_ = 0;    // items left out on its pages
     Norvale_Plugin_Core::ExceptionHandlerMac exceptionHandler_;
 };
 

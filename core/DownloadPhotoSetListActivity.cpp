@@ -5,6 +5,7 @@
 
 #include "core/PhotosetSaxHandler.h"
 #include "core/RunSupport.h"
+#include "core/StopWatcher.h"
 #include "hostapi/CSConfigException.h"
 #include "hostapi/CSNetworkException.h"
 
@@ -54,8 +55,10 @@ int DownloadPhotoSetListActivity::getPhotoSetList(int attempt) {
             exceptionHandler_.handleException(refused, message, retryAttempts());
         }
         throw Norvale_Plugin_Core::CSNetworkException(message, 0);
+    } catch (StoppedException&) {
+        logInfo("Backup Stopped in getPhotoSetList()");
+        return 0;
     } catch (Poco::Exception& exception) {
-        if (endedByUser("Backup Stopped in getPhotoSetList()")) return 0;
         exceptionHandler_.handleException(
             exception, "Exception occurred in getPhotoSetList() : " + exception.displayText(), attempt);
         if (attempt == retryAttempts()) dataTypeBackupStatus_ = false;

@@ -33,33 +33,40 @@ int waitForLock(void*, int count) {
     return 1;
 }
 
-/// A session whose connector is registered for as long as the session lives. It waits for a lock until a
-/// stop.
-class ConnectorSession {
+/// A session that is closed at the end of its life. It waits for a lock until a stop.
+class OpenSession {
 public:
-    explicit ConnectorSession(const std::string& path) : session_("SQLite", path, kOpenTimeout) {
+    explicit OpenSession(const std::string& path) : session_("SQLite", path, kOpenTimeout) {
         sqlite3_busy_handler(Poco::Data::SQLite::Utility::dbHandle(session_), waitForLock, nullptr);
     }
-    ~ConnectorSession() {
+    ~OpenSession() {
         try {
             session_.close();
         } catch (Poco::Exception&) {
             // What the session did is done; a failed close must not hide how it went.
         }
     }
-    ConnectorSession(const ConnectorSession&) = delete;
-    ConnectorSession& operator=(const ConnectorSession&) = delete;
+    OpenSession(const OpenSession&) = delete;
+    OpenSession& operator=(const OpenSession&) = delete;
 
     Session& operator*() { return session_; }
 
 private:
-    struct Registration {
-        Registration() { Connector::registerConnector(); }
-        ~Registration() { Connector::unregisterConnector(); }
-    };
-
-    Registration registration_;
     Session session_;
+};
+
+/// The connector, registered by the plug-in itself.
+struct OwnConnector {
+    OwnConnector() { Connector::registerConnector(); }
+    ~OwnConnector() { Connector::unregisterConnector(); }
+};
+
+/// The connector as the host prepares it for the two V2 updates.
+struct HostConnector {
+    explicit HostConnector(FlickrDbInterface& database) : host(database) { host.initialize(); }
+    ~HostConnector() { host.uninitialize(); }
+
+    FlickrDbInterface& host;
 };
 
 }  // namespace
@@ -79,7 +86,8 @@ bool FlickrDbInterface::guarded(const char* message, Work work) {
 std::string FlickrDbInterface::selectTextById(const char* message, const char* statement, std::string id) {
     std::string text;
     guarded(message, [&] {
-        ConnectorSession session(connectionString_);
+        const OwnConnector connector;
+        OpenSession session(connectionString_);
         *session << statement, into(text), use(id), now;
     });
     return text;
@@ -88,7 +96,8 @@ std::string FlickrDbInterface::selectTextById(const char* message, const char* s
 Poco::DateTime FlickrDbInterface::getLatestBackupTime() {
     std::string text;
     guarded("Exception occurred in GetLatestBackupTime() : ", [&] {
-        ConnectorSession session(connectionString_);
+        const OwnConnector connector;
+        OpenSession session(connectionString_);
         *session << "SELECT ItemUpdatedOn FROM backupmetadata WHERE ItemType = 'FlickrLatestBackUpDateTime'",
             into(text), now;
     });
@@ -114,7 +123,8 @@ std::string FlickrDbInterface::getPhotoUpdatedById(std::string photoId) {
 void FlickrDbInterface::updateLatestBackupTime(Poco::DateTime time) {
     guarded("Exception occurred in updateLatestBackupTime() :", [&] {
         std::string updated = convertToString(time);
-        ConnectorSession session(connectionString_);
+        const OwnConnector connector;
+        OpenSession session(connectionString_);
         *session << "UPDATE BackupMetaData SET ItemUpdatedOn = :sLastUpdateddateTime WHERE ItemType = "
                     "'FlickrLatestBackUpDateTime'",
             use(updated), now;
@@ -123,7 +133,8 @@ void FlickrDbInterface::updateLatestBackupTime(Poco::DateTime time) {
 
 void FlickrDbInterface::updatePhotoUpdatedTime(std::string newUpdatedTime, std::string itemId) {
     guarded("Exception occurred in updatePhotoUpdatedTime() :", [&] {
-        ConnectorSession session(connectionString_);
+        const OwnConnector connector;
+        OpenSession session(connectionString_);
         *session << "UPDATE BackupMetaData SET ItemUpdatedOn = :newUpdatedTime WHERE ItemID = :itemId",
             use(newUpdatedTime), use(itemId), now;
     });
@@ -133,31 +144,25 @@ bool FlickrDbInterface::updateContainerTitleV2(std::string itemId, std::string o
                                                std::string derivedName, std::string /*oldName*/,
                                                std::string newUpdatedTime) {
     return guarded("Exception in updateContainerTitle(): - ", [&] {
-        initialize();
-        {
-            ConnectorSession session(connectionString_);
-            *session << "UPDATE backupmetadata SET ItemName = :orgItemName, DerivedItemName = "
-                        ":derivedItemName, ItemUpdatedOn = :newUpdatedTime WHERE OriginalItemId = :itemId",
-                use(orgName), use(derivedName), use(newUpdatedTime), use(itemId), now;
-            *session << "UPDATE backupmetadata SET ItemContainerName = :orgItemName, DerivedContainerName = "
-                        ":derContainerName WHERE OriginalContainerId = :itemId",
-                use(derivedName), use(derivedName), use(itemId), now;
-        }
-        uninitialize();
+        const HostConnector connector(*this);
+        OpenSession session(connectionString_);
+        *session << "UPDATE backupmetadata SET ItemName = :orgItemName, DerivedItemName = "
+                    ":derivedItemName, ItemUpdatedOn = :newUpdatedTime WHERE OriginalItemId = :itemId",
+            use(orgName), use(derivedName), use(newUpdatedTime), use(itemId), now;
+        *session << "UPDATE backupmetadata SET ItemContainerName = :orgItemName, DerivedContainerName = "
+                    ":derContainerName WHERE OriginalContainerId = :itemId",
+            use(derivedName), use(derivedName), use(itemId), now;
     });
 }
 
 bool FlickrDbInterface::updateFileTitleV2(std::string itemId, std::string orgName, std::string derivedName,
                                           std::string newUpdatedTime) {
     return guarded("Exception in updateFileTitleV2(): - ", [&] {
-        initialize();
-        {
-            ConnectorSession session(connectionString_);
-            *session << "UPDATE backupmetadata SET ItemName = :orgItemName, DerivedItemName = "
-                        ":derivedItemName, ItemUpdatedOn = :newUpdatedTime WHERE ItemId = :itemId",
-                use(orgName), use(derivedName), use(newUpdatedTime), use(itemId), now;
-        }
-        uninitialize();
+        const HostConnector connector(*this);
+        OpenSession session(connectionString_);
+        *session << "UPDATE backupmetadata SET ItemName = :orgItemName, DerivedItemName = "
+                    ":derivedItemName, ItemUpdatedOn = :newUpdatedTime WHERE ItemId = :itemId",
+            use(orgName), use(derivedName), use(newUpdatedTime), use(itemId), now;
     });
 }
 

@@ -33,12 +33,11 @@ FlickrPluginCore& coreOf(void* core) {
     return *static_cast<FlickrPluginCore*>(core);
 }
 
-/// Copies as much of the text as fits with its NUL.
+/// Copies as many whole characters of the text as fit with its NUL.
 void copyText(const std::string& text, char* out, std::size_t capacity) {
     if (out == nullptr) return;
-    const std::size_t length = std::min(text.size(), capacity - 1);
-    std::memcpy(out, text.data(), length);
-    out[length] = '\0';
+    const std::string whole = wholeCharacters(text, capacity - 1);
+    std::memcpy(out, whole.c_str(), whole.size() + 1);
 }
 
 /// What the user selected, "Images;Videos;", as the media choice of the activities. An entry counts only with
@@ -235,8 +234,9 @@ int backup(void* core, char* dbConnectionString, char* authToken, char* backupFr
         plugin.setDBConnectionString(text(dbConnectionString));
         plugin.setMediaToBackup(mediaChoice(text(dataTypes)));
 
-        DownloadPhotoSetListActivity list;
+        // In this order: they go in the reverse one.
         FlickrDbInterface database;
+        DownloadPhotoSetListActivity list;
         const Poco::DateTime since = database.convertToDateTime(text(backupFrom));
 
         status = plugin.getValueString("plugin.dataUrl", value, errorOut);

@@ -17,6 +17,7 @@
 #include "core/MediaSession.h"
 #include "core/PhotoSetProcessor.h"
 #include "core/RunSupport.h"
+#include "core/StopWatcher.h"
 #include "hostapi/HostServiceUsageParams.h"
 #include "hostapi/ItemDataManager.h"
 #include "hostapi/MediaTemplate.h"
@@ -31,6 +32,7 @@ using Poco::Net::HTTPResponse;
 namespace {
 
 constexpr const char* kFileServiceSuccess = "SUC";
+constexpr const char* kStopLine = "Backup Stopped in downloadMedia()";
 
 bool isRedirect(HTTPResponse::HTTPStatus status) {
     return status == HTTPResponse::HTTP_MOVED_PERMANENTLY || status == HTTPResponse::HTTP_FOUND ||
@@ -205,7 +207,7 @@ int MediaDownloadActivity::download(std::string url, std::string devicePath, boo
 int MediaDownloadActivity::downloadMedia(std::string url, long fileHandle, bool isMedia, int attempt) {
     try {
         for (;;) {
-            if (stoppedAt("Backup Stopped in downloadMedia()")) return DownloadFailed;
+            if (stoppedAt(kStopLine)) return DownloadFailed;
 
             const Poco::URI address(url);
             if (!MediaSession::supports(address)) {
@@ -229,8 +231,10 @@ int MediaDownloadActivity::downloadMedia(std::string url, long fileHandle, bool 
             if (result != DownloadSucceeded) session.rethrowNetworkFailure();
             return result;
         }
+    } catch (StoppedException&) {
+        logInfo(kStopLine);
+        return 0;
     } catch (Poco::Exception& exception) {
-        if (endedByUser("Backup Stopped in downloadMedia()")) return DownloadFailed;
         exceptionHandler_.handleException(
             exception,
             "Exception occurred in Media Download Activity - downloadMedia(): " + exception.displayText(),
@@ -377,7 +381,8 @@ void MediaDownloadActivity::httpRedir(std::string url) {
         const Poco::URI address(url);
         Poco::Net::HTTPClientSession session(address.getHost(), address.getPort());
         session.setKeepAlive(true);
-        Poco::Net::HTTPRequest request(Poco::Net::HTTPRequest::HTTP_GET, address.getPathAndQuery(),
+        const std::string path = address.getPathAndQuery();
+        Poco::Net::HTTPRequest request(Poco::Net::HTTPRequest::HTTP_GET, path.empty() ? "/" : path,
                                        Poco::Net::HTTPRequest::HTTP_1_1);
         session.sendRequest(request);
         HTTPResponse response;

@@ -3,23 +3,18 @@
 #include <Poco/Exception.h>
 #include <Poco/Net/AcceptCertificateHandler.h>
 #include <Poco/Net/Context.h>
-#include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPSClientSession.h>
-#include <Poco/Net/NetException.h>
 #include <Poco/Net/SSLManager.h>
 #include <Poco/Net/SecureStreamSocket.h>
 #include <Poco/Net/Session.h>
-#include <Poco/NumberParser.h>
 #include <openssl/ssl.h>
 
-#include <algorithm>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
 
-#include "core/ChunkedBody.h"
-#include "core/PlainBody.h"
 #include "core/RunSupport.h"
 #include "core/StopWatcher.h"
 
@@ -27,9 +22,6 @@ namespace Norvale_Plugin_Flickr {
 
 using Poco::Net::Context;
 using Poco::Net::HTTPClientSession;
-using Poco::Net::HTTPMessage;
-using Poco::Net::HTTPRequest;
-using Poco::Net::HTTPResponse;
 using Poco::Net::HTTPSClientSession;
 
 namespace {
@@ -39,15 +31,6 @@ constexpr const char* kCipherList = "ALL:!ADH:!LOW:!EXP:!MD5:@STRENGTH";
 // A redirect can name any host: what is kept for them has an end.
 constexpr std::size_t kRememberedHosts = 64;
 constexpr std::size_t kTlsReadSize = 64 << 10;
-
-/// A session that lets its bytes be read.
-template <typename Session>
-class RawSession : public Session, public RawBytes {
-public:
-    using Session::Session;
-    int nextByte() override { return Session::get(); }
-    int readBytes(char* buffer, std::streamsize count) override { return Session::read(buffer, count); }
-};
 
 /// TLS over a socket that a stop request shuts down.
 class TlsSession : public HTTPSClientSession {
@@ -111,9 +94,16 @@ private:
     std::map<std::string, Poco::Net::Session::Ptr> sessions_;
 };
 
-std::string pathAndQuery(const Poco::URI& address) {
+/// What stands in the request line: over TLS the path, and otherwise the whole address as it was written.
+std::string targetOf(const Poco::URI& address, const std::string& url) {
+    if (address.getScheme() != "https") return fitsRequestLine(url) ? url : address.toString();
     const std::string path = address.getPathAndQuery();
     return path.empty() ? "/" : path;
+}
+
+std::unique_ptr<HTTPClientSession> sessionFor(const Poco::URI& address) {
+    if (address.getScheme() == "https") return TlsClient::instance().connect(address.getHost());
+    return std::make_unique<RawSession<StoppableSession>>(address.getHost(), address.getPort());
 }
 
 }  // namespace
@@ -122,62 +112,19 @@ bool MediaSession::supports(const Poco::URI& address) {
     return address.getScheme() == "http" || address.getScheme() == "https";
 }
 
-MediaSession::MediaSession(const Poco::URI& address, const std::string& url) : host_(address.getHost()) {
-    if (address.getScheme() == "https") {
-        session_ = TlsClient::instance().connect(host_);
-        target_ = pathAndQuery(address);
-    } else {
-        session_ = std::make_unique<RawSession<StoppableSession>>(host_, address.getPort());
-        target_ = fitsRequestLine(url) ? url : address.toString();
-    }
-}
+MediaSession::MediaSession(const Poco::URI& address, const std::string& url)
+    : HttpExchange(sessionFor(address), targetOf(address, url)) {}
 
 MediaSession::~MediaSession() {
-    if (!session_->secure() || !session_->connected()) return;
+    if (!session().secure() || !session().connected()) return;
     try {
         // Asked of the socket, when the answer was read, and not of the session, which only knows the ticket
         // of the handshake: TLS 1.3 sends its tickets behind it.
-        Poco::Net::SecureStreamSocket socket(session_->socket());
-        TlsClient::instance().remember(host_, socket.currentSession());
+        Poco::Net::SecureStreamSocket socket(session().socket());
+        TlsClient::instance().remember(session().getHost(), socket.currentSession());
     } catch (Poco::Exception&) {
         // The next connection makes a session of its own.
     }
-}
-
-const HTTPResponse& MediaSession::exchange() {
-    HTTPRequest request(HTTPRequest::HTTP_GET, target_, HTTPRequest::HTTP_1_1);
-    session_->sendRequest(request);
-    session_->receiveResponse(response_);
-    return response_;
-}
-
-std::istream& MediaSession::body() {
-    if (body_) return *body_;
-    auto& bytes = dynamic_cast<RawBytes&>(*session_);
-    if (response_.getChunkedTransferEncoding()) {
-        bodyBuffer_ = std::make_unique<ChunkedBody>(bytes);
-    } else {
-        bodyBuffer_ = std::make_unique<PlainBody>(bytes, contentLength());
-    }
-    body_ = std::make_unique<std::istream>(bodyBuffer_.get());
-    return *body_;
-}
-
-std::int64_t MediaSession::contentLength() const {
-    if (response_.getChunkedTransferEncoding() || !response_.hasContentLength()) return -1;
-    const std::string& announced = response_.get(HTTPMessage::CONTENT_LENGTH);
-    for (const auto& [name, value] : response_) {
-        if (Poco::icompare(name, HTTPMessage::CONTENT_LENGTH) == 0 && value != announced) {
-            throw Poco::Net::MessageException("the answer announces two content lengths");
-        }
-    }
-    const std::int64_t length = Poco::NumberParser::parse64(announced);
-    if (length < 0) throw Poco::Net::MessageException("the answer announces a negative content length");
-    return length;
-}
-
-void MediaSession::rethrowNetworkFailure() const {
-    if (session_->networkException()) session_->networkException()->rethrow();
 }
 
 }  // namespace Norvale_Plugin_Flickr

@@ -3,15 +3,11 @@
 #ifndef CORE_MEDIASESSION_H
 #define CORE_MEDIASESSION_H
 
-#include <Poco/Net/HTTPClientSession.h>
-#include <Poco/Net/HTTPResponse.h>
 #include <Poco/URI.h>
 
-#include <cstdint>
-#include <istream>
-#include <memory>
-#include <streambuf>
 #include <string>
+
+#include "core/HttpExchange.h"
 
 namespace Norvale_Plugin_Flickr {
 
@@ -20,38 +16,14 @@ namespace Norvale_Plugin_Flickr {
 ///
 /// Certificates are not verified. TLS settings are made once in the process, and a host's last TLS session is
 /// offered to it again.
-class MediaSession {
+class MediaSession : public HttpExchange {
 public:
     /// Whether there is a connection for the address's scheme.
     static bool supports(const Poco::URI& address);
 
     /// Prepares for an address of a supported scheme; url is the text from which it was parsed.
     MediaSession(const Poco::URI& address, const std::string& url);
-    ~MediaSession();
-    MediaSession(const MediaSession&) = delete;
-    MediaSession& operator=(const MediaSession&) = delete;
-
-    /// Sends the request and reads the answer's header. Throws Poco::Exception.
-    const Poco::Net::HTTPResponse& exchange();
-
-    /// The answer's body. Its badbit tells a body that broke off from one that ended. Throws as
-    /// contentLength() does.
-    std::istream& body();
-
-    /// The number of bytes that the answer announces for its body, -1 when it announces none. Throws
-    /// Poco::Exception for an announcement that makes no sense.
-    std::int64_t contentLength() const;
-
-    /// Throws what broke the connection while the body was read, when something did.
-    void rethrowNetworkFailure() const;
-
-private:
-    std::unique_ptr<Poco::Net::HTTPClientSession> session_;
-    std::string host_;
-    std::string target_;
-    Poco::Net::HTTPResponse response_;
-    std::unique_ptr<std::streambuf> bodyBuffer_;
-    std::unique_ptr<std::istream> body_;
+    ~MediaSession() override;
 };
 
 }  // namespace Norvale_Plugin_Flickr

@@ -21,13 +21,9 @@ void PhotoInformationSaxHandler::startElement(const Poco::XML::XMLString&,
                                               const Poco::XML::Attributes& attributes) {
     if (localName != "size") return;
     logInfo("*********************** Photo Started**************************");
-    started_ = true;
-
-    for (int i = 0; i < attributes.getLength(); ++i) {
-        if (attributes.getLocalName(i) != "label") continue;
-        if (photo_.getMediaType() == "photo") readPhotoSize(attributes.getValue(i), attributes);
-        if (photo_.getMediaType() == "video") readVideoSize(attributes.getValue(i), attributes);
-    }
+    const std::string& label = valueOf(attributes, "label");
+    if (photo_.getMediaType() == "photo") readPhotoSize(label, attributes);
+    if (photo_.getMediaType() == "video") readVideoSize(label, attributes);
 }
 
 void PhotoInformationSaxHandler::readPhotoSize(const std::string& label,

@@ -26,6 +26,8 @@ public:
     Photo getPhoto() const& { return photo_; }
     Photo getPhoto() && { return std::move(photo_); }
 
+    /// An item of which the service tells no renditions is left out by its record: it has no address.
+    bool readsFailure() const override { return true; }
     void startElement(const Poco::XML::XMLString& uri, const Poco::XML::XMLString& localName,
                       const Poco::XML::XMLString& qname, const Poco::XML::Attributes& attributes) override;
 
@@ -35,7 +37,6 @@ private:
     void takeRendition(const Poco::XML::Attributes& attributes);
 
     Photo photo_;
-    bool started_ = false;
 };
 
 }  // namespace Norvale_Plugin_Flickr

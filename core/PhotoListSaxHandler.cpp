@@ -10,6 +10,7 @@
 #include "core/PhotoInformationSaxHandler.h"
 #include "core/RunLines.h"
 #include "core/RunSupport.h"
+#include "core/StopWatcher.h"
 #include "hostapi/ExceptionHandlerMac.h"
 
 namespace Norvale_Plugin_Flickr {
@@ -18,6 +19,12 @@ namespace {
 
 // The last second of the year 9999, past which Poco::DateTime has no values.
 constexpr Poco::Int64 kLastSecond = 253402300799;
+
+// Of one item. The service gives an item 75 tags at most.
+constexpr std::size_t kMostTags = 1000;
+constexpr std::size_t kLongestTag = 255;  // characters
+// On one page. The service puts 500 items on a page at most.
+constexpr std::size_t kMostItems = 5000;
 
 /// Seconds since 1970-01-01 00:00 UTC as a date. Throws Poco::Exception for text that is no such number.
 Poco::DateTime fromEpochText(const std::string& text) {
@@ -36,6 +43,16 @@ Poco::DateTime parseTakenDate(const std::string& text) {
         logFailure("Unable to read the date taken \"" + text + "\" - " + exception.displayText());
         return Poco::DateTime(Poco::Timestamp::fromEpochTime(0));
     }
+}
+
+/// The text's first characters of UTF-8, so many at most.
+std::string firstCharacters(const std::string& text, std::size_t count) {
+    std::size_t at = 0;
+    for (; at < text.size(); ++at) {
+        const bool begins = (static_cast<unsigned char>(text[at]) & 0xc0) != 0x80;
+        if (begins && count-- == 0) break;
+    }
+    return text.substr(0, at);
 }
 
 /// Removes the character at the text's end, then at its start; a text of nothing else stays as it is.
@@ -94,15 +111,27 @@ void PhotoListSaxHandler::readAttributes(const Poco::XML::Attributes& attributes
         } else if (name == "media") {
             photo_.setMediaType(value);
         } else if (name == "tags" && !value.empty()) {
-            std::string::size_type start = 0;
-            std::string::size_type blank;
-            while ((blank = value.find(' ', start)) != std::string::npos) {
-                photo_.setTags(value.substr(start, blank - start));
-                start = blank + 1;
-            }
-            photo_.setTags(value.substr(start));
+            readTags(value);
         }
     }
+}
+
+void PhotoListSaxHandler::readTags(const std::string& value) {
+    std::size_t count = 0;
+    std::size_t shortened = 0;
+    for (std::string::size_type start = 0; start != std::string::npos; ++count) {
+        const std::string::size_type blank = value.find(' ', start);
+        if (count < kMostTags) {
+            const std::string tag = value.substr(start, blank - start);
+            std::string kept = firstCharacters(tag, kLongestTag);
+            shortened += kept.size() < tag.size();
+            photo_.setTags(std::move(kept));
+        }
+        start = blank == std::string::npos ? blank : blank + 1;
+    }
+    const std::string item = " of item - " + photo_.getPhotoTitle();
+    if (count > kMostTags) logFailure("Tags left out: " + std::to_string(count - kMostTags) + item);
+    if (shortened > 0) logFailure("Tags shortened: " + std::to_string(shortened) + item);
 }
 
 void PhotoListSaxHandler::characters(const Poco::XML::XMLChar text[], int start, int length) {
@@ -122,17 +151,25 @@ void PhotoListSaxHandler::endElement(const Poco::XML::XMLString&, const Poco::XM
     }
 }
 
+void PhotoListSaxHandler::leaveOut(const std::string& line) {
+    ++leftOut_;
+    // What a stop cut off is not the service's fault.
+    if (Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->isBackupStopped()) return;
+    logFailure(line);
+}
+
 void PhotoListSaxHandler::finishPhoto() {
-    const bool asked = getPhotoInformation(photo_);
+    if (namedIds_.size() == kMostItems) throw Poco::DataFormatException("the page of items has no end");
+    namedIds_.push_back(photo_.getRawPhotoID());
+    const bool refused = !isId(photo_.getRawPhotoID());
+    if (!refused) getPhotoInformation(photo_);
     photo_.setPhotoSetID(set_.getPhotoSetID());
     photo_.setPhotoSet(set_);
     photo_.setPhotoID(photo_.getRawPhotoID() + "_" + set_.getPhotoSetID());
     photo_.setPhotoTitle(photo_.getPhotoTitle() + suffixOf(photo_.getMediaType()));
+    if (refused) return leaveOut(std::string(kItemRefused) + photo_.getPhotoTitle());
     if (photo_.getImagePath().empty()) {
-        ++leftOut_;
-        const bool stopped = Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->isManuallyStopped();
-        if (asked || !stopped) logFailure(kItemLeftOut.with(photo_.getPhotoID(), photo_.getPhotoTitle()));
-        return;
+        return leaveOut(kItemLeftOut.with(photo_.getPhotoID(), photo_.getPhotoTitle()));
     }
 
     Photo listed;
@@ -150,8 +187,10 @@ bool PhotoListSaxHandler::getPhotoInformation(Photo& photo) {
             throw Poco::Exception("UNABLE TO DOWNLOAD PHOTOSET", 0);
         }
         return true;
+    } catch (StoppedException&) {
+        logInfo("Backup Stopped in getPhotoInformation()");
+        return false;
     } catch (Poco::Exception& exception) {
-        if (endedByUser("Backup Stopped in getPhotoInformation()")) return false;
         logFailure("Unable to downlod / parse / sort photo list - " + exception.displayText());
         Norvale_Plugin_Core::ExceptionHandlerMac(kServiceName)
             .handleException(exception,
@@ -163,6 +202,9 @@ bool PhotoListSaxHandler::getPhotoInformation(Photo& photo) {
 
 void PhotoListSaxHandler::parsePhotoInformationV2(std::istream& body, Photo& photo) {
     const std::string document = readWhole(body);
+    // A stop cuts the body off: what is there of it is no answer.
+    if (stoppedAt("Backup Stopped in PhotoListSaxHandler::parsePhotoInformationV2()")) return;
+
     PhotoInformationSaxHandler handler;
     handler.setPhoto(photo);
     try {

@@ -17,6 +17,7 @@
 #include <istream>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "core/Photo.h"
 #include "core/PhotoSet.h"
@@ -27,8 +28,8 @@
 namespace Norvale_Plugin_Flickr {
 
 /// Collects the photos and videos of one page. For each of them it asks the service, while it reads, for the
-/// item's renditions; an item without one to download is left out. After a stop request it passes over every
-/// element.
+/// item's renditions; an item without one to download is left out, and so is one whose id the service cannot
+/// have given. After a stop request it passes over every element.
 class PhotoListSaxHandler : public SaxReader {
 public:
     /// photoMap holds the items that are known already, by their PhotoID; a known one keeps its record.
@@ -45,6 +46,9 @@ public:
                     const Poco::XML::XMLString& qname) override;
     void characters(const Poco::XML::XMLChar text[], int start, int length) override;
 
+    /// The service's ids of all items that the page names, also of those left out.
+    const std::vector<std::string>& namedIds() const { return namedIds_; }
+
     /// How many items were left out.
     std::size_t leftOut() const { return leftOut_; }
 
@@ -60,7 +64,9 @@ public:
 
 private:
     void readAttributes(const Poco::XML::Attributes& attributes);
+    void readTags(const std::string& value);
     void finishPhoto();
+    void leaveOut(const std::string& line);
 
     std::string buffer_;
     bool inPhoto_ = false;
@@ -69,6 +75,7 @@ private:
     ServiceAccess access_;
     PhotoSet set_;
     std::map<std::string, Photo> photoMap_;
+    std::vector<std::string> namedIds_;
     std::size_t leftOut_ = 0;
     Norvale_Plugin_Core::Utils utils_;
 };

@@ -1,5 +1,6 @@
 #include "core/PhotosetSaxHandler.h"
 
+#include <Poco/Exception.h>
 #include <Poco/SAX/Attributes.h>
 
 #include "core/RunLines.h"
@@ -9,6 +10,13 @@
 #include "hostapi/Utils.h"
 
 namespace Norvale_Plugin_Flickr {
+
+namespace {
+
+// Far more than an account holds: the records of so many take some 60 MB.
+constexpr std::size_t kMostSets = 100000;
+
+}  // namespace
 
 void PhotosetSaxHandler::startElement(const Poco::XML::XMLString&, const Poco::XML::XMLString& localName,
                                       const Poco::XML::XMLString&, const Poco::XML::Attributes& attributes) {
@@ -44,7 +52,8 @@ void PhotosetSaxHandler::readAttributes(const Poco::XML::Attributes& attributes)
         if (name == "id") {
             set_.setPhotoSetID(value);
         } else if (name == "primary") {
-            set_.setCoverImageID(value);
+            // The cover's id becomes a part of a file's name and of a row's key.
+            set_.setCoverImageID(isId(value) ? value : "");
         } else if (name == "photos") {
             set_.setNumberOfPhotos(toInt(value));
         } else if (name == "videos") {
@@ -76,8 +85,13 @@ void PhotosetSaxHandler::endElement(const Poco::XML::XMLString&, const Poco::XML
         set.Clone(set_);
         set.setTitle(Norvale_Plugin_Core::Utils().NormalizeString(set.getTitle()));
         set.setResourceTitle(Norvale_Plugin_Core::Utils().NormalizeString(set.getTitle()));
-        sets_.emplace(set.getPhotoSetID(), set);
         inPhotoSet_ = false;
+        if (!isId(set.getPhotoSetID())) {
+            logFailure(std::string(kSetRefused) + set.getTitle());
+            return;
+        }
+        sets_.emplace(set.getPhotoSetID(), set);
+        if (sets_.size() > kMostSets) throw Poco::DataFormatException("the list of photo sets has no end");
     }
 }
 

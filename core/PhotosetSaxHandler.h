@@ -20,7 +20,8 @@
 
 namespace Norvale_Plugin_Flickr {
 
-/// Collects the photo sets of one answer. After a stop request it passes over every element.
+/// Collects the photo sets of one answer. A set whose id the service cannot have given is refused; such an id
+/// of a cover counts as none. After a stop request it passes over every element.
 class PhotosetSaxHandler : public SaxReader {
 public:
     /// The sets by their id; of a repeated id the first.

@@ -41,6 +41,10 @@ constexpr RunLine kItemBegins{"Item to transfer - "};
 /// A listed item is left out, for want of an address: its PhotoID and title.
 constexpr RunLine kItemLeftOut{"No rendition to download for item - "};
 
+/// An item or a set is refused for an id that the service cannot have given, in front of its title.
+constexpr std::string_view kItemRefused = "Refused for its id is item - ";
+constexpr std::string_view kSetRefused = "Refused for its id is photo set - ";
+
 /// The service refuses the list of sets: its error code with ":", and its words.
 constexpr RunLine kServiceRefuses{"The service answers with error "};
 

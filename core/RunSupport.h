@@ -37,15 +37,6 @@ inline bool stoppedAt(const char* stopLine, const char* file = __builtin_FILE(),
     return true;
 }
 
-/// For the handlers of failures: true when the user has requested a stop, which ends connections in the
-/// middle and is no failure; it is then logged with stopLine.
-inline bool endedByUser(const char* stopLine, const char* file = __builtin_FILE(),
-                        int line = __builtin_LINE()) {
-    if (!Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->isManuallyStopped()) return false;
-    logInfo(stopLine, file, line);
-    return true;
-}
-
 /// The number of attempts that the host allows for every request and download.
 inline int retryAttempts() {
     return Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->getRetryAttempts();
@@ -66,6 +57,17 @@ void tryAttempts(const char* attemptLine, const char* stopLine, Attempt attempt,
 
 /// Whether the text can stand in a request line; white space and control characters would end it early.
 bool fitsRequestLine(const std::string& text);
+
+/// Whether the text can be a host's name or address, as it stands in a request's header.
+bool fitsHost(const std::string& text);
+
+/// Whether the text can be an id that the service gave: letters, digits, "@", "_" and "-". Parameters are
+/// signed one behind the other without separators, so that an id with other characters could carry parameters
+/// of its own.
+bool isId(const std::string& text);
+
+/// As much of the text as fits in so many bytes without cutting a UTF-8 character.
+std::string wholeCharacters(const std::string& text, std::size_t bytes);
 
 /// Size in bytes of the blocks in which bodies are read.
 constexpr std::size_t kBlockSize = 8192;

@@ -3,18 +3,16 @@
 #include <Poco/DigestEngine.h>
 #include <Poco/Exception.h>
 #include <Poco/MD5Engine.h>
-#include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPResponse.h>
 #include <Poco/URI.h>
 
 #include <algorithm>
 
+#include "core/HttpExchange.h"
 #include "core/RunSupport.h"
-#include "core/StopWatcher.h"
 
 namespace Norvale_Plugin_Flickr {
 
-using Poco::Net::HTTPRequest;
 using Poco::Net::HTTPResponse;
 
 namespace {
@@ -79,20 +77,27 @@ std::string SignedRequest::query() const {
     return query + "&api_sig=" + signature();
 }
 
+void SignedRequest::requireSendable(const std::string& path) const {
+    for (const Parameter& parameter : parameters_) {
+        if (fitsRequestLine(parameter.encoded)) continue;
+        const std::string what = parameter.name == "auth_token" ? "the token"
+                                 : parameter.name == "api_key"  ? "the API key"
+                                                                : "the value of " + parameter.name;
+        throw Poco::InvalidArgumentException(what + " holds white space or a control character");
+    }
+    if (!fitsRequestLine(path)) {
+        throw Poco::InvalidArgumentException(
+            "the service's address holds white space or a control character");
+    }
+}
+
 int SignedRequest::send(const std::function<void(std::istream& body)>& read) const {
     const Poco::URI endpoint(access_.dataUrl);
-    StoppableSession session(endpoint.getHost(), endpoint.getPort());
-    const std::string requestTarget = endpoint.getPath() + query();
-    // Ids come from the service: one with a line break in it would put headers of its own into the request.
-    if (!fitsRequestLine(requestTarget)) throw Poco::InvalidArgumentException("an id holds white space");
-    HTTPRequest request(HTTPRequest::HTTP_GET, requestTarget, HTTPRequest::HTTP_1_1);
-    request.setKeepAlive(false);
-    session.sendRequest(request);
-
-    HTTPResponse response;
-    std::istream& stream = session.receiveResponse(response);
-    if (response.getStatus() == HTTPResponse::HTTP_OK) read(stream);
-    return response.getStatus();
+    requireSendable(endpoint.getPath());
+    HttpExchange exchange(endpoint.getHost(), endpoint.getPort(), endpoint.getPath() + query());
+    const HTTPResponse::HTTPStatus status = exchange.exchange().getStatus();
+    if (status == HTTPResponse::HTTP_OK) read(exchange.body());
+    return status;
 }
 
 }  // namespace Norvale_Plugin_Flickr

@@ -50,7 +50,8 @@ public:
 
     /// Sends the call over a connection of its own, plain HTTP, and returns the status of the answer. With
     /// 200, and only then, read() gets the body before the connection is closed. Throws Poco::Exception when
-    /// there is no answer, and whatever read() throws.
+    /// there is no answer or the request cannot be sent, with words that say what of it is wrong;
+    /// StoppedException when a stop ended the connection; and whatever read() throws.
     int send(const std::function<void(std::istream& body)>& read) const;
 
 private:
@@ -61,6 +62,7 @@ private:
     };
 
     std::string query() const;
+    void requireSendable(const std::string& path) const;
 
     const ServiceAccess& access_;
     std::vector<Parameter> parameters_;  // in the order of the query

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <set>
+#include <system_error>
 
 #include "hostapi/HostServiceUsageParams.h"
 
@@ -34,12 +35,17 @@ public:
     }
     void shutDown() {
         const std::lock_guard<std::mutex> lock(mutex_);
-        for (const int descriptor : descriptors_) ::shutdown(descriptor, SHUT_RDWR);
+        for (const int descriptor : descriptors_) ended_ += ::shutdown(descriptor, SHUT_RDWR) == 0;
+    }
+    std::uint64_t ended() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return ended_;
     }
 
 private:
     std::mutex mutex_;
     std::set<int> descriptors_;
+    std::uint64_t ended_ = 0;
 };
 
 class StoppableSocketImpl : public Poco::Net::StreamSocketImpl {
@@ -60,7 +66,13 @@ protected:
 
 }  // namespace
 
-StopWatcher::StopWatcher() : thread_([this] { watch(); }) {}
+StopWatcher::StopWatcher() {
+    try {
+        thread_ = std::thread([this] { watch(); });
+    } catch (std::system_error&) {
+        // A backup that is slow to stop is better than none.
+    }
+}
 
 StopWatcher::~StopWatcher() {
     {
@@ -68,7 +80,7 @@ StopWatcher::~StopWatcher() {
         ended_ = true;
     }
     condition_.notify_one();
-    thread_.join();
+    if (thread_.joinable()) thread_.join();
 }
 
 void StopWatcher::watch() {
@@ -79,6 +91,10 @@ void StopWatcher::watch() {
             Connections::instance().shutDown();
         }
     }
+}
+
+std::uint64_t connectionsEndedByStop() {
+    return Connections::instance().ended();
 }
 
 Poco::Net::StreamSocket stoppableSocket() {

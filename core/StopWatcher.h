@@ -10,11 +10,13 @@
 #ifndef CORE_STOPWATCHER_H
 #define CORE_STOPWATCHER_H
 
+#include <Poco/Exception.h>
 #include <Poco/Net/HTTPClientSession.h>
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/Net/StreamSocket.h>
 
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
 #include <thread>
 
@@ -22,6 +24,7 @@ namespace Norvale_Plugin_Flickr {
 
 /// Watches for the user's stop request for as long as it lives, and shuts down every connection that was made
 /// over a stoppableSocket() within a quarter of a second of it. Looking up a host's name is not covered.
+/// Where the system has no thread to give, it watches nothing: a stop then waits for the network.
 class StopWatcher {
 public:
     StopWatcher();
@@ -37,6 +40,15 @@ private:
     bool ended_ = false;
     std::thread thread_;  // last: it uses the others
 };
+
+/// Thrown for a connection that a stop request ended.
+class StoppedException : public Poco::Exception {
+public:
+    StoppedException() : Poco::Exception("ended by a stop request") {}
+};
+
+/// How many times connections of this process were shut down by a stop request so far.
+std::uint64_t connectionsEndedByStop();
 
 /// A socket, not connected yet, that a StopWatcher shuts down.
 Poco::Net::StreamSocket stoppableSocket();

@@ -1,14 +1,21 @@
 // The records, the readers of the service's answers and the small rules, without a network.
 
+#include <Poco/Data/SessionFactory.h>
 #include <Poco/DateTimeFormatter.h>
 #include <Poco/Exception.h>
+#include <Poco/TemporaryFile.h>
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 
+#include <cerrno>
 #include <sstream>
 
 #include "core/ChunkedBody.h"
+#include "core/FlickrDbInterface.h"
 #include "core/FlickrPluginCore.h"
+#include "core/MediaSession.h"
 #include "core/PhotoInformationSaxHandler.h"
 #include "core/PhotoListSaxHandler.h"
 #include "core/PhotoSetProcessor.h"
@@ -16,10 +23,32 @@
 #include "core/PlainBody.h"
 #include "core/RunSupport.h"
 #include "core/SignedRequest.h"
+#include "core/StopWatcher.h"
 
 using namespace Norvale_Plugin_Flickr;
 using Norvale_Plugin_Core::HostServiceUsageParams;
 using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace {
+
+bool threadsCanBeHad = true;
+
+}  // namespace
+
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*),
+                              void* argument) {
+    static const auto create =
+        reinterpret_cast<int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)>(
+            dlsym(RTLD_NEXT, "pthread_create"));
+    return threadsCanBeHad ? create(thread, attributes, start, argument) : EAGAIN;
+}
+
+TEST(StopWatcher, LetsARunGoOnWithoutAThread) {
+    threadsCanBeHad = false;
+    EXPECT_NO_THROW(StopWatcher());
+    threadsCanBeHad = true;
+}
 
 TEST(Records, CloneAndInitializeKeepTheirOddities) {
     PhotoSet trip, other;
@@ -68,6 +97,134 @@ TEST(SignedRequest, TargetAndSignatureOfEveryMethod) {
         SignedRequest(access, "flickr.photosets.getList").addToken().target(),
         "/services/rest/"
         "?method=flickr.photosets.getList&api_key=K&auth_token=T&api_sig=4327c7f4fdcaa6d0bf22092d3ed612a5");
+}
+
+TEST(Requests, CarryNothingThatBreaksTheirLinesUp) {
+    struct {
+        const char *address, *token, *key, *id, *told;
+    } const calls[] = {
+        {"http://127.0.0.1:1/", "a b", "K", "1", "the token holds white space"},
+        {"http://127.0.0.1:1/", "T", "K\n", "1", "the API key holds white space"},
+        {"http://127.0.0.1:1/", "T", "K", "1\r\n", "the value of photoset_id holds white space"},
+        {"http://127.0.0.1:1/a%20b", "T", "K", "1", "the service's address holds white space"},
+        {"http://127.0.0.1%20/", "T", "K", "1", "the address holds what no request can carry"},
+    };
+    for (const auto& call : calls) {
+        const ServiceAccess access{call.address, call.token, call.key, "S"};
+        try {
+            SignedRequest(access, "m").add("photoset_id", call.id).addToken().send([](std::istream&) {});
+            ADD_FAILURE() << call.told;
+        } catch (Poco::Exception& exception) {
+            EXPECT_THAT(exception.displayText(), HasSubstr(call.told));
+        }
+    }
+    for (const char* url :
+         {"http://127.0.0.1/?x\r\nSET pwned 1", "https://127.0.0.1/?x\r\nSET pwned 1", "http://h/?a b",
+          "http://u\r\nX: y@127.0.0.1/ ", "http://a%0d%0ab/", "https://a%20b/", "https://a/?\x7f"}) {
+        EXPECT_THROW(MediaSession(Poco::URI(url), url).request(), Poco::InvalidArgumentException) << url;
+    }
+    for (const char* url :
+         {"http://127.0.0.1:80/a b?x=y", "https://[::1]/?x=%0d%0a", "https://a_b-c.example/"}) {
+        EXPECT_NO_THROW(MediaSession(Poco::URI(url), url).request()) << url;
+    }
+}
+
+TEST(ErrorTexts, AreCutBetweenCharacters) {
+    const std::pair<std::size_t, const char*> cases[] = {
+        {9, "a\u00e9\u65e5"}, {6, "a\u00e9\u65e5"}, {5, "a\u00e9"}, {3, "a\u00e9"}, {2, "a"}, {0, ""}};
+    for (const auto& [room, expected] : cases) EXPECT_EQ(wholeCharacters("a\u00e9\u65e5", room), expected);
+    EXPECT_EQ(wholeCharacters(std::string(9, '\x80'), 8).size(), 4u) << "bytes that are no text";
+}
+
+TEST(FlickrDbInterface, ReleasesTheConnectorAfterAFailedUpdate) {
+    const Poco::TemporaryFile empty;
+    FlickrDbInterface database;
+    database.setConnectionString(empty.path());
+    EXPECT_FALSE(database.updateFileTitleV2("1", "a", "b", "c"));
+    EXPECT_FALSE(database.updateContainerTitleV2("1", "a", "b", "", "c"));
+    EXPECT_ANY_THROW(Poco::Data::SessionFactory::instance().create("SQLite", empty.path()));
+}
+
+TEST(SaxReader, RefusesWhatIsNoAnswerOrCostsTooMuch) {
+    HostServiceUsageParams::getInstance()->setBackupState(false);
+    const std::string allowed(256 * 1024 - 100, 'x'), large(256 * 1024 + 1, 'x');
+    std::string sections;
+    for (int i = 0; i < 3; ++i) sections += "<![CDATA[" + std::string(100000, 'x') + "]]>";
+    std::string nested, sets;
+    for (int i = 0; i < 100; ++i) nested += "<a>";
+    for (int i = 0; i < 100; ++i) nested += "</a>";
+    for (int i = 0; i < 100001; ++i) sets += "<photoset id='" + std::to_string(i) + "'/>";
+    const std::pair<std::string, bool> cases[] = {
+        {"<photosets/>", true},
+        {"<photos/>", true},
+        {"<sizes/>", true},
+        {"<a><rsp/></a>", false},
+        {"<html><body><photo/></body></html>", false},
+        {"<!DOCTYPE rsp><rsp/>", false},
+        {"<rsp x='" + allowed + "'>" + allowed + "<!--" + allowed + "--></rsp>", true},
+        {"<rsp x='" + large + "'/>", false},
+        {"<rsp>" + large + "</rsp>", false},
+        {"<rsp><![CDATA[" + large + "]]></rsp>", false},
+        {"<rsp>" + sections + "</rsp>", false},
+        {"<rsp><!--" + large + "--></rsp>", false},
+        {"<rsp>" + nested + "</rsp>", false},
+        {"<rsp>" + sets + "</rsp>", false},
+        {"<rsp stat='fail'><err code='1'/></rsp>", false},
+    };
+    for (const auto& [document, isAnswer] : cases) {
+        SCOPED_TRACE(document.substr(0, 60));
+        const bool ofSets = document.find("<photoset ") != std::string::npos;
+        const auto read = [&, text = document] {
+            ofSets ? PhotosetSaxHandler().read(text) : SaxReader().read(text);
+        };
+        if (isAnswer) {
+            EXPECT_NO_THROW(read());
+        } else {
+            EXPECT_THROW(read(), Poco::Exception);
+        }
+    }
+}
+
+TEST(SaxReader, StopsInTheMiddleOfADocument) {
+    class Counter : public SaxReader {
+    public:
+        void startElement(const Poco::XML::XMLString&, const Poco::XML::XMLString&,
+                          const Poco::XML::XMLString&, const Poco::XML::Attributes&) override {
+            if (++count == 10) HostServiceUsageParams::getInstance()->setBackupState(true);
+        }
+        int count = 0;
+    } counter;
+    HostServiceUsageParams::getInstance()->setBackupState(false);
+    std::string document = "<rsp>";
+    for (int i = 0; i < 100000; ++i) document += "<photo/>";
+    counter.read(document + "</rsp>");
+    EXPECT_LT(counter.count, 1000);
+    HostServiceUsageParams::getInstance()->setBackupState(false);
+}
+
+TEST(PhotosetSaxHandler, TitlesArriveWholeWhereverTheyStand) {
+    HostServiceUsageParams::getInstance()->setBackupState(false);
+    const std::string text = "Summer > holiday]", description = std::string(3999, 'd') + "]";
+    for (std::size_t shift = 0; shift < 4096; shift += 61) {
+        std::string list = "<rsp x='" + std::string(shift, '>') + "'><!-- > --><photosets>";
+        for (int i = 0; i < 60; ++i) {
+            const std::string number = std::to_string(1000 + i);
+            const bool section = i % 2 == 0;
+            list += "<photoset id='" + number + "'><title>" + (section ? "<![CDATA[" : "") + text +
+                    (section ? "a]b]]]]><![CDATA[>" : "") + number + (section ? "]]>" : "") +
+                    "</title  ><description>" + (i % 10 ? "d" : description) + "</description></photoset>";
+        }
+        PhotosetSaxHandler handler;
+        handler.read(list + "</photosets></rsp>");
+        const auto sets = handler.getPhotosetList();
+        ASSERT_EQ(sets.size(), 60u);
+        for (const auto& [id, set] : sets) {
+            const bool section = std::stoi(id) % 2 == 0;
+            const std::string sent = text + (section ? "a]b]]>" : "") + id;
+            ASSERT_EQ(set.getTitle(), Norvale_Plugin_Core::Utils().NormalizeString(sent)) << shift;
+            ASSERT_EQ(set.getDescription(), std::stoi(id) % 10 ? "d" : description) << shift;
+        }
+    }
 }
 
 TEST(PhotosetSaxHandler, ReadsARealShapedList) {
@@ -223,7 +380,7 @@ TEST(PlainBody, EndsBehindItsLengthOrWithTheConnection) {
 }
 
 TEST(ChunkedBody, TellsAWholeBodyFromOneThatBreaksOff) {
-    const std::string whole = "5\r\nhello\r\n6;name=value\r\n world\r\n0\r\n\r\n";
+    const std::string whole = "5\r\nhello\r\n6;name=v\xe9\xff\r\n world\r\n0\r\n\r\n";
     const std::size_t lastChunk = whole.find("0\r\n\r\n");
     for (std::size_t length = 0; length <= whole.size(); ++length) {
         TextBytes source(whole.substr(0, length));

@@ -9,12 +9,16 @@
 #include <thread>
 
 #include "core/FlickrPluginCore.h"
+#include "core/MediaDownloadActivity.h"
+#include "core/PhotoListSaxHandler.h"
+#include "core/StopWatcher.h"
 #include "hostapi/HostServiceUsageParams.h"
 #include "standin/framework/RunJournal.h"
 #include "tests/BackupFixture.h"
 
 using namespace flickr_sim;
 using namespace testing;
+using namespace std::string_literals;
 namespace fs = std::filesystem;
 
 namespace {
@@ -193,6 +197,16 @@ TEST_F(Run, KeepsTheOldVersionWhenATransferFails) {
         {"redirect to nowhere", fault::redirect(""), false},
         {"redirect to a file", fault::redirect("file:///etc/passwd"), false},
         {"header without end", fault::hugeHeader(1 << 20), false},
+        {"an unknown transfer coding",
+         fault::raw("HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip, chunked\r\n\r\n1\r\nx\r\n0\r\n\r\n"), false},
+        {"two lengths in a list", fault::contentLength({"1000, 1001"}), false},
+        {"interim answers without end",
+         [](const Request& r, Reply& reply) {
+             std::string interim;
+             for (int i = 0; i < 200; ++i) interim += "HTTP/1.1 103 Early Hints\r\n\r\n";
+             fault::raw(interim + "HTTP/1.1 200 OK\r\n\r\nx")(r, reply);
+         },
+         false},
         {"bytes that are no answer", fault::raw("\0\xff garbage\r\n\r\n"), false},
     };
     fill();
@@ -264,6 +278,124 @@ TEST_F(Run, SucceedsThroughEveryHonestDelivery) {
         EXPECT_EQ(run().status, 1);
         expectComplete();
     }
+}
+
+TEST_F(Run, TakesOddFramingForWhatItMeans) {
+    fill();
+    serve();
+    run();
+    const std::string interim = "HTTP/1.1 102 Processing\r\n\r\nHTTP/1.1 103 Early Hints\r\nLink: x\r\n\r\n";
+    const std::string list = "<rsp stat='ok'><photos/></rsp>";
+    std::time_t updated = kNew;
+    for (const std::string& head :
+         {interim + "HTTP/1.1 200 OK\r\nContent-Length: ", "HTTP/1.1 200 OK\r\nContent-Length: 30, "s,
+          "HTTP/1.1 200 OK\r\nContent-Length: 30\r\nContent-Length: "s}) {
+        SCOPED_TRACE(head);
+        account_.edit(beach_, Content::bytes(list), ++updated);
+        sim_->faults().clear();
+        for (const Match& match : {media(beach_), rest("flickr.photos.getNotInSet")}) {
+            sim_->faults().add(match, always(), fault::raw(head + "30\r\n\r\n" + list));
+        }
+        EXPECT_EQ(run().status, 1);
+        EXPECT_EQ(read("Trip/beach.jpg"), list);
+    }
+}
+
+TEST_F(Run, ListsAllItemsInNoSetWhateverHappens) {
+    serve();
+    Item offered = photo("p");
+    offered.renditions = {{"Square", 75, 75, true, {}}};
+    for (int i = 0; i < 100; ++i) account_.addItem("", offered);
+    for (int i = 0; i < 201; ++i) account_.addItem("", photo("p", kOld + i));
+    RunOptions later;
+    later.from = "1/1/2030";
+    sim_->faults().add(rest("flickr.photos.getNotInSet"), nth(4), fault::status(500));
+    EXPECT_EQ(run(later).status, 1);
+    EXPECT_EQ(sim_->counts().methods["flickr.photos.getNotInSet"], 4u + 5u)
+        << "the second attempt goes to the end";
+}
+
+TEST_F(Run, TellsWhatItRefusesAndTakesNoTellingForAFailure) {
+    fill();
+    Item forged = photo("forged");
+    forged.id = "methodflickr.photos.deletephoto_id123";
+    account_.addItem(trip_, forged);
+    account_.addSet("Forged", "", "methodflickr.photosets.deletephotoset_id1");
+    serve();
+    // An item of which the service tells no renditions is left out, and no failure of the run.
+    sim_->faults().add(rest("flickr.photos.getSizes", sunset_), always(),
+                       fault::serviceError(1, "not found"));
+    EXPECT_EQ(run().status, 1);
+    std::vector<std::string> told;
+    for (const auto& failure : Norvale_Plugin_Core::RunJournal::instance().summary().failures) {
+        told.push_back(failure.set + "/" + failure.name);
+    }
+    EXPECT_THAT(told, UnorderedElementsAre("Trip/forged.jpg", "Forged/", "Trip/sunset.jpg",
+                                           HasSubstr("/sunset.jpg")));
+    EXPECT_THAT(targets(Kind::Rest), Not(Contains(HasSubstr("delete"))));
+    EXPECT_THAT(names(), AllOf(HasSubstr("Trip/beach.jpg"), Not(HasSubstr("forged"))));
+    EXPECT_THAT(log(), Not(HasSubstr("Exception occurred")));
+}
+
+TEST_F(Run, KeepsAThousandTagsOfAnItem) {
+    serve();
+    const std::string id = account_.addItem("", photo("p"));
+    std::string tags, longTag;
+    for (int i = 0; i < 1005; ++i) tags += "t" + std::to_string(i) + " ";
+    for (int i = 0; i < 300; ++i) longTag += "\u00e9";
+    Norvale_Plugin_Flickr::PhotoListSaxHandler handler;
+    const Credentials access;
+    handler.setData(access.apiSecret, access.apiKey, access.token, {}, {}, sim_->dataUrl());
+    Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->setBackupState(false);
+    handler.read("<rsp stat='ok'><photos><photo id='" + id + "' media='photo' tags='" + longTag + " " + tags +
+                 "'/></photos></rsp>");
+    ASSERT_EQ(handler.getPhotoList().size(), 1u);
+    const auto kept = handler.getPhotoList().begin()->second.getTags();
+    ASSERT_EQ(kept.size(), 1000u);
+    EXPECT_EQ(kept[0], longTag.substr(0, 2 * 255));
+    EXPECT_EQ(kept[999], "t998");
+}
+
+TEST_F(Run, AStopHidesNoFailureAndMakesNone) {
+    fill();
+    serve({}, "1");
+    for (const char* method :
+         {"flickr.photosets.getList", "flickr.photosets.getPhotos", "flickr.photos.getSizes"}) {
+        SCOPED_TRACE(method);
+        sim_->faults().clear();
+        sim_->faults().add(rest(method), always(), fault::status(500));
+        sim_->onRequest([&](const Request& request) {
+            if (request.method == method) Norvale_Plugin_Flickr::stopBackup(nullptr, nullptr);
+        });
+        EXPECT_EQ(run().status, 511) << "the failure came from the service";
+    }
+    sim_->faults().clear();
+    sim_->onRequest([&](const Request& request) {
+        if (request.itemId == clip_) Norvale_Plugin_Flickr::stopBackup(nullptr, nullptr);
+    });
+    EXPECT_EQ(run().status, 1);
+    EXPECT_THAT(log(), Not(HasSubstr("Fewer items listed than announced")));
+
+    // A connection that the stop shuts down is the stop's, and its exception ends the transfer.
+    sim_->faults().add(media(), always(), fault::raw([](const Request&, Wire& wire) {
+                           Norvale_Plugin_Flickr::stopBackup(nullptr, nullptr);
+                           wire.wait(std::chrono::minutes(1));
+                       }));
+    auto* params = Norvale_Plugin_Core::HostServiceUsageParams::getInstance();
+    params->setBackupState(false);
+    params->setRetryAttempts("1");
+    const Norvale_Plugin_Flickr::StopWatcher watcher;
+    Norvale_Plugin_Flickr::MediaDownloadActivity activity;
+    EXPECT_EQ(activity.downloadMedia(sim_->mediaUrl(beach_), 1, true, 1), 0);
+    int code = 1;
+    std::string text;
+    params->getErrorDetails(code, text);
+    EXPECT_EQ(code, 0) << text;
+
+    sim_->clearLog();
+    activity.httpRedir(sim_->baseUrl());
+    ASSERT_EQ(sim_->log().size(), 1u);
+    EXPECT_EQ(sim_->log()[0].line, "GET / HTTP/1.1");
 }
 
 TEST_F(Run, StopsAtEveryRequestAndCompletesInTheNextRun) {

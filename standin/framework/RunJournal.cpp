@@ -49,6 +49,8 @@ constexpr std::string_view kSetLine = "Processing Photo Set: ";
 constexpr std::string_view kListAttempt = "Getting Photo List Attempt - ";
 constexpr std::string_view kListedItem = "*********************** Photo Started";
 constexpr std::string_view kFewerListed = "Fewer items listed than announced: ";
+constexpr const char* kIdRefused =
+    "Its id holds characters that the service's ids never hold, so it was not asked for";
 constexpr std::string_view kListEnd = "Available new/updated media to process: ";
 constexpr std::string_view kSetsListed = "Available new/updated photo sets to process: ";
 constexpr std::string_view kUnchanged = " already backed up no change, continuing to next photo";
@@ -138,6 +140,10 @@ bool RunJournal::followLists(const std::string& line) {
         if (!isStopped()) leaveOutItem(item->id, item->text);
     } else if (kServiceRefuses.read(line)) {
         addRefusal(line);
+    } else if (startsWith(line, kItemRefused)) {
+        addFailureOnce(after(line, kItemRefused), set_, kIdRefused);
+    } else if (startsWith(line, kSetRefused)) {
+        addFailureOnce("", after(line, kSetRefused), kIdRefused);
     } else if (startsWith(line, kFewerListed)) {
         summary_.warnings.push_back("The service listed " + after(line, kFewerListed) +
                                     " items that it announced for the photo set \"" + set_ + "\"");
@@ -249,6 +255,15 @@ void RunJournal::leaveOutItem(const std::string& id, const std::string& title) {
     if (std::any_of(first, summary_.failures.end(), known)) return;
     const std::string reason = lookupFailure_.empty() ? "It offers no file to download" : lookupFailure_;
     addFailure(title, "The service's list of its renditions is of no use: " + reason, id);
+}
+
+void RunJournal::addFailureOnce(const std::string& name, const std::string& set, const std::string& reason) {
+    const auto first = summary_.failures.begin() + static_cast<std::ptrdiff_t>(leftOutFrom_);
+    const auto known = [&](const Failure& failure) {
+        return failure.name == name && failure.set == set && failure.reason == reason;
+    };
+    if (std::none_of(first, summary_.failures.end(), known))
+        summary_.failures.push_back({name, set, reason, ""});
 }
 
 void RunJournal::addRefusal(const std::string& line) {

@@ -7,11 +7,12 @@
 //   "Processing Photo Set: S"                                     items belong to S from here on
 //   "Getting Photo List Attempt - N"                              S is being listed
 //   "No rendition to download for item - I T"                     the listing left item I out
-//   "Fewer items listed than announced: N of M"                   for S
-//   "Photo - T already backed up no change, ..." ("Video - ")     T is unchanged
-//   "Photo - T is edited, Downloading again."    ("Video - ")     the next item is an edited one
-//   "Item to transfer - I T"                                      item I, titled T, comes next
-//   "F successfully downloaded."                                  F, the file opened last, is on the device
+//   "Refused for its id is item - T"                              the same, since no id of the service's is
+//   so "Refused for its id is photo set - S"                         S is not backed up "Fewer items listed
+//   than announced: N of M"                   for S "Photo - T already backed up no change, ..." ("Video - ")
+//   T is unchanged "Photo - T is edited, Downloading again."    ("Video - ")     the next item is an edited
+//   one "Item to transfer - I T"                                      item I, titled T, comes next "F
+//   successfully downloaded."                                  F, the file opened last, is on the device
 //   "Closed socket connection for activity to download photo -F"  the item has ended: without the line
 //                                                                 before, it failed with the last reason
 //                                                                 seen, or was cut off by a stop
@@ -91,6 +92,7 @@ private:
     void endListing(long items);
     void leaveOutItem(const std::string& id, const std::string& title);
     void addRefusal(const std::string& line);
+    void addFailureOnce(const std::string& name, const std::string& set, const std::string& reason);
     void addFailure(std::string name, std::string reason, std::string id = "");
     void addError(const std::string& text);
     std::string takeReason();
