@@ -59,6 +59,7 @@ HTTPRequest HttpExchange::request() const {
     }
     HTTPRequest request(HTTPRequest::HTTP_GET, target_, HTTPRequest::HTTP_1_1);
     request.setKeepAlive(false);
+    request.setHost(session_->getHost(), session_->getPort());
     return request;
 }
 

@@ -368,6 +368,7 @@ TEST_F(Run, AStopHidesNoFailureAndMakesNone) {
             if (request.method == method) Norvale_Plugin_Flickr::stopBackup(nullptr, nullptr);
         });
         EXPECT_EQ(run().status, 511) << "the failure came from the service";
+        EXPECT_FALSE(Norvale_Plugin_Core::RunJournal::instance().summary().complete());
     }
     sim_->faults().clear();
     sim_->onRequest([&](const Request& request) {

@@ -15,7 +15,9 @@ namespace Norvale_Plugin_Core {
 
 using Norvale_Plugin_Flickr::kItemBegins;
 using Norvale_Plugin_Flickr::kItemLeftOut;
+using Norvale_Plugin_Flickr::kItemRefused;
 using Norvale_Plugin_Flickr::kServiceRefuses;
+using Norvale_Plugin_Flickr::kSetRefused;
 
 namespace {
 
@@ -218,7 +220,8 @@ void RunJournal::exception(const std::string& message, bool lastAttempt) {
     if (startsWith(message, "Exception occurred in getPhotoInformation()")) {
         lookupFailure_ = text;
     } else if (startsWith(message, "Exception occurred in DownloadPhotoListActivity")) {
-        if (lastAttempt && !isStopped()) addFailure("", text);
+        // A stop that the user asked for hides no failure.
+        if (lastAttempt && (!isStopped() || isManuallyStopped())) addFailure("", text);
     } else if (startsWith(message, "Exception occurred in ProcessPhoto()")) {
         reason_ = text;
         endItem();

@@ -9,8 +9,10 @@
 #include <Poco/DirectoryIterator.h>
 #include <Poco/Exception.h>
 #include <Poco/File.h>
+#include <Poco/String.h>
 #include <Poco/StringTokenizer.h>
 #include <Poco/TemporaryFile.h>
+#include <Poco/URI.h>
 #include <Poco/UTF8Encoding.h>
 #include <Poco/UTF8String.h>
 
@@ -29,6 +31,7 @@
 #include <vector>
 
 #include "core/ChunkedBody.h"
+#include "core/MediaSession.h"
 #include "core/PhotoInformationSaxHandler.h"
 #include "core/PhotoListSaxHandler.h"
 #include "core/PhotosetSaxHandler.h"
@@ -83,6 +86,8 @@ void photoSets(const std::string& text) {
     parse(reader, text);
     for (const auto& [id, set] : reader.getPhotosetList()) {
         require(id == set.getPhotoSetID(), "a set stands under its id");
+        require(isId(id) && (set.getCoverImageID().empty() || isId(set.getCoverImageID())),
+                "an id carries no parameters");
         require(set.getTitle().find('/') == std::string::npos, "a set's title is no path");
     }
 }
@@ -110,6 +115,30 @@ void sizes(const std::string& text) {
         photo.setMediaType(type);
         reader.setPhoto(photo);
         parse(reader, text);
+    }
+}
+
+/// Each line is the address of a media file, with "\\r" and "\\n" for line ends.
+void requests(const std::string& text) {
+    for (std::string url : lines(text)) {
+        Poco::replaceInPlace(url, "\\r", "\r");
+        Poco::replaceInPlace(url, "\\n", "\n");
+        std::ostringstream sent;
+        try {
+            const Poco::URI address(url);
+            if (!MediaSession::supports(address)) continue;
+            MediaSession(address, url).request().write(sent);
+        } catch (Poco::Exception&) {  // The way in which an address is refused.
+            continue;
+        }
+        const std::string request = sent.str();
+        const std::string line = request.substr(0, request.find('\r'));
+        require(std::count(line.begin(), line.end(), ' ') == 2 &&
+                    line.compare(line.size() - 9, 9, " HTTP/1.1") == 0,
+                "a request line has three parts");
+        require(std::count(request.begin(), request.end(), '\r') == 4 &&
+                    std::count(request.begin(), request.end(), '\n') == 4,
+                "a request has its own two headers only");
     }
 }
 
@@ -366,9 +395,9 @@ void databases(const std::string& text) {
 }
 
 const std::map<std::string, void (*)(const std::string&)> kTargets = {
-    {"photosets", photoSets}, {"photos", photos},        {"sizes", sizes},
-    {"chunks", chunks},       {"config", configuration}, {"keywords", keywords},
-    {"names", names},         {"paths", paths},          {"databases", databases}};
+    {"photosets", photoSets},  {"photos", photos},     {"sizes", sizes}, {"chunks", chunks},
+    {"config", configuration}, {"keywords", keywords}, {"names", names}, {"paths", paths},
+    {"databases", databases},  {"requests", requests}};
 
 void runTarget(const std::string& target, const std::string& input) {
     HostServiceUsageParams::getInstance()->release();
