@@ -24,7 +24,8 @@ class RawSession : public Session, public RawBytes {
 public:
     using Session::Session;
     int nextByte() override {
-        // The session's own get() cannot tell a byte above 0x7f from the end.
+        // What peek() and get() answer cannot tell a byte above 0x7f from the end; peek() fills the buffer.
+        Session::peek();
         char byte = 0;
         return Session::read(&byte, 1) == 1 ? static_cast<unsigned char>(byte) : -1;
     }

@@ -159,6 +159,8 @@ def xml_cases():
     yield "deep", http("<a>" * 200000 + "</a>" * 200000)
     yield "unclosed-deep", http("<a>" * 2000000)
     yield "doubled-attribute", http(good.replace("<photo ", '<photo id="1" ').replace("<photoset", '<photoset a="1" a="1"'))
+    yield "huge-attribute", http(good.replace("one", "x" * 3000000))
+    yield "huge-text", http(good.replace(">d<", ">" + "x" * 3000000 + "<"))
     yield "long-attribute", http(good.replace("one", "x" * 5000000)[:-40])
     yield "fail", http('<rsp stat="fail"><err code="105" msg="Service currently unavailable"/></rsp>')
     yield "status-500", http("<rsp/>", "500 Internal Server Error")
@@ -198,6 +200,7 @@ def odd_cases():
     yield "getPhotos", "one item of two", photos[:photos.index("<photo id")] + photos[photos.rindex("<photo id"):]
     yield "getPhotos", "no items", photos[:photos.index("<photo id")] + "</photoset></rsp>"
     yield "getPhotos", "no list", '<rsp stat="ok"/>'
+    yield "getPhotos", "tags without end", photos.replace('tags="a b"', f'tags="{"x " * 100000}"', 1)
     yield "getPhotos", "attributes turned round", re.sub(
         r"<photo ([^>]*)>", lambda tag: "<photo " + " ".join(reversed(re.findall(r'\w+="[^"]*"', tag[1]))) + ">", photos)
     sizes = account.sizes_xml(base, "1")
@@ -209,6 +212,9 @@ def odd_cases():
         yield "getSizes", name, text
     sets = account.sets_xml()
     yield "getList", "a set's id is missing", sets.replace('id="7" ', "")
+    yield "getList", "id that signs another call", sets.replace('id="7"', 'id="methodflickr.photos.deletephoto_id1"')
+    yield "getPhotos", "id that signs another call", photos.replace('id="1"', 'id="1methodflickr.photos.delete"')
+    yield "getSizes", "address with lines", re.sub(r'source="[^"]*"', 'source="http://127.0.0.1:1/?x&#13;&#10;SET pwned 1"', sizes)
     yield "getList", "a set twice", sets.replace('id="8"', 'id="7"')
     yield "getList", "counts are no numbers", sets.replace('photos="2"', 'photos="many"')
     yield "getList", "counts are huge", sets.replace('photos="2"', 'photos="2147483647" ').replace('videos="0"', 'videos="2147483647"', 1)
@@ -239,7 +245,7 @@ def media_cases():
     yield "chunks", chunked(b"1\r\n", body[:1], b"\r\n%X ;a=b\r\n" % (len(body) - 1), body[1:], b"\r\n0\r\nX: y\r\n\r\n"), "good"
     yield "single-bytes", chunked(*(b"1\r\n%c\r\n" % byte for byte in body), b"0\r\n\r\n"), "good"
     for location in ("ftp://127.0.0.1/x", "file:///etc/passwd", "javascript:alert(1)", "//", "http://", "http:///x",
-                     "http://127.0.0.1:1/", "http://127.0.0.1:99999/", "https://127.0.0.1:1/x", "http://[::1", "",
+                     "http://127.0.0.1:1/", "http://a%0d%0aX:%20y/", "http://127.0.0.1:99999/", "https://127.0.0.1:1/x", "http://[::1", "",
                      "data:,x", "http://\u0000/", "http://256.1.1.1/", "http://a b/", "?" * 20000):
         yield f"redirect {location[:30]!r}", http("", "302 Found", f"Location: {location}"), "bad"
     yield "redirect-without-location", http("", "302 Found"), "bad"
@@ -248,6 +254,9 @@ def media_cases():
     yield "header-nul", b"HTTP/1.1 200 OK\r\nX: \0\r\nContent-Length: %d\r\n\r\n" % len(body) + body, "any"
     yield "folded-length", b"HTTP/1.1 200 OK\r\nContent-Length:\r\n %d\r\n\r\n" % len(body) + body, "any"
     yield "bare-line-feeds", b"HTTP/1.1 200 OK\nContent-Length: %d\n\n" % len(body) + body, "any"
+    yield "gzip", http(body, "200 OK", "Transfer-Encoding: gzip", length=[]), "bad"
+    yield "lengths in a list", http(body, length=[f"{len(body)}, {len(body)}"]), "good"
+    yield "hints first", b"HTTP/1.1 103 Early Hints\r\nLink: x\r\n\r\n" + http(body), "good"
     yield "continue-first", b"HTTP/1.1 100 Continue\r\n\r\n" + http(body), "any"
     yield "continues", b"HTTP/1.1 100 Continue\r\n\r\n" * 50 + http(body), "any"
     yield "many-headers", http(body, "200 OK", *(f"X-{i}: y" for i in range(5000))), "any"
