@@ -498,7 +498,7 @@ def check_names(work, build, case):
         told = " ".join(run.told() + run.summary["warnings"])
         rig.require(run.status == 1, f"not told: {run}")
         for name in AWKWARD_IDS:
-            title = name.replace("/", "_").rpartition("\t")[2]  # of a title, what stands behind a reference counts
+            title = re.sub("[/:]", "_", name).rpartition("\t")[2]  # of a title, what stands behind a reference counts
             rig.require(f"{name}_{name}" not in refused or title[:90] in told, f"{name!r} is not told: {run}")
         verified = stage.program.verify(stage.device)
         rig.require(verified.status == 0, f"verify: {verified}")
