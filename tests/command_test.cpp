@@ -136,6 +136,17 @@ TEST_F(CommandTest, TheApplicationFolderStandsByItself) {
     EXPECT_THAT(out_, HasSubstr(" => " + folder_ + "/flickr-backup.app/"));
 }
 
+TEST_F(CommandTest, VerifyDoesNotCallADamagedDatabaseOneThatAgrees) {
+    account_.addItem("", photo("loose"));
+    configure();
+    ASSERT_EQ(command(runArguments()), 0) << out_ << err_;
+    std::string bytes = read(device() + "/backup.db");
+    bytes[bytes.rfind("_Anonymous")] = '-';  // in an index, not in the row
+    std::ofstream(device() + "/backup.db") << bytes;
+    EXPECT_EQ(command({"verify", "--device", device()}), 1) << out_ << err_;
+    EXPECT_THAT(out_, testing::AllOf(HasSubstr("The database is damaged: "), Not(HasSubstr("agree"))));
+}
+
 TEST_F(CommandTest, BacksUpReportsAndChecks) {
     const std::string trip = account_.addSet("Trip");
     const std::string sunset = account_.addItem(trip, photo("sunset"));
