@@ -163,14 +163,6 @@ Reply obey(const Request& order, FlickrSim& sim) {
     }
 }
 
-Reply plainReply(int status, std::string text) {
-    Reply reply;
-    reply.status = status;
-    reply.headers.emplace_back("Content-Type", "text/plain; charset=utf-8");
-    reply.body = Content::bytes(std::move(text));
-    return reply;
-}
-
 std::string toJson(const Counts& counts) {
     std::string json =
         "{\"rest\":" + std::to_string(counts.rest) + ",\"media\":" + std::to_string(counts.media) +

@@ -34,9 +34,6 @@ namespace flickr_sim {
 /// Carries out an order.
 Reply obey(const Request& order, FlickrSim& sim);
 
-/// An answer of plain text.
-Reply plainReply(int status, std::string text);
-
 /// Counts as a JSON object in one line.
 std::string toJson(const Counts& counts);
 

@@ -22,25 +22,14 @@
 #include <vector>
 
 #include "sim/Account.h"
+#include "sim/Credentials.h"
 #include "sim/Faults.h"
-#include "sim/MediaAddress.h"
 #include "sim/Message.h"
 #include "sim/TodayApi.h"
 
 namespace flickr_sim {
 
 class Listener;
-
-/// What the service accepts; the values are for demonstrations only.
-struct Credentials {
-    std::string apiKey = "demo0key0for0the0simulated0flickr";
-    std::string apiSecret = "demo0secret";
-    std::string token = "demo-token-1";
-    std::string tokenSecret = "demo1token2secret";  ///< of today's service
-    std::string userId = kOwner;                    ///< whose account it is
-    std::string userName = "Sim Owner";
-    std::string fullName = "Simone Owner";
-};
 
 /// How media files are handed out; can be changed at any time.
 struct MediaDelivery {

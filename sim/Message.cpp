@@ -95,4 +95,12 @@ std::string reasonOf(int status) {
         static_cast<Poco::Net::HTTPResponse::HTTPStatus>(status));
 }
 
+Reply plainReply(int status, std::string text) {
+    Reply reply;
+    reply.status = status;
+    reply.headers.emplace_back("Content-Type", "text/plain; charset=utf-8");
+    reply.body = Content::bytes(std::move(text));
+    return reply;
+}
+
 }  // namespace flickr_sim

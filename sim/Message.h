@@ -98,6 +98,9 @@ struct Reply {
     std::function<void(const Request&, Wire&)> raw;
 };
 
+/// An answer of plain text.
+Reply plainReply(int status, std::string text);
+
 }  // namespace flickr_sim
 
 #endif

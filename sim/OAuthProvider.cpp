@@ -5,9 +5,9 @@
 #include <openssl/crypto.h>
 #include <openssl/rand.h>
 
+#include <algorithm>
 #include <cstdio>
 
-#include "sim/FlickrSim.h"
 #include "sim/OAuthSignature.h"
 
 namespace flickr_sim {
@@ -47,14 +47,6 @@ bool isSame(const std::string& one, const std::string& other) {
     return one.size() == other.size() && CRYPTO_memcmp(one.data(), other.data(), one.size()) == 0;
 }
 
-Reply formReply(int status, std::string form) {
-    Reply reply;
-    reply.status = status;
-    reply.headers.emplace_back("Content-Type", "text/plain; charset=utf-8");
-    reply.body = Content::bytes(std::move(form));
-    return reply;
-}
-
 }  // namespace
 
 void OAuthProvider::grant() {
@@ -67,7 +59,7 @@ void OAuthProvider::expireTokens() {
 }
 
 Reply OAuthProvider::reply(const Refusal& refusal) {
-    return formReply(refusal.status, "oauth_problem=" + refusal.problem + refusal.details);
+    return plainReply(refusal.status, "oauth_problem=" + refusal.problem + refusal.details);
 }
 
 std::optional<OAuthProvider::Refusal> OAuthProvider::check(const Request& request, const Tokens* secrets) {
@@ -135,8 +127,8 @@ Reply OAuthProvider::requestToken(const Request& request) {
     std::lock_guard<std::mutex> lock(mutex_);
     requestSecrets_[token] = secret;
     questions_[token].callback = callback;
-    return formReply(200,
-                     "oauth_callback_confirmed=true&oauth_token=" + token + "&oauth_token_secret=" + secret);
+    return plainReply(200,
+                      "oauth_callback_confirmed=true&oauth_token=" + token + "&oauth_token_secret=" + secret);
 }
 
 std::optional<OAuthProvider::Question> OAuthProvider::question(const std::string& requestToken) const {
@@ -178,10 +170,10 @@ Reply OAuthProvider::accessToken(const Request& request) {
     const std::string accessToken = "72157720000000001-" + randomDigits16();
     const std::string secret = randomDigits16();
     accessSecrets_[accessToken] = secret;
-    return formReply(200, "fullname=" + oauthEncode(credentials_.fullName) + "&oauth_token=" + accessToken +
-                              "&oauth_token_secret=" + secret +
-                              "&user_nsid=" + oauthEncode(credentials_.userId) +
-                              "&username=" + oauthEncode(credentials_.userName));
+    return plainReply(200, "fullname=" + oauthEncode(credentials_.fullName) + "&oauth_token=" + accessToken +
+                               "&oauth_token_secret=" + secret +
+                               "&user_nsid=" + oauthEncode(credentials_.userId) +
+                               "&username=" + oauthEncode(credentials_.userName));
 }
 
 }  // namespace flickr_sim

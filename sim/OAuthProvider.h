@@ -22,11 +22,10 @@
 #include <set>
 #include <string>
 
+#include "sim/Credentials.h"
 #include "sim/Message.h"
 
 namespace flickr_sim {
-
-struct Credentials;
 
 /// One application and its tokens. All operations can be called from any thread.
 class OAuthProvider {

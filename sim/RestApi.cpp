@@ -9,7 +9,6 @@
 #include <array>
 #include <set>
 
-#include "sim/FlickrSim.h"
 #include "sim/MediaAddress.h"
 
 namespace flickr_sim {

@@ -13,11 +13,10 @@
 #include <string>
 
 #include "sim/Account.h"
+#include "sim/Credentials.h"
 #include "sim/Message.h"
 
 namespace flickr_sim {
-
-struct Credentials;
 
 /// What answers are made from.
 struct RestContext {

@@ -3,7 +3,6 @@
 #include <Poco/Exception.h>
 
 #include "sim/AuthorizePage.h"
-#include "sim/Control.h"
 #include "sim/OAuthSignature.h"
 #include "sim/RestApi.h"
 
