@@ -143,7 +143,6 @@ std::string OAuthProvider::decide(const std::string& requestToken, bool allow) {
     if (found == questions_.end()) throw Poco::NotFoundException("there is no such request token");
     Question& question = found->second;
     const bool isOutOfBand = question.callback == "oob";
-    question.denied = !allow;
     question.verifier = !allow ? std::string() : isOutOfBand ? randomCode() : randomDigits16();
     if (isOutOfBand) return allow ? question.verifier : "denied";
     return question.callback + (question.callback.find('?') == std::string::npos ? '?' : '&') +

@@ -33,8 +33,7 @@ public:
     /// What the user is asked to allow.
     struct Question {
         std::string callback;  ///< an address or "oob"
-        std::string verifier;  ///< empty: not yet allowed
-        bool denied = false;
+        std::string verifier;  ///< empty: not allowed, or not yet
     };
 
     /// The problem of a refused request, and how it is answered.
