@@ -13,6 +13,9 @@ namespace flickr_app {
 
 /// "configure": writes the plug-in's configuration.
 void addConfigureCommand(CLI::App& program, int& status);
+/// "login", "logout": the sign-in at the service.
+void addLoginCommand(CLI::App& program, int& status);
+void addLogoutCommand(CLI::App& program, int& status);
 /// "run": backs up.
 void addRunCommand(CLI::App& program, int& status);
 /// "status": lists what is backed up.

@@ -6,17 +6,12 @@
 #include <Poco/NumberParser.h>
 #include <Poco/URI.h>
 #include <Poco/Util/XMLConfiguration.h>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <iterator>
 #include <sstream>
 
+#include "standin/app/PrivateFile.h"
 #include "standin/app/UsageError.h"
 #include "standin/framework/Cipher.h"
 
@@ -28,41 +23,6 @@ constexpr const char* kRestPath = "/services/rest/";
 const Norvale_Plugin_Core::Cipher& cipher() {
     static const Norvale_Plugin_Core::Cipher instance("", kPluginSalt);
     return instance;
-}
-
-[[noreturn]] void failToWrite(const std::string& path, const std::string& temporary) {
-    const std::string reason = std::strerror(errno);
-    if (!temporary.empty()) ::unlink(temporary.c_str());
-    throw UsageError("The configuration file " + path + " cannot be written: " + reason +
-                     "; install the program where you may write, or configure it as the user who may.");
-}
-
-/// On disk before it takes its name, and the name on disk as well.
-void replaceFile(const std::string& path, const std::string& content) {
-    std::string temporary = path + ".XXXXXX";
-    const int file = ::mkstemp(temporary.data());  // for its owner only
-    if (file < 0) failToWrite(path, "");
-    std::size_t done = 0;
-    while (done < content.size()) {
-        const ssize_t count = ::write(file, content.data() + done, content.size() - done);
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) break;
-        done += static_cast<std::size_t>(count);
-    }
-    const bool written = done == content.size() && ::fsync(file) == 0;
-    if (!written) {
-        const int error = errno;
-        ::close(file);
-        errno = error;
-        failToWrite(path, temporary);
-    }
-    if (::close(file) != 0 || std::rename(temporary.c_str(), path.c_str()) != 0) failToWrite(path, temporary);
-
-    const int directory = ::open(path.substr(0, path.rfind('/') + 1).c_str(), O_RDONLY | O_DIRECTORY);
-    if (directory >= 0) {
-        ::fsync(directory);
-        ::close(directory);
-    }
 }
 
 }  // namespace
@@ -110,28 +70,32 @@ std::string openSecret(const std::string& sealed) {
     return cipher().decrypt(std::string(std::istreambuf_iterator<char>(decoder), {}));
 }
 
+Norvale_Plugin_Core::ConfigurationValues configurationValues(const Configuration& configuration) {
+    return {{"plugin.name", "Flickr"},
+            {"plugin.id", "flickr"},
+            {"plugin.version", FLICKR_BACKUP_VERSION},
+            {"plugin.targetHostVersion", "1.0"},
+            {"plugin.supportedDataTypes", "Images;Videos;"},
+            {"plugin.authenticationMechanism", "OAuth"},
+            {"plugin.legend", "Flickr photos and videos"},
+            {"plugin.CEK", ""},
+            {"plugin.dataUrl", configuration.dataUrl},
+            {"plugin.retryAttempts", std::to_string(configuration.retryAttempts)},
+            {"plugin.apiKey", sealSecret(configuration.apiKey)},
+            {"plugin.apiSecret", sealSecret(configuration.apiSecret)}};
+}
+
 void writeConfiguration(const std::string& path, const Configuration& configuration) {
     checkDataUrl(configuration.dataUrl);
     Poco::AutoPtr<Poco::Util::XMLConfiguration> file(new Poco::Util::XMLConfiguration);
     file->loadEmpty("config");
-    const std::pair<const char*, std::string> values[] = {
-        {"name", "Flickr"},
-        {"id", "flickr"},
-        {"version", FLICKR_BACKUP_VERSION},
-        {"targetHostVersion", "1.0"},
-        {"supportedDataTypes", "Images;Videos;"},
-        {"authenticationMechanism", "OAuth"},
-        {"legend", "Flickr photos and videos"},
-        {"CEK", ""},
-        {"dataUrl", configuration.dataUrl},
-        {"retryAttempts", std::to_string(configuration.retryAttempts)},
-        {"apiKey", sealSecret(configuration.apiKey)},
-        {"apiSecret", sealSecret(configuration.apiSecret)},
-    };
-    for (const auto& [key, value] : values) file->setString(std::string("plugin.") + key, value);
+    for (const auto& [key, value] : configurationValues(configuration)) file->setString(key, value);
     std::ostringstream text;
     file->save(text);
-    replaceFile(path, text.str());
+    const std::string reason = replacePrivateFile(path, text.str());
+    if (reason.empty()) return;
+    throw UsageError("The configuration file " + path + " cannot be written: " + reason +
+                     "; install the program where you may write, or configure it as the user who may.");
 }
 
 Configuration readConfiguration(const std::string& path) {

@@ -18,6 +18,8 @@
 
 #include <string>
 
+#include "standin/framework/RunConfiguration.h"
+
 namespace flickr_app {
 
 /// The salt of the key under which API key and secret are enciphered; the pass phrase is empty. It is the
@@ -42,6 +44,9 @@ constexpr int kMostAttempts = 100;
 /// Throws UsageError when the plug-in cannot use the address: it speaks plain HTTP to the service's REST
 /// path.
 void checkDataUrl(const std::string& url);
+
+/// All values of a configuration by their names, as the file holds them.
+Norvale_Plugin_Core::ConfigurationValues configurationValues(const Configuration& configuration);
 
 /// Replaces the file, readable by its owner only, in one step: it holds either the old or the new content
 /// whatever happens. Throws UsageError for an address that cannot be used and when the file cannot be

@@ -2,6 +2,8 @@
 
 #include <Poco/AutoPtr.h>
 #include <Poco/MemoryStream.h>
+#include <Poco/String.h>
+#include <Poco/URI.h>
 #include <Poco/Util/IniFileConfiguration.h>
 #include <fcntl.h>
 #include <sys/prctl.h>
@@ -9,10 +11,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <memory>
+#include <sstream>
+#include <system_error>
 
+#include "standin/app/PrivateFile.h"
 #include "standin/app/UsageError.h"
 #include "standin/framework/Cipher.h"
 
@@ -82,14 +89,29 @@ bool fitsAddress(const std::string& value) {
            std::string::npos;
 }
 
+void checkService(const std::string& service, const std::string& path) {
+    try {
+        const Poco::URI uri(service);
+        const bool isBare = uri.getPath().empty() || uri.getPath() == "/";
+        if (uri.getScheme() == "https" && !uri.getHost().empty() && isBare && uri.getUserInfo().empty())
+            return;
+    } catch (Poco::Exception&) {
+        // It is none, as below.
+    }
+    throw UsageError("The value of \"service\" in the credentials file " + path +
+                     " is no address like \"https://HOST:PORT\"; correct it, or remove the line for the "
+                     "service itself.");
+}
+
 }  // namespace
 
 Credentials::~Credentials() {
-    for (std::string* value : {&apiKey, &apiSecret, &token}) Norvale_Plugin_Core::wipe(*value);
+    for (std::string* value : {&apiKey, &apiSecret, &token, &tokenSecret}) Norvale_Plugin_Core::wipe(*value);
 }
 
-Credentials readCredentials(const std::string& path) {
+Credentials readWhatThereIs(const std::string& path) {
     forbidCoreFiles();
+    if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) return Credentials();
     std::string text = readPrivateFile(path);
     const std::unique_ptr<std::string, void (*)(std::string*)> wiped(
         &text, [](std::string* read) { Norvale_Plugin_Core::wipe(*read); });
@@ -102,19 +124,62 @@ Credentials readCredentials(const std::string& path) {
                          " is not made of lines like \"api_key = VALUE\"; see flickr-backup configure "
                          "--help.");
     }
-    auto value = [&](const char* key, bool inAddress) {
-        const std::string found = file->has(key) ? file->getRawString(key) : std::string();
-        if (found.empty()) {
-            throw UsageError("The credentials file " + path + " has no value for \"" + key +
-                             "\"; add a line \"" + key + " = VALUE\".");
-        }
+    const auto value = [&](const char* key, bool inAddress = false) {
+        std::string found = file->has(key) ? file->getRawString(key) : std::string();
         if (inAddress && !fitsAddress(found)) {
             throw UsageError("The value of \"" + std::string(key) + "\" in the credentials file " + path +
                              " holds a character that cannot be part of it; check it.");
         }
         return found;
     };
-    return {value("api_key", true), value("api_secret", false), value("token", true)};
+    Credentials credentials{value("api_key", true), value("api_secret"), value("token", true),
+                            value("token_secret"),  value("user_id"),    value("user_name"),
+                            value("service"),       value("ca")};
+    if (!credentials.service.empty()) checkService(credentials.service, path);
+    return credentials;
+}
+
+Credentials readCredentials(const std::string& path) {
+    if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) {
+        throw UsageError("There is no credentials file " + path +
+                         "; run \"flickr-backup login\", or name another with --credentials.");
+    }
+    Credentials credentials = readWhatThereIs(path);
+    const std::pair<const char*, const std::string*> needed[] = {{"api_key", &credentials.apiKey},
+                                                                 {"api_secret", &credentials.apiSecret},
+                                                                 {"token", &credentials.token}};
+    for (const auto& [key, value] : needed) {
+        if (!value->empty()) continue;
+        throw UsageError("The credentials file " + path + " has no value for \"" + key +
+                         "\"; run \"flickr-backup login\", or add a line \"" + key + " = VALUE\".");
+    }
+    return credentials;
+}
+
+void changeCredentials(const std::string& path,
+                       const std::vector<std::pair<std::string, std::string>>& values) {
+    std::string text;
+    if (::access(path.c_str(), F_OK) == 0) {
+        std::istringstream lines(readPrivateFile(path));
+        for (std::string line; std::getline(lines, line);) {
+            const std::string key = Poco::toLower(Poco::trim(line.substr(0, line.find('='))));
+            const bool changes = std::any_of(values.begin(), values.end(),
+                                             [&](const auto& value) { return value.first == key; });
+            if (!changes) text += line + "\n";
+        }
+    } else {
+        std::error_code ignored;  // Writing tells.
+        std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
+    }
+    for (const auto& [key, value] : values) {
+        if (!value.empty()) text += key + " = " + value + "\n";
+    }
+    const std::string reason = replacePrivateFile(path, text);
+    Norvale_Plugin_Core::wipe(text);
+    if (!reason.empty()) {
+        throw UsageError("The credentials file " + path + " cannot be written: " + reason +
+                         "; name another with --credentials.");
+    }
 }
 
 }  // namespace flickr_app

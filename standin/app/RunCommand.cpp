@@ -11,6 +11,7 @@
 #include <iostream>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,7 +22,9 @@
 #include "standin/app/Credentials.h"
 #include "standin/app/DeviceLayout.h"
 #include "standin/app/Format.h"
+#include "standin/app/GatewayRun.h"
 #include "standin/app/PerformRun.h"
+#include "standin/app/PrivateFile.h"
 #include "standin/app/ProgressLine.h"
 #include "standin/app/Summary.h"
 #include "standin/app/UsageError.h"
@@ -49,6 +52,7 @@ struct Options {
     std::string database = kDefaultDatabase;
     std::string pauseWhen;
     bool json = false;
+    GatewayOptions gateway;
 };
 
 volatile std::sig_atomic_t stopSignals = 0;
@@ -98,13 +102,18 @@ class Terminal : public RunListener {
 public:
     /// pauseWhen: while that file is there the run pauses; empty for none. beforeResume is called while a
     /// run that paused is still at rest.
-    Terminal(ProgressLine& line, std::string pauseWhen, std::function<void()> beforeResume)
-        : line_(line), pauseWhen_(std::move(pauseWhen)), beforeResume_(std::move(beforeResume)) {}
+    /// waitText: what the run waits for, asked with each line.
+    Terminal(ProgressLine& line, std::string pauseWhen, std::function<void()> beforeResume,
+             std::function<std::string()> waitText)
+        : line_(line),
+          pauseWhen_(std::move(pauseWhen)),
+          beforeResume_(std::move(beforeResume)),
+          waitText_(std::move(waitText)) {}
 
     void progress(double items, double bytes) override {
         items_ = items;
         bytes_ = bytes;
-        show(stopsSeen_ ? "stopping" : "");
+        show(stopsSeen_ ? "stopping" : waitText_());
     }
 
     bool stopRequested() override {
@@ -128,11 +137,12 @@ public:
     }
 
 private:
-    void show(const char* note) { line_.show(secondsSince(start_), items_, bytes_, note); }
+    void show(const std::string& note) { line_.show(secondsSince(start_), items_, bytes_, note); }
 
     ProgressLine& line_;
     const std::string pauseWhen_;
     const std::function<void()> beforeResume_;
+    const std::function<std::string()> waitText_;
     const Clock::time_point start_ = Clock::now();
     int stopsSeen_ = 0;
     double items_ = 0;
@@ -167,9 +177,13 @@ std::vector<std::string> dataTypesOf(const std::vector<std::string>& media) {
     return types;
 }
 
-/// The token; key and secret are the configured ones, which have to be the file's.
+/// Without a sign-in of today key and secret are the configured ones, which have to be the file's.
 Credentials credentialsFor(const Options& options) {
-    const Credentials credentials = readCredentials(options.credentials);
+    if (options.credentials.empty()) {
+        throw UsageError("There is no home folder with credentials; name the file with --credentials.");
+    }
+    Credentials credentials = readCredentials(options.credentials);
+    if (credentials.isOfToday()) return credentials;
     const Configuration configured = readConfiguration(configurationFile());
     if (configured.apiKey != credentials.apiKey || configured.apiSecret != credentials.apiSecret) {
         throw UsageError("The API key or secret in " + options.credentials +
@@ -181,8 +195,8 @@ Credentials credentialsFor(const Options& options) {
 /// The run's secrets, which log and errors do not show while this lives; overwritten at the end.
 class HiddenSecrets {
 public:
-    explicit HiddenSecrets(const Credentials& credentials) {
-        Norvale_Plugin_Core::setLogSecrets({credentials.token, credentials.apiKey, credentials.apiSecret});
+    explicit HiddenSecrets(std::vector<std::string> secrets) {
+        Norvale_Plugin_Core::setLogSecrets(std::move(secrets));
     }
     ~HiddenSecrets() { Norvale_Plugin_Core::setLogSecrets({}); }
     HiddenSecrets(const HiddenSecrets&) = delete;
@@ -248,7 +262,6 @@ int run(const Options& options) {
     request.databaseName = options.database;
     request.authToken = credentials.token;
     request.culture = layout.culture;
-    const HiddenSecrets hidden(credentials);
 
     const RunSignals signals;
     const Norvale_Plugin_Core::DeviceLock lock(layout.device);
@@ -260,6 +273,16 @@ int run(const Options& options) {
     };
     recover();
 
+    std::vector<std::string> secrets = {credentials.token, credentials.apiKey, credentials.apiSecret};
+    std::optional<GatewayRun> gateway;
+    if (credentials.isOfToday()) {
+        tieToAccount(layout, credentials);
+        gateway.emplace(credentials, options.gateway, database, request);
+        secrets.push_back(credentials.tokenSecret);
+        for (std::string& secret : gateway->secrets()) secrets.push_back(std::move(secret));
+    }
+    const HiddenSecrets hidden(std::move(secrets));
+
     RunReport report;
     report.serviceFolder = layout.serviceFolder;
     report.database = layout.databasePath;
@@ -269,18 +292,25 @@ int run(const Options& options) {
     long newItems = 0, editedItems = 0;  // of the passes before a pause
     {
         ProgressLine line(std::cerr, ::isatty(STDERR_FILENO));
-        Terminal terminal(line, options.pauseWhen, [&] {
+        const auto beforeResume = [&] {
             const auto pass = Norvale_Plugin_Core::RunJournal::instance().summary();
             newItems += pass.newItems;
             editedItems += pass.editedItems;
             recover();
-        });
+        };
+        Terminal terminal(line, options.pauseWhen, beforeResume,
+                          [&] { return gateway ? gateway->waitText() : std::string(); });
         report.outcome = performRun(request, terminal);
         Norvale_Plugin_Core::wipe(request.authToken);
     }
     report.done = Norvale_Plugin_Core::RunJournal::instance().summary();
     report.done.bytes = report.outcome.bytes;
     addEarlierPasses(newItems, editedItems, report.done);
+    if (gateway) {
+        for (std::string& problem : gateway->problems()) report.done.warnings.push_back(std::move(problem));
+        gateway.reset();
+        tieToAccount(layout, credentials);
+    }
     try {
         recover();
         markKept(database, layout, report.done);
@@ -304,9 +334,10 @@ void addRunCommand(CLI::App& program, int& status) {
     command->add_option("--device", options->device, "Directory to which the backup goes")
         ->required()
         ->type_name("DIR");
+    options->credentials = userCredentialsFile();
     command->add_option("--credentials", options->credentials, "File with api_key, api_secret and token")
-        ->required()
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->capture_default_str();
     command->add_option("--from", options->from, "Back up items updated after the start of this day")
         ->type_name("YYYY-MM-DD")
         ->capture_default_str();
@@ -323,6 +354,21 @@ void addRunCommand(CLI::App& program, int& status) {
         ->capture_default_str();
     command->add_option("--pause-when", options->pauseWhen, "Pause while this file exists")
         ->type_name("FILE");
+    command->add_option("--transfers", options->gateway.transfers, "Files fetched at a time")
+        ->check(CLI::Range(1, 8))
+        ->type_name("N")
+        ->capture_default_str();
+    command
+        ->add_option("--read-ahead", options->gateway.readAhead,
+                     "What is fetched ahead may fill so much of temporary files, besides 64 MiB of memory")
+        ->transform(CLI::AsSizeValue(false))
+        ->type_name("SIZE")
+        ->default_str("256MiB");
+    command
+        ->add_option("--limit-rate", options->gateway.bytesPerSecond,
+                     "Fetch no more than so many bytes in a second, as in 2MiB")
+        ->transform(CLI::AsSizeValue(false))
+        ->type_name("RATE");
     command->add_flag("--json", options->json, "Print the summary as one JSON object");
     command->footer(
         "Progress goes to standard error, the summary to standard output. SIGINT (Ctrl-C), SIGTERM and\n"
@@ -330,7 +376,7 @@ void addRunCommand(CLI::App& program, int& status) {
         "Exit status: 0 complete, 1 failed or something is not backed up, 2 wrong usage, 130 stopped.\n"
         "\n"
         "Example:\n"
-        "  flickr-backup run --device /media/usb --credentials ~/.flickr.ini --from 2015-06-01");
+        "  flickr-backup run --device /media/usb --from 2015-06-01");
     command->callback([options, &status] { status = run(*options); });
 }
 

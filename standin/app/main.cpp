@@ -30,6 +30,8 @@ int main(int argc, char**) {
     program.require_subcommand(1);
     program.set_version_flag("--version", FLICKR_BACKUP_VERSION);
     int status = flickr_app::ExitUsage;
+    flickr_app::addLoginCommand(program, status);
+    flickr_app::addLogoutCommand(program, status);
     flickr_app::addConfigureCommand(program, status);
     flickr_app::addRunCommand(program, status);
     flickr_app::addStatusCommand(program, status);

@@ -7,12 +7,14 @@
 //       </plugin>
 //   </config>
 //
-// in which the key "plugin.name" is the path of an element below the root.
+// in which the key "plugin.name" is the path of an element below the root. The host application may hold
+// values that are in no file: RunConfiguration.h.
 
 #include "hostapi/PluginCore.h"
 
 #include <Poco/AutoPtr.h>
 #include <Poco/Util/XMLConfiguration.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -22,6 +24,7 @@
 #include "hostapi/Utils.h"
 #include "standin/framework/LogFile.h"
 #include "standin/framework/Names.h"
+#include "standin/framework/RunConfiguration.h"
 #include "standin/framework/RunJournal.h"
 #include "standin/framework/RunSettings.h"
 
@@ -54,6 +57,7 @@ PluginCore::PluginCore(std::string configFilePath, std::string logFilePath)
     : impl_(std::make_unique<Impl>()) {
     nameLogFile(logFilePath);
     impl_->path = std::move(configFilePath);
+    if (hasRunDefaults() && ::access(impl_->path.c_str(), F_OK) != 0) return;
     try {
         impl_->configuration = new Poco::Util::XMLConfiguration(impl_->path);
     } catch (Poco::Exception& exception) {
@@ -66,6 +70,10 @@ PluginCore::PluginCore(std::string configFilePath, std::string logFilePath)
 PluginCore::~PluginCore() = default;
 
 int PluginCore::getValueString(std::string key, char* value, char* error) {
+    if (const auto held = runValue(key)) {
+        copyOut(*held, value);
+        return kSuccess;
+    }
     std::string problem = impl_->problem;
     if (impl_->configuration) {
         try {
@@ -74,6 +82,10 @@ int PluginCore::getValueString(std::string key, char* value, char* error) {
         } catch (Poco::Exception&) {
             problem = "The configuration file " + impl_->path + " has no value for \"" + key + "\"";
         }
+    }
+    if (const auto held = runDefault(key)) {
+        copyOut(*held, value);
+        return kSuccess;
     }
     copyOut(problem, error);
     return RunErrorConfiguration;

@@ -1,0 +1,136 @@
+#include "standin/app/GatewayRun.h"
+
+#include <Poco/DateTime.h>
+#include <Poco/Exception.h>
+#include <Poco/Timestamp.h>
+#include <Poco/URI.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "gateway/Gateway.h"
+#include "hostapi/DbInterface.h"
+#include "standin/app/Configuration.h"
+#include "standin/app/PrivateFile.h"
+#include "standin/app/UsageError.h"
+#include "standin/framework/RunConfiguration.h"
+
+namespace flickr_app {
+namespace {
+
+using Norvale_Plugin_Core::BackupDatabase;
+
+bool holds(const std::vector<std::string>& types, const char* type) {
+    return std::find(types.begin(), types.end(), type) != types.end();
+}
+
+flickr_gateway::GatewaySettings settingsOf(const Credentials& credentials, const GatewayOptions& options,
+                                           BackupDatabase& database, const RunRequest& request) {
+    flickr_gateway::GatewaySettings settings;
+    if (!credentials.service.empty()) {
+        settings.addresses = flickr_gateway::ServiceAddresses::below(credentials.service);
+        settings.trust.privateHost = Poco::URI(credentials.service).getHost();
+    }
+    settings.trust.caFile = credentials.ca;
+    settings.keys = {credentials.apiKey, credentials.apiSecret, credentials.token, credentials.tokenSecret};
+    settings.userId = credentials.userId;
+    settings.stateFolder = userStateFolder();
+    settings.transfers.atATime = options.transfers;
+    settings.transfers.temporaryFiles = options.readAhead;
+    settings.bytesPerSecond = options.bytesPerSecond;
+    settings.expectation.fromDate =
+        Poco::DateTime(request.fromYear, request.fromMonth, request.fromDay).timestamp().epochTime();
+    settings.expectation.photos = holds(request.dataTypes, "Images");
+    settings.expectation.videos = holds(request.dataTypes, "Videos");
+    settings.expectation.recorded = [&database](const std::string& item, const std::string& set,
+                                                std::int64_t updated) {
+        const auto row = database.item(item + "_" + set);
+        const Poco::DateTime date(Poco::Timestamp::fromEpochTime(updated));
+        return row && row->updated == Norvale_Plugin_Core::DbInterface().convertToString(date);
+    };
+    return settings;
+}
+
+/// The account's file, seen from the service folder, without a way through links. -1 with errno.
+int openAccountFile(const std::string& serviceFolder, int flags) {
+    const int folder = ::open(serviceFolder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (folder < 0) return -1;
+    if ((flags & O_CREAT) != 0) ::mkdirat(folder, ".records", 0700);
+    const int records = ::openat(folder, ".records", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    ::close(folder);
+    if (records < 0) return -1;
+    const int file = ::openat(records, ".account", flags | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (file >= 0 && (flags & O_CREAT) != 0) ::fsync(records);
+    ::close(records);
+    return file;
+}
+
+/// The first word of the file; empty when there is none.
+std::string accountOn(const std::string& serviceFolder) {
+    const int file = openAccountFile(serviceFolder, O_RDONLY | O_NONBLOCK);
+    if (file < 0) return std::string();
+    char text[256] = "";
+    const ssize_t size = ::read(file, text, sizeof text);
+    ::close(file);
+    const std::string line(text, size > 0 ? static_cast<std::size_t>(size) : 0);
+    return line.substr(0, line.find_first_of(" \n"));
+}
+
+}  // namespace
+
+GatewayRun::GatewayRun(const Credentials& credentials, const GatewayOptions& options,
+                       BackupDatabase& database, RunRequest& request)
+    : gateway_(
+          std::make_unique<flickr_gateway::Gateway>(settingsOf(credentials, options, database, request))) {
+    const flickr_gateway::InwardKeys& keys = gateway_->keys();
+    request.authToken = keys.token;
+    Configuration configuration;
+    configuration.dataUrl = gateway_->dataUrl();
+    configuration.apiKey = keys.apiKey;
+    configuration.apiSecret = keys.apiSecret;
+    const auto all = configurationValues(configuration);
+    Norvale_Plugin_Core::ConfigurationValues values;
+    for (const char* key : {"plugin.dataUrl", "plugin.apiKey", "plugin.apiSecret"}) values[key] = all.at(key);
+    Norvale_Plugin_Core::setRunConfiguration(std::move(values), all);
+}
+
+GatewayRun::~GatewayRun() {
+    Norvale_Plugin_Core::setRunConfiguration({}, {});
+}
+
+std::vector<std::string> GatewayRun::secrets() const {
+    const flickr_gateway::InwardKeys& keys = gateway_->keys();
+    return {keys.apiKey, keys.apiSecret, keys.token, keys.media};
+}
+
+std::string GatewayRun::waitText() const {
+    return gateway_->waitText();
+}
+
+std::vector<std::string> GatewayRun::problems() const {
+    return gateway_->problems();
+}
+
+void tieToAccount(const DeviceLayout& layout, const Credentials& credentials) {
+    if (credentials.userId.empty()) return;
+    const std::string account = accountOn(layout.serviceFolder);
+    if (account == credentials.userId) return;
+    if (!account.empty()) {
+        throw UsageError("The device " + layout.device + " holds the backup of the account " + account +
+                         ", and the credentials are those of " + credentials.userId +
+                         "; sign in as the other, or use another device.");
+    }
+    // A name that is cut off by a power cut is read as none: the id comes first, and in one piece.
+    const int file = openAccountFile(layout.serviceFolder, O_WRONLY | O_CREAT | O_TRUNC);
+    if (file < 0) return;
+    const std::string line = credentials.userId + " " + credentials.userName + "\n";
+    const bool written = ::write(file, line.data(), line.size()) == static_cast<ssize_t>(line.size());
+    if (written) ::fsync(file);
+    ::close(file);
+}
+
+}  // namespace flickr_app

@@ -1,0 +1,193 @@
+#include <Poco/Exception.h>
+#include <Poco/URI.h>
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include "gateway/SignIn.h"
+#include "standin/app/Commands.h"
+#include "standin/app/Credentials.h"
+#include "standin/app/PrivateFile.h"
+#include "standin/app/SignInPage.h"
+#include "standin/app/UsageError.h"
+
+namespace flickr_app {
+namespace {
+
+constexpr std::chrono::seconds kTimeForThePage{600};
+const flickr_gateway::Cancelled kNever = [] { return false; };
+
+struct Options {
+    std::string credentials = userCredentialsFile();
+    bool noBrowser = false;
+};
+
+/// Keeps what is typed off the terminal.
+class HiddenInput {
+public:
+    HiddenInput() : is_(::tcgetattr(STDIN_FILENO, &former_) == 0) {
+        if (!is_) return;
+        termios hidden = former_;
+        hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        ::tcsetattr(STDIN_FILENO, TCSANOW, &hidden);
+    }
+    ~HiddenInput() {
+        if (!is_) return;
+        ::tcsetattr(STDIN_FILENO, TCSANOW, &former_);
+        std::cerr << std::endl;
+    }
+    HiddenInput(const HiddenInput&) = delete;
+    HiddenInput& operator=(const HiddenInput&) = delete;
+
+private:
+    termios former_ = {};
+    const bool is_;
+};
+
+/// A line from the user; blanks at its ends do not count. Throws UsageError when there is none.
+std::string ask(const std::string& question) {
+    std::cerr << question << std::flush;
+    std::string line;
+    std::getline(std::cin, line);
+    const std::size_t first = line.find_first_not_of(" \t\r");
+    if (first == std::string::npos) {
+        throw UsageError("Nothing was entered; run \"flickr-backup login\" again.");
+    }
+    return line.substr(first, line.find_last_not_of(" \t\r") + 1 - first);
+}
+
+/// Asks for what the file does not hold.
+void completeApplication(Credentials& credentials) {
+    if (!credentials.apiKey.empty() && !credentials.apiSecret.empty()) return;
+    std::cerr << "Flickr knows programs by a key. Get one, free and in a few minutes, at\n"
+                 "  https://www.flickr.com/services/apps/create/\n";
+    if (credentials.apiKey.empty()) credentials.apiKey = ask("Key: ");
+    const HiddenInput hidden;
+    credentials.apiSecret = ask("Secret: ");
+}
+
+bool hasDesktop() {
+    return std::getenv("DISPLAY") != nullptr || std::getenv("WAYLAND_DISPLAY") != nullptr;
+}
+
+/// Whether the desktop has taken the address.
+bool openInBrowser(const std::string& address) {
+    if (!hasDesktop()) return false;
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const int nowhere = ::open("/dev/null", O_RDWR);
+        for (int stream = 0; stream <= 2; ++stream) ::dup2(nowhere, stream);
+        ::execlp("xdg-open", "xdg-open", address.c_str(), static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    int status = 0;
+    return child > 0 && ::waitpid(child, &status, 0) == child && WIFEXITED(status) &&
+           WEXITSTATUS(status) == 0;
+}
+
+flickr_gateway::SignedIn signIn(const Credentials& credentials, bool noBrowser) {
+    flickr_gateway::ServiceAddresses addresses;
+    flickr_gateway::HttpTrust trust{credentials.ca, ""};
+    if (!credentials.service.empty()) {
+        addresses = flickr_gateway::ServiceAddresses::below(credentials.service);
+        trust.privateHost = Poco::URI(credentials.service).getHost();
+    }
+    flickr_gateway::SignIn attempt(addresses, trust, credentials.apiKey, credentials.apiSecret);
+    if (noBrowser) {
+        attempt.begin("oob", kNever);
+        std::cout << attempt.page() << std::endl;
+        return attempt.finish(ask("Open this address, allow the program to read, and enter the code: "),
+                              kNever);
+    }
+    SignInPage page;
+    attempt.begin(page.address(), kNever);
+    if (openInBrowser(attempt.page())) {
+        std::cerr << "The service's page is open in the browser; allow the program to read there."
+                  << std::endl;
+    } else {
+        std::cerr << "Open this address in a browser on this machine, and allow the program to read:"
+                  << std::endl;
+        std::cout << attempt.page() << std::endl;
+    }
+    const std::string verifier = page.await(attempt.requestToken(), kTimeForThePage);
+    if (verifier.empty()) throw Poco::RuntimeException("The program was not allowed to read the account.");
+    return attempt.finish(verifier, kNever);
+}
+
+void requireName(const Options& options) {
+    if (!options.credentials.empty()) return;
+    throw UsageError("There is no home folder for the credentials; name a file with --credentials.");
+}
+
+void login(const Options& options) {
+    requireName(options);
+    Credentials credentials = readWhatThereIs(options.credentials);
+    completeApplication(credentials);
+    const flickr_gateway::SignedIn signedIn = signIn(credentials, options.noBrowser);
+    changeCredentials(options.credentials, {{"api_key", credentials.apiKey},
+                                            {"api_secret", credentials.apiSecret},
+                                            {"token", signedIn.keys.token},
+                                            {"token_secret", signedIn.keys.tokenSecret},
+                                            {"user_id", signedIn.userId},
+                                            {"user_name", signedIn.userName}});
+    std::cout << "Signed in as " << signedIn.userName << " (" << signedIn.userId << "), to read only.\n"
+              << "Credentials: " << options.credentials << std::endl;
+}
+
+void logout(const Options& options) {
+    requireName(options);
+    if (readWhatThereIs(options.credentials).token.empty()) {
+        std::cout << "Nobody is signed in." << std::endl;
+        return;
+    }
+    changeCredentials(options.credentials,
+                      {{"token", ""}, {"token_secret", ""}, {"user_id", ""}, {"user_name", ""}});
+    std::cout << "Signed out: the token is removed from " << options.credentials
+              << ".\nTo withdraw the permission as well, see https://www.flickr.com/services/auth/list.gne"
+              << std::endl;
+}
+
+void addCredentialsOption(CLI::App& command, Options& options) {
+    command.add_option("--credentials", options.credentials, "File for the sign-in")
+        ->type_name("FILE")
+        ->capture_default_str();
+}
+
+}  // namespace
+
+void addLoginCommand(CLI::App& program, int& status) {
+    auto options = std::make_shared<Options>();
+    CLI::App* command = program.add_subcommand("login", "Sign in to the service, to read only");
+    addCredentialsOption(*command, *options);
+    command->add_flag("--no-browser", options->noBrowser,
+                      "Print the service's address, and read the code that it shows from standard input");
+    command->footer(
+        "Asks for the key and the secret of an application that is registered at the service, unless the "
+        "file\n"
+        "holds api_key and api_secret, and writes the sign-in to the file, for your eyes only.\n"
+        "\n"
+        "Example:\n"
+        "  flickr-backup login && flickr-backup run --device /media/usb");
+    command->callback([options, &status] {
+        login(*options);
+        status = ExitSuccess;
+    });
+}
+
+void addLogoutCommand(CLI::App& program, int& status) {
+    auto options = std::make_shared<Options>();
+    CLI::App* command = program.add_subcommand("logout", "Remove the sign-in from this machine");
+    addCredentialsOption(*command, *options);
+    command->callback([options, &status] {
+        logout(*options);
+        status = ExitSuccess;
+    });
+}
+
+}  // namespace flickr_app
