@@ -1,0 +1,165 @@
+// The program flickr-backup against the service as it is today: signing in, backing up, signing out.
+
+#include <Poco/Net/HTTPClientSession.h>
+#include <Poco/Net/HTTPRequest.h>
+#include <Poco/Net/HTTPResponse.h>
+#include <Poco/URI.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "sim/FlickrSim.h"
+#include "sim/TodayApi.h"
+
+namespace fs = std::filesystem;
+using namespace flickr_sim;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+std::string read(const std::string& path) {
+    std::ifstream file(path);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+}
+
+class LoginTest : public testing::Test {
+protected:
+    LoginTest() {
+        char name[] = "/tmp/flickr-login-test-XXXXXX";
+        folder_ = mkdtemp(name);
+        fs::copy(fs::path(FLICKR_BACKUP_PROGRAM).parent_path(), folder_ + "/flickr-backup.app",
+                 fs::copy_options::recursive);
+        fs::remove(folder_ + "/flickr-backup.app/Resources/Plugins/Flickr_plugin_config.xml");
+        fs::create_directory(folder_ + "/device");
+        SimOptions options;
+        options.today.emplace();
+        sim_ = std::make_unique<FlickrSim>(account_, options);
+        std::ofstream(folder_ + "/ca.pem") << sim_->authorityPem();
+        fs::create_directories(folder_ + "/config/flickr-backup");
+        write("api_key = " + sim_->credentials().apiKey +
+              "\n# mine\napi_secret = " + sim_->credentials().apiSecret +
+              "\nservice = " + sim_->serviceUrl() + "\nca = " + folder_ + "/ca.pem\n");
+    }
+    ~LoginTest() override {
+        sim_.reset();
+        fs::remove_all(folder_);
+    }
+
+    std::string file() const { return folder_ + "/config/flickr-backup/credentials"; }
+    void write(const std::string& text) {
+        std::ofstream(file()) << text;
+        ::chmod(file().c_str(), 0600);
+    }
+
+    /// Its exit status; out() and err() are what it wrote.
+    int command(const std::string& arguments, const std::string& input = "/dev/null") {
+        const std::string line =
+            "cd " + folder_ + " && env -u DISPLAY -u WAYLAND_DISPLAY XDG_CONFIG_HOME=" + folder_ +
+            "/config XDG_STATE_HOME=" + folder_ + "/state LSAN_OPTIONS=print_suppressions=0 " +
+            "flickr-backup.app/flickr-backup " + arguments + " <" + input + " >out 2>err";
+        return WEXITSTATUS(std::system(line.c_str()));
+    }
+    std::string out() const { return read(folder_ + "/out"); }
+    std::string err() const { return read(folder_ + "/err"); }
+
+    /// The token in the address that the program has printed.
+    std::string waitForToken() const {
+        for (;; std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
+            const std::string text = out();
+            const std::size_t start = text.find("oauth_token="), end = text.find('&', start);
+            if (end != std::string::npos) return text.substr(start + 12, end - start - 12);
+        }
+    }
+
+    std::string folder_;
+    Account account_;
+    std::unique_ptr<FlickrSim> sim_;
+};
+
+TEST_F(LoginTest, SignsInBacksUpAndSignsOut) {
+    EXPECT_EQ(command("run --device device"), 2);
+    EXPECT_THAT(err(), HasSubstr("run \"flickr-backup login\""));
+
+    // By the code that the service shows.
+    ASSERT_EQ(::mkfifo((folder_ + "/typed").c_str(), 0600), 0);
+    auto login =
+        std::async(std::launch::async, [&] { return command("login --no-browser", folder_ + "/typed"); });
+    {
+        std::ofstream typed(folder_ + "/typed");
+        typed << sim_->today().oauth().decide(waitForToken(), true) << std::endl;
+    }
+    EXPECT_EQ(login.get(), 0) << err();
+    EXPECT_THAT(out(), HasSubstr("Signed in as " + sim_->credentials().userName));
+    EXPECT_THAT(read(file()),
+                AllOf(HasSubstr("# mine\n"), HasSubstr("service = https://"), HasSubstr("token_secret = "),
+                      HasSubstr("user_id = " + sim_->credentials().userId)));
+    EXPECT_EQ(fs::status(file()).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+
+    const std::string set = account_.addSet("Tom & Jerry");
+    for (const char* title : {"a", "b"}) account_.addItem(set, photo(title));
+    account_.addItem("", video("v"));
+    EXPECT_EQ(command("run --device device"), 0) << out() << err();
+    const std::string service = folder_ + "/device/Brightkettle/My Flickr Items/";
+    EXPECT_TRUE(fs::is_regular_file(service + "Tom & Jerry/b.jpg"));
+    EXPECT_EQ(read(service + "v.mp4"), contentOf(*account_.items("")[0], "Video Original").text());
+    EXPECT_THAT(read(service + ".records/.account"), HasSubstr(sim_->credentials().userId + " "));
+    EXPECT_FALSE(fs::exists(folder_ + "/flickr-backup.app/Resources/Plugins/Flickr_plugin_config.xml"))
+        << "nothing is configured";
+    sim_->clearLog();
+    EXPECT_EQ(command("run --device device --json"), 0) << out() << err();
+    EXPECT_THAT(out(), HasSubstr("\"unchanged\":3"));
+    EXPECT_EQ(sim_->counts().rest, 4u) << "sets, a page, and two of the items in no set";
+    EXPECT_EQ(command("verify --device device"), 0) << out() << err();
+
+    // Problems are told in the service's words.
+    sim_->faults().add(parseFault("kind=rest,error=105"));
+    EXPECT_EQ(command("run --device device"), 1);
+    EXPECT_THAT(out(), HasSubstr("error 105"));
+    sim_->faults().clear();
+
+    // Another account is not mixed with this one.
+    const std::string mine = read(file());
+    std::string other = mine;
+    other.replace(other.find(sim_->credentials().userId), sim_->credentials().userId.size(), "99@N01");
+    write(other);
+    EXPECT_EQ(command("run --device device"), 2);
+    EXPECT_THAT(err(), AllOf(HasSubstr("of the account " + sim_->credentials().userId), HasSubstr("99@N01")));
+    write(mine);
+
+    EXPECT_EQ(command("logout"), 0);
+    EXPECT_THAT(read(file()), AllOf(HasSubstr("api_secret"), HasSubstr("# mine"), Not(HasSubstr("token"))));
+    EXPECT_EQ(command("run --device device"), 2);
+    EXPECT_THAT(err(), HasSubstr("flickr-backup login"));
+
+    // By the page to which the service sends the user back.
+    login = std::async(std::launch::async, [&] { return command("login"); });
+    const Poco::URI back(sim_->today().oauth().decide(waitForToken(), true));
+    const auto visit = [&](const std::string& target) {
+        Poco::Net::HTTPClientSession session(back.getHost(), back.getPort());
+        Poco::Net::HTTPRequest request("GET", target, "HTTP/1.1");
+        session.sendRequest(request);
+        Poco::Net::HTTPResponse response;
+        std::istream& body = session.receiveResponse(response);
+        return std::to_string(response.getStatus()) + std::string(std::istreambuf_iterator<char>(body), {});
+    };
+    EXPECT_EQ(visit("/?" + back.getRawQuery()), "404") << "a stranger who does not know the address";
+    EXPECT_EQ(visit(back.getPath() + "?oauth_token=x&oauth_verifier=1"), "404");
+    EXPECT_THAT(visit(back.getPathAndQuery()), HasSubstr("You are signed in"));
+    EXPECT_EQ(login.get(), 0) << err();
+    EXPECT_EQ(command("run --device device"), 0) << out() << err();
+}
+
+}  // namespace
