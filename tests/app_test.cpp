@@ -122,7 +122,7 @@ TEST_F(AppTest, ReadsCredentialsOnlyFromPrivateCompleteFiles) {
         EXPECT_THAT(sentence, HasSubstr(bad.sentence)) << bad.text;
         EXPECT_THAT(sentence, Not(HasSubstr("hushed")));
     }
-    EXPECT_THAT(refusal([&] { readCredentials(folder_ + "/none"); }), HasSubstr("No such file"));
+    EXPECT_THAT(refusal([&] { readCredentials(folder_ + "/none"); }), HasSubstr("flickr-backup login"));
     EXPECT_THAT(refusal([&] { readCredentials(folder_); }), HasSubstr("is a directory"));
     const std::string pipe = folder_ + "/pipe";
     ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
