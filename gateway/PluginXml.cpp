@@ -9,22 +9,16 @@ namespace {
 constexpr const char* kStart = "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n<rsp stat=\"ok\">\n";
 constexpr const char* kEnd = "\n</rsp>\n";
 
-/// Nothing for an empty value: the plug-in reads no number in an attribute that is not there. Values are text
-/// that an XML reader has given, so every character can stand in XML.
-std::string attribute(const char* name, const std::string& value) {
-    if (value.empty()) return std::string();
-    std::string text = std::string(" ") + name + "=\"";
+/// With references for what has a meaning in XML, or would be read as something else. Values are text that an
+/// XML reader has given, so every character can stand in XML.
+std::string escaped(const std::string& value) {
+    std::string text;
     for (const char c : value) {
         switch (c) {
             case '&':
-                text += "&amp;";
-                break;
             case '<':
-                text += "&lt;";
-                break;
+            case '>':
             case '"':
-                text += "&quot;";
-                break;
             case '\n':
             case '\r':
             case '\t':
@@ -34,28 +28,21 @@ std::string attribute(const char* name, const std::string& value) {
                 text += c;
         }
     }
-    return text + '"';
+    return text;
 }
 
-/// As it is where that can be, and otherwise as a section, which cannot hold its own end: there it is ended
-/// and begun anew. The parser also hands a section on in pieces that begin with "]".
-std::string content(const std::string& value) {
-    if (value.find_first_of("&<") == std::string::npos && value.find("]]>") == std::string::npos)
-        return value;
-    std::string text = "<![CDATA[";
-    std::size_t start = 0;
-    for (std::size_t end; (end = value.find("]]>", start)) != std::string::npos; start = end + 2) {
-        text += value.substr(start, end + 2 - start) + "]]><![CDATA[";
-    }
-    return text + value.substr(start) + "]]>";
+/// Nothing for an empty value: the plug-in reads no number in an attribute that is not there.
+std::string attribute(const char* name, const std::string& value) {
+    return value.empty() ? std::string() : std::string(" ") + name + "=\"" + escaped(value) + '"';
 }
 
-/// A set's title has to be one piece: line breaks and the end of a section would split it.
-std::string onePiece(std::string title) {
+/// A text that the plug-in has to get in one piece: line breaks and the end of a section would split it, and
+/// in a section a "]" as well.
+std::string onePiece(std::string text) {
     std::replace_if(
-        title.begin(), title.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
-    for (std::size_t at; (at = title.find("]]>")) != std::string::npos;) title.insert(at + 2, " ");
-    return title;
+        text.begin(), text.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
+    for (std::size_t at; (at = text.find("]]>")) != std::string::npos;) text.insert(at + 2, " ");
+    return text.find_first_of("&<") == std::string::npos ? text : "<![CDATA[" + text + "]]>";
 }
 
 std::string sizeXml(const char* label, const Rendition& rendition, const char* media) {
@@ -75,7 +62,7 @@ std::string setListXml(const std::vector<ListedSet>& sets) {
         // "photos" before "videos": the plug-in adds them up in this order.
         xml += "<photoset" + attribute("id", set.id) + attribute("primary", set.primary) +
                attribute("photos", set.photos) + attribute("videos", set.videos) + "><title>" +
-               content(onePiece(set.title)) + "</title><description>" + content(onePiece(set.description)) +
+               onePiece(set.title) + "</title><description>" + onePiece(set.description) +
                "</description></photoset>\n";
     }
     return xml + "</photosets>" + kEnd;
@@ -88,7 +75,7 @@ std::string pageXml(const std::vector<ListedItem>& items, bool inSet) {
         xml += "<photo" + attribute("id", item.id) + attribute("title", item.title) +
                attribute("dateupload", item.dateUpload) + attribute("lastupdate", item.lastUpdate) +
                attribute("datetaken", item.dateTaken) + attribute("media", item.media) +
-               attribute("tags", item.tags) + "><description>" + content(item.description) +
+               attribute("tags", item.tags) + "><description>" + escaped(item.description) +
                "</description></photo>\n";
     }
     return xml + "</" + element + ">" + kEnd;

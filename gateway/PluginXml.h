@@ -1,7 +1,7 @@
 // Answers as the plug-in reads them: the service's XML, cut down to what it looks at.
 //
-// Titles and descriptions with characters of XML in them are sent as CDATA: the plug-in keeps the last piece
-// in which a set's title reaches it, and a reference such as "&amp;" would split it.
+// Titles and descriptions of sets with characters of XML in them are sent as CDATA: the plug-in keeps the
+// last piece in which they reach it, and a reference such as "&amp;" would split them.
 
 #ifndef GATEWAY_PLUGINXML_H
 #define GATEWAY_PLUGINXML_H

@@ -116,7 +116,7 @@ TEST(Renditions, TheBestIsTakenUnderALabelThatThePluginReads) {
         "Medium");
     const ItemRenditions found{{"Thumbnail", "t&", 100, 75}, {"X-Large 6K", "b", 6144, 4608}};
     EXPECT_THAT(sizesXml(found, false),
-                AllOf(HasSubstr("label=\"Thumbnail\" width=\"100\" height=\"75\" source=\"t&amp;\""),
+                AllOf(HasSubstr("label=\"Thumbnail\" width=\"100\" height=\"75\" source=\"t&#38;\""),
                       HasSubstr("label=\"Large\" width=\"6144\"")));
     EXPECT_THAT(sizesXml(found, true), HasSubstr("label=\"Video Original\""));
 }

@@ -36,6 +36,10 @@
 #include "core/PhotoListSaxHandler.h"
 #include "core/PhotosetSaxHandler.h"
 #include "core/RunSupport.h"
+#include "gateway/Failure.h"
+#include "gateway/PluginXml.h"
+#include "gateway/Rendition.h"
+#include "gateway/ServiceAnswer.h"
 #include "hostapi/DbInterface.h"
 #include "hostapi/HostServiceClientMac.h"
 #include "hostapi/HostServiceUsageParams.h"
@@ -170,6 +174,33 @@ void chunks(const std::string& text) {
     require(total < text.size(), "chunks hold no more than was sent");
     // A proper end is a line of zeros: no body without one may pass for whole.
     require(body.bad() || text.find('0', 1) != std::string::npos, "a body without its end is not whole");
+}
+
+/// Today's service: whatever the gateway reads it can hand on, and reads the same from what it hands on.
+void serviceAnswer(const std::string& text) {
+    namespace gateway = flickr_gateway;
+    gateway::ServiceAnswer answer;
+    try {
+        answer = gateway::readAnswer(text);
+    } catch (gateway::Failure&) {  // The way in which an unreadable answer is refused.
+        return;
+    }
+    gateway::bestRendition(answer.sizes, true);
+    const gateway::Rendition* best = gateway::bestRendition(answer.sizes, false);
+    require(best == nullptr || !best->source.empty(), "the best rendition has an address");
+    for (const bool inSet : {true, false}) {
+        const gateway::ServiceAnswer page = gateway::readAnswer(gateway::pageXml(answer.items, inSet));
+        require(page.items.size() == answer.items.size(), "every item is handed on");
+        for (std::size_t i = 0; i < page.items.size(); ++i) {
+            require(page.items[i].id == answer.items[i].id && page.items[i].title == answer.items[i].title &&
+                        page.items[i].description == answer.items[i].description,
+                    "items are handed on as they are");
+        }
+    }
+    const gateway::ServiceAnswer sets = gateway::readAnswer(gateway::setListXml(answer.sets));
+    require(sets.sets.size() == answer.sets.size(), "every set is handed on");
+    require(gateway::readAnswer(gateway::failureXml(answer.code, answer.message)).message == answer.message,
+            "the service's words are handed on");
 }
 
 void configuration(const std::string& text) {
@@ -395,9 +426,9 @@ void databases(const std::string& text) {
 }
 
 const std::map<std::string, void (*)(const std::string&)> kTargets = {
-    {"photosets", photoSets},  {"photos", photos},     {"sizes", sizes}, {"chunks", chunks},
-    {"config", configuration}, {"keywords", keywords}, {"names", names}, {"paths", paths},
-    {"databases", databases},  {"requests", requests}};
+    {"photosets", photoSets},  {"photos", photos},     {"sizes", sizes},          {"chunks", chunks},
+    {"config", configuration}, {"keywords", keywords}, {"names", names},          {"paths", paths},
+    {"databases", databases},  {"requests", requests}, {"service", serviceAnswer}};
 
 void runTarget(const std::string& target, const std::string& input) {
     HostServiceUsageParams::getInstance()->release();
