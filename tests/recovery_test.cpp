@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -683,6 +684,69 @@ TEST_F(RecoveryTest, AFolderThatNoRowKnowsKeepsNoSetFromItsNewTitle) {
     run(renamed);
     EXPECT_EQ(1u, state().count("Voyage (2)/a.jpg"));
     EXPECT_EQ(0u, state().count("Trip"));
+}
+
+// A device that somebody prepared: what its ledger's rows name would be removed, moved or renamed outside.
+TEST_F(RecoveryTest, ALedgerThatLeadsOutOfTheServiceFolderIsRefused) {
+    newDevice();
+    run(kBefore);
+    const fs::path witness = folder_ / "device/precious.txt",
+                   ledger = fs::path(service()) / ".records/.ledger.db";
+    std::ofstream(witness) << "precious";
+    fs::copy_file(ledger, folder_ / "ledger");
+    const std::string file = "INSERT INTO files VALUES (", folder = "INSERT INTO folders VALUES (";
+    for (const std::string& row :
+         {file + "1, '../precious.txt', 'x', 8, '', '', 1)",
+          file + "1, 'a.jpg', 'x', 8, '', '../precious.txt', 1)", file + "1, '..', 'x', 8, '', '', 1)",
+          file + "1, CAST(x'610062' AS TEXT), 'x', 8, '', '', 1)", file + "1, '.records', 'x', 8, '', '', 1)",
+          file + "99, 'precious.txt', 'x', 8, '', '', 1)",
+          folder + "98, 1, '..', 1, '', 1);" + file + "98, 'precious.txt', 'x', 8, '', '', 1)",
+          folder + "98, 1, '', 1, '', 1)", folder + "98, 1, 'New', 1, '../precious.txt', 1)",
+          folder + "98, 1, 'New', 1, '/precious.txt', 1)",
+          folder + "98, 99, 'a', 1, '', 1);" + folder + "99, 98, 'b', 1, '', 1)"}) {
+        SqliteFile(ledger.string(), SqliteFile::Open::Existing).execute(row.c_str());
+        BackupDatabase database(databasePath());
+        EXPECT_THROW(recoverDevice(database, service()), Poco::Exception) << row;
+        EXPECT_THROW(verifyLibrary(database, service()), Poco::Exception) << row;
+        EXPECT_TRUE(fs::is_regular_file(witness)) << row;
+        for (const char* part : {"", "-wal", "-shm"}) fs::remove(ledger.string() + part);
+        fs::copy_file(folder_ / "ledger", ledger);
+    }
+    expectSound("put back");
+}
+
+TEST_F(RecoveryTest, LinksAndPipesOnADeviceLeadNowhereAndKeepNobodyWaiting) {
+    newDevice();
+    run(kBefore);
+    const fs::path device = folder_ / "device", outside = folder_ / "outside";
+    fs::create_directory(outside);
+    std::ofstream(outside / "own") << "own";
+    fs::create_hard_link(outside / "own", device / "service/Trip/.records/.part-folder");
+    for (const std::string name : {"Trip/.records/.folder.xml", "Trip/.records/b.jpg.xml"}) {
+        fs::remove(device / "service" / name);
+        ASSERT_EQ(0, ::mkfifo((device / "service" / name).c_str(), 0600));
+    }
+    fs::remove_all(device / "service/Thumbnail");
+    fs::create_symlink(outside, device / "service/Thumbnail");
+    run(changed("c"));
+    EXPECT_EQ(1, std::distance(fs::directory_iterator(outside), {})) << "the link was followed";
+    std::string content;
+    std::getline(std::ifstream(outside / "own") >> std::ws, content);
+    EXPECT_EQ("own", content);
+    EXPECT_EQ(1u, state().count("Voyage/c.jpg"));
+    for (const auto& entry : fs::recursive_directory_iterator(device / "service")) {
+        if (entry.is_symlink() || entry.is_fifo() || entry.path().filename().string()[0] == '.') continue;
+        EXPECT_EQ(fs::perms::none,
+                  entry.status().permissions() & (fs::perms::group_all | fs::perms::others_all))
+            << entry.path();
+    }
+
+    params_->release();
+    fs::rename(device / "service", outside / "service");
+    fs::create_symlink(outside / "service", device / "service");
+    params_->setParams(service(), "", true, 1, device.string());
+    BackupDatabase database(databasePath());
+    EXPECT_THROW(recoverDevice(database, service()), Poco::Exception);
 }
 
 TEST_F(RecoveryTest, AnEditInAnotherLanguageLeavesOneThumbnail) {

@@ -44,6 +44,16 @@ void checkCulture(const std::string& culture) {
     throw UsageError("The culture \"" + culture + "\" is not known; give one of " + list + ".");
 }
 
+/// What is written below a link would land elsewhere.
+void refuseLink(const std::string& folder) {
+    std::error_code error;
+    if (fs::is_symlink(fs::symlink_status(folder, error))) {
+        throw UsageError(
+            "The folder " + folder +
+            " is a symbolic link; move it away, or give the directory to which it leads its place.");
+    }
+}
+
 }  // namespace
 
 std::string serviceFolderOn(const std::string& device, const std::string& culture) {
@@ -67,6 +77,10 @@ DeviceLayout layoutOf(const std::string& device, const std::string& databaseName
     }
     if (!culture.empty()) checkCulture(culture);
 
+    refuseLink((layout.device == "/" ? "" : layout.device) + "/Brightkettle");
+    for (const std::string& known : Norvale_Plugin_Core::knownCultures()) {
+        refuseLink(serviceFolderOn(layout.device, known));
+    }
     const std::string present = cultureOnDevice(layout.device);
     layout.holdsBackup = !present.empty();
     layout.culture = !culture.empty() ? culture : layout.holdsBackup ? present : "en";

@@ -1,6 +1,7 @@
 #include <Poco/DateTime.h>
 #include <Poco/NumberParser.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -30,6 +31,7 @@
 #include "standin/app/UsageError.h"
 #include "standin/framework/BackupDatabase.h"
 #include "standin/framework/Cipher.h"
+#include "standin/framework/Device.h"
 #include "standin/framework/DeviceLock.h"
 #include "standin/framework/LibraryCheck.h"
 #include "standin/framework/Names.h"
@@ -53,6 +55,7 @@ struct Options {
     std::string pauseWhen;
     bool json = false;
     GatewayOptions gateway;
+    bool shared = false;
 };
 
 volatile std::sig_atomic_t stopSignals = 0;
@@ -252,6 +255,9 @@ void addEarlierPasses(long newItems, long editedItems, Norvale_Plugin_Core::RunS
 }
 
 int run(const Options& options) {
+    // The databases, and what the loaded object makes, are made with the process's mask.
+    if (!options.shared) ::umask(077);
+    Norvale_Plugin_Core::Device::share(options.shared);
     RunRequest request;
     readDate(options.from, request);
     request.dataTypes = dataTypesOf(options.media);
@@ -369,6 +375,8 @@ void addRunCommand(CLI::App& program, int& status) {
                      "Fetch no more than so many bytes in a second, as in 2MiB")
         ->transform(CLI::AsSizeValue(false))
         ->type_name("RATE");
+    command->add_flag("--shared", options->shared,
+                      "Let other users of the machine read what is written, as far as the umask allows it");
     command->add_flag("--json", options->json, "Print the summary as one JSON object");
     command->footer(
         "Progress goes to standard error, the summary to standard output. SIGINT (Ctrl-C), SIGTERM and\n"

@@ -2,10 +2,14 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <vector>
@@ -38,8 +42,10 @@ std::string quoted(const std::string& path) {
     return "\"" + path + "\"";
 }
 
+std::atomic<bool> isShared{false};
+
 mode_t folderMode() {
-    return 0700;
+    return isShared ? 0777 : 0700;
 }
 
 /// Opens a regular file for reading; anything else that has the name is refused, and keeps nobody waiting.
@@ -53,29 +59,79 @@ Descriptor openRegular(int folder, const std::string& name) {
     return file;
 }
 
-void makeMissingFolders(const std::string& serviceFolder, const std::string& mountPoint) {
-    if (::access(serviceFolder.c_str(), F_OK) == 0) return;
+/// Opens the folder at path below another one, which no part of the path leads out of, and no link. Not open,
+/// with errno, when that fails.
+Descriptor openBelow(int root, const std::string& path, int flags) {
+    flags |= O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    static std::atomic<bool> kernelResolves{true};
+    if (kernelResolves && !path.empty()) {
+        struct open_how how = {};
+        how.flags = static_cast<std::uint64_t>(flags);
+        how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
+        Descriptor folder(static_cast<int>(::syscall(SYS_openat2, root, path.c_str(), &how, sizeof how)));
+        if (folder.isOpen()) return folder;
+        // A sandbox may not know the call, and say so in either way.
+        if (errno == ENOSYS || errno == EPERM) kernelResolves = false;
+    }
+    if (path.empty()) return Descriptor(::openat(root, ".", flags));
+    Descriptor current;
+    for (const std::string& name : namesIn(path)) {
+        if (!isPlainName(name)) {
+            errno = EXDEV;
+            return Descriptor();
+        }
+        current = Descriptor(::openat(current.isOpen() ? current.get() : root, name.c_str(), flags));
+        if (!current.isOpen()) break;
+    }
+    return current;
+}
+
+bool isLinkOrFile(int error) {
+    return error == ELOOP || error == ENOTDIR || error == EXDEV;
+}
+
+/// The service folder, made when it is missing. The folder on which it stands is resolved once, to its real
+/// path, which gets its own part and is given back in real; below it no link is followed.
+Descriptor openServiceFolder(const std::string& serviceFolder, const std::string& mountPoint,
+                             std::string& real) {
     const bool below =
         !mountPoint.empty() && serviceFolder.compare(0, mountPoint.size() + 1, mountPoint + "/") == 0;
     std::string::size_type end = below ? mountPoint.size() : serviceFolder.rfind('/');
     if (end == std::string::npos) end = 0;
-    const std::string base = end == 0 ? "." : serviceFolder.substr(0, end);
-    if (::access(base.c_str(), F_OK) != 0) {
+    const std::string base = end != 0 ? serviceFolder.substr(0, end) : serviceFolder[0] == '/' ? "/" : ".";
+    const std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(base.c_str(), nullptr), &std::free);
+    Descriptor current(resolved ? ::open(resolved.get(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)
+                                : -1);
+    if (!current.isOpen()) {
         const std::string text = "The backup device is not there: " + base + " does not exist";
         recordCatastrophe(RunErrorDeviceGone, text);
         throw DeviceException(text);
     }
-    while (end < serviceFolder.size()) {
-        end = std::min(serviceFolder.find('/', end + 1), serviceFolder.size());
-        const std::string folder = serviceFolder.substr(0, end);
-        if (::mkdir(folder.c_str(), 0777) != 0 && errno != EEXIST) {
-            throw DeviceException("The folder " + folder + " cannot be made: " + std::strerror(errno));
+    real = resolved.get();
+    for (const std::string& name : namesIn(serviceFolder.substr(end))) {
+        if (name.empty()) continue;
+        real += "/" + name;
+        if (!isPlainName(name)) throw DeviceException("The folder " + serviceFolder + " cannot be used");
+        Descriptor next = openBelow(current.get(), name, O_RDONLY);
+        if (!next.isOpen() && errno == ENOENT) {
+            if (::mkdirat(current.get(), name.c_str(), folderMode()) != 0 && errno != EEXIST) {
+                throw DeviceException("The folder " + real + " cannot be made: " + std::strerror(errno));
+            }
+            ::fsync(current.get());
+            next = openBelow(current.get(), name, O_RDONLY);
         }
+        if (!next.isOpen()) {
+            throw DeviceException("The folder " + real + " cannot be opened: " +
+                                  (isLinkOrFile(errno) ? "a symbolic link or a file stands in its place"
+                                                       : std::strerror(errno)));
+        }
+        current = std::move(next);
     }
+    return current;
 }
 
 std::string preparedLedgerPath(int root, const std::string& path) {
-    if (::mkdirat(root, kRecordFolder, 0777) != 0 && errno != EEXIST) {
+    if (::mkdirat(root, kRecordFolder, folderMode()) != 0 && errno != EEXIST) {
         throw DeviceException("The folder " + path + " cannot be written: " + std::strerror(errno));
     }
     struct stat status = {};
@@ -127,8 +183,8 @@ int Descriptor::release() {
 }
 
 Descriptor makeFile(int folder, const std::string& name) {
-    return Descriptor(
-        ::openat(folder, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    return Descriptor(::openat(folder, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                               isShared ? 0666 : 0600));
 }
 
 int renameWithoutReplacing(int fromFolder, const std::string& from, int toFolder, const std::string& to) {
@@ -155,12 +211,9 @@ std::shared_ptr<Device> Device::open(const std::string& serviceFolder, const std
         if (shared.device->isGone()) shared.device->fail("use", serviceFolder, ENODEV);
         return shared.device;
     }
-    makeMissingFolders(serviceFolder, mountPoint);
-    Descriptor root(::open(serviceFolder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!root.isOpen()) {
-        throw DeviceException("The folder " + serviceFolder + " cannot be opened: " + std::strerror(errno));
-    }
-    shared.device = std::make_shared<Device>(std::move(root), serviceFolder);
+    std::string real;
+    Descriptor root = openServiceFolder(serviceFolder, mountPoint, real);
+    shared.device = std::make_shared<Device>(std::move(root), serviceFolder, real);
     return shared.device;
 }
 
@@ -168,6 +221,10 @@ std::shared_ptr<Device> Device::current() {
     const std::string folder = currentServiceFolder();
     if (folder.empty() || ::access(folder.c_str(), F_OK) != 0) return nullptr;
     return open(folder, currentMountPoint());
+}
+
+void Device::share(bool shared) {
+    isShared = shared;
 }
 
 void Device::close() {
@@ -199,8 +256,8 @@ void Device::noteFolder(const std::string& setId, const std::string& folder) {
     });
 }
 
-Device::Device(Descriptor root, std::string path)
-    : root_(std::move(root)), path_(std::move(path)), ledger_(preparedLedgerPath(root_.get(), path_)) {
+Device::Device(Descriptor root, std::string path, const std::string& realPath)
+    : root_(std::move(root)), path_(std::move(path)), ledger_(preparedLedgerPath(root_.get(), realPath)) {
     ::fstat(root_.get(), &identity_);
 }
 
@@ -250,23 +307,14 @@ void Device::checkPath(const std::string& path) {
 }
 
 Descriptor Device::openFolder(const std::string& folder) {
-    constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    if (folder.empty()) return Descriptor(::openat(root_.get(), ".", kFlags));
-    Descriptor current;
-    for (const std::string& name : namesIn(folder)) {
-        const int parent = current.isOpen() ? current.get() : root_.get();
-        Descriptor next(::openat(parent, name.c_str(), kFlags));
-        if (!next.isOpen()) {
-            const int error = errno;
-            if (error == ELOOP || error == ENOTDIR) {
-                throw DeviceException("Cannot use the folder " + quoted(folder) +
-                                      ": a symbolic link or a file stands in its place");
-            }
-            fail("open the folder", folder, error);
-        }
-        current = std::move(next);
+    Descriptor opened = openBelow(root_.get(), folder, O_RDONLY);
+    if (opened.isOpen()) return opened;
+    const int error = errno;
+    if (isLinkOrFile(error)) {
+        throw DeviceException("Cannot use the folder " + quoted(folder) +
+                              ": a symbolic link or a file stands in its place");
     }
-    return current;
+    fail("open the folder", folder, error);
 }
 
 Device::Place Device::placeOf(const std::string& path) {
@@ -276,21 +324,11 @@ Device::Place Device::placeOf(const std::string& path) {
 
 std::optional<struct stat> Device::status(const std::string& path) {
     struct stat status = {};
-    const std::string folder = folderOf(path);
-    if (folder.empty()) {
-        if (::fstatat(root_.get(), path.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return std::nullopt;
-        return status;
-    }
-    Descriptor current;
-    for (const std::string& name : namesIn(folder)) {
-        const int parent = current.isOpen() ? current.get() : root_.get();
-        Descriptor next(::openat(parent, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (!next.isOpen()) return std::nullopt;
-        current = std::move(next);
-    }
-    if (::fstatat(current.get(), nameOf(path).c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
-        return std::nullopt;
-    return status;
+    if (!isPlainName(nameOf(path))) return std::nullopt;
+    const Descriptor folder = openBelow(root_.get(), folderOf(path), O_PATH);
+    const bool found =
+        folder.isOpen() && ::fstatat(folder.get(), nameOf(path).c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+    return found ? std::optional(status) : std::nullopt;
 }
 
 bool Device::isFolder(const std::string& path) {
@@ -550,7 +588,7 @@ Descriptor Device::openRecordFolder(const std::string& folder, bool create) {
     constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
     Descriptor records(::openat(parent.get(), kRecordFolder, kFlags));
     if (records.isOpen() || !create) return records;
-    if (::mkdirat(parent.get(), kRecordFolder, 0777) != 0 && errno != EEXIST) {
+    if (::mkdirat(parent.get(), kRecordFolder, folderMode()) != 0 && errno != EEXIST) {
         fail("make the folder", joinPath(folder, kRecordFolder), errno);
     }
     records = Descriptor(::openat(parent.get(), kRecordFolder, kFlags));

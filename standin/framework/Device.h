@@ -63,7 +63,11 @@ public:
     /// The set's row is in the backup database and names that folder: it is the set's from now on.
     static void noteFolder(const std::string& setId, const std::string& folder);
 
-    Device(Descriptor root, std::string path);
+    /// Whether other users of the machine may read what is written from now on, as far as the process's file
+    /// mode mask lets them. Without it all is for its owner only.
+    static void share(bool shared);
+
+    Device(Descriptor root, std::string path, const std::string& realPath);
 
     Ledger& ledger() { return ledger_; }
     const std::string& path() const { return path_; }

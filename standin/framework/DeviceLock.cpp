@@ -3,6 +3,7 @@
 #include <Poco/Exception.h>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -18,11 +19,18 @@ constexpr const char* kLockName = ".backup.lock";
 
 DeviceLock::DeviceLock(const std::string& directory) {
     const std::string path = directory + "/" + kLockName;
-    descriptor_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
+    descriptor_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
     if (descriptor_ < 0) {
         throw Poco::FileException("The backup device " + directory +
                                   " cannot be used: " + std::strerror(errno));
     }
+    struct stat status = {};
+    if (::fstat(descriptor_, &status) != 0 || !S_ISREG(status.st_mode)) {
+        ::close(descriptor_);
+        throw Poco::FileException(path + " is not a file: move it away");
+    }
+    // Who can open the file can keep every backup out.
+    if ((status.st_mode & 077) != 0 && status.st_nlink == 1) ::fchmod(descriptor_, 0600);
     if (::flock(descriptor_, LOCK_EX | LOCK_NB) == 0) return;
     const int error = errno;
     ::close(descriptor_);

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "standin/framework/Names.h"
+
 namespace Norvale_Plugin_Core {
 
 namespace {
@@ -78,11 +80,54 @@ namespace {
                               exception, exception.code());
 }
 
+[[noreturn]] void refuseRow(const std::string& path, const std::string& what) {
+    throw Poco::DataFormatException("The database " + path + " holds " + what +
+                                    ", which this program never writes");
+}
+
+/// What a row names becomes a path: each name is to lead to something in its own folder, and the folders to
+/// the root.
+void checkRows(SqliteFile& file, const std::string& path) {
+    constexpr int kDeepest = 64;
+    std::map<std::int64_t, std::int64_t> parents;
+    const auto folders = file.prepare("SELECT id, parent, name, was FROM folders");
+    while (folders->step()) {
+        const std::int64_t id = folders->number(0);
+        parents[id] = folders->number(1);
+        const bool root = id == kRoot && folders->number(1) == 0 && folders->text(2).empty();
+        if (!root && !isBackupName(folders->text(2))) refuseRow(path, "a folder that can have no such name");
+        std::string was = folders->text(3);
+        if (was[0] == '/') refuseRow(path, "a former path that leads elsewhere");
+        while (!was.empty()) {
+            if (!isBackupName(nameOf(was))) refuseRow(path, "a former path that leads elsewhere");
+            was = folderOf(was);
+        }
+    }
+    for (const auto& [id, parent] : parents) {
+        std::int64_t at = id;
+        for (int depth = 0; at != kRoot; ++depth) {
+            const auto found = parents.find(at);
+            if (found == parents.end() || depth == kDeepest) refuseRow(path, "folders that lead nowhere");
+            at = found->second;
+        }
+    }
+    const auto files = file.prepare("SELECT folder, name, was FROM files");
+    while (files->step()) {
+        const std::string name = files->text(1), was = files->text(2);
+        if (parents.count(files->number(0)) == 0) refuseRow(path, "a file in no folder");
+        const bool plain = isBackupName(name) || isOwnName(name, kKeptPrefix);
+        if (!plain || (!was.empty() && !isBackupName(was))) {
+            refuseRow(path, "a file that can have no such name");
+        }
+    }
+}
+
 /// The path, when what stands there may be used.
 const std::string& inspected(const std::string& path) {
     try {
         const std::string allowed = std::string(kOwners) + kFormerSchema;
-        inspectDatabase(path, {kSchema, 0, allowed.c_str()}, [](SqliteFile&) {});
+        inspectDatabase(path, {kSchema, 0, allowed.c_str()},
+                        [&](SqliteFile& file) { checkRows(file, path); });
     } catch (Poco::Exception& exception) {
         failToUse(path, exception);
     }
