@@ -287,14 +287,16 @@ TEST_F(Run, TakesOddFramingForWhatItMeans) {
     const std::string interim = "HTTP/1.1 102 Processing\r\n\r\nHTTP/1.1 103 Early Hints\r\nLink: x\r\n\r\n";
     const std::string list = "<rsp stat='ok'><photos/></rsp>";
     std::time_t updated = kNew;
-    for (const std::string& head :
-         {interim + "HTTP/1.1 200 OK\r\nContent-Length: ", "HTTP/1.1 200 OK\r\nContent-Length: 30, "s,
-          "HTTP/1.1 200 OK\r\nContent-Length: 30\r\nContent-Length: "s}) {
-        SCOPED_TRACE(head);
+    const std::string ok = "HTTP/1.1 200 OK\r\n", end = "30\r\n\r\n" + list;
+    for (const std::string& answer :
+         {interim + ok + "Content-Length: " + end, ok + "Content-Length: 30, " + end,
+          ok + "Content-Length: 30\r\nContent-Length: " + end,
+          ok + "Transfer-Encoding: chunked\r\n\r\n1e;a=\xe9\xff\r\n" + list + "\r\n0\r\n\r\n"}) {
+        SCOPED_TRACE(answer);
         account_.edit(beach_, Content::bytes(list), ++updated);
         sim_->faults().clear();
         for (const Match& match : {media(beach_), rest("flickr.photos.getNotInSet")}) {
-            sim_->faults().add(match, always(), fault::raw(head + "30\r\n\r\n" + list));
+            sim_->faults().add(match, always(), fault::raw(answer));
         }
         EXPECT_EQ(run().status, 1);
         EXPECT_EQ(read("Trip/beach.jpg"), list);
