@@ -20,6 +20,8 @@ import sys
 import tempfile
 import time
 
+from gallery import gallery
+
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 KIB, MIB, GIB = 1 << 10, 1 << 20, 1 << 30
 
@@ -448,7 +450,7 @@ def count_instructions(bench, command):
 
 
 CASES = {case.__name__: case for case in
-         (first, unchanged, video, redirects, scaling, sets, parsers, store, distance, instructions)}
+         (first, unchanged, video, redirects, scaling, sets, parsers, store, distance, instructions, gallery)}
 
 
 def machine():

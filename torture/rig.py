@@ -110,11 +110,14 @@ class Program:
         return Run(process.returncode, out.decode(errors="replace"), err.decode(errors="replace"),
                    time.monotonic() - began)
 
+    # Without the gallery, which is tried by itself: it can be made anew at any time and follows the run.
     def backup(self, device, **options):
-        return self.call("run", "--device", device, "--credentials", self.credentials, "--json", **options)
+        return self.call("run", "--device", device, "--credentials", self.credentials, "--json", "--no-gallery",
+                         **options)
 
     def start_backup(self, device, **options):
-        return self.start("run", "--device", device, "--credentials", self.credentials, "--json", **options)
+        return self.start("run", "--device", device, "--credentials", self.credentials, "--json", "--no-gallery",
+                         **options)
 
     def verify(self, device):
         return self.call("verify", "--device", device)

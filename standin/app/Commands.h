@@ -22,6 +22,8 @@ void addRunCommand(CLI::App& program, int& status);
 void addStatusCommand(CLI::App& program, int& status);
 /// "verify": compares every file with what is recorded.
 void addVerifyCommand(CLI::App& program, int& status);
+/// "gallery": writes a page that shows the backup.
+void addGalleryCommand(CLI::App& program, int& status);
 /// "info": shows what the plug-in says about itself.
 void addInfoCommand(CLI::App& program, int& status);
 

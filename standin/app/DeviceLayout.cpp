@@ -54,14 +54,8 @@ void refuseLink(const std::string& folder) {
     }
 }
 
-}  // namespace
-
-std::string serviceFolderOn(const std::string& device, const std::string& culture) {
-    return (device == "/" ? "" : device) + "/Brightkettle/" +
-           Norvale_Plugin_Core::localisedServiceFolderName(culture);
-}
-
-DeviceLayout layoutOf(const std::string& device, const std::string& databaseName,
+/// The layout, whether the database is there or not.
+DeviceLayout layoutOn(const std::string& device, const std::string& databaseName,
                       const std::string& culture) {
     std::error_code error;
     DeviceLayout layout;
@@ -86,13 +80,25 @@ DeviceLayout layoutOf(const std::string& device, const std::string& databaseName
     layout.culture = !culture.empty() ? culture : layout.holdsBackup ? present : "en";
     layout.serviceFolder = serviceFolderOn(layout.device, layout.culture);
     layout.databasePath = (layout.device == "/" ? "" : layout.device) + "/" + databaseName;
-    if (!layout.holdsBackup) return layout;
-
-    if (layout.serviceFolder != serviceFolderOn(layout.device, present)) {
+    if (layout.holdsBackup && layout.serviceFolder != serviceFolderOn(layout.device, present)) {
         throw UsageError("The device " + layout.device + " holds a backup in the culture \"" + present +
                          "\"; use that one, or another device.");
     }
-    if (!fs::exists(layout.databasePath, error)) {
+    return layout;
+}
+
+}  // namespace
+
+std::string serviceFolderOn(const std::string& device, const std::string& culture) {
+    return (device == "/" ? "" : device) + "/Brightkettle/" +
+           Norvale_Plugin_Core::localisedServiceFolderName(culture);
+}
+
+DeviceLayout layoutOf(const std::string& device, const std::string& databaseName,
+                      const std::string& culture) {
+    DeviceLayout layout = layoutOn(device, databaseName, culture);
+    std::error_code error;
+    if (layout.holdsBackup && !fs::exists(layout.databasePath, error)) {
         throw UsageError("The device holds a backup in " + layout.serviceFolder + ", but its database " +
                          layout.databasePath +
                          " is missing; give its name with --database, or move the folder away to begin "
@@ -107,6 +113,16 @@ DeviceLayout existingBackup(const std::string& device, const std::string& databa
     if (!fs::exists(layout.databasePath, error)) {
         throw UsageError("There is no backup on the device " + layout.device + ": it has no database \"" +
                          databaseName + "\".");
+    }
+    return layout;
+}
+
+DeviceLayout backupToShow(const std::string& device, const std::string& databaseName) {
+    DeviceLayout layout = layoutOn(device, databaseName, "");
+    std::error_code error;
+    if (!fs::exists(layout.databasePath, error)) layout.databasePath.clear();
+    if (layout.databasePath.empty() && !layout.holdsBackup) {
+        throw UsageError("There is no backup on the device " + layout.device + "; give the right one.");
     }
     return layout;
 }

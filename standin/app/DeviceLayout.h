@@ -35,6 +35,10 @@ DeviceLayout layoutOf(const std::string& device, const std::string& databaseName
 /// The same for a backup that has to be there.
 DeviceLayout existingBackup(const std::string& device, const std::string& databaseName);
 
+/// The same for a backup that is only looked at: without its database databasePath is empty. Throws
+/// UsageError when there is neither database nor backup.
+DeviceLayout backupToShow(const std::string& device, const std::string& databaseName);
+
 }  // namespace flickr_app
 
 #endif

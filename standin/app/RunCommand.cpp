@@ -38,6 +38,7 @@
 #include "standin/framework/Recovery.h"
 #include "standin/framework/RunJournal.h"
 #include "standin/framework/RunSettings.h"
+#include "standin/gallery/Gallery.h"
 
 namespace flickr_app {
 namespace {
@@ -56,6 +57,7 @@ struct Options {
     bool json = false;
     GatewayOptions gateway;
     bool shared = false;
+    bool noGallery = false;
 };
 
 volatile std::sig_atomic_t stopSignals = 0;
@@ -246,6 +248,17 @@ void markKept(BackupDatabase& database, const DeviceLayout& layout,
     }
 }
 
+/// What is on the device can be looked at after the run; a page that cannot be written is no failed backup.
+void updateGallery(BackupDatabase& database, const DeviceLayout& layout,
+                   Norvale_Plugin_Core::RunSummary& summary) {
+    if (!std::filesystem::is_directory(layout.serviceFolder)) return;
+    try {
+        flickr_gallery::writeGallery(layout.serviceFolder, &database);
+    } catch (Poco::Exception& exception) {
+        summary.warnings.push_back("The gallery is not up to date: " + exception.message());
+    }
+}
+
 /// Adds to the journal of a resumed run what its earlier passes did. What failed in them was tried again, and
 /// what they fetched is unchanged in the last one.
 void addEarlierPasses(long newItems, long editedItems, Norvale_Plugin_Core::RunSummary& summary) {
@@ -325,6 +338,9 @@ int run(const Options& options) {
     } catch (Poco::Exception& exception) {
         report.done.errors.push_back(exception.message());
     }
+    if (!options.noGallery && !report.outcome.stopped && stopSignals == 0) {
+        updateGallery(database, layout, report.done);
+    }
     if (stopSignals > 0 && exitStatus(report) == ExitSuccess) report.outcome.stopped = true;
     report.seconds = secondsSince(start);
 
@@ -377,6 +393,7 @@ void addRunCommand(CLI::App& program, int& status) {
         ->type_name("RATE");
     command->add_flag("--shared", options->shared,
                       "Let other users of the machine read what is written, as far as the umask allows it");
+    command->add_flag("--no-gallery", options->noGallery, "Leave the page that shows the backup as it is");
     command->add_flag("--json", options->json, "Print the summary as one JSON object");
     command->footer(
         "Progress goes to standard error, the summary to standard output. SIGINT (Ctrl-C), SIGTERM and\n"

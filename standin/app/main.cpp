@@ -36,6 +36,7 @@ int main(int argc, char**) {
     flickr_app::addRunCommand(program, status);
     flickr_app::addStatusCommand(program, status);
     flickr_app::addVerifyCommand(program, status);
+    flickr_app::addGalleryCommand(program, status);
     flickr_app::addInfoCommand(program, status);
     try {
         program.parse(argc, flickr_app::programArguments());

@@ -76,7 +76,7 @@ constexpr const char* kPut = R"(
 
 constexpr const char* kItemColumns =
     "SELECT ItemId, DerivedContainerName, DerivedItemName, OriginalContainerId, ItemUpdatedOn, ItemType, "
-    "ImageExtension FROM backupmetadata ";
+    "ImageExtension, ItemName, CreatedOn FROM backupmetadata ";
 
 /// The path with the links of its folder, the device's mount point, followed once; what stands in that folder
 /// may be none.
@@ -126,6 +126,9 @@ ItemRow itemOfRow(const Statement& row) {
     item.mediaPath = joinPath(item.folder, name);
     item.updated = row.text(4);
     item.type = row.text(5);
+    item.setId = row.text(3);
+    item.name = row.text(7);
+    item.created = row.text(8);
     const std::string thumbnails =
         joinPath(item.folder, HostServiceUsageParams::getInstance()->getValue("ThumbnailKey"));
     item.thumbnailPath = joinPath(thumbnails, splitName(name).base + "_" + item.id + "." + row.text(6));

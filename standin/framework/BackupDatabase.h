@@ -52,6 +52,9 @@ struct ItemRow {
     std::string thumbnailPath;  ///< by the current culture's word for the thumbnail folder
     std::string updated;
     std::string type;  ///< "FlickrPhoto" or "FlickrVideo"
+    std::string setId;
+    std::string name;     ///< the title as the service has it, with ".jpg" or ".mp4"
+    std::string created;  ///< when it was uploaded, in the form of updated
 };
 
 /// Everything that one row holds of an item or folder.

@@ -1,6 +1,7 @@
 #include "hostapi/ItemDataManager.h"
 
 #include <algorithm>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -80,11 +81,13 @@ private:
     std::string text_;
 };
 
-/// Where the value of a field stands in a record: its first byte and its length.
+/// Where the value of a field stands in a record, looked for from a position on: its first byte and its
+/// length.
 std::pair<std::string::size_type, std::string::size_type> find(const std::string& record,
-                                                               const std::string& field) {
+                                                               const std::string& field,
+                                                               std::string::size_type from = 0) {
     const std::string open = "<" + field + ">";
-    const std::string::size_type at = record.find(open);
+    const std::string::size_type at = record.find(open, from);
     if (at == std::string::npos) return {std::string::npos, 0};
     const std::string::size_type begin = at + open.size();
     const std::string::size_type end = record.find('<', begin);
@@ -124,6 +127,15 @@ std::string ItemDataManager::saveItemData(Template* record) {
 std::string recordField(const std::string& record, const std::string& field) {
     const auto [begin, length] = find(record, field);
     return begin == std::string::npos ? std::string() : unescaped(record.substr(begin, length));
+}
+
+std::vector<std::string> recordValues(const std::string& record, const std::string& field) {
+    std::vector<std::string> values;
+    for (auto [begin, length] = find(record, field); begin != std::string::npos;
+         std::tie(begin, length) = find(record, field, begin + length)) {
+        values.push_back(unescaped(record.substr(begin, length)));
+    }
+    return values;
 }
 
 std::string withRecordField(const std::string& record, const std::string& field, const std::string& value) {

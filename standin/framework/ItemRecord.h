@@ -15,6 +15,7 @@
 #define STANDIN_FRAMEWORK_ITEMRECORD_H
 
 #include <string>
+#include <vector>
 
 namespace Norvale_Plugin_Core {
 
@@ -23,6 +24,9 @@ constexpr const char* kFolderRecord = ".folder.xml";
 
 /// Value of a field of a record that ItemDataManager wrote; empty when it has none.
 std::string recordField(const std::string& record, const std::string& field);
+
+/// The values of all of a record's elements of that name, in their order.
+std::vector<std::string> recordValues(const std::string& record, const std::string& field);
 
 /// The record with another value for the field; unchanged when it has no such field.
 std::string withRecordField(const std::string& record, const std::string& field, const std::string& value);

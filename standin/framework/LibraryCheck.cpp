@@ -142,9 +142,13 @@ private:
         return full.compare(0, database_.path().size(), database_.path()) == 0;
     }
 
+    static bool isOfGallery(const std::string& name) {
+        return name == kGalleryPage || name == kGalleryFolder;
+    }
+
     void findUnrecorded(const std::string& folder) {
         device_.listFolder(folder, [&](const std::string& name) {
-            if (name == kRecordFolder) return;
+            if (name == kRecordFolder || (folder.empty() && isOfGallery(name))) return;
             const std::string path = joinPath(folder, name);
             if (recorded_.count(path) != 0) return;
             if (device_.isFolder(path)) {

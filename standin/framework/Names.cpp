@@ -198,7 +198,7 @@ NameParts splitName(const std::string& name) {
 
 bool isSystemWord(const std::string& name) {
     static const std::set<std::string> kWords = [] {
-        std::set<std::string> words = {nameKey(kNoSetId)};
+        std::set<std::string> words = {nameKey(kNoSetId), kGalleryPage, kGalleryFolder};
         for (const std::string& culture : knownCultures()) {
             words.insert(nameKey(localisedKeyword(culture, "ThumbnailKey")));
         }

@@ -23,6 +23,10 @@ constexpr std::size_t kLongestName = 255;
 /// the ledger.
 constexpr const char* kRecordFolder = ".records";
 
+/// The gallery's page in the service folder, and the folder of its data.
+constexpr const char* kGalleryPage = "index.html";
+constexpr const char* kGalleryFolder = "index-data";
+
 /// How the name of a file begins that is still being written, and of one that was replaced and is kept until
 /// its item's row is written. Behind it stand the number of the process, "-", and a number.
 constexpr const char* kPartPrefix = ".part-";
@@ -62,8 +66,8 @@ struct NameParts {
 };
 NameParts splitName(const std::string& name);
 
-/// True for the words that name folders of the system at the root and in every set, in any language: the
-/// language may change from one run to the next.
+/// True for the words that name files and folders of the system at the root and in every set, in any
+/// language: the language may change from one run to the next.
 bool isSystemWord(const std::string& name);
 
 /// The name under which the plug-in puts a file aside while a new version comes: "a_Old.jpg".

@@ -1,0 +1,61 @@
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include "hostapi/HostServiceUsageParams.h"
+#include "standin/app/Commands.h"
+#include "standin/app/DeviceLayout.h"
+#include "standin/app/Format.h"
+#include "standin/app/LibraryOptions.h"
+#include "standin/app/UsageError.h"
+#include "standin/framework/BackupDatabase.h"
+#include "standin/framework/DeviceLock.h"
+#include "standin/gallery/Gallery.h"
+
+namespace flickr_app {
+namespace {
+
+struct Options : LibraryOptions {
+    bool anew = false;
+};
+
+int makeGallery(const Options& options) {
+    using flickr_gallery::Reading;
+    const DeviceLayout layout = backupToShow(options.device, options.database);
+    const Norvale_Plugin_Core::DeviceLock lock(layout.device);
+    Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->setCulture(layout.culture);
+    std::unique_ptr<Norvale_Plugin_Core::BackupDatabase> database;
+    if (layout.databasePath.empty()) {
+        std::cout << "There is no database; the gallery is made from the description records.\n";
+    } else {
+        database = std::make_unique<Norvale_Plugin_Core::BackupDatabase>(
+            layout.databasePath, Norvale_Plugin_Core::BackupDatabase::Missing::Refuse);
+    }
+    const auto report = flickr_gallery::writeGallery(layout.serviceFolder, database.get(),
+                                                     options.anew ? Reading::Everything : Reading::Changes);
+    std::cout << formatCount(report.items, "item") << ", " << formatCount(report.sets, "set") << "; "
+              << (report.written ? formatCount(report.written, "file") + " written"
+                                 : "the gallery was up to date")
+              << "\nOpen in a browser: " << printable(report.page) << "\n"
+              << std::flush;
+    return ExitSuccess;
+}
+
+}  // namespace
+
+void addGalleryCommand(CLI::App& program, int& status) {
+    auto options = std::make_shared<Options>();
+    CLI::App* command = program.add_subcommand("gallery", "Write a page that shows the backup in a browser");
+    addLibraryOptions(*command, *options);
+    command->add_flag("--anew", options->anew,
+                      "Read all records and thumbnails again, not only what changed");
+    command->footer(
+        "Each run does so at its end. The page needs no network and no server.\n"
+        "Exit status: 0 written or up to date, 1 failed, 2 wrong usage.\n"
+        "\n"
+        "Example:\n"
+        "  flickr-backup gallery --device /media/usb");
+    command->callback([options, &status] { status = makeGallery(*options); });
+}
+
+}  // namespace flickr_app

@@ -1,0 +1,399 @@
+#include "standin/gallery/Gallery.h"
+
+#include <Poco/Dynamic/Var.h>
+#include <Poco/Exception.h>
+#include <Poco/JSON/Array.h>
+#include <Poco/JSON/Parser.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <set>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "standin/framework/BackupDatabase.h"
+#include "standin/framework/Device.h"
+#include "standin/framework/Names.h"
+#include "standin/gallery/Library.h"
+#include "standin/gallery/Page.h"
+
+namespace flickr_gallery {
+
+using namespace Norvale_Plugin_Core;
+
+namespace {
+
+// By this an index.html is known as ours; it stands in page/index.html.
+constexpr const char* kMarker = "<meta name=\"generator\" content=\"flickr-backup gallery 1\">";
+
+// A chunk ends with the month in which it reaches the first number of items, or at the second.
+constexpr std::size_t kFullChunk = 250;
+constexpr std::size_t kLargestChunk = 1000;
+
+constexpr const char* kLibraryPrefix = "library-";
+constexpr std::size_t kHashLength = 16;
+
+constexpr const char* kListBegin = "[\n";
+constexpr const char* kListEnd = "\n]);\n";
+
+/// An item's line, with what it is sorted by.
+struct Line {
+    std::string taken;
+    std::string id;
+    std::string text;
+};
+
+std::vector<std::string> linesOf(const std::string& text) {
+    std::vector<std::string> lines;
+    for (std::string::size_type at = 0; at < text.size();) {
+        const std::string::size_type end = std::min(text.find('\n', at), text.size());
+        lines.push_back(text.substr(at, end - at));
+        at = end + 1;
+    }
+    return lines;
+}
+
+/// The lists of the library and of a chunk: what is between the brackets.
+std::string listOf(const std::string& script) {
+    const std::string::size_type begin = script.find(kListBegin);
+    const std::string::size_type end = script.rfind(kListEnd);
+    if (begin == std::string::npos || end == std::string::npos || end < begin + 2) return {};
+    return script.substr(begin + 2, end - begin - 2);
+}
+
+std::string listText(const std::string& call, const std::vector<std::string>& lines) {
+    std::string text = call + kListBegin;
+    for (std::size_t i = 0; i < lines.size(); ++i) text += (i ? ",\n" : "") + lines[i];
+    return text + kListEnd;
+}
+
+/// The strings with which a line begins. None of those asked for holds a quote.
+std::vector<std::string> firstStrings(const std::string& line, std::size_t count) {
+    std::vector<std::string> strings;
+    std::string::size_type at = 0;
+    while (strings.size() < count) {
+        const std::string::size_type begin = line.find('"', at);
+        const std::string::size_type end = begin == std::string::npos ? begin : line.find('"', begin + 1);
+        if (end == std::string::npos) return std::vector<std::string>(count);
+        strings.push_back(line.substr(begin + 1, end - begin - 1));
+        at = end + 1;
+    }
+    return strings;
+}
+
+std::string itemLine(const Item& item) {
+    std::string tags;
+    for (const std::string& tag : item.tags) tags += (tags.empty() ? "" : ",") + scriptString(tag);
+    std::string line = "[";
+    for (const std::string* text : {&item.id, &item.stamp, &item.taken}) line += scriptString(*text) + ",";
+    line += std::to_string(item.width) + "," + std::to_string(item.height) + ",";
+    for (const std::string* text :
+         {&item.title, &item.file, &item.thumbnail, &item.uploaded, &item.updated}) {
+        line += scriptString(*text) + ",";
+    }
+    return line + (item.isVideo ? "1," : "0,") + scriptString(item.description) + ",[" + tags + "]]";
+}
+
+std::string chunkScript(const std::string& lines) {
+    return "gallery.chunk(\"" + hashOf(lines) + "\", " + kListBegin + lines + kListEnd;
+}
+
+/// The page's folder of data.
+class DataFolder {
+public:
+    explicit DataFolder(Device& device) : device_(device), root_(device.openFolder("")) {
+        // Who may read the folder in which it stands may read it.
+        struct stat status = {};
+        const bool known = ::fstat(root_.get(), &status) == 0;
+        if (::mkdirat(root_.get(), kGalleryFolder, known ? status.st_mode & 0777 : 0700) != 0 &&
+            errno != EEXIST) {
+            device_.fail("make the folder", kGalleryFolder, errno);
+        }
+        folder_ = device_.openFolder(kGalleryFolder);
+        device_.listFolder(kGalleryFolder, [&](const std::string& name) { present_.insert(name); });
+    }
+
+    bool has(const std::string& name) const { return present_.count(name) != 0; }
+
+    std::string read(const std::string& name) { return has(name) ? readFile(folder_, name) : std::string(); }
+    std::string readPage() { return readFile(root_, kGalleryPage); }
+
+    /// Writes the file unless it is there, and keeps it.
+    void put(const std::string& name, const std::string& content) {
+        keep(name);
+        if (has(name)) return;
+        write(content, folder_, name);
+        present_.insert(name);
+    }
+    void keep(const std::string& name) { kept_.insert(name); }
+
+    /// Replaces the page, unless it is that already, when all files that it names are on the disk.
+    void putPage(const std::string& content) {
+        if (readPage() == content) return;
+        if (::fsync(folder_.get()) != 0) device_.fail("write", kGalleryFolder, errno);
+        write(content, root_, kGalleryPage);
+        if (::fsync(root_.get()) != 0) device_.fail("write", kGalleryPage, errno);
+    }
+
+    /// Removes what a gallery wrote and the page does not name.
+    void removeOthers() {
+        for (const std::string& name : present_) {
+            if (kept_.count(name) == 0 && isOurs(name)) ::unlinkat(folder_.get(), name.c_str(), 0);
+        }
+    }
+
+    long written() const { return written_; }
+
+private:
+    static bool isOurs(const std::string& name) {
+        if (name.compare(0, std::char_traits<char>::length(kPartPrefix), kPartPrefix) == 0) return true;
+        const NameParts parts = splitName(name);
+        const bool script = parts.extension == ".js" || parts.extension == ".css";
+        if (!script || parts.base.size() < kHashLength) return false;
+        const std::string hash = parts.base.substr(parts.base.size() - kHashLength);
+        return hash.find_first_not_of("0123456789abcdef") == std::string::npos;
+    }
+
+    static std::string readFile(const Descriptor& folder, const std::string& name) {
+        const Descriptor file(
+            ::openat(folder.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        std::string text;
+        char block[1 << 16];
+        for (ssize_t count; file.isOpen() && (count = ::read(file.get(), block, sizeof block)) > 0;) {
+            text.append(block, static_cast<std::size_t>(count));
+        }
+        return text;
+    }
+
+    void write(const std::string& content, const Descriptor& folder, const std::string& name) {
+        const std::string part = kPartPrefix + name;
+        const auto check = [&](bool done) {
+            if (done) return;
+            const int error = errno;
+            ::unlinkat(folder_.get(), part.c_str(), 0);
+            device_.fail("write", name, error);
+        };
+        ::unlinkat(folder_.get(), part.c_str(), 0);
+        const Descriptor file = makeFile(folder_.get(), part);
+        check(file.isOpen());
+        for (std::string_view rest = content; !rest.empty();) {
+            const ssize_t count = ::write(file.get(), rest.data(), rest.size());
+            check(count > 0);
+            rest.remove_prefix(static_cast<std::size_t>(count));
+        }
+        check(::fdatasync(file.get()) == 0);
+        check(::renameat(folder_.get(), part.c_str(), folder.get(), name.c_str()) == 0);
+        ++written_;
+    }
+
+    Device& device_;
+    Descriptor root_;
+    Descriptor folder_;
+    std::set<std::string> present_;
+    std::set<std::string> kept_;
+    long written_ = 0;
+};
+
+class Gallery {
+public:
+    Gallery(Device& device, BackupDatabase* database) : library_(device, database), data_(device) {}
+
+    GalleryReport write(Reading reading) {
+        const std::string page = data_.readPage();
+        if (!page.empty() && page.find(kMarker) == std::string::npos) {
+            throw Poco::FileExistsException(
+                std::string("A file ") + kGalleryPage +
+                " that is not the gallery's stands in the backup's folder; move it away to have a gallery");
+        }
+        readEarlier(page);
+        GalleryReport report;
+        std::vector<std::string> lines;
+        for (Set& set : library_.sets()) {
+            report.items += static_cast<long>(set.items.size());
+            report.sets += set.id != kNoSetId;
+            if (set.id == kNoSetId && set.items.empty()) continue;
+            const auto earlier = earlier_.find(set.id);
+            const Earlier* before = earlier == earlier_.end() ? nullptr : &earlier->second;
+            const bool same = before && reading == Reading::Changes && before->digest == set.digest &&
+                              std::all_of(before->chunks.begin(), before->chunks.end(),
+                                          [&](const std::string& chunk) { return data_.has(chunk + ".js"); });
+            if (same) {
+                for (const std::string& chunk : before->chunks) data_.keep(chunk + ".js");
+                lines.push_back(before->line);
+            } else {
+                lines.push_back(writeSet(set, before && reading == Reading::Changes ? before : nullptr));
+            }
+        }
+        data_.putPage(pageText(lines));
+        data_.removeOthers();
+        report.written = data_.written();
+        return report;
+    }
+
+private:
+    /// A set as the gallery that is there has it.
+    struct Earlier {
+        std::string digest;
+        std::string line;
+        std::vector<std::string> chunks;
+    };
+
+    /// A gallery that is damaged, or of another version, counts as none.
+    void readEarlier(const std::string& page) {
+        const std::string::size_type at = page.find(kLibraryPrefix);
+        if (at == std::string::npos) return;
+        const std::string script = data_.read(page.substr(at, page.find('"', at) - at));
+        if (page.find(kLibraryPrefix + hashOf(script)) == std::string::npos) return;
+        for (std::string line : linesOf(listOf(script))) {
+            if (line.back() == ',') line.pop_back();
+            const auto set = Poco::JSON::Parser().parse(line).extract<Poco::JSON::Array::Ptr>();
+            Earlier earlier;
+            earlier.digest = set->getElement<std::string>(1);
+            const Poco::JSON::Array::Ptr chunks = set->getArray(7);
+            for (std::size_t i = 0; i < chunks->size(); ++i) {
+                earlier.chunks.push_back(
+                    chunks->getArray(static_cast<unsigned>(i))->getElement<std::string>(0));
+            }
+            earlier.line = std::move(line);
+            earlier_[set->getElement<std::string>(0)] = std::move(earlier);
+        }
+    }
+
+    /// The lines of the items that the gallery has already, by id and stamp.
+    std::map<std::pair<std::string, std::string>, Line> knownLines(const Earlier& earlier) {
+        std::map<std::pair<std::string, std::string>, Line> known;
+        for (const std::string& chunk : earlier.chunks) {
+            const std::string list = listOf(data_.read(chunk + ".js"));
+            if (hashOf(list) != chunk) continue;
+            for (std::string& line : linesOf(list)) {
+                if (line.back() == ',') line.pop_back();
+                const std::vector<std::string> strings = firstStrings(line, 3);
+                known[{strings[0], strings[1]}] = {strings[2], strings[0], std::move(line)};
+            }
+        }
+        return known;
+    }
+
+    /// Writes the set's chunks and gives its line.
+    std::string writeSet(Set& set, const Earlier* earlier) {
+        const auto known = earlier ? knownLines(*earlier) : decltype(knownLines(*earlier))();
+        std::vector<Line> items;
+        for (Item& item : set.items) {
+            const auto line = known.find({item.id, item.stamp});
+            if (line != known.end()) {
+                items.push_back(line->second);
+            } else {
+                library_.complete(set, item);
+                items.push_back({item.taken, item.id, itemLine(item)});
+            }
+        }
+        std::sort(items.begin(), items.end(), [](const Line& a, const Line& b) {
+            return std::tie(a.taken, a.id) < std::tie(b.taken, b.id);
+        });
+
+        std::string line = "[";
+        for (const std::string* text :
+             {&set.id, &set.digest, &set.title, &set.folder, &set.cover, &set.coverFile}) {
+            line += scriptString(*text) + ",";
+        }
+        line += std::to_string(items.size()) + ",[";
+        for (std::size_t begin = 0; begin < items.size();) {
+            const std::size_t end = chunkEnd(items, begin);
+            line += (begin ? "," : "") + writeChunk(items, begin, end);
+            begin = end;
+        }
+        return line + "]]";
+    }
+
+    static std::string monthOf(const Line& item) { return item.taken.substr(0, 7); }
+
+    static std::size_t chunkEnd(const std::vector<Line>& items, std::size_t begin) {
+        std::size_t end = begin + 1;
+        while (end < items.size() && end - begin < kLargestChunk &&
+               (end - begin < kFullChunk || monthOf(items[end]) == monthOf(items[end - 1]))) {
+            ++end;
+        }
+        return end;
+    }
+
+    /// Writes a chunk and gives its part of the set's line.
+    std::string writeChunk(const std::vector<Line>& items, std::size_t begin, std::size_t end) {
+        std::string lines;
+        std::map<std::string, long> months;
+        for (std::size_t i = begin; i < end; ++i) {
+            lines += (i == begin ? "" : ",\n") + items[i].text;
+            ++months[monthOf(items[i])];
+        }
+        const std::string name = hashOf(lines);
+        data_.put(name + ".js", chunkScript(lines));
+        std::string text;
+        for (const auto& [month, count] : months) {
+            text += (text.empty() ? "[" : ",[") + scriptString(month) + "," + std::to_string(count) + "]";
+        }
+        return "[\"" + name + "\",[" + text + "]]";
+    }
+
+    /// Writes what the page begins with and gives the page.
+    std::string pageText(const std::vector<std::string>& lines) {
+        std::string page = kPageHtml;
+        const auto put = [&](const char* place, const std::string& prefix, const char* extension,
+                             const std::string& content) {
+            const std::string name = prefix + hashOf(content) + extension;
+            data_.put(name, content);
+            page.replace(page.find(place), std::char_traits<char>::length(place),
+                         std::string(kGalleryFolder) + "/" + name);
+        };
+        put("{style}", "style-", ".css", kPageStyle);
+        put("{texts}", "texts-", ".js", kPageTexts);
+        put("{script}", "script-", ".js", kPageScript);
+        put("{library}", kLibraryPrefix, ".js", listText("gallery.library(", lines));
+        return page;
+    }
+
+    Library library_;
+    DataFolder data_;
+    std::map<std::string, Earlier> earlier_;
+};
+
+}  // namespace
+
+std::string scriptString(const std::string& text) {
+    std::string result = "\"";
+    const std::string valid = validUtf8(text);
+    for (std::size_t i = 0; i < valid.size(); ++i) {
+        const auto c = static_cast<unsigned char>(valid[i]);
+        const bool lineEnd = valid.compare(i, 3, "\u2028") == 0 || valid.compare(i, 3, "\u2029") == 0;
+        if (c == '"' || c == '\\') {
+            result += {'\\', valid[i]};
+        } else if (c < 0x20 || c == 0x7f || c == '<' || c == '>' || c == '&') {
+            char escape[7];
+            std::snprintf(escape, sizeof escape, "\\u%04x", c);
+            result += escape;
+        } else if (lineEnd) {
+            result += valid[i + 2] == '\xa8' ? "\\u2028" : "\\u2029";
+            i += 2;
+        } else {
+            result += valid[i];
+        }
+    }
+    return result + "\"";
+}
+
+GalleryReport writeGallery(const std::string& serviceFolder, BackupDatabase* database, Reading reading) {
+    // A device that another run or check left open may be another one by now.
+    Device::close();
+    const std::shared_ptr<Device> device = Device::open(serviceFolder, "");
+    GalleryReport report = Gallery(*device, database).write(reading);
+    report.page = serviceFolder + "/" + kGalleryPage;
+    Device::close();
+    return report;
+}
+
+}  // namespace flickr_gallery

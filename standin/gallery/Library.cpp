@@ -1,0 +1,256 @@
+#include "standin/gallery/Library.h"
+
+#include <Poco/Exception.h>
+#include <fcntl.h>
+#include <xxhash.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <memory>
+
+#include "standin/framework/BackupDatabase.h"
+#include "standin/framework/Device.h"
+#include "standin/framework/ItemRecord.h"
+#include "standin/framework/Localisation.h"
+#include "standin/framework/Names.h"
+#include "standin/gallery/ImageShape.h"
+
+namespace flickr_gallery {
+
+using namespace Norvale_Plugin_Core;
+
+namespace {
+
+constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                   "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+
+// What a date that could not be read was recorded as.
+constexpr const char* kEpoch = "1970-01-01 00:00:00";
+
+/// Texts joined so that no two lists of texts give the same.
+std::string joined(std::initializer_list<std::string> texts) {
+    std::string all;
+    for (const std::string& text : texts) all += std::to_string(text.size()) + ":" + text;
+    return all;
+}
+
+/// "2017-07-14T08:41:00Z" and the like as "2017-07-14 08:41:00"; empty for anything else.
+std::string plainDate(const std::string& iso) {
+    constexpr std::size_t kLength = 19;
+    if (iso.size() < kLength || iso[4] != '-' || iso[7] != '-' || iso[13] != ':') return {};
+    std::string date = iso.substr(0, kLength);
+    date[10] = ' ';
+    if (date.find_first_not_of("0123456789-: ") != std::string::npos) return {};
+    return date == kEpoch ? std::string() : date;
+}
+
+/// The month that the word stands for in any of the framework's languages, from 1; 0 for another word.
+int monthOf(const std::string& word) {
+    static const std::map<std::string, int> kWords = [] {
+        std::map<std::string, int> words;
+        for (const std::string& culture : knownCultures()) {
+            for (int i = 0; i < 12; ++i) words[localisedKeyword(culture, kMonths[i])] = i + 1;
+        }
+        return words;
+    }();
+    const auto found = kWords.find(word);
+    return found == kWords.end() ? 0 : found->second;
+}
+
+bool isAfternoon(const std::string& word) {
+    const std::vector<std::string> cultures = knownCultures();
+    return std::any_of(cultures.begin(), cultures.end(),
+                       [&](const std::string& culture) { return word == localisedKeyword(culture, "PM"); });
+}
+
+/// "Thu, 13 Jul 2017 2:40:00 AM" in the words of any language as "2017-07-13 02:40:00"; empty for anything
+/// else.
+std::string takenDate(const std::string& text) {
+    int day = 0, year = 0, hour = 0, minute = 0, second = 0;
+    char month[16] = {}, half[16] = {};
+    const std::string::size_type comma = text.find(", ");
+    if (comma == std::string::npos) return {};
+    const int read = std::sscanf(text.c_str() + comma + 2, "%2d %15s %4d %2d:%2d:%2d %15s", &day, month,
+                                 &year, &hour, &minute, &second, half);
+    const int number = monthOf(month);
+    if (read != 7 || number == 0 || day < 1 || day > 31 || year < 1 || hour < 1 || hour > 12 || minute < 0 ||
+        minute > 59 || second < 0 || second > 59) {
+        return {};
+    }
+    char date[64];
+    std::snprintf(date, sizeof date, "%04d-%02d-%02d %02d:%02d:%02d", year, number, day,
+                  hour % 12 + (isAfternoon(half) ? 12 : 0), minute, second);
+    return date == std::string(kEpoch) ? std::string() : date;
+}
+
+/// The title without the extension that the plug-in puts to it.
+std::string withoutExtension(const std::string& name) {
+    const NameParts parts = splitName(name);
+    return parts.extension == ".jpg" || parts.extension == ".mp4" ? parts.base : name;
+}
+
+/// A field of a record when the record has it, otherwise what is known without it.
+std::string preferred(const std::string& fromRecord, const std::string& known) {
+    return fromRecord.empty() ? known : fromRecord;
+}
+
+}  // namespace
+
+std::string hashOf(const std::string& text) {
+    char digits[17];
+    std::snprintf(digits, sizeof digits, "%016llx",
+                  static_cast<unsigned long long>(XXH3_64bits(text.data(), text.size())));
+    return digits;
+}
+
+std::vector<Set> Library::sets() {
+    std::vector<Set> sets = database_ ? setsOfDatabase() : setsOfRecords();
+    std::sort(sets.begin(), sets.end(), [](const Set& a, const Set& b) {
+        const bool aLoose = a.id == kNoSetId, bLoose = b.id == kNoSetId;
+        if (aLoose != bLoose) return bLoose;
+        return std::make_pair(nameKey(a.title), a.id) < std::make_pair(nameKey(b.title), b.id);
+    });
+    return sets;
+}
+
+std::vector<Set> Library::setsOfDatabase() {
+    std::vector<Set> sets;
+    std::map<std::string, std::size_t> places;
+    for (const FolderRow& row : database_->folders()) {
+        places[row.id] = sets.size();
+        Set set;
+        set.id = row.id;
+        set.title = row.serviceName;
+        set.folder = row.deviceName;
+        sets.push_back(std::move(set));
+    }
+    database_->forEachItem([&](const ItemRow& row) {
+        const auto place = places.find(row.setId);
+        if (place == places.end()) return;
+        Set& set = sets[place->second];
+        if (row.folder != set.folder) return;  // a rename that is not settled: the next run sees to it
+        Item item;
+        item.id = row.id;
+        item.title = withoutExtension(row.name);
+        item.file = nameOf(row.mediaPath);
+        item.thumbnail = row.thumbnailPath.substr(row.folder.empty() ? 0 : row.folder.size() + 1);
+        item.uploaded = plainDate(row.created);
+        item.updated = plainDate(row.updated);
+        item.isVideo = row.type == "FlickrVideo";
+        item.stamp = hashOf(
+            joined({row.id, row.name, row.mediaPath, row.thumbnailPath, row.created, row.updated, row.type}));
+        set.items.push_back(std::move(item));
+    });
+    for (Set& set : sets) {
+        const bool there = set.folder.empty() || device_.isFolder(set.folder);
+        finish(set, there ? device_.readRecord(set.folder, kFolderRecord) : std::string());
+    }
+    return sets;
+}
+
+std::vector<Set> Library::setsOfRecords() {
+    std::vector<Set> sets;
+    Set loose;
+    loose.id = loose.title = kNoSetId;
+    listRecords(loose);
+    finish(loose, "");
+    if (!loose.items.empty()) sets.push_back(std::move(loose));
+    device_.listFolder("", [&](const std::string& name) {
+        if (name.front() == '.' || isSystemWord(name) || !device_.isFolder(name)) return;
+        const std::string record = device_.readRecord(name, kFolderRecord);
+        Set set;
+        set.id = recordField(record, "ID");
+        if (set.id.empty()) return;
+        set.title = preferred(recordField(record, "Title"), recordField(record, "Name"));
+        set.folder = name;
+        listRecords(set);
+        finish(set, record);
+        sets.push_back(std::move(set));
+    });
+    return sets;
+}
+
+/// Lists the items whose records stand in the set's folder and whose files do, too.
+void Library::listRecords(Set& set) {
+    const std::string records = joinPath(set.folder, kRecordFolder);
+    if (!device_.isFolder(records)) return;
+    device_.listFolder(records, [&](const std::string& name) {
+        const NameParts parts = splitName(name);
+        if (name.front() == '.' || parts.extension != kRecordExtension) return;
+        if (!device_.isFile(joinPath(set.folder, parts.base))) return;
+        const std::string record = device_.readRecord(set.folder, name);
+        Item item;
+        item.id = recordField(record, "ID");
+        if (item.id.empty()) return;
+        item.title = withoutExtension(recordField(record, "FileName"));
+        item.file = parts.base;
+        item.thumbnail = recordField(record, "ThumbnailName");
+        item.isVideo = recordField(record, "MediaType") == "video";
+        item.stamp = hashOf(joined({name, record}));
+        set.items.push_back(std::move(item));
+    });
+}
+
+/// Sorts the items and takes the digest; the cover is the recorded one, or the first item's thumbnail.
+void Library::finish(Set& set, const std::string& folderRecord) {
+    std::sort(set.items.begin(), set.items.end(), [](const Item& a, const Item& b) { return a.id < b.id; });
+    std::string text = joined({set.id, set.title, set.folder, folderRecord});
+    for (const Item& item : set.items) text += joined({item.id, item.stamp});
+    set.digest = hashOf(text);
+
+    const auto thumbnail = [&](const Item& item) { return joinPath(set.folder, item.thumbnail); };
+    set.cover = recordField(folderRecord, "CoverImage");
+    if (!holds(set.cover)) set.cover = set.items.empty() ? std::string() : thumbnail(set.items.front());
+    for (const Item& item : set.items) {
+        if (thumbnail(item) == set.cover && !item.isVideo) set.coverFile = joinPath(set.folder, item.file);
+    }
+}
+
+/// True when the path, wherever it comes from, names a file in the service folder.
+bool Library::holds(const std::string& path) {
+    try {
+        Device::checkPath(path);
+        return device_.isFile(path);
+    } catch (DeviceException&) {
+        return false;
+    }
+}
+
+void Library::complete(const Set& set, Item& item) {
+    const std::string record = device_.readRecord(set.folder, item.file + kRecordExtension);
+    item.title = preferred(recordField(record, "Title"), item.title);
+    item.taken =
+        preferred(plainDate(recordField(record, "Taken")), takenDate(recordField(record, "DateTaken")));
+    item.uploaded = preferred(plainDate(recordField(record, "Uploaded")), item.uploaded);
+    item.updated = preferred(plainDate(recordField(record, "DateUpdated")), item.updated);
+    item.description = recordField(record, "Description");
+    item.tags = recordValues(record, "Tag");
+    item.thumbnail = preferred(recordField(record, "ThumbnailName"), item.thumbnail);
+    measure(set, item);
+}
+
+void Library::measure(const Set& set, Item& item) {
+    try {
+        const std::string path = joinPath(set.folder, item.thumbnail);
+        Device::checkPath(path);
+        const Descriptor folder = device_.openFolder(folderOf(path));
+        Descriptor file(
+            ::openat(folder.get(), nameOf(path).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(
+            file.isOpen() ? ::fdopen(file.get(), "rb") : nullptr, &std::fclose);
+        if (!stream) {
+            item.thumbnail.clear();
+            return;
+        }
+        file.release();
+        const ImageShape shape = imageShape(stream.get());
+        item.width = shape.width;
+        item.height = shape.height;
+    } catch (DeviceException&) {
+        item.thumbnail.clear();
+    }
+}
+
+}  // namespace flickr_gallery

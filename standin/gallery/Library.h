@@ -1,0 +1,78 @@
+// What a gallery shows: the sets and items of a backup.
+//
+// The backup database tells which there are, their titles and when they were uploaded; the description
+// records beside the media tell the rest. Without a database the records tell it all. Either way the sets are
+// listed cheaply first, and what costs the reading of files is read for those items only that are asked for.
+
+#ifndef STANDIN_GALLERY_LIBRARY_H
+#define STANDIN_GALLERY_LIBRARY_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace Norvale_Plugin_Core {
+class BackupDatabase;
+class Device;
+}  // namespace Norvale_Plugin_Core
+
+namespace flickr_gallery {
+
+/// A hash of the text, 16 hexadecimal digits (XXH3). It tells versions apart and protects against nobody.
+std::string hashOf(const std::string& text);
+
+struct Item {
+    std::string id;     ///< photo id, "_", set id
+    std::string stamp;  ///< hash of what is listed of the item: changes when anything of it may have changed
+    std::string title;
+    std::string file;       ///< in the set's folder
+    std::string thumbnail;  ///< relative to the set's folder; empty when there is none
+    int width = 0;          ///< of the thumbnail, pixels; 0 when it is not known
+    int height = 0;
+    std::string taken;     ///< "YYYY-MM-DD hh:mm:ss" as the camera says; empty when it is not known
+    std::string uploaded;  ///< the same form, UTC
+    std::string updated;
+    bool isVideo = false;
+    std::string description;
+    std::vector<std::string> tags;
+};
+
+struct Set {
+    std::string id;  ///< "Anonymous" for the items in no set
+    std::string title;
+    std::string folder;       ///< relative to the service folder; "" for the items in no set
+    std::string cover;        ///< a thumbnail, relative to the service folder; empty when there is none
+    std::string coverFile;    ///< the picture that cover is made from, where it is known
+    std::string digest;       ///< changes when anything of the set or of one of its items may have changed
+    std::vector<Item> items;  ///< by id, listed and not completed
+};
+
+class Library {
+public:
+    /// database: none to take everything from the records. Both have to live as long as this.
+    Library(Norvale_Plugin_Core::Device& device, Norvale_Plugin_Core::BackupDatabase* database)
+        : device_(device), database_(database) {}
+
+    /// All sets by title, the items in no set last; their items have id, stamp, title, files, dates of the
+    /// service and kind. Throws Poco::Exception when database or device cannot be read.
+    std::vector<Set> sets();
+
+    /// Fills in what the item's record and its thumbnail's header tell. What is missing or damaged stays as
+    /// it is.
+    void complete(const Set& set, Item& item);
+
+private:
+    std::vector<Set> setsOfDatabase();
+    std::vector<Set> setsOfRecords();
+    void listRecords(Set& set);
+    void finish(Set& set, const std::string& folderRecord);
+    bool holds(const std::string& path);
+    void measure(const Set& set, Item& item);
+
+    Norvale_Plugin_Core::Device& device_;
+    Norvale_Plugin_Core::BackupDatabase* database_;
+};
+
+}  // namespace flickr_gallery
+
+#endif

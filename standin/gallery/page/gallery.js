@@ -1,0 +1,839 @@
+// The gallery's page. The library, a script that is loaded last, hands the sets over; chunks of items follow as
+// they are needed. The address after "#" says what is shown, as a form's fields do:
+//
+//   view=all        the timeline of all items; without it, a set or a search the page shows the sets
+//   set=ID          a set's items
+//   q=WORDS         of these the ones whose texts hold all words
+//   sort=NAME       one of the keys of orders
+//   at=2017-07      the month that the timeline begins with
+//   item=ID         an item shown large
+//
+// All texts come from strangers: they reach the page as text, never as markup, and paths are encoded name by name.
+"use strict";
+
+const gallery = (() => {
+  const DATA = "index-data/";
+  const LOOSE = "Anonymous";
+  const GAP = 6;
+  const HEADING = 46;
+  const SECTIONED = 2000; // a set of more items is shown month by month, as the timeline is
+  const LOADERS = 8;
+
+  const byId = (id) => document.getElementById(id);
+  const [main, grid, search, viewer] = ["main", "grid", "search", "viewer"].map(byId);
+
+  // ---- Language
+
+  const language = navigator.languages.map((name) => name.slice(0, 2)).find((name) => galleryTexts[name]) || "en";
+  const texts = galleryTexts[language];
+  const plural = new Intl.PluralRules(language);
+  const numbers = new Intl.NumberFormat(language);
+  const collator = new Intl.Collator(language, { numeric: true, sensitivity: "base" });
+  const monthName = new Intl.DateTimeFormat(language, { year: "numeric", month: "long", timeZone: "UTC" });
+  const shortMonth = new Intl.DateTimeFormat(language, { month: "short", timeZone: "UTC" });
+  const cameraTime = new Intl.DateTimeFormat(language, { dateStyle: "long", timeStyle: "short", timeZone: "UTC" });
+  const serviceTime = new Intl.DateTimeFormat(language, { dateStyle: "long", timeStyle: "short" });
+
+  const say = (key, values = {}) => texts[key].replace(/\{(\w+)\}/g, (_, name) => values[name]);
+  const count = (key, n) =>
+    texts[key][plural.select(n) === "one" ? 0 : 1].replace("{n}", () => numbers.format(n));
+  const dateOf = (text) => new Date(text.replace(" ", "T") + "Z");
+  const monthText = (month, form = monthName) => (month ? form.format(dateOf(`${month}-01 00:00:00`)) : say("noDate"));
+
+  /** The text without case, accents and the forms of the same letter; what search compares. */
+  const LETTERS = { ς: "σ", ł: "l", ø: "o", đ: "d", æ: "ae", œ: "oe" };
+  const normalised = (text) =>
+    text.normalize("NFKD").replace(/\p{M}+/gu, "").toUpperCase().toLowerCase()
+      .replace(/[ςłøđæœ]/g, (letter) => LETTERS[letter]);
+
+  // ---- Elements
+
+  /** An element with attributes, and with texts and elements inside. */
+  const element = (name, attributes = {}, ...children) => {
+    const made = document.createElement(name);
+    for (const [key, value] of Object.entries(attributes)) made.setAttribute(key, value);
+    made.append(...children);
+    return made;
+  };
+  const userText = (name, className, text) => element(name, { class: className, dir: "auto" }, text);
+  /** A path relative to the page as an address that can name nothing else. */
+  const address = (path) => "./" + path.split("/").map(encodeURIComponent).join("/");
+  const link = (fields) => "#" + new URLSearchParams(Object.entries(fields).filter(([, value]) => value));
+
+  // ---- Data
+
+  const sets = new Map();
+  const chunks = new Map();
+
+  class Item {
+    constructor(set, line) {
+      this.set = set;
+      [this.id, , this.taken, this.width, this.height, this.title, this.file, this.thumbnail, this.uploaded,
+        this.updated, this.isVideo, this.description, this.tags] = line;
+    }
+    get photo() { return this.id.slice(0, -this.set.id.length - 1); }
+    get month() { return this.taken.slice(0, 7); }
+    get name() { return this.title || this.file || say("untitled"); }
+    get path() { return this.set.path(this.file); }
+    get aspect() {
+      return this.width && this.height ? Math.min(Math.max(this.width / this.height, 0.4), 3.2) : 4 / 3;
+    }
+    get searched() {
+      const { title, description, tags, set, file, taken } = this;
+      this.words ??= normalised([title, description, ...tags, set.name, file, taken].join("\n"));
+      return this.words;
+    }
+  }
+
+  const readSet = ([id, , title, folder, cover, coverFile, total, parts]) => {
+    const set = {
+      id, cover, coverFile, total,
+      name: id === LOOSE ? say("loose") : title || folder,
+      path: (name) => (folder ? `${folder}/${name}` : name),
+    };
+    set.chunks = parts.map(([name, months]) => ({ name, set, months: new Map(months), items: null }));
+    for (const chunk of set.chunks) chunks.set(chunk.name + id, chunk);
+    sets.set(id, set);
+  };
+
+  // Items of different sets may happen to be the same; their chunk is one file then.
+  const arrived = (name, lines) => {
+    for (const set of sets.values()) {
+      const chunk = chunks.get(name + set.id);
+      if (chunk) chunk.items = lines.map((line) => new Item(set, line));
+    }
+  };
+
+  const load = (chunk) =>
+    (chunk.promise ??= new Promise((done) => {
+      const script = element("script", { src: `${DATA}${chunk.name}.js` });
+      script.onload = script.onerror = () => {
+        script.remove();
+        if (!chunk.items) {
+          chunk.items = [];
+          byId("summary").textContent = say("missing");
+        }
+        done();
+      };
+      document.head.append(script);
+    }));
+
+  /** Loads chunks, a few at a time; progress is told the part that is done. */
+  const loadAll = async (wanted, progress = () => {}) => {
+    const waiting = wanted.filter((chunk) => !chunk.items);
+    let done = 0;
+    const total = waiting.length;
+    const work = async () => {
+      for (let chunk; (chunk = waiting.pop()); progress(++done / total)) await load(chunk);
+    };
+    await Promise.all(Array.from({ length: LOADERS }, work));
+  };
+
+  const compare = (a, b) => (a < b ? -1 : a > b ? 1 : 0);
+  const orders = {
+    takenNewest: (a, b) => compare(b.taken, a.taken) || compare(a.id, b.id),
+    takenOldest: (a, b) => compare(a.taken, b.taken) || compare(a.id, b.id),
+    uploadedNewest: (a, b) => compare(b.uploaded, a.uploaded) || compare(a.id, b.id),
+    uploadedOldest: (a, b) => compare(a.uploaded, b.uploaded) || compare(a.id, b.id),
+    byTitle: (a, b) => collator.compare(a.name, b.name) || compare(a.id, b.id),
+  };
+
+  /** The chunks' items in order, a photo that is in several sets once. */
+  const itemsOf = (wanted, order, keep = () => true) => {
+    const all = wanted.flatMap((chunk) => (chunk.items || []).filter(keep)).sort(orders[order]);
+    const first = new Map();
+    return all.filter((item) => {
+      const known = first.get(item.photo);
+      if (!known) first.set(item.photo, item);
+      else (known.also ??= new Set()).add(item.set);
+      return !known;
+    });
+  };
+
+  // ---- What is shown
+
+  let state = {};
+  let view = { sections: [], height: 0 };
+  const scrolled = new Map();
+
+  const readState = () => {
+    const fields = Object.fromEntries(new URLSearchParams(location.hash.slice(1)));
+    if (!Object.hasOwn(orders, fields.sort)) delete fields.sort;
+    return fields;
+  };
+  const keyOf = ({ view, set, q, sort }) => JSON.stringify([view, set, q, sort]);
+  const scopeOf = (fields) => (sets.has(fields.set) ? [sets.get(fields.set)] : [...sets.values()]);
+  const usualOrder = (fields) => (fields.set ? "takenOldest" : "takenNewest");
+  const isGrid = (fields) => Boolean(fields.view || fields.set || fields.q);
+
+  const section = (month, total, wanted) =>
+    ({ month, total, chunks: wanted, items: null, rows: [], top: 0, height: 0 });
+
+  /** One section for each month of the sets, which are loaded as they come into sight. */
+  const monthSections = (scope, order) => {
+    const months = new Map();
+    for (const chunk of scope.flatMap((set) => set.chunks)) {
+      for (const [month, total] of chunk.months) {
+        const entry = months.get(month) || months.set(month, section(month, 0, [])).get(month);
+        entry.total += total;
+        entry.chunks.push(chunk);
+      }
+    }
+    // Those without a date come last either way.
+    const sign = order === "takenOldest" ? 1 : -1;
+    return [...months.values()].sort((a, b) => !a.month - !b.month || sign * compare(a.month, b.month));
+  };
+
+  const fill = async (part, order) => {
+    part.loading ??= loadAll(part.chunks).then(() => {
+      part.items = itemsOf(part.chunks, order, (item) => item.month === part.month);
+    });
+    await part.loading;
+  };
+
+  const show = () => {
+    const order = state.sort || usualOrder(state);
+    const scope = scopeOf(state);
+    const total = scope.reduce((sum, set) => sum + set.total, 0);
+    const inMonths = !state.q && order.startsWith("taken") && (!state.set || total > SECTIONED);
+    view = { key: keyOf(state), order, scope, total, inMonths, sections: [], height: 0, width: 0, rows: new Map() };
+    grid.replaceChildren();
+    grid.style.height = 0;
+    byId("sets").replaceChildren();
+    for (const id of ["toSets", "toAll"]) byId(id).removeAttribute("aria-current");
+    if (!state.set && !state.q) byId(state.view ? "toAll" : "toSets").setAttribute("aria-current", "page");
+    for (const id of ["sort", "jump", "rail"]) byId(id).hidden = true;
+    main.classList.remove("railed");
+    if (document.activeElement !== search) search.value = state.q || "";
+    const names = state.q ? [say("found", { q: state.q })] : [];
+    if (sets.has(state.set)) names.push(sets.get(state.set).name);
+    const name = names.join(" · ") || say(state.view ? "timeline" : "title");
+    byId("heading").textContent = name;
+    document.title = name.replace(/[\u200e\u200f\u202a-\u202e\u2066-\u2069]/g, "");
+
+    if (!isGrid(state)) return showSets();
+    byId("sort").hidden = false;
+    byId("sort").value = order;
+    if (inMonths) {
+      view.sections = monthSections(scope, order);
+      byId("summary").textContent = count("item", total);
+      showTimeline();
+      return layOut();
+    }
+    return showFlat();
+  };
+
+  const cardOf = (set) => {
+    const cover = element("span", { class: "cover" });
+    if (set.cover) {
+      const image = element("img", { src: address(set.cover), alt: "", loading: "lazy", decoding: "async" });
+      image.onerror = () => image.remove();
+      cover.append(image);
+      if (set.coverFile) sharpenWhenSeen(cover, address(set.coverFile));
+    }
+    const open = element("a", { href: link({ set: set.id }) }, cover, userText("span", "name", set.name),
+      element("span", { class: "count" }, count("item", set.total)));
+    return element("li", {}, open);
+  };
+
+  const showSets = () => {
+    const all = [...sets.values()];
+    byId("sets").append(...all.map(cardOf));
+    const years = all.flatMap((set) => set.chunks.flatMap((chunk) => [...chunk.months.keys()]))
+      .filter(Boolean).map((month) => month.slice(0, 4)).sort();
+    const parts = [count("item", view.total), count("set", all.filter((set) => set.id !== LOOSE).length)];
+    if (years.length) parts.push(years[0] === years.at(-1) ? years[0] : `${years[0]} – ${years.at(-1)}`);
+    byId("summary").textContent = view.total || all.length ? parts.join(" · ") : say("empty");
+    window.scrollTo(0, scrolled.get(view.key) || 0);
+  };
+
+  /** Everything in one section, once it is loaded; a search shows what it finds meanwhile. */
+  const showFlat = async () => {
+    const mine = view;
+    const wanted = mine.scope.flatMap((set) => set.chunks);
+    const words = normalised(state.q || "").split(/\s+/).filter(Boolean);
+    const all = section("", mine.total, wanted);
+    mine.sections = [all];
+    const found = words.length && !state.set
+      ? mine.scope.filter((set) => set.id !== LOOSE && words.every((word) => normalised(set.name).includes(word))) : [];
+    byId("sets").append(...found.slice(0, 24).map(cardOf));
+    const refresh = (part) => {
+      if (view !== mine) return;
+      const pool = poolOf(mine, wanted, part === 1);
+      all.items = words.length ? pool.filter((item) => words.every((word) => item.searched.includes(word))) : pool;
+      byId("summary").textContent = part < 1 ? say("loading", { n: Math.floor(part * 100) })
+        : all.items.length ? count("item", all.items.length) : say(words.length ? "noTitles" : "empty");
+      layOut();
+    };
+    if (wanted.every((chunk) => chunk.items)) return refresh(1);
+    let last = 0;
+    await loadAll(wanted, (part) => {
+      if (part === 1 || performance.now() < last + 400) return;
+      refresh(part);
+      last = performance.now();
+    });
+    return refresh(1);
+  };
+
+  // The items of the last scope in order, so that a further letter only filters.
+  let pool = {};
+  const poolOf = (mine, wanted, complete) => {
+    const key = `${mine.order} ${mine.scope.length === 1 ? mine.scope[0].id : ""}`;
+    if (pool.key === key) return pool.items;
+    const items = itemsOf(wanted, mine.order);
+    pool = complete ? { key, items } : {};
+    return items;
+  };
+
+  // ---- The grid: rows of pictures of one height, of which those near the window are in the page
+
+  const rowHeight = (width) => Math.min(Math.max(width / 6.5, 104), 250);
+
+  /** Rows that fill the width; the last one keeps the usual height. */
+  const rowsOf = (items, width, usual) => {
+    const rows = [];
+    let begin = 0;
+    let sum = 0;
+    let top = 0;
+    for (let end = 0; end <= items.length; ++end) {
+      const room = width - GAP * (end - begin - 1);
+      if (end < items.length && (end === begin || sum * usual < room)) {
+        sum += items[end].aspect;
+        continue;
+      }
+      if (end === begin) break;
+      const height = Math.min(room / sum, usual * (end === items.length ? 1 : 1.6));
+      rows.push({ top, height, begin, end });
+      top += height + GAP;
+      begin = end;
+      sum = end < items.length ? items[end].aspect : 0;
+    }
+    return rows;
+  };
+
+  const measure = (part, width) => {
+    const usual = rowHeight(width);
+    const above = view.inMonths ? HEADING : 0;
+    if (part.items) {
+      part.rows = rowsOf(part.items, width, usual);
+      const last = part.rows.at(-1);
+      part.height = above + (last ? last.top + last.height + GAP : 0);
+    } else {
+      part.height = above + Math.ceil((part.total * 1.4 * usual) / width) * (usual + GAP);
+    }
+  };
+
+  const layOut = (changed = view.sections) => {
+    const width = grid.clientWidth;
+    if (!width) return;
+    if (width !== view.width) changed = view.sections;
+    const before = view.sections.map((part) => [part.top, part.height]);
+    const start = window.scrollY - grid.offsetTop + 60;
+    view.width = width;
+    for (const part of changed) {
+      measure(part, width);
+      for (const [key, row] of view.rows) if (row.part === part) { row.node.remove(); view.rows.delete(key); }
+    }
+    let top = 0;
+    for (const part of view.sections) {
+      part.top = top;
+      top += part.height;
+    }
+    view.height = top;
+    grid.style.height = `${top}px`;
+    // What the window begins with stays where it is while what is above it gets its true height.
+    const first = before.findIndex(([at, height]) => at <= start && start < at + height);
+    if (first > 0 && view.placed) window.scrollBy(0, view.sections[first].top - before[first][0]);
+    if (!view.placed) place();
+    render();
+  };
+
+  /** Where a view begins: at the month of the address, or where it was left. */
+  const place = () => {
+    view.placed = true;
+    const part = state.at && view.sections.find(({ month }) => month.startsWith(state.at));
+    window.scrollTo(0, part ? grid.offsetTop + part.top - 60 : scrolled.get(view.key) || 0);
+  };
+
+  const tileOf = (item, left, width) => {
+    const told = [item.name];
+    if (item.isVideo) told.push(say("video"));
+    if (item.taken) told.push(cameraTime.format(dateOf(item.taken)));
+    const tile = element("a", {
+      class: item.isVideo ? "tile film" : "tile",
+      href: link({ ...state, at: "", item: item.id }),
+      "aria-label": told.join(", "),
+      "data-item": item.id,
+    });
+    tile.style.left = `${left}px`;
+    tile.style.width = `${width}px`;
+    const bare = () => tile.classList.add("bare");
+    if (item.thumbnail) {
+      const image = element("img", { src: address(item.set.path(item.thumbnail)), alt: "", decoding: "async" });
+      image.onerror = () => { image.remove(); bare(); };
+      tile.append(image);
+    } else {
+      bare();
+    }
+    tile.append(userText("span", "caption", item.name));
+    if (!item.isVideo) sharpenWhenSeen(tile, address(item.path));
+    return tile;
+  };
+
+  const rowNode = (part, row) => {
+    const node = element("div", { class: "row" });
+    if (!row) {
+      node.append(element("h2", {}, monthText(part.month),
+        element("span", {}, count("item", part.items ? part.items.length : part.total))));
+    } else if (row === part) {
+      node.classList.add("waiting");
+    } else {
+      let left = 0;
+      for (const item of part.items.slice(row.begin, row.end)) {
+        const width = item.aspect * row.height;
+        node.append(tileOf(item, left, width));
+        left += width + GAP;
+      }
+    }
+    return node;
+  };
+
+  const render = () => {
+    const from = window.scrollY - grid.offsetTop;
+    const margin = innerHeight;
+    const wanted = [];
+    const want = (part, row, key, top, height) => {
+      const at = part.top + top;
+      if (at + height < from - margin || at > from + innerHeight + margin) return;
+      wanted.push({ key: `${part.month} ${key}`, part, row, top: at, height });
+    };
+    let current = null;
+    for (const part of view.sections) {
+      if (part.top <= from + 80) current = part;
+      if (part.top + part.height < from - margin || part.top > from + innerHeight + margin) continue;
+      const above = view.inMonths ? HEADING : 0;
+      if (above) want(part, null, "heading", 0, HEADING);
+      if (part.items) part.rows.forEach((row) => want(part, row, row.begin, above + row.top, row.height));
+      else {
+        want(part, part, "waiting", above, part.height - above - GAP);
+        if (view.inMonths) fetchSection(part);
+      }
+    }
+    const keys = new Set(wanted.map(({ key }) => key));
+    for (const [key, { node }] of view.rows) if (!keys.has(key)) { node.remove(); view.rows.delete(key); }
+    let after = null;
+    for (const { key, part, row, top, height } of wanted) {
+      let known = view.rows.get(key);
+      if (!known) {
+        known = { part, node: rowNode(part, row) };
+        view.rows.set(key, known);
+        if (after) after.after(known.node);
+        else grid.prepend(known.node);
+      }
+      known.node.style.top = `${top}px`;
+      known.node.style.height = `${height}px`;
+      after = known.node;
+    }
+    if (view.inMonths && current) showCurrent(current.month);
+  };
+
+  const fetchSection = async (part) => {
+    if (part.loading) return;
+    const mine = view;
+    await fill(part, mine.order);
+    if (view === mine) layOut([part]);
+  };
+
+  // ---- Timeline
+
+  const showTimeline = () => {
+    const years = new Map();
+    for (const { month, total } of view.sections) {
+      const year = month.slice(0, 4);
+      (years.get(year) || years.set(year, []).get(year)).push({ month, total });
+    }
+    const to = (month) => link({ ...state, item: "", at: month });
+    const rail = byId("rail");
+    const jump = byId("jump");
+    rail.replaceChildren();
+    jump.replaceChildren();
+    for (const [year, months] of years) {
+      if (!year) continue;
+      rail.append(element("a", { class: "year", href: to(months[0].month), "data-year": year }, year));
+      const group = element("optgroup", { label: year });
+      for (const { month, total } of months) {
+        const name = monthText(month, shortMonth);
+        const entry = element("a", { class: "month", href: to(month), "data-month": month }, name);
+        entry.title = count("item", total);
+        rail.append(entry);
+        group.append(element("option", { value: month }, `${monthText(month)} (${numbers.format(total)})`));
+      }
+      jump.append(group);
+    }
+    rail.hidden = jump.hidden = false;
+    main.classList.add("railed");
+  };
+
+  const showCurrent = (month) => {
+    if (view.current === month) return;
+    view.current = month;
+    byId("jump").value = month;
+    for (const entry of byId("rail").children) {
+      entry.classList.toggle("shown", entry.dataset.month?.slice(0, 4) === month.slice(0, 4));
+      if (entry.dataset.month === month) {
+        entry.setAttribute("aria-current", "true");
+        entry.scrollIntoView({ block: "nearest" });
+      } else {
+        entry.removeAttribute("aria-current");
+      }
+    }
+  };
+
+  // ---- Sharper tiles: thumbnails are small, so when scrolling rests the pictures themselves are scaled down. Each
+  // is decoded, drawn once at the tile's size and let go.
+
+  const waiting = new Map();
+  const seen = new IntersectionObserver((entries) => {
+    for (const { target, isIntersecting } of entries) {
+      const entry = waiting.get(target);
+      if (entry) entry.seen = isIntersecting;
+      if (!target.isConnected) forget(target);
+    }
+    rest();
+  });
+  const forget = (tile) => {
+    seen.unobserve(tile);
+    waiting.delete(tile);
+  };
+  const sharpenWhenSeen = (tile, source) => {
+    waiting.set(tile, { source, seen: false });
+    seen.observe(tile);
+  };
+
+  let restTimer = 0;
+  let sharpening = 0;
+  const rest = () => {
+    clearTimeout(restTimer);
+    restTimer = setTimeout(sharpen, 250);
+  };
+  const sharpen = async () => {
+    for (const [tile, entry] of waiting) {
+      if (sharpening >= 2 || viewer.open) return;
+      if (!tile.isConnected) forget(tile);
+      if (!entry.seen || !tile.isConnected) continue;
+      forget(tile);
+      ++sharpening;
+      sharpenTile(tile, entry.source).finally(() => {
+        --sharpening;
+        sharpen();
+      });
+    }
+  };
+  const sharpenTile = async (tile, source) => {
+    const scale = Math.min(devicePixelRatio, 2);
+    const { clientWidth: width, clientHeight: height } = tile;
+    const thumbnail = tile.querySelector("img");
+    if (thumbnail && thumbnail.naturalWidth >= width * scale * 0.8) return;
+    const image = new Image();
+    image.src = source;
+    try {
+      await image.decode();
+    } catch {
+      return; // no picture that this browser knows
+    }
+    if (!tile.isConnected) return;
+    const canvas = element("canvas", { width: Math.round(width * scale), height: Math.round(height * scale) });
+    const context = canvas.getContext("2d");
+    context.imageSmoothingQuality = "high";
+    const fit = Math.max(canvas.width / image.naturalWidth, canvas.height / image.naturalHeight);
+    const [w, h] = [image.naturalWidth * fit, image.naturalHeight * fit];
+    context.drawImage(image, (canvas.width - w) / 2, (canvas.height - h) / 2, w, h);
+    if (thumbnail) thumbnail.after(canvas);
+    else tile.prepend(canvas);
+  };
+
+  // ---- One picture large
+
+  let shown = null;
+  let openedHere = false;
+
+  const setOfItem = (id) => {
+    for (let at = id.indexOf("_"); at >= 0; at = id.indexOf("_", at + 1)) {
+      const set = sets.get(id.slice(at + 1));
+      if (set) return set;
+    }
+    return null;
+  };
+
+  /** The view's items beside the item, beginning with the next section's when it is the last. */
+  const neighbour = async (item, step) => {
+    const parts = view.sections;
+    let at = parts.findIndex((part) => part.items?.some(({ photo }) => photo === item.photo));
+    if (at < 0) return null;
+    const beside = parts[at].items[parts[at].items.findIndex(({ photo }) => photo === item.photo) + step];
+    if (beside) return beside;
+    for (at += step; parts[at]; at += step) {
+      if (view.inMonths) await fill(parts[at], view.order);
+      const found = step > 0 ? parts[at].items?.[0] : parts[at].items?.at(-1);
+      if (found) return found;
+    }
+    return null;
+  };
+
+  const openItem = async (id) => {
+    const set = setOfItem(id);
+    if (!set) return closeViewer();
+    await loadAll(set.chunks);
+    const item = set.chunks.flatMap((chunk) => chunk.items).find((entry) => entry.id === id);
+    if (!item || state.item !== id) return undefined;
+    const part = view.sections.find(({ month }) => month === item.month);
+    if (view.inMonths && part && !part.items) await fetchSection(part);
+    showItem(item);
+    return undefined;
+  };
+
+  const showItem = (item) => {
+    shown = item;
+    const stage = byId("stage");
+    const rough = item.thumbnail && address(item.set.path(item.thumbnail));
+    const file = address(item.path);
+    const media = item.isVideo
+      ? element("video", { src: file, controls: "", preload: "metadata", playsinline: "", "aria-label": item.name })
+      : element("img", { src: file, alt: item.name, draggable: "false" });
+    const under = rough ? [element("img", { class: "rough", src: rough, alt: "" })] : [];
+    stage.replaceChildren(...(item.isVideo ? [] : under), media);
+    if (item.isVideo && rough) media.poster = rough;
+    media.onload = () => stage.querySelector(".rough")?.remove();
+    media.onerror = () => {
+      stage.replaceChildren(...under, element("p", { class: "problem" }, say("cannotShow")));
+      under[0]?.classList.remove("rough");
+    };
+    showDetails(item);
+    viewer.setAttribute("aria-label", item.name);
+    if (!viewer.open) viewer.showModal();
+    for (const [id, step] of [["previous", -1], ["next", 1]]) {
+      neighbour(item, step).then((beside) => {
+        if (shown !== item) return;
+        byId(id).disabled = !beside;
+        if (beside && !beside.isVideo) new Image().src = address(beside.path);
+      });
+    }
+  };
+
+  const showDetails = (item) => {
+    const list = element("dl");
+    const add = (key, ...values) => {
+      if (!values.length) return;
+      list.append(element("dt", {}, say(key)), ...values.map((value) => element("dd", {}, value)));
+    };
+    const date = (text, form) => (text ? [form.format(dateOf(text))] : []);
+    add("taken", ...date(item.taken, cameraTime));
+    add("uploaded", ...date(item.uploaded, serviceTime));
+    add("updated", ...date(item.updated, serviceTime));
+    add("inSet", ...[item.set, ...(item.also || [])].map((set) =>
+      element("a", { href: link({ set: set.id, item: `${item.photo}_${set.id}` }) }, userText("bdi", "", set.name))));
+    if (item.tags.length) {
+      add("tags", element("div", { class: "tags" }, ...item.tags.map((tag) =>
+        element("a", { href: link({ q: tag }), dir: "auto" }, tag))));
+    }
+    add("file", userText("bdi", "", item.file),
+      element("a", { href: address(item.path), target: "_blank", rel: "noopener" }, say("open")));
+    const text = item.description ? [userText("p", "text", item.description)] : [];
+    byId("details").replaceChildren(userText("h2", "", item.name), ...text, list);
+  };
+
+  const turn = async (step) => {
+    const beside = shown && (await neighbour(shown, step));
+    if (!beside) return;
+    state = { ...state, item: beside.id };
+    history.replaceState(null, "", link(state));
+    showItem(beside);
+  };
+
+  /** Closes the large view in the address: where it was opened from the page, by going back. */
+  const leaveItem = () => {
+    if (openedHere) history.back();
+    else location.hash = link({ ...state, item: "" });
+  };
+
+  const closeViewer = () => {
+    if (!viewer.open) return;
+    viewer.close();
+    byId("stage").replaceChildren(); // ends a film
+    const item = shown;
+    shown = null;
+    if (item) focusItem(item);
+    rest();
+  };
+
+  const detailsShown = (shown) => {
+    byId("details").hidden = !shown;
+    byId("info").setAttribute("aria-expanded", shown);
+  };
+
+  // ---- Focus among the tiles
+
+  const placeOf = (item) => {
+    for (const part of view.sections) {
+      const at = part.items?.findIndex(({ photo }) => photo === item.photo) ?? -1;
+      if (at >= 0) return { part, row: part.rows.find(({ begin, end }) => begin <= at && at < end) };
+    }
+    return null;
+  };
+
+  const focusItem = (item) => {
+    const found = placeOf(item);
+    if (!found?.row) return;
+    const top = grid.offsetTop + found.part.top + (view.inMonths ? HEADING : 0) + found.row.top;
+    const below = top + found.row.height - innerHeight;
+    if (top < scrollY + 70) window.scrollTo(0, top - 70);
+    else if (below > scrollY) window.scrollTo(0, below + 12);
+    render();
+    grid.querySelector(`[data-item="${CSS.escape(item.id)}"]`)?.focus({ preventScroll: true });
+  };
+
+  /** Arrow keys: beside in reading order, or the nearest tile of the row above or below. */
+  const moveFocus = async (tile, key) => {
+    const item = view.sections.flatMap((part) => part.items || []).find(({ id }) => id === tile.dataset.item);
+    if (!item) return;
+    if (key === "ArrowLeft" || key === "ArrowRight") {
+      const beside = await neighbour(item, key === "ArrowRight" ? 1 : -1);
+      if (beside) focusItem(beside);
+      return;
+    }
+    const middle = (node) => node.offsetLeft + node.offsetWidth / 2;
+    const rows = [...grid.children].filter((row) => row.querySelector(".tile"));
+    const row = rows[rows.indexOf(tile.parentNode) + (key === "ArrowDown" ? 1 : -1)];
+    const nearest = [...(row?.children || [])].sort((a, b) =>
+      Math.abs(middle(a) - middle(tile)) - Math.abs(middle(b) - middle(tile)))[0];
+    if (!nearest) return;
+    nearest.focus({ preventScroll: true });
+    nearest.scrollIntoView({ block: "nearest" });
+  };
+
+  // ---- The address, and what the reader does
+
+  const route = () => {
+    const next = readState();
+    const was = state;
+    state = next;
+    const changes = keyOf(next) !== view.key;
+    if (changes) {
+      if (view.key) scrolled.set(view.key, was.item ? scrolled.get(view.key) : scrollY);
+      show();
+    } else if (next.at && next.at !== was.at) {
+      place();
+      render();
+    }
+    if (next.item) {
+      openedHere = !changes && (openedHere || !was.item);
+      openItem(next.item);
+    } else {
+      openedHere = false;
+      closeViewer();
+    }
+  };
+
+  const searchFor = (words) => {
+    const next = link({ ...state, item: "", at: "", q: words });
+    // Typing is one step back, not one for each letter.
+    if (state.q && words) history.replaceState(null, "", next);
+    else history.pushState(null, "", next);
+    route();
+  };
+
+  const start = () => {
+    document.documentElement.lang = language;
+    for (const node of document.querySelectorAll("[data-text]")) node.textContent = say(node.dataset.text);
+    for (const node of document.querySelectorAll("[data-label]")) {
+      node.setAttribute("aria-label", say(node.dataset.label));
+      if (node.tagName === "BUTTON") node.title = say(node.dataset.label);
+    }
+    search.placeholder = say("search");
+    for (const order of Object.keys(orders)) byId("sort").append(element("option", { value: order }, say(order)));
+    history.scrollRestoration = "manual";
+
+    addEventListener("hashchange", route);
+    addEventListener("popstate", () => { if (keyOf(readState()) !== view.key) route(); });
+    addEventListener("scroll", () => { render(); rest(); }, { passive: true });
+    new ResizeObserver(() => { if (grid.clientWidth !== view.width) layOut(); }).observe(grid);
+
+    search.addEventListener("input", () => searchFor(search.value.trim()));
+    for (const [id, field] of [["sort", "sort"], ["jump", "at"]]) {
+      byId(id).addEventListener("change", ({ target }) => {
+        location.hash = link({ ...state, at: "", [field]: target.value });
+      });
+    }
+    byId("rail").addEventListener("click", (event) => {
+      if (event.target.hash !== location.hash) return;
+      event.preventDefault(); // the address says nothing new, but the window has moved on
+      place();
+      render();
+    });
+    byId("skip").addEventListener("click", (event) => {
+      event.preventDefault();
+      (grid.querySelector(".tile") || byId("sets").querySelector("a") || main).focus();
+    });
+
+    byId("close").addEventListener("click", leaveItem);
+    byId("previous").addEventListener("click", () => turn(-1));
+    byId("next").addEventListener("click", () => turn(1));
+    byId("info").addEventListener("click", () => detailsShown(byId("details").hidden));
+    detailsShown(innerWidth > 900);
+    // Whatever a browser closes by itself leaves the address as well.
+    viewer.addEventListener("close", () => { if (state.item) leaveItem(); });
+    viewer.addEventListener("cancel", (event) => {
+      event.preventDefault();
+      leaveItem();
+    });
+    let touch = null;
+    byId("stage").addEventListener("touchstart", (event) => {
+      touch = event.touches.length === 1 ? event.touches[0] : null;
+    }, { passive: true });
+    byId("stage").addEventListener("touchend", (event) => {
+      const end = event.changedTouches[0];
+      const far = touch ? end.clientX - touch.clientX : 0;
+      const zoomed = window.visualViewport?.scale > 1.05;
+      const aside = Math.abs(far) > 50 && Math.abs(far) > 2 * Math.abs(end.clientY - touch.clientY);
+      if (aside && !zoomed) turn(far < 0 ? 1 : -1);
+    }, { passive: true });
+
+    addEventListener("keydown", (event) => {
+      const { key, target } = event;
+      if (event.altKey || event.ctrlKey || event.metaKey) return;
+      if (viewer.open) {
+        if (target.tagName === "VIDEO") return;
+        if (key === "ArrowLeft") turn(-1);
+        else if (key === "ArrowRight") turn(1);
+        else if (key === "i") detailsShown(byId("details").hidden);
+      } else if (target === search) {
+        if (key === "Escape" && search.value) {
+          event.preventDefault();
+          search.value = "";
+          searchFor("");
+        } else if (key === "ArrowDown" || key === "Enter") {
+          event.preventDefault();
+          grid.querySelector(".tile")?.focus();
+        }
+      } else if (key === "/") {
+        event.preventDefault();
+        search.focus();
+        search.select();
+      } else if (key === "Escape" && (state.q || state.set || state.view)) {
+        location.hash = link(state.q ? { ...state, q: "", item: "" } : {});
+      } else if (key.startsWith("Arrow") && target.classList.contains("tile")) {
+        event.preventDefault();
+        moveFocus(target, key);
+      }
+    });
+    route();
+  };
+
+  return {
+    library: (lines) => {
+      lines.forEach(readSet);
+      start();
+    },
+    chunk: arrived,
+  };
+})();
