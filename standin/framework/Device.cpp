@@ -117,9 +117,10 @@ Descriptor openServiceFolder(const std::string& serviceFolder, const std::string
             if (::mkdirat(current.get(), name.c_str(), folderMode()) != 0 && errno != EEXIST) {
                 throw DeviceException("The folder " + real + " cannot be made: " + std::strerror(errno));
             }
-            ::fsync(current.get());
             next = openBelow(current.get(), name, O_RDONLY);
         }
+        // Whoever made it: its name is on the disk before a row counts on what is in it.
+        ::fsync(current.get());
         if (!next.isOpen()) {
             throw DeviceException("The folder " + real + " cannot be opened: " +
                                   (isLinkOrFile(errno) ? "a symbolic link or a file stands in its place"

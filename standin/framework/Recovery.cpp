@@ -63,6 +63,7 @@ private:
     void settleFiles();
     void settleAside(const LedgerFile& file, const std::optional<ItemRow>& row);
     void settleWritten(const LedgerFile& file, const std::optional<ItemRow>& row);
+    void recordExtension(const ItemRow& row, const std::string& extension);
     void settleThumbnail(const LedgerFile& file, const ItemRow& row);
     void settleReturned(const LedgerFile& aside, const std::string& path);
     void keepThumbnail(const LedgerFile& file, const ItemRow& row);
@@ -392,6 +393,13 @@ bool Recovery::isDatabaseOlder() {
     return *isDatabaseOlder_;
 }
 
+/// The item's row gets the extension that its thumbnail has, before the ledger forgets that it may lack it.
+void Recovery::recordExtension(const ItemRow& row, const std::string& extension) {
+    if (extension.empty() || extension == splitName(nameOf(row.thumbnailPath)).extension) return;
+    database_.setImageExtension(row.id, extension.substr(1));
+    device_.flushRows();
+}
+
 /// The only thumbnail of an item whose row has another name: it gets that name.
 void Recovery::keepThumbnail(const LedgerFile& file, const ItemRow& row) {
     const std::string extension = splitName(nameOf(file.path)).extension;
@@ -399,16 +407,15 @@ void Recovery::keepThumbnail(const LedgerFile& file, const ItemRow& row) {
     const std::string path = joinPath(folderOf(file.path), base + extension);
     if (device_.status(path)) return;
     device_.renameFile(file.path, path);
-    if (!extension.empty()) database_.setImageExtension(row.id, extension.substr(1));
+    recordExtension(row, extension);
     device_.ledger().setPending(path, 0);
     ++report_.restored;
 }
 
-/// The item's row gets the extension that its thumbnail has; thumbnails with other extensions, or in the
-/// folder of another language, are older.
+/// Thumbnails with other extensions, or in the folder of another language, are older.
 void Recovery::settleThumbnail(const LedgerFile& file, const ItemRow& row) {
     const std::string extension = splitName(nameOf(file.path)).extension;
-    if (!extension.empty()) database_.setImageExtension(row.id, extension.substr(1));
+    recordExtension(row, extension);
     for (const LedgerFile& other : device_.ledger().filesOfItem(row.id)) {
         const bool older = other.path != file.path && other.path != row.mediaPath && other.pending == 0;
         if (older) remove(other.path);
