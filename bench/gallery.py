@@ -189,6 +189,7 @@ def gallery(bench):
     """the gallery of 100,000 items: its generator, and the page in a headless browser"""
     sets, items = (40, 100) if bench.quick else (400, 250)
     device = make_library(bench, sets, items)
+    print(f"{sets * items:,} items made", flush=True)
     whole, unchanged, changed = generate(bench, device)
     rows = [("generator, everything", f"{whole:.1f} s", ""),
             ("generator, nothing changed", f"{unchanged:.2f} s", ""),

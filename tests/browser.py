@@ -39,7 +39,7 @@ class Browser:
             arguments.append("--no-sandbox")  # it does not start for root otherwise
         self._url += "/" + self._ask("", {"capabilities": {"alwaysMatch": {
             "acceptInsecureCerts": True,
-            "timeouts": {"implicit": 30000},
+            "timeouts": {"implicit": 30000, "script": 300000},
             "goog:loggingPrefs": {"browser": "ALL"},
             "goog:chromeOptions": {"binary": shutil.which("chromium"), "args": arguments}}}})["sessionId"]
         return self

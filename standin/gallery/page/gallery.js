@@ -18,6 +18,7 @@ const gallery = (() => {
   const HEADING = 46;
   const SECTIONED = 2000; // a set of more items is shown month by month, as the timeline is
   const LOADERS = 8;
+  const AHEAD = 5; // months so many windows away are read already
 
   const byId = (id) => document.getElementById(id);
   const [main, grid, search, viewer] = ["main", "grid", "search", "viewer"].map(byId);
@@ -410,14 +411,12 @@ const gallery = (() => {
     let current = null;
     for (const part of view.sections) {
       if (part.top <= from + 80) current = part;
-      if (part.top + part.height < from - margin || part.top > from + innerHeight + margin) continue;
+      if (part.top + part.height < from - AHEAD * margin || part.top > from + (AHEAD + 1) * margin) continue;
+      if (view.inMonths && !part.items) fetchSection(part);
       const above = view.inMonths ? HEADING : 0;
       if (above) want(part, null, "heading", 0, HEADING);
       if (part.items) part.rows.forEach((row) => want(part, row, row.begin, above + row.top, row.height));
-      else {
-        want(part, part, "waiting", above, part.height - above - GAP);
-        if (view.inMonths) fetchSection(part);
-      }
+      else want(part, part, "waiting", above, part.height - above - GAP);
     }
     const keys = new Set(wanted.map(({ key }) => key));
     for (const [key, { node }] of view.rows) if (!keys.has(key)) { node.remove(); view.rows.delete(key); }
