@@ -126,13 +126,17 @@ Descriptor openServiceFolder(const std::string& serviceFolder, const std::string
                                   (isLinkOrFile(errno) ? "a symbolic link or a file stands in its place"
                                                        : std::strerror(errno)));
         }
+        // Whoever made it: what is flushed below is lost without its name.
+        ::fsync(current.get());
         current = std::move(next);
     }
     return current;
 }
 
 std::string preparedLedgerPath(int root, const std::string& path) {
-    if (::mkdirat(root, kRecordFolder, folderMode()) != 0 && errno != EEXIST) {
+    if (::mkdirat(root, kRecordFolder, folderMode()) == 0) {
+        ::fsync(root);
+    } else if (errno != EEXIST) {
         throw DeviceException("The folder " + path + " cannot be written: " + std::strerror(errno));
     }
     struct stat status = {};
