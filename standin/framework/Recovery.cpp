@@ -58,6 +58,8 @@ private:
     void placeFolders();
     void finishRenames();
     std::string placeOf(const FolderRow& set);
+    bool isTwinOfAnother(const LedgerFile& file);
+    bool isListed(const std::string& path);
     std::string whoseFolder(const std::string& path);
     void readFolderRecords();
     void settleFiles();
@@ -149,14 +151,18 @@ void Recovery::findAside(const std::string& path, const ItemRow& row) {
     Ledger& ledger = device_.ledger();
     const std::string aside = joinPath(folderOf(path), asideName(nameOf(path)));
     if (!device_.isFile(aside)) return;
-    if (!ledger.file(aside)) {
+    const std::vector<LedgerFile> known = ledger.filesOfItem(row.id);
+    const bool isKnown = std::any_of(known.begin(), known.end(), [&](const LedgerFile& file) {
+        return nameKey(file.path) == nameKey(aside);
+    });
+    if (!isKnown && !ledger.file(aside)) {
         const auto file = ledger.file(path);
         if (folderOf(path) == row.folder) {
             // Its record may not have followed it yet; what it holds tells it from a file of somebody else's.
             const std::string record = device_.readRecord(row.folder, nameOf(aside) + kRecordExtension);
-            const bool known = record.empty() && file && file->item == row.id && !device_.isFile(path) &&
-                               file->checksum == checksumOf(aside);
-            if (!known && recordField(record, "ID") != row.id) return;
+            const bool same = record.empty() && file && file->item == row.id && !device_.isFile(path) &&
+                              file->checksum == checksumOf(aside);
+            if (!same && recordField(record, "ID") != row.id) return;
         }
         if (file) {
             ledger.moveFile(path, aside, nameOf(path));
@@ -208,7 +214,7 @@ void Recovery::finishRenames() {
     Ledger& ledger = device_.ledger();
     for (const LedgerFolder& folder : ledger.setFolders()) ledgerFolders_[folder.path] = folder;
     for (LedgerFolder& folder : ledger.setFolders()) {
-        const bool happened = folder.was.empty() || device_.isFolder(folder.path);
+        const bool happened = folder.was.empty() || (isListed(folder.path) && device_.isFolder(folder.path));
         if (!happened && device_.isFolder(folder.was) && ledgerFolders_.count(folder.was) == 0) {
             // Killed before the folder itself was renamed.
             ledger.moveFolder(folder.path, folder.was, false);
@@ -238,6 +244,14 @@ std::string Recovery::placeOf(const FolderRow& set) {
     const auto recorded = recordedFolders_->find(set.id);
     if (recorded != recordedFolders_->end()) return recorded->second;
     return standing && device_.ledger().folderOwner(set.deviceName).empty() ? set.deviceName : std::string();
+}
+
+/// True when something stands under that very name, and not only in another case.
+bool Recovery::isListed(const std::string& path) {
+    bool isListed = false;
+    device_.listFolder(folderOf(path),
+                       [&](const std::string& name) { isListed = isListed || name == nameOf(path); });
+    return isListed;
 }
 
 std::string Recovery::whoseFolder(const std::string& path) {
@@ -349,6 +363,10 @@ void Recovery::settleWritten(const LedgerFile& file, const std::optional<ItemRow
         remove(file.path);
         return;
     }
+    if (isTwinOfAnother(file)) {
+        ledger.eraseFile(file.path);
+        return;
+    }
     const bool inFolder = row && folderOf(file.path) == row->folder;
     const bool thumbnail = row && isThumbnailOf(*row, file.path);
     if (inFolder && file.path != row->mediaPath &&
@@ -373,6 +391,18 @@ void Recovery::settleWritten(const LedgerFile& file, const std::optional<ItemRow
     }
     if (file.pending != 1) rehash(file);
     ledger.setPending(file.path, 0);
+}
+
+/// On a file system that ignores case one file is found under the names of two rows: that of the item's name
+/// before and after a change of case. The row with the name that really stands there is the file's.
+bool Recovery::isTwinOfAnother(const LedgerFile& file) {
+    for (const LedgerFile& other : device_.ledger().filesOfItem(file.item)) {
+        if (other.path == file.path || nameKey(other.path) != nameKey(file.path)) continue;
+        if (!isSameFile(other.path, file.path)) continue;
+        if (!isListed(file.path)) return true;
+        device_.ledger().eraseFile(other.path);
+    }
+    return false;
 }
 
 /// No file of an item goes while the one that its row names is not there. An item without a row is one that
@@ -405,7 +435,7 @@ void Recovery::keepThumbnail(const LedgerFile& file, const ItemRow& row) {
     const std::string extension = splitName(nameOf(file.path)).extension;
     const std::string base = splitName(nameOf(row.mediaPath)).base + "_" + row.id;
     const std::string path = joinPath(folderOf(file.path), base + extension);
-    if (device_.status(path)) return;
+    if (device_.status(path) && !isSameFile(path, file.path)) return;
     device_.renameFile(file.path, path);
     recordExtension(row, extension);
     device_.ledger().setPending(path, 0);
@@ -417,7 +447,8 @@ void Recovery::settleThumbnail(const LedgerFile& file, const ItemRow& row) {
     const std::string extension = splitName(nameOf(file.path)).extension;
     recordExtension(row, extension);
     for (const LedgerFile& other : device_.ledger().filesOfItem(row.id)) {
-        const bool older = other.path != file.path && other.path != row.mediaPath && other.pending == 0;
+        const bool older = other.path != file.path && other.path != row.mediaPath && other.pending == 0 &&
+                           !isSameFile(other.path, file.path) && !isSameFile(other.path, row.mediaPath);
         if (older) remove(other.path);
     }
 }
