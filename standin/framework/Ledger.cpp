@@ -435,6 +435,11 @@ std::vector<LedgerFolder> Ledger::pendingFolders() {
     return folders;
 }
 
+std::vector<LedgerFolder> Ledger::folders() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return readFolders("parent <> 0");
+}
+
 std::vector<LedgerFolder> Ledger::setFolders() {
     const std::lock_guard<std::mutex> lock(mutex_);
     return readFolders("parent = 1 AND (owner IS NOT NULL OR pending <> 0)");

@@ -99,6 +99,8 @@ public:
     void settleFolders(const std::vector<std::string>& paths);
     /// Folders that were made or renamed and are not settled, the deepest first.
     std::vector<LedgerFolder> pendingFolders();
+    /// All but the root.
+    std::vector<LedgerFolder> folders();
     /// Folders of sets: those in the root that have an owner or are not settled.
     std::vector<LedgerFolder> setFolders();
     /// Id of the set whose folder it is; empty when that is not known.

@@ -21,6 +21,7 @@
 #include <optional>
 #include <set>
 
+#include "hostapi/HostServiceUsageParams.h"
 #include "standin/framework/BackupDatabase.h"
 #include "standin/framework/Checksum.h"
 #include "standin/framework/Device.h"
@@ -110,11 +111,13 @@ void Recovery::adoptFiles() {
         adopt(row.mediaPath, row.id);
         for (const std::string& path : thumbnailCandidates(row)) adopt(path, row.id);
     });
+    const std::string word = HostServiceUsageParams::getInstance()->getValue("ThumbnailKey");
     for (const FolderRow& folder : database_.folders()) {
-        if (folder.deviceName.empty() || !device_.isFolder(folder.deviceName)) continue;
-        if (device_.ledger().madeFolder(folder.deviceName)) continue;
-        device_.ledger().addMadeFolder(folder.deviceName);
-        device_.ledger().settleFolders({folder.deviceName});
+        for (const std::string& path : {folder.deviceName, joinPath(folder.deviceName, word)}) {
+            if (path.empty() || !device_.isFolder(path) || device_.ledger().madeFolder(path)) continue;
+            device_.ledger().addMadeFolder(path);
+            device_.ledger().settleFolders({path});
+        }
     }
 }
 
@@ -126,7 +129,7 @@ void Recovery::findLostRows() {
         for (const FolderRow& folder : database_.folders()) folders.insert(joinPath(folder.deviceName, word));
         folders.insert(word);
     }
-    for (const LedgerFolder& folder : device_.ledger().pendingFolders()) folders.insert(folder.path);
+    for (const LedgerFolder& folder : device_.ledger().folders()) folders.insert(folder.path);
     for (const std::string& folder : folders) {
         if (folder.empty() || device_.isFolder(folder)) report_.removed += device_.removeParts(folder);
     }
