@@ -119,8 +119,6 @@ Descriptor openServiceFolder(const std::string& serviceFolder, const std::string
             }
             next = openBelow(current.get(), name, O_RDONLY);
         }
-        // Whoever made it: its name is on the disk before a row counts on what is in it.
-        ::fsync(current.get());
         if (!next.isOpen()) {
             throw DeviceException("The folder " + real + " cannot be opened: " +
                                   (isLinkOrFile(errno) ? "a symbolic link or a file stands in its place"
