@@ -17,7 +17,7 @@
 #include <memory>
 #include <string>
 
-#include "standin/framework/BackupDatabase.h"
+#include "standin/framework/store/BackupDatabase.h"
 
 namespace {
 

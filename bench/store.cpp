@@ -12,8 +12,8 @@
 #include <string>
 
 #include "core/FlickrDbInterface.h"
-#include "standin/framework/BackupDatabase.h"
-#include "standin/framework/Sqlite.h"
+#include "standin/framework/base/Sqlite.h"
+#include "standin/framework/store/BackupDatabase.h"
 
 using Norvale_Plugin_Core::SqliteFile;
 using Norvale_Plugin_Core::StatementUse;

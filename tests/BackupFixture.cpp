@@ -8,7 +8,7 @@
 #include <sstream>
 
 #include "core/FlickrPluginCore.h"
-#include "standin/framework/LogFile.h"
+#include "standin/framework/run/Log.h"
 
 namespace fs = std::filesystem;
 using namespace Norvale_Plugin_Flickr;

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "sim/FlickrSim.h"
-#include "standin/framework/BackupDatabase.h"
+#include "standin/framework/store/BackupDatabase.h"
 
 /// What one run gave back.
 struct RunResult {

@@ -13,8 +13,8 @@
 #include "standin/app/ApplicationFolder.h"
 #include "standin/app/Configuration.h"
 #include "standin/app/DeviceLayout.h"
-#include "standin/framework/LibraryCheck.h"
-#include "standin/framework/Recovery.h"
+#include "standin/framework/device/BackupCheck.h"
+#include "standin/framework/device/Recovery.h"
 
 namespace fs = std::filesystem;
 

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "sim/FlickrSim.h"
-#include "standin/framework/BackupDatabase.h"
+#include "standin/framework/store/BackupDatabase.h"
 
 /// The plug-in looks for its configuration in the main bundle, and so the program has to stand in a folder of
 /// its own. Returns the folder for a process that does; otherwise runs the program again, from a new folder

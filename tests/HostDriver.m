@@ -10,8 +10,8 @@
 #import "hostapi/NVServiceSettings.h"
 #import "hostapi/PluginBase.h"
 #import "hostapi/ServiceSettings.h"
-#import "standin/framework/BandwidthMonitor.h"
-#import "standin/framework/HostLog.h"
+#import "standin/framework/host/BandwidthMonitor.h"
+#import "standin/framework/host/HostLog.h"
 
 @interface PluginBase (Tested) <IPlugin>
 - (void)processBackup:(BackupParameters*)parameters;
@@ -192,7 +192,7 @@ static void perform(void* message) {
 
 int HostLoadBundle(const char* path) {
     NSAutoreleasePool* pool = [[NSAutoreleasePool alloc] init];
-    [PluginBase class];  // see standin/framework/LeakCheck.m
+    [PluginBase class];  // see standin/framework/host/LeakCheck.m
     const BOOL isLoaded = [[NSBundle bundleWithPath:[NSString stringWithUTF8String:path]] load];
     [pool release];
     return isLoaded;

@@ -23,7 +23,7 @@
 #include "standin/app/ProgressLine.h"
 #include "standin/app/Summary.h"
 #include "standin/app/UsageError.h"
-#include "standin/framework/Cipher.h"
+#include "standin/framework/base/Cipher.h"
 
 namespace fs = std::filesystem;
 using namespace flickr_app;

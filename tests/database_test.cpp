@@ -17,9 +17,9 @@
 #include "hostapi/HostServiceUsageParams.h"
 #include "hostapi/ItemDataManager.h"
 #include "hostapi/MediaTemplate.h"
-#include "standin/framework/BackupDatabase.h"
-#include "standin/framework/Ledger.h"
-#include "standin/framework/LibraryCheck.h"
+#include "standin/framework/device/BackupCheck.h"
+#include "standin/framework/device/Ledger.h"
+#include "standin/framework/store/BackupDatabase.h"
 
 namespace fs = std::filesystem;
 using namespace Norvale_Plugin_Core;

@@ -17,8 +17,8 @@
 #include <set>
 
 #include "sim/Picture.h"
-#include "standin/framework/LibraryCheck.h"
-#include "standin/framework/Names.h"
+#include "standin/framework/base/Names.h"
+#include "standin/framework/device/BackupCheck.h"
 #include "standin/gallery/ImageShape.h"
 #include "tests/BackupFixture.h"
 

@@ -29,12 +29,12 @@
 #include "hostapi/MediaFolderTemplate.h"
 #include "hostapi/MediaTemplate.h"
 #include "hostapi/Utils.h"
-#include "standin/framework/BackupDatabase.h"
-#include "standin/framework/ItemRecord.h"
-#include "standin/framework/LibraryCheck.h"
-#include "standin/framework/Recovery.h"
-#include "standin/framework/RunError.h"
-#include "standin/framework/Sqlite.h"
+#include "standin/framework/base/Sqlite.h"
+#include "standin/framework/device/BackupCheck.h"
+#include "standin/framework/device/Description.h"
+#include "standin/framework/device/Recovery.h"
+#include "standin/framework/run/RunError.h"
+#include "standin/framework/store/BackupDatabase.h"
 
 namespace fs = std::filesystem;
 using namespace Norvale_Plugin_Core;

@@ -13,7 +13,7 @@
 #include "core/PhotoListSaxHandler.h"
 #include "core/StopWatcher.h"
 #include "hostapi/HostServiceUsageParams.h"
-#include "standin/framework/RunJournal.h"
+#include "standin/framework/run/RunJournal.h"
 #include "tests/BackupFixture.h"
 
 using namespace flickr_sim;

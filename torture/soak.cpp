@@ -12,10 +12,10 @@
 
 #include "standin/app/DeviceLayout.h"
 #include "standin/app/PerformRun.h"
-#include "standin/framework/BackupDatabase.h"
-#include "standin/framework/DeviceLock.h"
-#include "standin/framework/Recovery.h"
-#include "standin/framework/RunJournal.h"
+#include "standin/framework/device/DeviceLock.h"
+#include "standin/framework/device/Recovery.h"
+#include "standin/framework/run/RunJournal.h"
+#include "standin/framework/store/BackupDatabase.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <filesystem>
 
 #include "standin/app/UsageError.h"
-#include "standin/framework/Names.h"
+#include "standin/framework/base/Names.h"
 
 namespace flickr_app {
 

@@ -13,7 +13,7 @@
 
 #include "standin/app/PrivateFile.h"
 #include "standin/app/UsageError.h"
-#include "standin/framework/Cipher.h"
+#include "standin/framework/base/Cipher.h"
 
 namespace flickr_app {
 namespace {

@@ -18,7 +18,7 @@
 
 #include <string>
 
-#include "standin/framework/RunConfiguration.h"
+#include "standin/framework/run/RunConfiguration.h"
 
 namespace flickr_app {
 

@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "standin/app/UsageError.h"
-#include "standin/framework/Localisation.h"
-#include "standin/framework/Names.h"
+#include "standin/framework/base/Localisation.h"
+#include "standin/framework/base/Names.h"
 
 namespace fs = std::filesystem;
 

@@ -6,7 +6,7 @@
 #include <cmath>
 #include <iterator>
 
-#include "standin/framework/Names.h"
+#include "standin/framework/base/Names.h"
 
 namespace flickr_app {
 namespace {

@@ -8,8 +8,8 @@
 #include "standin/app/Format.h"
 #include "standin/app/LibraryOptions.h"
 #include "standin/app/UsageError.h"
-#include "standin/framework/BackupDatabase.h"
-#include "standin/framework/DeviceLock.h"
+#include "standin/framework/device/DeviceLock.h"
+#include "standin/framework/store/BackupDatabase.h"
 #include "standin/gallery/Gallery.h"
 
 namespace flickr_app {

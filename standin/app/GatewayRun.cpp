@@ -17,7 +17,7 @@
 #include "standin/app/Configuration.h"
 #include "standin/app/PrivateFile.h"
 #include "standin/app/UsageError.h"
-#include "standin/framework/RunConfiguration.h"
+#include "standin/framework/run/RunConfiguration.h"
 
 namespace flickr_app {
 namespace {

@@ -11,7 +11,7 @@
 #include "standin/app/Credentials.h"
 #include "standin/app/DeviceLayout.h"
 #include "standin/app/PerformRun.h"
-#include "standin/framework/BackupDatabase.h"
+#include "standin/framework/store/BackupDatabase.h"
 
 namespace flickr_gateway {
 class Gateway;

@@ -5,7 +5,7 @@
 
 #include <ostream>
 
-#include "standin/framework/LibraryCheck.h"
+#include "standin/framework/device/BackupCheck.h"
 
 namespace flickr_app {
 

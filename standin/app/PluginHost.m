@@ -24,9 +24,9 @@
 #import "hostapi/NVServiceSettings.h"
 #import "hostapi/PluginBase.h"
 #import "hostapi/ServiceSettings.h"
-#import "standin/framework/BandwidthMonitor.h"
-#import "standin/framework/HostLog.h"
-#include "standin/framework/ObjectiveCBridge.h"
+#import "standin/framework/host/BandwidthMonitor.h"
+#import "standin/framework/host/HostLog.h"
+#include "standin/framework/host/ObjectiveCBridge.h"
 
 typedef PluginBase<IPlugin> Plugin;
 

@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "standin/framework/Names.h"
+#include "standin/framework/base/Names.h"
 
 namespace flickr_app {
 namespace {

@@ -11,8 +11,8 @@
 
 #include "standin/app/Format.h"
 #include "standin/app/UsageError.h"
-#include "standin/framework/BackupDatabase.h"
-#include "standin/framework/Names.h"
+#include "standin/framework/base/Names.h"
+#include "standin/framework/store/BackupDatabase.h"
 
 namespace flickr_app {
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "standin/app/PerformRun.h"
-#include "standin/framework/RunJournal.h"
+#include "standin/framework/run/RunJournal.h"
 
 namespace flickr_app {
 

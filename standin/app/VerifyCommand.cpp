@@ -12,9 +12,9 @@
 #include "standin/app/LibraryOptions.h"
 #include "standin/app/LibraryText.h"
 #include "standin/app/UsageError.h"
-#include "standin/framework/BackupDatabase.h"
-#include "standin/framework/DeviceLock.h"
-#include "standin/framework/LibraryCheck.h"
+#include "standin/framework/device/BackupCheck.h"
+#include "standin/framework/device/DeviceLock.h"
+#include "standin/framework/store/BackupDatabase.h"
 
 namespace flickr_app {
 namespace {

@@ -18,9 +18,9 @@
 #include <utility>
 #include <vector>
 
-#include "standin/framework/BackupDatabase.h"
-#include "standin/framework/Device.h"
-#include "standin/framework/Names.h"
+#include "standin/framework/base/Names.h"
+#include "standin/framework/device/Device.h"
+#include "standin/framework/store/BackupDatabase.h"
 #include "standin/gallery/Library.h"
 #include "standin/gallery/Page.h"
 

@@ -10,11 +10,11 @@
 #include <map>
 #include <memory>
 
-#include "standin/framework/BackupDatabase.h"
-#include "standin/framework/Device.h"
-#include "standin/framework/ItemRecord.h"
-#include "standin/framework/Localisation.h"
-#include "standin/framework/Names.h"
+#include "standin/framework/base/Localisation.h"
+#include "standin/framework/base/Names.h"
+#include "standin/framework/device/Description.h"
+#include "standin/framework/device/Device.h"
+#include "standin/framework/store/BackupDatabase.h"
 #include "standin/gallery/ImageShape.h"
 
 namespace flickr_gallery {

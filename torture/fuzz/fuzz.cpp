@@ -45,11 +45,11 @@
 #include "hostapi/HostServiceUsageParams.h"
 #include "hostapi/PluginCore.h"
 #include "hostapi/Utils.h"
-#include "standin/framework/BackupDatabase.h"
-#include "standin/framework/Ledger.h"
-#include "standin/framework/LibraryCheck.h"
-#include "standin/framework/Recovery.h"
-#include "standin/framework/Sqlite.h"
+#include "standin/framework/base/Sqlite.h"
+#include "standin/framework/device/BackupCheck.h"
+#include "standin/framework/device/Ledger.h"
+#include "standin/framework/device/Recovery.h"
+#include "standin/framework/store/BackupDatabase.h"
 
 namespace {
 

@@ -1,0 +1,31 @@
+// The host's words in other languages, in one place for the framework and for the host's language service.
+
+#ifndef STANDIN_FRAMEWORK_BASE_LOCALISATION_H
+#define STANDIN_FRAMEWORK_BASE_LOCALISATION_H
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace Norvale_Plugin_Core {
+
+/// The cultures for which there are words: "de", "en", "fr", "ja".
+std::vector<std::string> knownCultures();
+
+/// "key=value" pairs, each ended by "||", for a culture's name ("de", "de-AT", "de_AT.UTF-8"); English for
+/// one that is not known.
+std::string keywordsForCulture(const std::string& culture);
+
+/// The word of one key in a culture ("ThumbnailKey"); empty for a key that is not known.
+std::string localisedKeyword(const std::string& culture, const std::string& key);
+
+/// The service's folder below the application's folder on a device, in a culture: "My Flickr Items".
+std::string localisedServiceFolderName(const std::string& culture);
+
+/// Reads a text that is either pairs as keywordsForCulture() writes them or the name of a culture. Keys that
+/// it does not give, or gives without a value, have their English words.
+std::map<std::string, std::string> readKeywords(const std::string& text);
+
+}  // namespace Norvale_Plugin_Core
+
+#endif

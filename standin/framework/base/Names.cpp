@@ -1,0 +1,226 @@
+#include "standin/framework/base/Names.h"
+
+#include <Poco/Ascii.h>
+#include <unistd.h>
+#include <utf8proc.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <set>
+#include <string_view>
+
+#include "hostapi/HostServiceUsageParams.h"
+#include "standin/framework/base/Localisation.h"
+#include "standin/framework/store/BackupDatabase.h"
+
+namespace Norvale_Plugin_Core {
+
+namespace {
+
+constexpr const char* kAsideSuffix = "_Old";
+
+// An extension longer than this, in bytes with its dot, is taken for a part of the title.
+constexpr std::size_t kLongestExtension = 16;
+
+// Room for what follows the base name of a thumbnail besides "_" and the item's id: "_Old" and ".webp"; the
+// extension of a record, ".xml", is no longer than that.
+constexpr std::size_t kThumbnailRoom = 10;
+
+bool isAscii(const std::string& text) {
+    return std::none_of(text.begin(), text.end(), [](unsigned char c) { return c >= 0x80; });
+}
+
+bool isForbidden(utf8proc_int32_t character) {
+    if (character < 0x20 || character == 0x7f) return true;
+    if (character >= 0xfdd0 && character <= 0xfdef) return true;
+    if ((character & 0xfffe) == 0xfffe) return true;
+    return character < 0x80 &&
+           std::string_view("<>:\"/\\|?*").find(static_cast<char>(character)) != std::string_view::npos;
+}
+
+/// The valid text with replace(character) deciding which characters become "_".
+template <typename Replace>
+std::string replaceCharacters(const std::string& text, Replace replace) {
+    std::string result;
+    result.reserve(text.size());
+    const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(text.data());
+    for (std::size_t at = 0; at < text.size();) {
+        utf8proc_int32_t character = -1;
+        const utf8proc_ssize_t length =
+            utf8proc_iterate(bytes + at, static_cast<utf8proc_ssize_t>(text.size() - at), &character);
+        if (length <= 0 || replace(character)) {
+            result += '_';
+        } else {
+            result.append(text, at, static_cast<std::size_t>(length));
+        }
+        at += length <= 0 ? 1 : static_cast<std::size_t>(length);
+    }
+    return result;
+}
+
+std::string withoutEndBlanks(std::string name) {
+    name.erase(name.find_last_not_of(" .") + 1);
+    return name;
+}
+
+/// Position before which the name is one of Windows' devices, or npos.
+std::string::size_type deviceNameEnd(const std::string& name) {
+    const std::string::size_type dot = std::min(name.find('.'), name.size());
+    std::string stem = name.substr(0, dot);
+    stem.erase(stem.find_last_not_of(' ') + 1);
+    std::transform(stem.begin(), stem.end(), stem.begin(),
+                   [](unsigned char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 32) : c; });
+    static constexpr std::string_view kDevices[] = {"CON",    "PRN",     "AUX",   "NUL",
+                                                    "CONIN$", "CONOUT$", "CLOCK$"};
+    if (std::find(std::begin(kDevices), std::end(kDevices), stem) != std::end(kDevices)) return stem.size();
+    if (stem.compare(0, 3, "COM") == 0 || stem.compare(0, 3, "LPT") == 0) {
+        static constexpr std::string_view kDigits[] = {"0", "1", "2", "3",      "4",      "5",     "6",
+                                                       "7", "8", "9", "\u00b9", "\u00b2", "\u00b3"};
+        const std::string_view rest = std::string_view(stem).substr(3);
+        if (std::find(std::begin(kDigits), std::end(kDigits), rest) != std::end(kDigits)) return stem.size();
+    }
+    return std::string::npos;
+}
+
+/// The end of the name that counts as its file extension, with the dot; empty when it has none.
+std::string fileExtension(const std::string& name) {
+    const std::string::size_type dot = name.rfind('.');
+    if (dot == std::string::npos || dot == 0) return {};
+    std::string extension = name.substr(dot);
+    const bool plausible = extension.size() > 1 && extension.size() <= kLongestExtension &&
+                           extension.find(' ') == std::string::npos;
+    return plausible ? extension : std::string();
+}
+
+/// A safe name of at most limit bytes in all, from title, with suffix before the extension.
+std::string fittedName(const std::string& title, const std::string& suffix, std::size_t limit) {
+    std::string name = safeName(title);
+    if (name[0] == '.') name.insert(0, 1, '_');
+
+    const std::string extension = fileExtension(name);
+    std::string base = name.substr(0, name.size() - extension.size());
+    base = cutUtf8(base, limit - std::min(limit, suffix.size() + extension.size()));
+    if (extension.empty()) base = withoutEndBlanks(base);
+    name = base + suffix + extension;
+
+    // The plug-in puts "_Old" before the last dot, wherever that is.
+    NameParts parts = splitName(name);
+    const std::string ending = nameKey(kAsideSuffix);
+    const std::string key = nameKey(parts.base);
+    const bool aside =
+        key.size() >= ending.size() && key.compare(key.size() - ending.size(), ending.size(), ending) == 0;
+    if (aside || isSystemWord(name)) parts.base += "_";
+    return safeName(parts.base + parts.extension);
+}
+
+std::string numberSuffix(long number) {
+    return number < 2 ? std::string() : " (" + std::to_string(number) + ")";
+}
+
+}  // namespace
+
+bool isPlainName(const std::string& name) {
+    return !name.empty() && name != "." && name != ".." &&
+           name.find_first_of(std::string_view("/\0", 2)) == std::string::npos;
+}
+
+std::string newOwnName(const char* prefix) {
+    static std::atomic<unsigned long> counter{0};
+    return prefix + std::to_string(::getpid()) + "-" + std::to_string(++counter);
+}
+
+bool isOwnName(const std::string& name, const char* prefix) {
+    const std::string::size_type start = std::strlen(prefix), dash = name.find('-', start);
+    if (name.compare(0, start, prefix) != 0 || dash == std::string::npos) return false;
+    const auto isNumber = [](const std::string& text) {
+        return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+    };
+    return isNumber(name.substr(start, dash - start)) && isNumber(name.substr(dash + 1));
+}
+
+std::string validUtf8(const std::string& text) {
+    if (isAscii(text)) return text;
+    return replaceCharacters(text, [](utf8proc_int32_t) { return false; });
+}
+
+std::string cutUtf8(const std::string& text, std::size_t limit) {
+    if (text.size() <= limit) return text;
+    while (limit > 0 && (static_cast<unsigned char>(text[limit]) & 0xc0) == 0x80) --limit;
+    return text.substr(0, limit);
+}
+
+std::string safeName(const std::string& text) {
+    std::string name = withoutEndBlanks(replaceCharacters(text, isForbidden));
+    const std::string::size_type device = deviceNameEnd(name);
+    if (device != std::string::npos) name.insert(device, 1, '_');
+    if (name.size() > kLongestName) {
+        const std::string extension = fileExtension(name);
+        name = cutUtf8(name.substr(0, name.size() - extension.size()), kLongestName - extension.size());
+        name = extension.empty() ? withoutEndBlanks(name) : name + extension;
+    }
+    return name.empty() ? "_" : name;
+}
+
+std::string nameKey(const std::string& name) {
+    if (isAscii(name)) {
+        std::string key = name;
+        std::transform(key.begin(), key.end(), key.begin(),
+                       [](char c) { return static_cast<char>(Poco::Ascii::toLower(c)); });
+        return key;
+    }
+    utf8proc_uint8_t* folded = nullptr;
+    const auto options = static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_COMPOSE |
+                                                        UTF8PROC_CASEFOLD | UTF8PROC_IGNORE);
+    const utf8proc_ssize_t length =
+        utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(name.data()),
+                     static_cast<utf8proc_ssize_t>(name.size()), &folded, options);
+    const std::unique_ptr<utf8proc_uint8_t, decltype(&std::free)> owner(folded, &std::free);
+    if (length < 0) return nameKey(validUtf8(name));
+    return {reinterpret_cast<const char*>(folded), static_cast<std::size_t>(length)};
+}
+
+bool isBackupName(const std::string& name) {
+    if (!isPlainName(name) || name.size() > kLongestName) return false;
+    const auto first = static_cast<unsigned char>(name[0]);
+    if (first != '.' && first < 0x80) return true;  // most are so, and their keys need no look
+    const std::string key = nameKey(name);
+    return key != kRecordFolder && key.compare(0, std::strlen(kPartPrefix), kPartPrefix) != 0 &&
+           key.compare(0, std::strlen(kKeptPrefix), kKeptPrefix) != 0;
+}
+
+NameParts splitName(const std::string& name) {
+    const std::string::size_type dot = std::min(name.rfind('.'), name.size());
+    return {name.substr(0, dot), name.substr(dot)};
+}
+
+bool isSystemWord(const std::string& name) {
+    static const std::set<std::string> kWords = [] {
+        std::set<std::string> words = {nameKey(kNoSetId), kGalleryPage, kGalleryFolder};
+        for (const std::string& culture : knownCultures()) {
+            words.insert(nameKey(localisedKeyword(culture, "ThumbnailKey")));
+        }
+        return words;
+    }();
+    const std::string key = nameKey(name);
+    return kWords.count(key) != 0 ||
+           key == nameKey(HostServiceUsageParams::getInstance()->getValue("ThumbnailKey"));
+}
+
+std::string asideName(const std::string& name) {
+    const NameParts parts = splitName(name);
+    return parts.base + kAsideSuffix + parts.extension;
+}
+
+std::string itemName(const std::string& title, const std::string& itemId, long number) {
+    const std::size_t room = std::min(itemId.size() + kThumbnailRoom, kLongestName / 2);
+    return fittedName(title, numberSuffix(number), kLongestName - room);
+}
+
+std::string folderName(const std::string& title, long number) {
+    return fittedName(title, numberSuffix(number), kLongestName - kThumbnailRoom);
+}
+
+}  // namespace Norvale_Plugin_Core

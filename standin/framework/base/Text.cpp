@@ -1,0 +1,75 @@
+#include "standin/framework/base/Text.h"
+
+#include <utf8proc.h>
+
+#include <algorithm>
+#include <cstdio>
+
+#include "standin/framework/base/Names.h"
+
+namespace Norvale_Plugin_Core {
+
+namespace {
+
+constexpr std::size_t kLongestText = 16 * 1024;
+
+bool disturbsLine(utf8proc_int32_t character) {
+    const utf8proc_category_t category = utf8proc_category(character);
+    return category == UTF8PROC_CATEGORY_CC || category == UTF8PROC_CATEGORY_ZL ||
+           category == UTF8PROC_CATEGORY_ZP || (character >= 0x202a && character <= 0x202e) ||
+           (character >= 0x2066 && character <= 0x2069);
+}
+
+std::string escaped(utf8proc_int32_t character) {
+    switch (character) {
+        case '\n':
+            return "\\n";
+        case '\r':
+            return "\\r";
+        case '\t':
+            return "\\t";
+        default:
+            break;
+    }
+    char text[16];
+    std::snprintf(text, sizeof text, character < 0x100 ? "\\x%02x" : "\\u{%x}",
+                  static_cast<unsigned>(character));
+    return text;
+}
+
+}  // namespace
+
+std::string oneLine(const std::string& text) {
+    const bool plain = std::all_of(text.begin(), text.end(),
+                                   [](unsigned char c) { return c >= 0x20 && c < 0x7f && c != '\\'; });
+    if (plain && text.size() <= kLongestText) return text;
+
+    const std::string shown = cutUtf8(text, kLongestText);
+    std::string line;
+    line.reserve(shown.size());
+    const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(shown.data());
+    for (std::size_t at = 0; at < shown.size();) {
+        utf8proc_int32_t character = -1;
+        const utf8proc_ssize_t length =
+            utf8proc_iterate(bytes + at, static_cast<utf8proc_ssize_t>(shown.size() - at), &character);
+        if (length <= 0) {
+            line += escaped(bytes[at]);
+            ++at;
+            continue;
+        }
+        if (character == '\\') {
+            line += "\\\\";
+        } else if (disturbsLine(character)) {
+            line += escaped(character);
+        } else {
+            line.append(shown, at, static_cast<std::size_t>(length));
+        }
+        at += static_cast<std::size_t>(length);
+    }
+    if (shown.size() < text.size()) {
+        line += "... (" + std::to_string(text.size() - shown.size()) + " bytes left out)";
+    }
+    return line;
+}
+
+}  // namespace Norvale_Plugin_Core

@@ -1,0 +1,197 @@
+#include "standin/framework/device/BackupCheck.h"
+
+#include <Poco/SAX/SAXException.h>
+#include <Poco/SAX/SAXParser.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "standin/framework/base/Checksum.h"
+#include "standin/framework/base/Names.h"
+#include "standin/framework/device/Description.h"
+#include "standin/framework/device/Device.h"
+#include "standin/framework/device/ItemFiles.h"
+#include "standin/framework/store/BackupDatabase.h"
+
+namespace Norvale_Plugin_Core {
+
+namespace {
+
+constexpr std::size_t kOpenFolders = 64;
+
+/// Whether a viewer can read the record, and finds that id in it.
+bool isRecordOf(const std::string& text, const std::string& id) {
+    // A record declares nothing; what a declaration says could lead elsewhere, or grow without end.
+    if (recordField(text, "ID") != id || text.find("<!") != std::string::npos) return false;
+    try {
+        Poco::XML::SAXParser().parseString(text);
+        return true;
+    } catch (Poco::XML::SAXException&) {
+        return false;
+    }
+}
+
+class LibraryCheck {
+public:
+    LibraryCheck(BackupDatabase& database, Device& device, bool readContents,
+                 const std::function<void(std::uint64_t)>& progress)
+        : database_(database), device_(device), readContents_(readContents), progress_(progress) {}
+
+    LibraryReport run() {
+        database_.forEachItem([&](const ItemRow& row) {
+            ++report_.items;
+            if (checkFile(row.mediaPath, row)) checkRecord(row);
+            checkFile(thumbnailOf(row), row);
+        });
+        checkFolderRecords();
+        findUnrecorded("");
+        for (auto* list : {&report_.missing, &report_.altered, &report_.unrecorded, &report_.records}) {
+            std::sort(list->begin(), list->end());
+        }
+        return std::move(report_);
+    }
+
+private:
+    /// Where the thumbnail really is: its row names it by the current language.
+    std::string thumbnailOf(const ItemRow& row) {
+        const auto status = statusOf(row.thumbnailPath);
+        if (status && S_ISREG(status->st_mode)) return row.thumbnailPath;
+        for (const LedgerFile& file : device_.ledger().filesOfItem(row.id)) {
+            if (isThumbnailOf(row, file.path) && device_.isFile(file.path)) return file.path;
+        }
+        for (const std::string& path : thumbnailCandidates(row)) {
+            if (device_.isFile(path)) return path;
+        }
+        return row.thumbnailPath;
+    }
+
+    /// False when there is no file.
+    bool checkFile(const std::string& path, const ItemRow& row) {
+        ++report_.files;
+        const auto status = statusOf(path);
+        if (!status || !S_ISREG(status->st_mode)) {
+            report_.missing.push_back(path);
+            return false;
+        }
+        recorded_.insert(path);
+        const auto size = static_cast<std::uint64_t>(status->st_size);
+        report_.bytes += size;
+        report_.folderBytes[row.folder] += size;
+        const auto entry = device_.ledger().file(path);
+        if (entry && entry->size != size) {
+            report_.altered.push_back(path);
+        } else if (!entry || entry->checksum.empty()) {
+            ++report_.withoutChecksum;
+        } else if (readContents_ && checksumOf(path) != entry->checksum) {
+            report_.altered.push_back(path);
+        }
+        if (progress_) progress_(report_.bytes);
+        return true;
+    }
+
+    void checkRecord(const ItemRow& row) {
+        if (!readContents_) return;
+        const std::string name = nameOf(row.mediaPath) + kRecordExtension;
+        if (isRecordOf(device_.readRecord(row.folder, name), row.id)) return;
+        report_.records.push_back(joinPath(joinPath(row.folder, kRecordFolder), name));
+    }
+
+    /// A folder has a record once one of its items was new or edited.
+    void checkFolderRecords() {
+        if (!readContents_) return;
+        for (const FolderRow& folder : database_.folders()) {
+            const std::string& name = folder.deviceName;
+            if (name.empty() || !device_.isFolder(name)) continue;
+            const std::string text = device_.readRecord(name, kFolderRecord);
+            if (text.empty() || isRecordOf(text, folder.id)) continue;
+            report_.records.push_back(joinPath(joinPath(name, kRecordFolder), kFolderRecord));
+        }
+    }
+
+    /// What stands at path. Nothing moves folders during a check, so the ones it comes to stay open.
+    std::optional<struct stat> statusOf(const std::string& path) {
+        const std::string folder = folderOf(path);
+        auto known = folders_.find(folder);
+        if (known == folders_.end()) {
+            if (folders_.size() >= kOpenFolders) folders_.clear();
+            const bool there = folder.empty() || device_.isFolder(folder);
+            known = folders_.emplace(folder, there ? device_.openFolder(folder) : Descriptor()).first;
+        }
+        struct stat status = {};
+        const bool found = known->second.isOpen() && ::fstatat(known->second.get(), nameOf(path).c_str(),
+                                                               &status, AT_SYMLINK_NOFOLLOW) == 0;
+        return found ? std::optional(status) : std::nullopt;
+    }
+
+    std::string checksumOf(const std::string& path) {
+        Checksum checksum;
+        device_.readFile(path, [&](const char* data, std::size_t size) { checksum.update(data, size); });
+        return checksum.text();
+    }
+
+    bool isOwnFile(const std::string& path) const {
+        if (path == ".backup.lock") return true;
+        // The database may lie in the service folder.
+        const std::string full = device_.path() + "/" + path;
+        return full.compare(0, database_.path().size(), database_.path()) == 0;
+    }
+
+    static bool isOfGallery(const std::string& name) {
+        return name == kGalleryPage || name == kGalleryFolder;
+    }
+
+    void findUnrecorded(const std::string& folder) {
+        device_.listFolder(folder, [&](const std::string& name) {
+            if (name == kRecordFolder || (folder.empty() && isOfGallery(name))) return;
+            const std::string path = joinPath(folder, name);
+            if (recorded_.count(path) != 0) return;
+            if (device_.isFolder(path)) {
+                findUnrecorded(path);
+            } else if (!isOwnFile(path)) {
+                report_.unrecorded.push_back(path);
+            }
+        });
+    }
+
+    BackupDatabase& database_;
+    Device& device_;
+    const bool readContents_;
+    const std::function<void(std::uint64_t)>& progress_;
+    std::unordered_map<std::string, Descriptor> folders_;
+    std::unordered_set<std::string> recorded_;
+    LibraryReport report_;
+};
+
+LibraryReport check(BackupDatabase& database, const std::string& serviceFolder, bool readContents,
+                    const std::function<void(std::uint64_t)>& progress) {
+    std::string folder = serviceFolder;
+    while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
+    struct stat status = {};
+    if (::stat(folder.c_str(), &status) != 0) {
+        throw Poco::FileNotFoundException("There is no backup at " + folder + ": " + std::strerror(errno));
+    }
+    Device::close();
+    const std::shared_ptr<Device> device = Device::open(folder, "");
+    LibraryReport report = LibraryCheck(database, *device, readContents, progress).run();
+    Device::close();
+    return report;
+}
+
+}  // namespace
+
+LibraryReport verifyLibrary(BackupDatabase& database, const std::string& serviceFolder,
+                            const std::function<void(std::uint64_t)>& progress) {
+    return check(database, serviceFolder, true, progress);
+}
+
+LibraryReport compareLibrary(BackupDatabase& database, const std::string& serviceFolder) {
+    return check(database, serviceFolder, false, {});
+}
+
+}  // namespace Norvale_Plugin_Core

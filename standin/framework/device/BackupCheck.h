@@ -1,0 +1,48 @@
+// Compares what is recorded with what is on the device.
+//
+// The file service notes size and checksum (XXH3, 128 bits) of every file when it closes it, in the ledger
+// ".records/.ledger.db" of the service folder. The checksum finds files that decayed or were changed by
+// accident; it is no protection against somebody who changes both.
+
+#ifndef STANDIN_FRAMEWORK_DEVICE_BACKUPCHECK_H
+#define STANDIN_FRAMEWORK_DEVICE_BACKUPCHECK_H
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace Norvale_Plugin_Core {
+
+class BackupDatabase;
+
+struct LibraryReport {
+    long items = 0;            ///< recorded items
+    long files = 0;            ///< recorded files that were looked at: media and thumbnails
+    std::uint64_t bytes = 0;   ///< their size
+    long withoutChecksum = 0;  ///< files whose content could not be compared because no checksum is kept
+    std::map<std::string, std::uint64_t> folderBytes;  ///< by device folder, "" for the items in no set
+    std::vector<std::string> missing;                  ///< recorded, and not on the device
+    std::vector<std::string> altered;                  ///< on the device with another size or content
+    std::vector<std::string> unrecorded;               ///< on the device, and recorded nowhere
+    /// Description records that no viewer can use: those of items that are missing, no XML or another item's,
+    /// and those of folders that are no XML or another folder's. Only with contents.
+    std::vector<std::string> records;
+    bool agrees() const {
+        return missing.empty() && altered.empty() && unrecorded.empty() && records.empty();
+    }
+};
+
+/// Reads every recorded file. All paths are relative to serviceFolder, sorted. progress, when given, is
+/// called after each file with the bytes read so far; it may throw to end the check. Throws Poco::Exception
+/// with a sentence when the database or the device cannot be read.
+LibraryReport verifyLibrary(BackupDatabase& database, const std::string& serviceFolder,
+                            const std::function<void(std::uint64_t)>& progress = {});
+
+/// The same without reading contents: altered lists files of another size only.
+LibraryReport compareLibrary(BackupDatabase& database, const std::string& serviceFolder);
+
+}  // namespace Norvale_Plugin_Core
+
+#endif

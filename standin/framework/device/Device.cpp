@@ -1,0 +1,706 @@
+#include "standin/framework/device/Device.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+#include "standin/framework/base/Names.h"
+#include "standin/framework/device/Description.h"
+#include "standin/framework/run/RunState.h"
+#include "standin/framework/store/BackupDatabase.h"
+#include "standin/framework/store/DatabaseRegistry.h"
+
+namespace Norvale_Plugin_Core {
+
+namespace {
+
+constexpr const char* kLedgerName = ".ledger.db";
+constexpr std::size_t kReadSize = 1 << 20;
+constexpr std::size_t kLongestRecord = 1 << 20;
+
+std::vector<std::string> namesIn(const std::string& path) {
+    std::vector<std::string> names;
+    for (std::string::size_type at = 0; at <= path.size();) {
+        const std::string::size_type end = std::min(path.find('/', at), path.size());
+        names.push_back(path.substr(at, end - at));
+        at = end + 1;
+    }
+    return names;
+}
+
+std::string quoted(const std::string& path) {
+    return "\"" + path + "\"";
+}
+
+std::atomic<bool> isShared{false};
+
+mode_t folderMode() {
+    return isShared ? 0777 : 0700;
+}
+
+/// Opens a regular file for reading; anything else that has the name is refused, and keeps nobody waiting.
+Descriptor openRegular(int folder, const std::string& name) {
+    Descriptor file(::openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status = {};
+    if (file.isOpen() && (::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))) {
+        file = Descriptor();
+        errno = EINVAL;
+    }
+    return file;
+}
+
+/// Opens the folder at path below another one, which no part of the path leads out of, and no link. Not open,
+/// with errno, when that fails.
+Descriptor openBelow(int root, const std::string& path, int flags) {
+    flags |= O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    static std::atomic<bool> kernelResolves{true};
+    if (kernelResolves && !path.empty()) {
+        struct open_how how = {};
+        how.flags = static_cast<std::uint64_t>(flags);
+        how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
+        Descriptor folder(static_cast<int>(::syscall(SYS_openat2, root, path.c_str(), &how, sizeof how)));
+        if (folder.isOpen()) return folder;
+        // A sandbox may not know the call, and say so in either way.
+        if (errno == ENOSYS || errno == EPERM) kernelResolves = false;
+    }
+    if (path.empty()) return Descriptor(::openat(root, ".", flags));
+    Descriptor current;
+    for (const std::string& name : namesIn(path)) {
+        if (!isPlainName(name)) {
+            errno = EXDEV;
+            return Descriptor();
+        }
+        current = Descriptor(::openat(current.isOpen() ? current.get() : root, name.c_str(), flags));
+        if (!current.isOpen()) break;
+    }
+    return current;
+}
+
+bool isLinkOrFile(int error) {
+    return error == ELOOP || error == ENOTDIR || error == EXDEV;
+}
+
+/// The service folder, made when it is missing. The folder on which it stands is resolved once, to its real
+/// path, which gets its own part and is given back in real; below it no link is followed.
+Descriptor openServiceFolder(const std::string& serviceFolder, const std::string& mountPoint,
+                             std::string& real) {
+    const bool below =
+        !mountPoint.empty() && serviceFolder.compare(0, mountPoint.size() + 1, mountPoint + "/") == 0;
+    std::string::size_type end = below ? mountPoint.size() : serviceFolder.rfind('/');
+    if (end == std::string::npos) end = 0;
+    const std::string base = end != 0 ? serviceFolder.substr(0, end) : serviceFolder[0] == '/' ? "/" : ".";
+    const std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(base.c_str(), nullptr), &std::free);
+    Descriptor current(resolved ? ::open(resolved.get(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)
+                                : -1);
+    if (!current.isOpen()) {
+        const std::string text = "The backup device is not there: " + base + " does not exist";
+        recordCatastrophe(RunErrorDeviceGone, text);
+        throw DeviceException(text);
+    }
+    real = resolved.get();
+    for (const std::string& name : namesIn(serviceFolder.substr(end))) {
+        if (name.empty()) continue;
+        real += "/" + name;
+        if (!isPlainName(name)) throw DeviceException("The folder " + serviceFolder + " cannot be used");
+        Descriptor next = openBelow(current.get(), name, O_RDONLY);
+        if (!next.isOpen() && errno == ENOENT) {
+            if (::mkdirat(current.get(), name.c_str(), folderMode()) != 0 && errno != EEXIST) {
+                throw DeviceException("The folder " + real + " cannot be made: " + std::strerror(errno));
+            }
+            next = openBelow(current.get(), name, O_RDONLY);
+        }
+        if (!next.isOpen()) {
+            throw DeviceException("The folder " + real + " cannot be opened: " +
+                                  (isLinkOrFile(errno) ? "a symbolic link or a file stands in its place"
+                                                       : std::strerror(errno)));
+        }
+        // Whoever made it: what is flushed below is lost without its name.
+        ::fsync(current.get());
+        current = std::move(next);
+    }
+    return current;
+}
+
+std::string preparedLedgerPath(int root, const std::string& path) {
+    if (::mkdirat(root, kRecordFolder, folderMode()) == 0) {
+        ::fsync(root);
+    } else if (errno != EEXIST) {
+        throw DeviceException("The folder " + path + " cannot be written: " + std::strerror(errno));
+    }
+    struct stat status = {};
+    if (::fstatat(root, kRecordFolder, &status, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(status.st_mode)) {
+        throw DeviceException(path + "/" + kRecordFolder + " is not a folder: move it away");
+    }
+    return path + "/" + kRecordFolder + "/" + kLedgerName;
+}
+
+struct SharedDevice {
+    std::mutex mutex;
+    std::shared_ptr<Device> device;
+};
+
+SharedDevice& sharedDevice() {
+    static SharedDevice shared;
+    return shared;
+}
+
+/// Does work with the device in use, if there is one. A failure ends it.
+template <typename Work>
+void withShared(Work work) {
+    const std::lock_guard<std::mutex> lock(sharedDevice().mutex);
+    if (!sharedDevice().device) return;
+    try {
+        work(*sharedDevice().device);
+    } catch (Poco::Exception&) {
+    }
+}
+
+}  // namespace
+
+Descriptor::~Descriptor() {
+    if (number_ >= 0) ::close(number_);
+}
+
+Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
+    if (this != &other) {
+        if (number_ >= 0) ::close(number_);
+        number_ = other.release();
+    }
+    return *this;
+}
+
+int Descriptor::release() {
+    const int number = number_;
+    number_ = -1;
+    return number;
+}
+
+Descriptor makeFile(int folder, const std::string& name) {
+    return Descriptor(::openat(folder, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                               isShared ? 0666 : 0600));
+}
+
+int renameWithoutReplacing(int fromFolder, const std::string& from, int toFolder, const std::string& to) {
+    if (::renameat2(fromFolder, from.c_str(), toFolder, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
+    if (errno != EEXIST && errno != EINVAL && errno != ENOSYS) return errno;
+
+    // Either something stands there, or the file system cannot be asked like this. On one that ignores case
+    // what stands there may be the same file.
+    struct stat source = {}, target = {};
+    if (::fstatat(toFolder, to.c_str(), &target, AT_SYMLINK_NOFOLLOW) == 0) {
+        const bool same = ::fstatat(fromFolder, from.c_str(), &source, AT_SYMLINK_NOFOLLOW) == 0 &&
+                          source.st_ino == target.st_ino && source.st_dev == target.st_dev;
+        const bool sameName = nameKey(from) == nameKey(to);
+        if (!same || !sameName) return EEXIST;
+    }
+    return ::renameat(fromFolder, from.c_str(), toFolder, to.c_str()) == 0 ? 0 : errno;
+}
+
+std::shared_ptr<Device> Device::open(const std::string& serviceFolder, const std::string& mountPoint) {
+    if (serviceFolder.empty()) throw DeviceException("No folder on a backup device has been named");
+    SharedDevice& shared = sharedDevice();
+    const std::lock_guard<std::mutex> lock(shared.mutex);
+    if (shared.device && shared.device->path_ == serviceFolder) {
+        if (shared.device->isGone()) shared.device->fail("use", serviceFolder, ENODEV);
+        return shared.device;
+    }
+    std::string real;
+    Descriptor root = openServiceFolder(serviceFolder, mountPoint, real);
+    shared.device = std::make_shared<Device>(std::move(root), serviceFolder, real);
+    return shared.device;
+}
+
+std::shared_ptr<Device> Device::current() {
+    const std::string folder = currentServiceFolder();
+    if (folder.empty() || ::access(folder.c_str(), F_OK) != 0) return nullptr;
+    return open(folder, currentMountPoint());
+}
+
+void Device::share(bool shared) {
+    isShared = shared;
+}
+
+void Device::close() {
+    std::shared_ptr<Device> last;
+    {
+        const std::lock_guard<std::mutex> lock(sharedDevice().mutex);
+        last.swap(sharedDevice().device);
+    }
+    if (last) last->finish();
+}
+
+/// A ledger that ends by closing vouches for all that the disk holds.
+void Device::finish() {
+    try {
+        flushRows();
+    } catch (Poco::Exception&) {
+        ledger_.leaveInUse();
+    }
+}
+
+// What cannot be noted stays pending, and recovery settles it.
+void Device::noteRecorded(const std::string& itemId) {
+    withShared([&](Device& device) { device.ledger_.settleItemLater(itemId); });
+}
+
+void Device::noteFolder(const std::string& setId, const std::string& folder) {
+    withShared([&](Device& device) {
+        if (setId != kNoSetId && device.isFolder(folder)) device.ledger_.setFolderOwner(folder, setId);
+    });
+}
+
+Device::Device(Descriptor root, std::string path, const std::string& realPath)
+    : root_(std::move(root)), path_(std::move(path)), ledger_(preparedLedgerPath(root_.get(), realPath)) {
+    ::fstat(root_.get(), &identity_);
+}
+
+bool Device::isGone() const {
+    struct stat now = {};
+    return ::stat(path_.c_str(), &now) != 0 || now.st_dev != identity_.st_dev ||
+           now.st_ino != identity_.st_ino;
+}
+
+void Device::fail(const std::string& what, const std::string& path, int error) {
+    const std::string reason = std::strerror(error);
+    std::string text;
+    if (error == ENOSPC || error == EDQUOT) {
+        text = "The backup device is full: " + path_;
+        recordCatastrophe(RunErrorDeviceFull, text);
+    } else if (error == EROFS) {
+        text = "The backup device is read-only: " + path_;
+        recordCatastrophe(RunErrorDeviceReadOnly, text);
+    } else if (error == EIO || error == ENODEV || error == ENXIO || error == ESTALE || error == ENOTCONN ||
+               isGone()) {
+        text = "The backup device is gone or does not answer: " + path_;
+        recordCatastrophe(RunErrorDeviceGone, text);
+    } else {
+        throw DeviceException("Cannot " + what + " " + quoted(path) + ": " + reason);
+    }
+    throw DeviceException(text + " (" + reason + ")");
+}
+
+void Device::checkPath(const std::string& path) {
+    if (path.empty()) throw DeviceException("The path is empty");
+    if (path.find('\0') != std::string::npos) throw DeviceException("The path holds a NUL character");
+    for (const std::string& name : namesIn(path)) {
+        if (name.empty() || name == "." || name == "..") {
+            throw DeviceException("The path " + quoted(path) + " may lead out of the service folder");
+        }
+        if (name.size() > kLongestName) {
+            throw DeviceException("The path " + quoted(path) + " holds a name of more than 255 bytes");
+        }
+        const std::string key = nameKey(name);
+        const auto begins = [&](const char* prefix) {
+            return key.compare(0, std::strlen(prefix), prefix) == 0;
+        };
+        if (key == kRecordFolder || begins(kPartPrefix) || begins(kKeptPrefix)) {
+            throw DeviceException("The path " + quoted(path) + " leads into the file service's own files");
+        }
+    }
+}
+
+Descriptor Device::openFolder(const std::string& folder) {
+    Descriptor opened = openBelow(root_.get(), folder, O_RDONLY);
+    if (opened.isOpen()) return opened;
+    const int error = errno;
+    if (isLinkOrFile(error)) {
+        throw DeviceException("Cannot use the folder " + quoted(folder) +
+                              ": a symbolic link or a file stands in its place");
+    }
+    fail("open the folder", folder, error);
+}
+
+Device::Place Device::placeOf(const std::string& path) {
+    if (!isPlainName(nameOf(path))) throw DeviceException("There can be no file " + quoted(path));
+    return {openFolder(folderOf(path)), nameOf(path)};
+}
+
+std::optional<struct stat> Device::status(const std::string& path) {
+    struct stat status = {};
+    if (!isPlainName(nameOf(path))) return std::nullopt;
+    const Descriptor folder = openBelow(root_.get(), folderOf(path), O_PATH);
+    const bool found =
+        folder.isOpen() && ::fstatat(folder.get(), nameOf(path).c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+    return found ? std::optional(status) : std::nullopt;
+}
+
+bool Device::isFolder(const std::string& path) {
+    const auto found = status(path);
+    return found && S_ISDIR(found->st_mode);
+}
+
+bool Device::isFile(const std::string& path) {
+    const auto found = status(path);
+    return found && S_ISREG(found->st_mode);
+}
+
+bool Device::owns(const std::string& path, const std::string& item) {
+    if (!isFile(path)) return false;
+    if (const auto file = ledger_.file(path)) return file->item == item;
+    // A power cut can take the ledger's last rows and leave the files. An item comes with its record, and the
+    // name of a thumbnail ends in the item's id.
+    if (isSystemWord(nameOf(folderOf(path)))) {
+        const std::string base = splitName(nameOf(path)).base, ending = "_" + item;
+        return !item.empty() && base.size() > ending.size() &&
+               base.compare(base.size() - ending.size(), ending.size(), ending) == 0;
+    }
+    const std::string record = readRecord(folderOf(path), nameOf(path) + kRecordExtension);
+    return !record.empty() && recordField(record, "ID") == item;
+}
+
+bool Device::owns(const std::string& path) {
+    if (!isFile(path)) return false;
+    return ledger_.file(path) || !readRecord(folderOf(path), nameOf(path) + kRecordExtension).empty();
+}
+
+bool Device::isFolderFree(const std::string& name, const std::string& known, const std::string& setId) {
+    const auto standing = status(name);
+    if (!standing) return true;
+    if (!known.empty()) {
+        // On a file system that ignores case a set that is renamed in case only finds its own folder.
+        const auto own = status(known);
+        return own && own->st_ino == standing->st_ino && own->st_dev == standing->st_dev;
+    }
+    const std::string owner = ledger_.folderOwner(name);
+    if (!owner.empty()) return owner == setId;
+    const std::string recorded = folderIdByRecord(name);
+    return ledger_.madeFolder(name) && (recorded.empty() || recorded == setId);
+}
+
+void Device::noteLeft(const std::string& path) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    left_.insert(nameKey(path));
+    leftUnflushed_ = true;
+}
+
+void Device::beforeTaking(const std::string& path) {
+    bool flush = false;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (left_.erase(nameKey(path)) == 0) return;
+        std::swap(flush, leftUnflushed_);
+    }
+    if (flush) flushRows();
+    const Descriptor folder = openFolder(folderOf(path));
+    if (::fsync(folder.get()) != 0) fail("write", path, errno);
+}
+
+// What the ledger no longer calls pending has to be in the database: that goes first.
+void Device::flushRows() {
+    std::set<std::string> folders;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        folders.swap(records_);
+    }
+    for (const std::string& folder : folders) {
+        const Descriptor records = isFolder(folder) ? openRecordFolder(folder, false) : Descriptor();
+        if (!records.isOpen()) continue;
+        const Descriptor record = openRegular(records.get(), kFolderRecord);
+        if (record.isOpen() && (::fdatasync(record.get()) != 0 || ::fsync(records.get()) != 0)) {
+            fail("write in the folder", joinPath(folder, kRecordFolder), errno);
+        }
+    }
+    flushOpenDatabases();
+    ledger_.flush();
+}
+
+void Device::flushFolder(const std::string& folder) {
+    const Descriptor descriptor = openFolder(folder);
+    const Descriptor records = openRecordFolder(folder, false);
+    if (::fsync(descriptor.get()) != 0 || (records.isOpen() && ::fsync(records.get()) != 0)) {
+        fail("write in the folder", folder, errno);
+    }
+}
+
+void Device::makeFolder(const std::string& path) {
+    const auto [parent, name] = placeOf(path);
+    struct stat status = {};
+    if (::fstatat(parent.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
+        if (S_ISDIR(status.st_mode)) return;
+        throw DeviceException("Cannot make the folder " + quoted(path) + ": something else has that name");
+    }
+    beforeTaking(path);
+    ledger_.addMadeFolder(path);
+    ledger_.flush();
+    if (::mkdirat(parent.get(), name.c_str(), folderMode()) != 0 && errno != EEXIST) {
+        const int error = errno;
+        ledger_.forgetFolder(path);
+        fail("make the folder", path, error);
+    }
+    if (::fsync(parent.get()) != 0) fail("make the folder", path, errno);
+}
+
+void Device::removeFolder(const std::string& path) {
+    const auto [parent, name] = placeOf(path);
+    // The record folder does not count as content while it holds no item's record.
+    {
+        const Descriptor folder = openFolder(path);
+        ::unlinkat(folder.get(), kRecordFolder, AT_REMOVEDIR);
+    }
+    if (::unlinkat(parent.get(), name.c_str(), AT_REMOVEDIR) != 0) {
+        if (errno == ENOTEMPTY || errno == EEXIST) {
+            throw DeviceException("Cannot remove the folder " + quoted(path) + ": it is not empty");
+        }
+        fail("remove the folder", path, errno);
+    }
+    ledger_.forgetFolder(path);
+}
+
+void Device::renameFolder(const std::string& from, const std::string& to) {
+    if (!isFolder(from)) {
+        if (isGone()) fail("rename the folder", from, ENODEV);
+        throw DeviceException("Cannot rename the folder " + quoted(from) + ": it does not exist");
+    }
+    if (from == to) return;
+    const auto [fromParent, fromName] = placeOf(from);
+    const auto [toParent, toName] = placeOf(to);
+    const auto standing = status(to);
+    if (standing && nameKey(from) != nameKey(to)) {
+        throw DeviceException("Cannot rename the folder " + quoted(from) + ": " + quoted(to) +
+                              " exists already");
+    }
+    beforeTaking(to);
+    flushRows();
+    ledger_.moveFolder(from, to, true);
+    ledger_.flush();
+    const int error = renameWithoutReplacing(fromParent.get(), fromName, toParent.get(), toName);
+    if (error != 0) {
+        ledger_.moveFolder(to, from, false);
+        fail("rename the folder", from, error);
+    }
+    noteLeft(from);
+    if (::fsync(toParent.get()) != 0) fail("rename the folder", from, errno);
+}
+
+void Device::removeFile(const std::string& path) {
+    const std::optional<LedgerFile> file = ledger_.file(path);
+    if (file && !file->was.empty()) flushRows();
+    const auto [folder, name] = placeOf(path);
+    const std::string kept = file && file->was.empty() ? replacedBy(*file) : std::string();
+    if (!kept.empty()) {
+        if (::renameat(folder.get(), nameOf(kept).c_str(), folder.get(), name.c_str()) != 0) {
+            fail("remove", path, errno);
+        }
+        moveRecord(kept, path);
+        ledger_.moveFile(kept, path, "");
+        return;
+    }
+    if (::unlinkat(folder.get(), name.c_str(), 0) != 0 && errno != ENOENT) fail("remove", path, errno);
+    removeRecord(folderOf(path), name + kRecordExtension);
+    if (file) ledger_.setPending(path, kRemoved);
+}
+
+/// Path of the version that the file has replaced and that is kept; empty when there is none.
+std::string Device::replacedBy(const LedgerFile& file) {
+    for (const LedgerFile& other : ledger_.filesOfItem(file.item)) {
+        if (other.was == nameOf(file.path) && folderOf(other.path) == folderOf(file.path) &&
+            isOwnName(nameOf(other.path), kKeptPrefix) && isFile(other.path)) {
+            return other.path;
+        }
+    }
+    return {};
+}
+
+bool Device::keepReplaced(const std::string& path, const std::string& item) {
+    for (const LedgerFile& other : ledger_.filesOfItem(item)) {
+        if (other.was == nameOf(path) && folderOf(other.path) == folderOf(path) && isFile(other.path)) {
+            return false;
+        }
+    }
+    if (!ledger_.file(path)) {
+        ledger_.putFile({path, item, static_cast<std::uint64_t>(status(path)->st_size), "", "", 1});
+    }
+    putFileAside(path, joinPath(folderOf(path), newOwnName(kKeptPrefix)));
+    beforeTaking(path);
+    return true;
+}
+
+void Device::refuseStanding(const std::string& from, const std::string& to) {
+    if (nameKey(from) == nameKey(to) || !status(to)) return;
+    throw DeviceException("Cannot rename " + quoted(from) + ": " + quoted(to) + " exists already");
+}
+
+void Device::moveFileOnly(const std::string& from, const std::string& to) {
+    const auto [fromFolder, fromName] = placeOf(from);
+    const auto [toFolder, toName] = placeOf(to);
+    refuseStanding(from, to);
+    const int error = renameWithoutReplacing(fromFolder.get(), fromName, toFolder.get(), toName);
+    if (error != 0) fail("rename", from, error);
+    noteLeft(from);
+}
+
+// The ledger's row goes first and says where the file was: if the file did not follow, or has to come back,
+// it is found from there. Under a name of the file service's own it is found from there only.
+void Device::putFileAside(const std::string& from, const std::string& to) {
+    refuseStanding(from, to);  // before the row claims what is somebody else's
+    ledger_.moveFile(from, to, nameOf(from));
+    if (isOwnName(nameOf(to), kKeptPrefix)) ledger_.flush();
+    try {
+        moveFileOnly(from, to);
+    } catch (Poco::Exception&) {
+        ledger_.moveFile(to, from, "");
+        throw;
+    }
+    moveRecord(from, to);
+}
+
+// The file goes first: until its row has followed, it is found from what the row says of where it was.
+void Device::renameFile(const std::string& from, const std::string& to) {
+    moveFileOnly(from, to);
+    moveRecord(from, to);
+    ledger_.moveFile(from, to, "");
+}
+
+void Device::listFolder(const std::string& folder, const std::function<void(const std::string&)>& visit) {
+    Descriptor descriptor = openFolder(folder);
+    const std::unique_ptr<DIR, int (*)(DIR*)> entries(::fdopendir(descriptor.get()), &::closedir);
+    if (!entries) fail("list", folder, errno);
+    descriptor.release();
+    while (const dirent* entry = ::readdir(entries.get())) {
+        const std::string name = entry->d_name;
+        if (name != "." && name != "..") visit(name);
+    }
+}
+
+long Device::removeParts(const std::string& folder) {
+    long removed = 0;
+    for (const std::string& place : {folder, joinPath(folder, kRecordFolder)}) {
+        if (!place.empty() && !isFolder(place)) continue;
+        std::vector<std::string> parts;
+        listFolder(place, [&](const std::string& name) {
+            if (isOwnName(name, kPartPrefix) && isFile(joinPath(place, name))) parts.push_back(name);
+        });
+        const Descriptor descriptor = openFolder(place);
+        for (const std::string& name : parts) removed += ::unlinkat(descriptor.get(), name.c_str(), 0) == 0;
+    }
+    return removed;
+}
+
+Descriptor Device::openRecordFolder(const std::string& folder, bool create) {
+    const Descriptor parent = openFolder(folder);
+    constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    Descriptor records(::openat(parent.get(), kRecordFolder, kFlags));
+    if (records.isOpen() || !create) return records;
+    if (::mkdirat(parent.get(), kRecordFolder, folderMode()) != 0 && errno != EEXIST) {
+        fail("make the folder", joinPath(folder, kRecordFolder), errno);
+    }
+    records = Descriptor(::openat(parent.get(), kRecordFolder, kFlags));
+    if (!records.isOpen()) fail("open the folder", joinPath(folder, kRecordFolder), errno);
+    return records;
+}
+
+std::string Device::readRecord(const std::string& folder, const std::string& name) {
+    const Descriptor records = openRecordFolder(folder, false);
+    if (!records.isOpen() || !isPlainName(name)) return {};
+    const Descriptor file = openRegular(records.get(), name);
+    if (!file.isOpen()) return {};
+    std::string text;
+    char block[4096];
+    for (ssize_t count; (count = ::read(file.get(), block, sizeof block)) > 0;) {
+        text.append(block, static_cast<std::size_t>(count));
+        if (text.size() > kLongestRecord) return {};
+    }
+    return text;
+}
+
+void Device::writeFolderRecord(const std::string& folder, const std::string& text) {
+    ledger_.markInUse();
+    {
+        NewRecord record(*this, folder, newOwnName(kPartPrefix));
+        record.write(text, false);
+        record.place(kFolderRecord, false);
+    }
+    const std::lock_guard<std::mutex> lock(mutex_);
+    records_.insert(folder);
+}
+
+std::string Device::folderIdByRecord(const std::string& folder) {
+    return recordField(readRecord(folder, kFolderRecord), "ID");
+}
+
+void Device::removeRecord(const std::string& folder, const std::string& name) {
+    if (!folder.empty() && !isFolder(folder)) return;
+    const Descriptor records = openRecordFolder(folder, false);
+    // A record that stays behind its file would never be looked for again: the file's row has to stay as
+    // well.
+    if (records.isOpen() && ::unlinkat(records.get(), name.c_str(), 0) != 0 && errno != ENOENT) {
+        fail("remove", joinPath(folder, name), errno);
+    }
+}
+
+void Device::moveRecord(const std::string& from, const std::string& to) {
+    const Descriptor fromRecords = openRecordFolder(folderOf(from), false);
+    if (!fromRecords.isOpen()) return;
+    const std::string fromName = nameOf(from) + kRecordExtension;
+    struct stat status = {};
+    if (::fstatat(fromRecords.get(), fromName.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return;
+    const Descriptor toRecords = openRecordFolder(folderOf(to), true);
+    if (::renameat(fromRecords.get(), fromName.c_str(), toRecords.get(),
+                   (nameOf(to) + kRecordExtension).c_str()) != 0) {
+        fail("rename the record of", from, errno);
+    }
+}
+
+void Device::readFile(const std::string& path, const std::function<void(const char*, std::size_t)>& visit) {
+    const auto [folder, name] = placeOf(path);
+    const Descriptor file = openRegular(folder.get(), name);
+    if (!file.isOpen()) fail("read", path, errno);
+    std::vector<char> block(kReadSize);
+    for (;;) {
+        const ssize_t count = ::read(file.get(), block.data(), block.size());
+        if (count == 0) return;
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) fail("read", path, errno);
+        visit(block.data(), static_cast<std::size_t>(count));
+    }
+}
+
+NewRecord::NewRecord(Device& device, const std::string& folder, std::string partName)
+    : device_(device),
+      folder_(folder),
+      partName_(std::move(partName)),
+      records_(device.openRecordFolder(folder, true)),
+      file_(makeFile(records_.get(), partName_)) {
+    if (!file_.isOpen() && errno == EEXIST) {
+        // What a killed process of the same number left.
+        ::unlinkat(records_.get(), partName_.c_str(), 0);
+        file_ = makeFile(records_.get(), partName_);
+    }
+    if (!file_.isOpen()) fail(errno);
+}
+
+NewRecord::~NewRecord() {
+    if (placed_ || ::unlinkat(records_.get(), partName_.c_str(), 0) == 0 || errno == ENOENT) return;
+    device_.ledger().leaveInUse();
+}
+
+void NewRecord::write(const std::string& text, bool send) {
+    for (std::size_t at = 0; at < text.size();) {
+        const ssize_t written = ::write(file_.get(), text.data() + at, text.size() - at);
+        if (written < 0 && errno != EINTR) fail(errno);
+        if (written > 0) at += static_cast<std::size_t>(written);
+    }
+    if (send) ::sync_file_range(file_.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
+}
+
+void NewRecord::place(const std::string& name, bool flush) {
+    if (flush && ::fdatasync(file_.get()) != 0) fail(errno);
+    if (::renameat(records_.get(), partName_.c_str(), records_.get(), name.c_str()) != 0) fail(errno);
+    placed_ = true;
+}
+
+void NewRecord::fail(int error) {
+    device_.fail("write in the folder", joinPath(folder_, kRecordFolder), error);
+}
+
+}  // namespace Norvale_Plugin_Core

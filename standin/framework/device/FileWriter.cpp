@@ -1,0 +1,123 @@
+#include "standin/framework/device/FileWriter.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+namespace Norvale_Plugin_Core {
+
+namespace {
+
+constexpr std::size_t kPiece = 256 << 10;
+constexpr std::size_t kMostPieces = 4;          // that wait for the thread
+constexpr std::uint64_t kThreadFrom = 4 << 20;  // a smaller file is written faster than a thread is made
+constexpr std::uint64_t kSendFrom = 8 << 20;    // so much at a time is sent to the disk ahead of the flush
+
+}  // namespace
+
+FileWriter::FileWriter(Descriptor file) : file_(std::move(file)) {
+    piece_.reserve(kPiece);
+}
+
+FileWriter::~FileWriter() {
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        pieces_ = {};
+    }
+    endThread();
+}
+
+int FileWriter::add(const char* data, std::size_t size) {
+    piece_.append(data, size);
+    added_ += size;
+    return piece_.size() < kPiece ? 0 : pass();
+}
+
+int FileWriter::finish() {
+    pass();
+    endThread();
+    if (error_ == 0 && ::fsync(file_.get()) != 0) error_ = errno;
+    return error_;
+}
+
+/// Writes the piece, or hands it on to the thread, which there is only for a large file.
+int FileWriter::pass() {
+    if (!thread_.joinable() && (added_ < kThreadFrom || !startThread())) {
+        if (error_ == 0) error_ = write(piece_);
+        piece_.clear();
+        return error_;
+    }
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [this] { return pieces_.size() < kMostPieces || error_ != 0; });
+    pieces_.push(std::move(piece_));
+    piece_.clear();
+    if (!spares_.empty()) {
+        piece_ = std::move(spares_.back());
+        spares_.pop_back();
+    }
+    const int error = error_;
+    lock.unlock();
+    changed_.notify_all();
+    piece_.reserve(kPiece);
+    return error;
+}
+
+bool FileWriter::startThread() {
+    try {
+        thread_ = std::thread([this] { writePieces(); });
+        return true;
+    } catch (std::system_error&) {
+        return false;  // the system has none to give: it goes without
+    }
+}
+
+void FileWriter::endThread() {
+    if (!thread_.joinable()) return;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        ended_ = true;
+    }
+    changed_.notify_all();
+    thread_.join();
+    ended_ = false;  // who writes on after a failure gets a thread again
+}
+
+void FileWriter::writePieces() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+        changed_.wait(lock, [this] { return !pieces_.empty() || ended_; });
+        if (pieces_.empty()) return;
+        std::string piece = std::move(pieces_.front());
+        pieces_.pop();
+        const bool failed = error_ != 0;
+        lock.unlock();
+        changed_.notify_all();
+        const int error = failed ? 0 : write(piece);
+        piece.clear();
+        lock.lock();
+        if (error != 0) error_ = error;
+        spares_.push_back(std::move(piece));
+    }
+}
+
+int FileWriter::write(const std::string& piece) {
+    for (std::size_t at = 0; at < piece.size();) {
+        const ssize_t written = ::write(file_.get(), piece.data() + at, piece.size() - at);
+        if (written < 0 && errno == EINTR) continue;
+        if (written < 0) return errno;
+        at += static_cast<std::size_t>(written);
+    }
+    checksum_.update(piece.data(), piece.size());
+    size_ += piece.size();
+    if (size_ - sent_ >= kSendFrom) {
+        ::sync_file_range(file_.get(), static_cast<off64_t>(sent_), static_cast<off64_t>(size_ - sent_),
+                          SYNC_FILE_RANGE_WRITE);
+        sent_ = size_;
+    }
+    return 0;
+}
+
+}  // namespace Norvale_Plugin_Core

@@ -1,0 +1,68 @@
+// How the bytes of a file get to the device: gathered to large pieces, which a file system takes for hardly
+// more than a small one, and from some size on written by a thread of their own, so that the network does not
+// wait for the disk. What is written is sent to the disk while the file still grows: finishing does not wait
+// for all of it.
+
+#ifndef STANDIN_FRAMEWORK_DEVICE_FILEWRITER_H
+#define STANDIN_FRAMEWORK_DEVICE_FILEWRITER_H
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <queue>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "standin/framework/base/Checksum.h"
+#include "standin/framework/device/Device.h"
+
+namespace Norvale_Plugin_Core {
+
+/// Writes one file from its start. Not for several threads. An operation that gives an int gives 0, or the
+/// number of the first error that any write met; the file is of no use then.
+class FileWriter {
+public:
+    explicit FileWriter(Descriptor file);
+    /// Whatever was not finished is given up.
+    ~FileWriter();
+    FileWriter(const FileWriter&) = delete;
+    FileWriter& operator=(const FileWriter&) = delete;
+
+    /// Takes a copy of the bytes. An error of writing them may only be told by a later call.
+    int add(const char* data, std::size_t size);
+
+    /// Writes what is left and flushes the file to the disk.
+    int finish();
+
+    /// Of the finished file: its size in bytes and its checksum.
+    std::uint64_t size() const { return size_; }
+    std::string checksum() const { return checksum_.text(); }
+
+private:
+    int pass();
+    bool startThread();
+    void writePieces();
+    int write(const std::string& piece);
+    void endThread();
+
+    Descriptor file_;
+    std::uint64_t size_ = 0;
+    std::uint64_t sent_ = 0;
+    Checksum checksum_;
+    std::string piece_;
+    std::uint64_t added_ = 0;
+
+    std::mutex mutex_;  // for what follows, as soon as there is a thread
+    std::condition_variable changed_;
+    std::queue<std::string> pieces_;
+    std::vector<std::string> spares_;  // empty, to be filled again
+    bool ended_ = false;
+    int error_ = 0;
+    std::thread thread_;
+};
+
+}  // namespace Norvale_Plugin_Core
+
+#endif

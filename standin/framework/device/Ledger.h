@@ -1,0 +1,142 @@
+// The file service's own list of what it put on a device: ".records/.ledger.db" in the service folder.
+//
+//   folders   one row for each folder that holds files of the backup. A file's row points to its folder's, so
+//             that a renamed folder is one changed row.
+//       made      1 for a folder that the file service made itself
+//       was       its path before a rename that is not settled yet
+//   owners    one row for each set whose row was written: the set's id and its folder, which is its through
+//             every rename, whatever the rows of the backup database say
+//   files     one row for each file: who it belongs to, its size and checksum
+//       item      id of the item, also for its thumbnail
+//       was       its name before a rename that is not settled yet
+//       pending   1 until it is known that the item's row in the backup database names the file, 2 while in
+//                 addition the file may be an older one than its size and checksum say, 3 when the file was
+//                 removed and the disk may not know yet
+//   state     a row while the ledger is in use: one that is found when it is opened says that the last use
+//             ended by a kill or a power cut: rows of then may be missing, and half-written files be left
+//
+// A row changes before the file does, and is pending then: after a kill at any moment the pending rows are
+// all that has to be looked at. What only clears up is put off, and written together with a later change.
+
+#ifndef STANDIN_FRAMEWORK_DEVICE_LEDGER_H
+#define STANDIN_FRAMEWORK_DEVICE_LEDGER_H
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "standin/framework/base/Sqlite.h"
+
+namespace Norvale_Plugin_Core {
+
+/// The folder and the name of a path relative to the service folder; the root folder is "".
+std::string folderOf(const std::string& path);
+std::string nameOf(const std::string& path);
+std::string joinPath(const std::string& folder, const std::string& name);
+
+struct LedgerFile {
+    std::string path;
+    std::string item;
+    std::uint64_t size = 0;
+    std::string checksum;  ///< empty when none is kept
+    std::string was;
+    int pending = 1;
+};
+
+struct LedgerFolder {
+    std::string path;
+    std::string was;
+    std::string owner;
+};
+
+/// LedgerFile::pending of a file that was removed.
+constexpr int kRemoved = 3;
+
+/// All paths are relative to the service folder. Every operation may be called from any thread and throws a
+/// Poco::Exception when the database fails.
+class Ledger {
+public:
+    /// Opens the ledger at path and makes it when it is missing. Throws with a sentence when it is damaged.
+    explicit Ledger(const std::string& path);
+    ~Ledger();
+
+    /// True when rows may be missing: no file was ever entered, or the last use did not end by closing.
+    bool mayLackRows();
+
+    /// Notes that the ledger is in use, on the disk before anything else of this use is. Every change does
+    /// so; whoever makes a file that no row speaks of calls it before.
+    void markInUse();
+    /// The ledger counts as in use even when it is closed: the next use is to look for what this one left.
+    void leaveInUse();
+
+    /// Puts every change on the disk. Others follow within half a minute.
+    void flush();
+
+    std::optional<LedgerFile> file(const std::string& path);
+    std::vector<LedgerFile> filesOfItem(const std::string& item);
+    std::vector<LedgerFile> pendingFiles();
+    /// Ids of the items of which nothing is pending.
+    std::vector<std::string> settledItems();
+    void putFile(const LedgerFile& file);
+    void eraseFile(const std::string& path);
+    /// Moves the row from one path to another, pending, and notes where it was when the folder is the same.
+    void moveFile(const std::string& from, const std::string& to, const std::string& was);
+    void setPending(const std::string& path, int pending);
+    /// Nothing of the item is pending any more, except files that stand aside or were removed. Put off until
+    /// many are settled at once, something else than a new file or folder is entered, or the ledger is
+    /// closed; only the first item of a use is settled at once.
+    void settleItemLater(const std::string& item);
+
+    bool madeFolder(const std::string& path);
+    void addMadeFolder(const std::string& path);
+    void moveFolder(const std::string& from, const std::string& to, bool pending);
+    void forgetFolder(const std::string& path);
+    void settleFolders(const std::vector<std::string>& paths);
+    /// Folders that were made or renamed and are not settled, the deepest first.
+    std::vector<LedgerFolder> pendingFolders();
+    /// All but the root.
+    std::vector<LedgerFolder> folders();
+    /// Folders of sets: those in the root that have an owner or are not settled.
+    std::vector<LedgerFolder> setFolders();
+    /// Id of the set whose folder it is; empty when that is not known.
+    std::string folderOwner(const std::string& path);
+    /// The folder is that set's, and no other is.
+    void setFolderOwner(const std::string& path, const std::string& owner);
+
+private:
+    struct Statements;
+
+    std::int64_t folderId(const std::string& path, bool create);
+    std::string folderPath(std::int64_t id);
+    void forgetFolderRows(std::int64_t id);
+    std::vector<LedgerFolder> readFolders(const char* where);
+    static LedgerFile fileOfRow(const Statement& row, std::string path);
+    std::vector<LedgerFile> readFiles(StatementUse& use);
+    /// Runs everything that was put off and then change, in one transaction.
+    template <typename Change>
+    void write(Change change);
+    template <typename Change>
+    void writeAlone(Change change);
+    void writeLater();
+    void enterUse();
+
+    std::mutex mutex_;
+    const std::string path_;
+    SqliteFile database_;
+    std::unique_ptr<Statements> sql_;
+    bool mayLackRows_ = false;
+    bool inUse_ = false;
+    bool leftInUse_ = false;
+    bool hasSettled_ = false;
+    std::map<std::string, std::int64_t> folderIds_;
+    std::set<std::string> laterSettled_;
+};
+
+}  // namespace Norvale_Plugin_Core
+
+#endif

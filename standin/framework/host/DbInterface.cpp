@@ -1,0 +1,205 @@
+#include "hostapi/DbInterface.h"
+
+#include <Poco/Data/SQLite/Connector.h>
+#include <Poco/DateTimeFormatter.h>
+#include <Poco/Exception.h>
+
+#include <cctype>
+#include <cstdio>
+#include <functional>
+
+#include "hostapi/HostServiceUsageParams.h"
+#include "standin/framework/base/Names.h"
+#include "standin/framework/device/Device.h"
+#include "standin/framework/store/BackupDatabase.h"
+#include "standin/framework/store/DatabaseRegistry.h"
+
+namespace Norvale_Plugin_Core {
+
+namespace {
+
+constexpr const char* kSource = "Flickr";
+
+/// Exactly count numbers with separators between them; each of one to four digits.
+bool readNumbers(const std::string& text, const std::string& separators, int* numbers) {
+    std::size_t at = 0;
+    for (std::size_t i = 0; i <= separators.size(); ++i) {
+        int value = 0, digits = 0;
+        for (; at < text.size() && std::isdigit(static_cast<unsigned char>(text[at])); ++at, ++digits) {
+            if (digits == 4) return false;
+            value = value * 10 + (text[at] - '0');
+        }
+        if (digits == 0) return false;
+        numbers[i] = value;
+        if (i < separators.size() && (at >= text.size() || text[at++] != separators[i])) return false;
+    }
+    return at == text.size();
+}
+
+/// A name that is free: the first of candidate(1), candidate(2), ... that is. Numbers are tried in growing
+/// steps and the gap is then halved, so that the thousandth item of one title costs no thousand questions.
+std::string freeName(const std::function<std::string(long)>& candidate,
+                     const std::function<bool(const std::string&)>& isFree) {
+    long taken = 0, free = 1;
+    while (!isFree(candidate(free))) {
+        taken = free;
+        free *= 2;
+    }
+    while (free - taken > 1) {
+        const long middle = taken + (free - taken) / 2;
+        (isFree(candidate(middle)) ? free : taken) = middle;
+    }
+    return candidate(free);
+}
+
+/// Whether name is candidate(1), or candidate(n) with the number that it ends in.
+bool fits(const std::string& name, const std::function<std::string(long)>& candidate) {
+    if (name == candidate(1)) return true;
+    const std::string::size_type open = name.rfind(" (");
+    if (open == std::string::npos) return false;
+    long number = 0;
+    std::size_t at = open + 2;
+    for (; at < name.size() && std::isdigit(static_cast<unsigned char>(name[at])) && number < 100000000;
+         ++at) {
+        number = number * 10 + (name[at] - '0');
+    }
+    return number > 1 && name == candidate(number);
+}
+
+/// Does work over the database; a failure goes to the handler and ends it.
+template <typename Work>
+void guarded(ExceptionHandlerMac& handler, const std::string& path, const char* operation, Work work) {
+    try {
+        withDatabase(path, work);
+    } catch (Poco::Exception& exception) {
+        handler.handleException(
+            exception, std::string("Exception occurred in ") + operation + "() : " + exception.displayText(),
+            HostServiceUsageParams::getInstance()->getRetryAttempts());
+    }
+}
+
+}  // namespace
+
+DbInterface::DbInterface() : exceptionHandler_(kSource) {}
+DbInterface::~DbInterface() = default;
+
+void DbInterface::setConnectionString(std::string connectionString) {
+    connectionString_ = std::move(connectionString);
+}
+
+void DbInterface::initialize() {
+    Poco::Data::SQLite::Connector::registerConnector();
+}
+
+void DbInterface::uninitialize() {
+    Poco::Data::SQLite::Connector::unregisterConnector();
+}
+
+Poco::DateTime DbInterface::convertToDateTime(std::string text) {
+    int part[6] = {};
+    if (readNumbers(text, "-- ::", part)) {
+        if (Poco::DateTime::isValid(part[0], part[1], part[2], part[3], part[4], part[5])) {
+            return Poco::DateTime(part[0], part[1], part[2], part[3], part[4], part[5]);
+        }
+    } else if (readNumbers(text, "//", part) && Poco::DateTime::isValid(part[2], part[0], part[1])) {
+        return Poco::DateTime(part[2], part[0], part[1]);
+    }
+    return Poco::DateTime(1970, 1, 1);
+}
+
+std::string DbInterface::convertToString(Poco::DateTime date) {
+    return Poco::DateTimeFormatter::format(date, kUpdatedFormat);
+}
+
+std::string DbInterface::createFormattedDate(Poco::DateTime date) {
+    static constexpr const char* kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+    static constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                              "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    HostServiceUsageParams* words = HostServiceUsageParams::getInstance();
+    char number[32];
+    std::string text = words->getValue(kDays[date.dayOfWeek()]) + ", " + std::to_string(date.day()) + " " +
+                       words->getValue(kMonths[date.month() - 1]) + " " + std::to_string(date.year()) + " ";
+    std::snprintf(number, sizeof number, "%d:%02d:%02d ", date.hourAMPM(), date.minute(), date.second());
+    return text + number + words->getValue(date.isAM() ? "AM" : "PM");
+}
+
+std::string DbInterface::createLatestUpdatedItemDate(Poco::DateTime date) {
+    return Poco::DateTimeFormatter::format(date, "%Y-%m-%dT%H:%M:%SZ");
+}
+
+std::string DbInterface::generateFileName(std::string title, std::string containerName,
+                                          std::string containerId, std::string itemId) {
+    const bool atRoot = containerId == kNoSetId;
+    const auto candidate = [&](long number) { return itemName(title, itemId, number); };
+    std::string name = candidate(1);
+    guarded(exceptionHandler_, connectionString_, "generateFileName", [&](BackupDatabase& database) {
+        const std::shared_ptr<Device> device = Device::current();
+        const auto isFree = [&](const std::string& wanted) {
+            if (database.nameTaken(atRoot ? "" : containerId, nameKey(wanted), itemId)) return false;
+            // What a killed run left of this very item may be replaced; anything else may not.
+            const std::string path = joinPath(atRoot ? "" : containerName, wanted);
+            return !device || !device->status(path) || device->owns(path, itemId);
+        };
+        const std::string known = database.derivedName(itemId);
+        const bool keeps = !known.empty() && fits(known, candidate) && isFree(known);
+        name = keeps ? known : freeName(candidate, isFree);
+    });
+    return name;
+}
+
+std::string DbInterface::generateFolderName(std::string title, std::string id) {
+    const auto candidate = [&](long number) { return folderName(title, number); };
+    std::string name = candidate(1);
+    guarded(exceptionHandler_, connectionString_, "generateFolderName", [&](BackupDatabase& database) {
+        const std::shared_ptr<Device> device = Device::current();
+        const std::string known = database.derivedName(id);
+        const auto isFree = [&](const std::string& wanted) {
+            if (database.nameTaken("", nameKey(wanted), id)) return false;
+            return !device || device->isFolderFree(wanted, known, id);
+        };
+        const bool keeps = !known.empty() && fits(known, candidate) && isFree(known);
+        name = keeps ? known : freeName(candidate, isFree);
+    });
+    return name;
+}
+
+std::string DbInterface::getDerivedItemNamebyID(std::string id) {
+    std::string name;
+    guarded(exceptionHandler_, connectionString_, "getDerivedItemNamebyID",
+            [&](BackupDatabase& database) { name = database.derivedName(id); });
+    return name;
+}
+
+std::string DbInterface::getImageExtensionByID(std::string id) {
+    std::string extension;
+    guarded(exceptionHandler_, connectionString_, "getImageExtensionByID",
+            [&](BackupDatabase& database) { extension = database.imageExtension(id); });
+    return extension;
+}
+
+int DbInterface::getTotalCountInContainer(std::string containerName) {
+    int count = 0;
+    guarded(exceptionHandler_, connectionString_, "getTotalCountInContainer",
+            [&](BackupDatabase& database) { count = database.itemsInFolder(containerName); });
+    return count;
+}
+
+int DbInterface::createEntry(std::string itemId, std::string itemName, std::string itemContainerName,
+                             std::string derivedItemName, std::string derivedContainerName,
+                             std::string originalItemId, std::string originalContainerId,
+                             Poco::DateTime createdOn, Poco::DateTime updatedOn, std::string itemType,
+                             std::string imageExtension, std::string reserved1, std::string reserved2,
+                             std::string reserved3) {
+    int status = 0;
+    guarded(exceptionHandler_, connectionString_, "createEntry", [&](BackupDatabase& database) {
+        database.put({itemId, itemName, itemContainerName, derivedItemName, derivedContainerName,
+                      originalItemId, originalContainerId, createdOn, updatedOn, itemType, imageExtension,
+                      reserved1, reserved2, reserved3});
+        status = 1;
+    });
+    if (status == 1 && itemType == kFolderType) Device::noteFolder(itemId, derivedItemName);
+    if (status == 1 && itemType != kFolderType) Device::noteRecorded(itemId);
+    return status;
+}
+
+}  // namespace Norvale_Plugin_Core

@@ -1,0 +1,42 @@
+#include "hostapi/Utils.h"
+
+#include <string_view>
+
+#include "standin/framework/base/Names.h"
+
+namespace Norvale_Plugin_Core {
+
+std::string Utils::NormalizeString(std::string text) {
+    return safeName(text);
+}
+
+std::string Utils::trimString(std::string text) {
+    constexpr const char* kWhiteSpace = " \t\n\r\v\f";
+    text.erase(text.find_last_not_of(kWhiteSpace) + 1);
+    text.erase(0, text.find_first_not_of(kWhiteSpace));
+    return text;
+}
+
+std::string Utils::getFileNameWithoutExtension(std::string name) {
+    return splitName(name).base;
+}
+
+std::string Utils::getImageExtension(Poco::Buffer<char>& firstBytes) {
+    using namespace std::string_view_literals;
+    const std::string_view bytes(firstBytes.begin(), firstBytes.size());
+    const auto startsWith = [&](std::string_view mark) { return bytes.substr(0, mark.size()) == mark; };
+    if (startsWith("\x89PNG\r\n\x1a\n"sv)) return "png";
+    if (startsWith("GIF87a"sv) || startsWith("GIF89a"sv)) return "gif";
+    if (startsWith("RIFF"sv) && bytes.size() >= 12 && bytes.substr(8, 4) == "WEBP"sv) return "webp";
+    if (startsWith("II\x2a\0"sv) || startsWith("MM\0\x2a"sv)) return "tif";
+    if (bytes.size() >= 12 && bytes.substr(4, 4) == "ftyp"sv) {
+        // The brands of still pictures; films have others.
+        for (const std::string_view brand :
+             {"heic"sv, "heix"sv, "heim"sv, "heis"sv, "hevc"sv, "hevx"sv, "mif1"sv, "msf1"sv}) {
+            if (bytes.substr(8, 4) == brand) return "heic";
+        }
+    }
+    return "jpg";
+}
+
+}  // namespace Norvale_Plugin_Core

@@ -1,0 +1,49 @@
+#include "standin/framework/run/RunConfiguration.h"
+
+#include <mutex>
+#include <utility>
+
+namespace Norvale_Plugin_Core {
+
+namespace {
+
+struct State {
+    std::mutex mutex;
+    ConfigurationValues values;
+    ConfigurationValues defaults;
+};
+
+State& state() {
+    static State& instance = *new State;
+    return instance;
+}
+
+std::optional<std::string> find(const ConfigurationValues State::*values, const std::string& key) {
+    const std::lock_guard<std::mutex> lock(state().mutex);
+    const auto found = (state().*values).find(key);
+    if (found == (state().*values).end()) return std::nullopt;
+    return found->second;
+}
+
+}  // namespace
+
+void setRunConfiguration(ConfigurationValues values, ConfigurationValues defaults) {
+    const std::lock_guard<std::mutex> lock(state().mutex);
+    state().values = std::move(values);
+    state().defaults = std::move(defaults);
+}
+
+std::optional<std::string> runValue(const std::string& key) {
+    return find(&State::values, key);
+}
+
+std::optional<std::string> runDefault(const std::string& key) {
+    return find(&State::defaults, key);
+}
+
+bool hasRunDefaults() {
+    const std::lock_guard<std::mutex> lock(state().mutex);
+    return !state().defaults.empty();
+}
+
+}  // namespace Norvale_Plugin_Core

@@ -1,0 +1,296 @@
+#include "standin/framework/run/RunJournal.h"
+
+#include <Poco/NumberParser.h>
+
+#include <algorithm>
+#include <string_view>
+
+#include "core/RunLines.h"
+#include "hostapi/HostServiceUsageParams.h"
+#include "standin/framework/base/Names.h"
+#include "standin/framework/run/RunState.h"
+#include "standin/framework/store/BackupDatabase.h"
+
+namespace Norvale_Plugin_Core {
+
+using Norvale_Plugin_Flickr::kItemBegins;
+using Norvale_Plugin_Flickr::kItemLeftOut;
+using Norvale_Plugin_Flickr::kItemRefused;
+using Norvale_Plugin_Flickr::kServiceRefuses;
+using Norvale_Plugin_Flickr::kSetRefused;
+
+namespace {
+
+bool startsWith(const std::string& text, std::string_view start) {
+    return text.compare(0, start.size(), start) == 0;
+}
+
+bool endsWith(const std::string& text, std::string_view end) {
+    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+std::string after(const std::string& text, std::string_view start) {
+    return text.substr(start.size());
+}
+
+bool isStopped() {
+    return HostServiceUsageParams::getInstance()->isBackupStopped();
+}
+
+bool isManuallyStopped() {
+    return HostServiceUsageParams::getInstance()->isManuallyStopped();
+}
+
+/// The number in which a line of the core ends.
+long numberOf(const std::string& text) {
+    int number = 0;
+    return Poco::NumberParser::tryParse(text, number) ? number : 0;
+}
+
+constexpr std::string_view kSetLine = "Processing Photo Set: ";
+constexpr std::string_view kListAttempt = "Getting Photo List Attempt - ";
+constexpr std::string_view kListedItem = "*********************** Photo Started";
+constexpr std::string_view kFewerListed = "Fewer items listed than announced: ";
+constexpr const char* kIdRefused =
+    "Its id holds characters that the service's ids never hold, so it was not asked for";
+constexpr std::string_view kListEnd = "Available new/updated media to process: ";
+constexpr std::string_view kSetsListed = "Available new/updated photo sets to process: ";
+constexpr std::string_view kUnchanged = " already backed up no change, continuing to next photo";
+constexpr std::string_view kEdited = " is edited, Downloading again.";
+constexpr std::string_view kDownloaded = " successfully downloaded.";
+constexpr std::string_view kItemEnd = "Closed socket connection for activity to download photo -";
+constexpr const char* kRefused = "Invalid Auth Token";
+constexpr std::string_view kFolderFailures[] = {"Error occured while creating directory - ",
+                                                "Unable to create thumbnail directory for - ",
+                                                "Unable to rename photoSet - "};
+
+}  // namespace
+
+RunJournal& RunJournal::instance() {
+    static RunJournal& journal = *new RunJournal;
+    return journal;
+}
+
+void RunJournal::begin() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    summary_ = RunSummary();
+    setItems_ = 0;
+    triedItems_ = 0;
+    setsListed_ = false;
+    sets_ = 0;
+    listedSets_ = 0;
+    beginSet("");
+}
+
+RunSummary RunJournal::summary() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    RunSummary summary = summary_;
+    summary.untriedItems += setItems_ - triedItems_;
+    summary.untriedSets = std::max(0L, sets_ - listedSets_);
+    summary.bytes = HostServiceUsageParams::getInstance()->getTotalSize();
+    if (!setsListed_ && summary.errors.empty() && !isStopped()) {
+        summary.errors.emplace_back("The list of photo sets was not fetched");
+    }
+    return summary;
+}
+
+void RunJournal::logLine(const std::string& line) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (followItem(line) || followFolder(line)) return;
+    followLists(line);
+}
+
+bool RunJournal::followItem(const std::string& line) {
+    if (const auto item = kItemBegins.read(line)) {
+        beginItem(item->id, item->text);
+    } else if (startsWith(line, kItemEnd)) {
+        endItem();
+    } else if (startsWith(line, "Photo - ") || startsWith(line, "Video - ")) {
+        if (endsWith(line, kUnchanged)) {
+            ++summary_.unchangedItems;
+            ++triedItems_;
+        }
+        if (endsWith(line, kEdited)) edited_ = true;
+    } else if (!file_.empty() && line.size() == file_.size() + kDownloaded.size() &&
+               startsWith(line, file_) && endsWith(line, kDownloaded)) {
+        downloaded_ = true;
+    } else if (startsWith(line, "Response Status - ") || startsWith(line, "Unable to download from ")) {
+        const bool redirect = line.find(" Redirecting to - ") != std::string::npos;
+        if (!redirect) reason_ = maskSecrets(line);
+    } else if (startsWith(line, "Data written is not the same as content length ")) {
+        reason_ = "The transfer ended early: fewer bytes came than were announced";
+    } else {
+        return false;
+    }
+    return true;
+}
+
+bool RunJournal::followFolder(const std::string& line) {
+    for (const std::string_view start : kFolderFailures) {
+        if (!startsWith(line, start)) continue;
+        if (!isStopped()) addFailure(after(line, start), takeReason());
+        return true;
+    }
+    return false;
+}
+
+bool RunJournal::followLists(const std::string& line) {
+    if (startsWith(line, kListedItem)) {
+        ++listedItems_;
+        lookupFailure_.clear();
+    } else if (const auto item = kItemLeftOut.read(line)) {
+        if (!isStopped()) leaveOutItem(item->id, item->text);
+    } else if (kServiceRefuses.read(line)) {
+        addRefusal(line);
+    } else if (startsWith(line, kItemRefused)) {
+        addFailureOnce(after(line, kItemRefused), set_, kIdRefused);
+    } else if (startsWith(line, kSetRefused)) {
+        addFailureOnce("", after(line, kSetRefused), kIdRefused);
+    } else if (startsWith(line, kFewerListed)) {
+        summary_.warnings.push_back("The service listed " + after(line, kFewerListed) +
+                                    " items that it announced for the photo set \"" + set_ + "\"");
+    } else if (startsWith(line, kSetLine)) {
+        beginSet(after(line, kSetLine));
+    } else if (startsWith(line, kListAttempt)) {
+        // Each attempt lists all items again: what an earlier one left out may be there now.
+        if (listAttempts_++ > 0) {
+            summary_.failures.erase(summary_.failures.begin() + static_cast<std::ptrdiff_t>(leftOutFrom_),
+                                    summary_.failures.end());
+        }
+        listedItems_ = 0;
+    } else if (startsWith(line, kListEnd)) {
+        endListing(numberOf(after(line, kListEnd)));
+    } else if (startsWith(line, kSetsListed)) {
+        setsListed_ = true;
+        if (!isStopped()) sets_ = numberOf(after(line, kSetsListed));
+    } else {
+        return false;
+    }
+    return true;
+}
+
+void RunJournal::beginSet(const std::string& title) {
+    summary_.untriedItems += setItems_ - triedItems_;
+    setItems_ = 0;
+    triedItems_ = 0;
+    set_ = title;
+    beginItem("", "");
+    recordFailed_ = false;
+    listAttempts_ = 0;
+    listedItems_ = 0;
+    leftOutFrom_ = summary_.failures.size();
+}
+
+void RunJournal::beginItem(const std::string& id, const std::string& title) {
+    itemId_ = id;
+    title_ = title;
+    file_.clear();
+    downloaded_ = false;
+    if (!id.empty()) return;
+    edited_ = false;
+    reason_.clear();
+}
+
+void RunJournal::endListing(long items) {
+    if (isStopped()) return;
+    ++listedSets_;
+    setItems_ = items;
+    if (listAttempts_ == 0) {
+        addFailure("", "The list of its items was not fetched: the number of attempts is 0");
+    } else if (listedItems_ == 0 && set_ != kNoSetId && summary_.failures.size() == leftOutFrom_) {
+        summary_.warnings.push_back("The service listed no items for the photo set \"" + set_ + "\"");
+    }
+}
+
+void RunJournal::endItem() {
+    ++triedItems_;
+    if (downloaded_) {
+        ++(edited_ ? summary_.editedItems : summary_.newItems);
+    } else if (isManuallyStopped() || (isStopped() && reason_.empty())) {
+        ++summary_.interruptedItems;
+    } else {
+        addFailure(file_.empty() ? title_ : file_, takeReason(), itemId_);
+    }
+    beginItem("", "");
+}
+
+void RunJournal::exception(const std::string& message, bool lastAttempt) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::string text = maskSecrets(message);
+    if (startsWith(message, "Exception occurred in getPhotoInformation()")) {
+        lookupFailure_ = text;
+    } else if (startsWith(message, "Exception occurred in DownloadPhotoListActivity")) {
+        // A stop that the user asked for hides no failure.
+        if (lastAttempt && (!isStopped() || isManuallyStopped())) addFailure("", text);
+    } else if (startsWith(message, "Exception occurred in ProcessPhoto()")) {
+        reason_ = text;
+        endItem();
+    } else if (startsWith(message, "Exception occurred in Media Download Activity")) {
+        reason_ = text;
+    } else if (lastAttempt) {
+        // The list of sets, the database, a refused authorisation.
+        reason_ = text;
+        addError(text);
+    }
+}
+
+void RunJournal::fileOpened(const std::string& path) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (file_.empty()) file_ = path.substr(path.rfind('/') + 1);
+}
+
+void RunJournal::fileServiceFailed(const std::string& explanation) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    reason_ = explanation;
+}
+
+void RunJournal::folderRecordFailed(const std::string& folder, const std::string& explanation) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (recordFailed_) return;
+    recordFailed_ = true;
+    addFailure(folder, "Its description record could not be written: " + explanation);
+}
+
+void RunJournal::leaveOutItem(const std::string& id, const std::string& title) {
+    // A page can come twice, as the last one of the items in no set does.
+    const auto first = summary_.failures.begin() + static_cast<std::ptrdiff_t>(leftOutFrom_);
+    const auto known = [&](const Failure& failure) { return failure.id == id; };
+    if (std::any_of(first, summary_.failures.end(), known)) return;
+    const std::string reason = lookupFailure_.empty() ? "It offers no file to download" : lookupFailure_;
+    addFailure(title, "The service's list of its renditions is of no use: " + reason, id);
+}
+
+void RunJournal::addFailureOnce(const std::string& name, const std::string& set, const std::string& reason) {
+    const auto first = summary_.failures.begin() + static_cast<std::ptrdiff_t>(leftOutFrom_);
+    const auto known = [&](const Failure& failure) {
+        return failure.name == name && failure.set == set && failure.reason == reason;
+    };
+    if (std::none_of(first, summary_.failures.end(), known))
+        summary_.failures.push_back({name, set, reason, ""});
+}
+
+void RunJournal::addRefusal(const std::string& line) {
+    for (std::string& error : summary_.errors) {
+        if (error == kRefused) error += ". " + maskSecrets(line);
+    }
+}
+
+void RunJournal::addFailure(std::string name, std::string reason, std::string id) {
+    summary_.failures.push_back({std::move(name), set_, std::move(reason), std::move(id)});
+}
+
+void RunJournal::addError(const std::string& text) {
+    // A database that fails does so for every item: once is enough to know.
+    constexpr std::size_t kMostErrors = 20;
+    std::vector<std::string>& errors = summary_.errors;
+    if (errors.size() >= kMostErrors || std::find(errors.begin(), errors.end(), text) != errors.end()) return;
+    errors.push_back(text);
+}
+
+std::string RunJournal::takeReason() {
+    std::string reason = std::move(reason_);
+    reason_.clear();
+    return reason.empty() ? "No attempt was made, or it gave no reason" : reason;
+}
+
+}  // namespace Norvale_Plugin_Core
