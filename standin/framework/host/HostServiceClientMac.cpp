@@ -4,8 +4,8 @@
 //   openFile     the ledger is marked as in use, then Trip/.part-PID-N is made
 //   writeFileV2  bytes go there, see FileWriter.h
 //   closeFile    the record is written beside, under the same temporary name; both are flushed; the ledger
-//                enters the final name as pending; the record takes its name, the file takes its own; the
-//                folder is flushed
+//                enters the final name as pending; the record takes its name, and its folder is flushed; the
+//                file takes its own name, and its folder is flushed
 //
 // The ledger's row stays pending until the item's row is known to be in the backup database; Recovery.h
 // settles what is left.
@@ -253,7 +253,11 @@ void HostServiceClientMac::Impl::place(OpenFile& open, const std::string& item,
         }
     };
     try {
-        if (record) record->place(name + kRecordExtension, true);
+        if (record) {
+            // On a file system that lets names reach the disk in any order the file would be nobody's.
+            record->place(name + kRecordExtension, true);
+            if (::fsync(record->folder().get()) != 0) device->fail("write", open.path, errno);
+        }
         int error = 0;
         if (replaces) {
             if (::renameat(open.folder.get(), part.c_str(), open.folder.get(), name.c_str()) != 0)
@@ -266,9 +270,7 @@ void HostServiceClientMac::Impl::place(OpenFile& open, const std::string& item,
         undo();
         throw;
     }
-    if (::fsync(open.folder.get()) != 0 || (record && ::fsync(record->folder().get()) != 0)) {
-        device->fail("write", open.path, errno);
-    }
+    if (::fsync(open.folder.get()) != 0) device->fail("write", open.path, errno);
     if (replaces) ledger.setPending(open.path, 1);
 }
 
