@@ -94,6 +94,7 @@ protected:
         const std::string closed = result_, reason = error_;
         if (closed != "SUC") client.deleteFile(7, command_, result_, error_);
         error_ = reason;
+        if (closed == "SUC") Device::placeStaged();
         return closed;
     }
 
@@ -540,6 +541,7 @@ TEST_F(FrameworkTest, WritesLargeFilesWholeOrSaysThatItCannot) {
             client.writeFileV2(7, &data[at], static_cast<int>(count), command_, result_, error_);
         }
         if (result_ == "SUC") client.closeFile(7, nullptr, 0, command_, result_, error_);
+        Device::placeStaged();
         return result_ == "SUC";
     };
     HostServiceClientMac client;
@@ -603,6 +605,23 @@ TEST_F(FrameworkTest, ShowsAFileUnderItsNameOnlyWhenItIsComplete) {
     EXPECT_EQ("newer", read(device("a.jpg")));
     EXPECT_EQ("1", recordField(read(device(".records/a.jpg.xml")), "ID")) << "the refused one left no record";
     EXPECT_THAT(files(), ElementsAre(".records/a.jpg.xml", "a.jpg"));
+
+    // A whole file takes its name with its item's row, or when it is renamed; until then it can be given up.
+    const BackupDatabase open((folder_ / "backup.db").string());
+    Database database(open.path());
+    for (const std::string name : {"given up", "recorded", "renamed"}) {
+        client.openFile(name, 7, command_, result_, error_);
+        client.writeFileV2(7, data.data(), 4, command_, result_, error_);
+        client.closeFile(7, nullptr, 0, command_, result_, error_);
+        EXPECT_EQ("SUC", result_) << error_;
+        EXPECT_FALSE(fs::exists(device(name)));
+        EXPECT_EQ(name + " (2)", database.generateFileName(name, "", kNoSetId, "3")) << "the name is taken";
+        if (name == "given up") client.deleteFile(name, command_, result_, error_);
+        if (name == "recorded") database.item("1", kNoSetId, name, "");
+        if (name == "renamed") client.renameFile(name, "other name", command_, result_, error_);
+        EXPECT_EQ("SUC", result_) << error_;
+    }
+    EXPECT_THAT(files(), ElementsAre(".records/a.jpg.xml", "a.jpg", "other name", "recorded"));
 }
 
 TEST_F(FrameworkTest, LeavesForeignFilesAlone) {

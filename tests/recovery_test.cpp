@@ -19,6 +19,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <set>
 #include <vector>
 
@@ -204,6 +205,8 @@ public:
 private:
     void sql(const std::string& statements) {
         try {
+            database_.initialize();
+            const std::shared_ptr<void> connector(nullptr, [this](void*) { database_.uninitialize(); });
             SqliteFile(path_, SqliteFile::Open::Existing).execute(statements.c_str());
         } catch (Poco::Exception&) {
             failed_ = true;

@@ -16,6 +16,7 @@
 
 #include "standin/framework/base/Names.h"
 #include "standin/framework/device/Description.h"
+#include "standin/framework/device/StagedFiles.h"
 #include "standin/framework/run/RunState.h"
 #include "standin/framework/store/BackupDatabase.h"
 #include "standin/framework/store/DatabaseRegistry.h"
@@ -25,6 +26,7 @@ namespace Norvale_Plugin_Core {
 namespace {
 
 constexpr const char* kLedgerName = ".ledger.db";
+constexpr std::size_t kMostWaiting = 64;  // old versions, until rows are flushed for them
 constexpr std::size_t kReadSize = 1 << 20;
 constexpr std::size_t kLongestRecord = 1 << 20;
 
@@ -242,15 +244,27 @@ void Device::close() {
 /// A ledger that ends by closing vouches for all that the disk holds.
 void Device::finish() {
     try {
+        staged_->place();
         flushRows();
     } catch (Poco::Exception&) {
         ledger_.leaveInUse();
     }
 }
 
+void Device::placeStaged() {
+    std::shared_ptr<Device> device;
+    {
+        const std::lock_guard<std::mutex> lock(sharedDevice().mutex);
+        device = sharedDevice().device;
+    }
+    if (device) device->staged_->place();
+}
+
 // What cannot be noted stays pending, and recovery settles it.
 void Device::noteRecorded(const std::string& itemId) {
-    withShared([&](Device& device) { device.ledger_.settleItemLater(itemId); });
+    withShared([&](Device& device) {
+        if (device.ledger_.settleItemLater(itemId)) device.flushRows();
+    });
 }
 
 void Device::noteFolder(const std::string& setId, const std::string& folder) {
@@ -260,9 +274,14 @@ void Device::noteFolder(const std::string& setId, const std::string& folder) {
 }
 
 Device::Device(Descriptor root, std::string path, const std::string& realPath)
-    : root_(std::move(root)), path_(std::move(path)), ledger_(preparedLedgerPath(root_.get(), realPath)) {
+    : root_(std::move(root)),
+      path_(std::move(path)),
+      ledger_(preparedLedgerPath(root_.get(), realPath)),
+      staged_(std::make_unique<StagedFiles>(*this)) {
     ::fstat(root_.get(), &identity_);
 }
+
+Device::~Device() = default;
 
 bool Device::isGone() const {
     struct stat now = {};
@@ -395,6 +414,27 @@ void Device::beforeTaking(const std::string& path) {
     if (::fsync(folder.get()) != 0) fail("write", path, errno);
 }
 
+std::vector<Descriptor> Device::leftByOlderVersion(const std::string& path, const std::string& item) {
+    for (const LedgerFile& other : ledger_.filesOfItem(item)) {
+        if (other.was != nameOf(path) || folderOf(other.path) != folderOf(path)) continue;
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            left_.erase(nameKey(path));
+        }
+        std::vector<Descriptor> folders;
+        folders.push_back(openFolder(folderOf(path)));
+        Descriptor records = openRecordFolder(folderOf(path), false);
+        if (records.isOpen()) folders.push_back(std::move(records));
+        return folders;
+    }
+    return {};
+}
+
+bool Device::isTaken(const std::string& path, const std::string& item) {
+    if (isWaiting(path)) flushRows();
+    return staged_->holds(path) || (status(path) && !owns(path, item));
+}
+
 // What the ledger no longer calls pending has to be in the database: that goes first.
 void Device::flushRows() {
     std::set<std::string> folders;
@@ -411,6 +451,13 @@ void Device::flushRows() {
         }
     }
     flushOpenDatabases();
+    ledger_.writeSettled();
+    ledger_.flush();
+    removeWaiting();
+}
+
+void Device::flushLedger() {
+    if (ledger_.speaksOfUnflushedRows()) return flushRows();
     ledger_.flush();
 }
 
@@ -431,7 +478,7 @@ void Device::makeFolder(const std::string& path) {
     }
     beforeTaking(path);
     ledger_.addMadeFolder(path);
-    ledger_.flush();
+    flushLedger();
     if (::mkdirat(parent.get(), name.c_str(), folderMode()) != 0 && errno != EEXIST) {
         const int error = errno;
         ledger_.forgetFolder(path);
@@ -472,7 +519,7 @@ void Device::renameFolder(const std::string& from, const std::string& to) {
     beforeTaking(to);
     flushRows();
     ledger_.moveFolder(from, to, true);
-    ledger_.flush();
+    flushLedger();
     const int error = renameWithoutReplacing(fromParent.get(), fromName, toParent.get(), toName);
     if (error != 0) {
         ledger_.moveFolder(to, from, false);
@@ -485,6 +532,11 @@ void Device::renameFolder(const std::string& from, const std::string& to) {
 void Device::removeFile(const std::string& path) {
     const std::optional<LedgerFile> file = ledger_.file(path);
     if (file && !file->was.empty()) flushRows();
+    removeFlushed(path, file);
+}
+
+/// Removes it when the disk knows of what speaks of it.
+void Device::removeFlushed(const std::string& path, const std::optional<LedgerFile>& file) {
     const auto [folder, name] = placeOf(path);
     const std::string kept = file && file->was.empty() ? replacedBy(*file) : std::string();
     if (!kept.empty()) {
@@ -498,6 +550,36 @@ void Device::removeFile(const std::string& path) {
     if (::unlinkat(folder.get(), name.c_str(), 0) != 0 && errno != ENOENT) fail("remove", path, errno);
     removeRecord(folderOf(path), name + kRecordExtension);
     if (file) ledger_.setPending(path, kRemoved);
+}
+
+void Device::removeFileLater(const std::string& path) {
+    std::size_t waiting = 0;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        waiting_.insert(path);
+        waiting = waiting_.size();
+    }
+    if (waiting >= kMostWaiting) flushRows();
+}
+
+bool Device::isWaiting(const std::string& path) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return waiting_.count(path) != 0;
+}
+
+/// What cannot be removed stays aside in the ledger, and the next run removes it.
+void Device::removeWaiting() {
+    std::set<std::string> paths;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        paths.swap(waiting_);
+    }
+    for (const std::string& path : paths) {
+        try {
+            removeFlushed(path, ledger_.file(path));
+        } catch (DeviceException&) {
+        }
+    }
 }
 
 /// Path of the version that the file has replaced and that is kept; empty when there is none.
@@ -526,6 +608,7 @@ bool Device::keepReplaced(const std::string& path, const std::string& item) {
 }
 
 void Device::refuseStanding(const std::string& from, const std::string& to) {
+    if (isWaiting(to)) flushRows();
     if (nameKey(from) == nameKey(to) || !status(to)) return;
     throw DeviceException("Cannot rename " + quoted(from) + ": " + quoted(to) + " exists already");
 }
@@ -544,7 +627,7 @@ void Device::moveFileOnly(const std::string& from, const std::string& to) {
 void Device::putFileAside(const std::string& from, const std::string& to) {
     refuseStanding(from, to);  // before the row claims what is somebody else's
     ledger_.moveFile(from, to, nameOf(from));
-    if (isOwnName(nameOf(to), kKeptPrefix)) ledger_.flush();
+    if (isOwnName(nameOf(to), kKeptPrefix)) flushLedger();
     try {
         moveFileOnly(from, to);
     } catch (Poco::Exception&) {
@@ -617,8 +700,8 @@ void Device::writeFolderRecord(const std::string& folder, const std::string& tex
     ledger_.markInUse();
     {
         NewRecord record(*this, folder, newOwnName(kPartPrefix));
-        record.write(text, false);
-        record.place(kFolderRecord, false);
+        record.write(text);
+        record.place(kFolderRecord);
     }
     const std::lock_guard<std::mutex> lock(mutex_);
     records_.insert(folder);
@@ -684,17 +767,23 @@ NewRecord::~NewRecord() {
     device_.ledger().leaveInUse();
 }
 
-void NewRecord::write(const std::string& text, bool send) {
+void NewRecord::write(const std::string& text) {
     for (std::size_t at = 0; at < text.size();) {
         const ssize_t written = ::write(file_.get(), text.data() + at, text.size() - at);
         if (written < 0 && errno != EINTR) fail(errno);
         if (written > 0) at += static_cast<std::size_t>(written);
     }
-    if (send) ::sync_file_range(file_.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
 }
 
-void NewRecord::place(const std::string& name, bool flush) {
-    if (flush && ::fdatasync(file_.get()) != 0) fail(errno);
+void NewRecord::send() {
+    ::sync_file_range(file_.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
+}
+
+int NewRecord::flush() {
+    return ::fdatasync(file_.get()) == 0 ? 0 : errno;
+}
+
+void NewRecord::place(const std::string& name) {
     if (::renameat(records_.get(), partName_.c_str(), records_.get(), name.c_str()) != 0) fail(errno);
     placed_ = true;
 }

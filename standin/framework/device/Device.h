@@ -13,10 +13,13 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "standin/framework/device/Ledger.h"
 
 namespace Norvale_Plugin_Core {
+
+class StagedFiles;
 
 /// An open file descriptor, closed with the object. -1 for none.
 class Descriptor {
@@ -58,6 +61,9 @@ public:
     /// keeps it open.
     static void close();
 
+    /// The new files of the device in use take their names, on the disk: an item's row is about to be
+    /// written. Throws the DeviceException of the first that cannot.
+    static void placeStaged();
     /// The item's row is in the backup database: nothing of it is pending on the device in use.
     static void noteRecorded(const std::string& itemId);
     /// The set's row is in the backup database and names that folder: it is the set's from now on.
@@ -68,8 +74,10 @@ public:
     static void share(bool shared);
 
     Device(Descriptor root, std::string path, const std::string& realPath);
+    ~Device();
 
     Ledger& ledger() { return ledger_; }
+    StagedFiles& staged() { return *staged_; }
     const std::string& path() const { return path_; }
 
     /// Throws for a path that leads out of the service folder or into the service's own folders.
@@ -90,11 +98,20 @@ public:
     /// by the name in known, or for a set without one a folder that was made for it.
     bool isFolderFree(const std::string& name, const std::string& known, const std::string& setId);
 
+    /// True when that name cannot be given to the item: something of somebody else's has it.
+    bool isTaken(const std::string& path, const std::string& item);
+
     /// To be called before something takes the name path: when a rename has left it in this run, the rows
     /// that speak of the rename, and the rename, are on the disk afterwards.
     void beforeTaking(const std::string& path);
-    /// Puts the rows of the backup database and of the ledger on the disk, with the folders' records.
+    /// The same for a name that an older version of the item's own file has left, which no row speaks of:
+    /// folders to flush before it is taken. None when the name was left by nothing.
+    std::vector<Descriptor> leftByOlderVersion(const std::string& path, const std::string& item);
+    /// Puts the rows of the backup database and of the ledger on the disk, with the folders' records, and
+    /// removes what was waiting for that.
     void flushRows();
+    /// Puts the ledger on the disk, and before it the rows that it counts on.
+    void flushLedger();
     /// Puts on the disk which names there are in a folder and among its records.
     void flushFolder(const std::string& folder);
 
@@ -105,6 +122,8 @@ public:
     /// that stands aside goes only when the disk knows of what has taken its place. A file that replaced
     /// another one makes way for it again.
     void removeFile(const std::string& path);
+    /// Removes an old version that stands aside when rows are flushed the next time.
+    void removeFileLater(const std::string& path);
     /// Puts a file aside: its row remembers the name that it had.
     void putFileAside(const std::string& from, const std::string& to);
     /// Puts what stands at path and belongs to the item aside under a name of the file service's own, on the
@@ -151,6 +170,9 @@ private:
     void refuseStanding(const std::string& from, const std::string& to);
     void moveFileOnly(const std::string& from, const std::string& to);
     Descriptor openRecordFolder(const std::string& folder, bool create);
+    void removeFlushed(const std::string& path, const std::optional<LedgerFile>& file);
+    void removeWaiting();
+    bool isWaiting(const std::string& path);
 
     Descriptor root_;
     std::string path_;
@@ -161,6 +183,9 @@ private:
     std::set<std::string> left_;     // keys of names that a rename has left, and nothing has taken since
     bool leftUnflushed_ = false;     // some of these renames since the rows were flushed last
     std::set<std::string> records_;  // folders whose records were written since then
+    std::set<std::string> waiting_;  // old versions that go behind the next flush of rows
+
+    std::unique_ptr<StagedFiles> staged_;
 };
 
 /// A description record on its way to the device: it stands there whole or not at all. It is removed again
@@ -173,10 +198,12 @@ public:
     NewRecord(const NewRecord&) = delete;
     NewRecord& operator=(const NewRecord&) = delete;
 
-    /// send: the disk begins with it at once, for a place() with flush that does not take long.
-    void write(const std::string& text, bool send);
-    /// Gives it its name. flush: its text is on the disk then.
-    void place(const std::string& name, bool flush);
+    void write(const std::string& text);
+    /// The disk begins with it, so that the flush does not take long.
+    void send();
+    /// Its text is on the disk afterwards: 0, or an error number. May be called from another thread.
+    int flush();
+    void place(const std::string& name);
     /// The folder in which it stands.
     const Descriptor& folder() const { return records_; }
 

@@ -39,8 +39,12 @@ int FileWriter::add(const char* data, std::size_t size) {
 int FileWriter::finish() {
     pass();
     endThread();
-    if (error_ == 0 && ::fsync(file_.get()) != 0) error_ = errno;
+    if (error_ == 0) send();
     return error_;
+}
+
+int FileWriter::flush() {
+    return ::fsync(file_.get()) == 0 ? 0 : errno;
 }
 
 /// Writes the piece, or hands it on to the thread, which there is only for a large file.
@@ -112,12 +116,14 @@ int FileWriter::write(const std::string& piece) {
     }
     checksum_.update(piece.data(), piece.size());
     size_ += piece.size();
-    if (size_ - sent_ >= kSendFrom) {
-        ::sync_file_range(file_.get(), static_cast<off64_t>(sent_), static_cast<off64_t>(size_ - sent_),
-                          SYNC_FILE_RANGE_WRITE);
-        sent_ = size_;
-    }
+    if (size_ - sent_ >= kSendFrom) send();
     return 0;
+}
+
+void FileWriter::send() {
+    ::sync_file_range(file_.get(), static_cast<off64_t>(sent_), static_cast<off64_t>(size_ - sent_),
+                      SYNC_FILE_RANGE_WRITE);
+    sent_ = size_;
 }
 
 }  // namespace Norvale_Plugin_Core

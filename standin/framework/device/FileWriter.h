@@ -1,7 +1,7 @@
 // How the bytes of a file get to the device: gathered to large pieces, which a file system takes for hardly
 // more than a small one, and from some size on written by a thread of their own, so that the network does not
-// wait for the disk. What is written is sent to the disk while the file still grows: finishing does not wait
-// for all of it.
+// wait for the disk. What is written is sent to the disk while the file still grows, and at its end: the
+// flush does not wait for all of it.
 
 #ifndef STANDIN_FRAMEWORK_DEVICE_FILEWRITER_H
 #define STANDIN_FRAMEWORK_DEVICE_FILEWRITER_H
@@ -33,8 +33,10 @@ public:
     /// Takes a copy of the bytes. An error of writing them may only be told by a later call.
     int add(const char* data, std::size_t size);
 
-    /// Writes what is left and flushes the file to the disk.
+    /// Writes what is left; the disk begins with it.
     int finish();
+    /// The finished file is on the disk afterwards. May be called from another thread.
+    int flush();
 
     /// Of the finished file: its size in bytes and its checksum.
     std::uint64_t size() const { return size_; }
@@ -45,6 +47,7 @@ private:
     bool startThread();
     void writePieces();
     int write(const std::string& piece);
+    void send();
     void endThread();
 
     Descriptor file_;

@@ -182,24 +182,40 @@ void Ledger::enterUse() {
 }
 
 template <typename Change>
-void Ledger::writeAlone(Change change) {
+void Ledger::write(Change change) {
     enterUse();
     Transaction transaction(database_);
     change();
     transaction.commit();
 }
 
+// What was settled before must not settle a change that comes after it.
 template <typename Change>
-void Ledger::write(Change change) {
-    writeAlone([&] {
+void Ledger::writeFor(const std::string& item, Change change) {
+    if (laterSettled_.count(item) != 0) {
+        writeLater();
+        speaksOfUnflushedRows_ = true;
+    }
+    write(change);
+}
+
+void Ledger::writeLater() {
+    if (laterSettled_.empty()) return;
+    write([&] {
         for (const std::string& item : laterSettled_) StatementUse(sql_->settleItem, item).run();
-        change();
     });
     laterSettled_.clear();
 }
 
-void Ledger::writeLater() {
-    if (!laterSettled_.empty()) write([] {});
+void Ledger::writeSettled() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    writeLater();
+    speaksOfUnflushedRows_ = false;
+}
+
+bool Ledger::speaksOfUnflushedRows() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return speaksOfUnflushedRows_;
 }
 
 void Ledger::flush() {
@@ -276,6 +292,12 @@ std::optional<LedgerFile> Ledger::file(const std::string& path) {
     return file;
 }
 
+/// Whose the file is; empty when no row speaks of it.
+std::string Ledger::itemOf(std::int64_t folder, const std::string& name) {
+    StatementUse find(sql_->findFile, folder, name);
+    return find.step() ? find->text(2) : std::string();
+}
+
 std::vector<LedgerFile> Ledger::filesOfItem(const std::string& item) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto statement = database_.prepare((std::string(kFileColumns) + "WHERE item = ?").c_str());
@@ -299,12 +321,7 @@ void Ledger::putFile(const LedgerFile& file) {
                      static_cast<std::int64_t>(file.pending))
             .run();
     };
-    // What was settled before must not settle this file as well.
-    if (laterSettled_.size() >= kMostPutOff || laterSettled_.count(file.item) != 0) {
-        write(put);
-    } else {
-        writeAlone(put);
-    }
+    writeFor(file.item, put);
 }
 
 void Ledger::eraseFile(const std::string& path) {
@@ -316,7 +333,8 @@ void Ledger::eraseFile(const std::string& path) {
 
 void Ledger::moveFile(const std::string& from, const std::string& to, const std::string& was) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    write([&] {
+    const std::int64_t known = folderId(folderOf(from), false);
+    writeFor(known == 0 ? std::string() : itemOf(known, nameOf(from)), [&] {
         const std::int64_t toFolder = folderId(folderOf(to), true);
         const std::int64_t fromFolder = folderId(folderOf(from), true);
         StatementUse(sql_->eraseFile, toFolder, nameOf(to)).run();
@@ -330,18 +348,18 @@ void Ledger::setPending(const std::string& path, int pending) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const std::int64_t folder = folderId(folderOf(path), false);
     if (folder == 0) return;
-    write([&] {
+    writeFor(itemOf(folder, nameOf(path)), [&] {
         const auto set = database_.prepare("UPDATE files SET pending = ? WHERE folder = ? AND name = ?");
         StatementUse(*set, static_cast<std::int64_t>(pending), folder, nameOf(path)).run();
     });
 }
 
-void Ledger::settleItemLater(const std::string& item) {
+bool Ledger::settleItemLater(const std::string& item) {
     const std::lock_guard<std::mutex> lock(mutex_);
     laterSettled_.insert(item);
-    // From the first one on a backup database that is put back from before this use can be told.
-    if (!hasSettled_) writeLater();
+    const bool isFirst = !hasSettled_;
     hasSettled_ = true;
+    return isFirst || laterSettled_.size() >= kMostPutOff;
 }
 
 std::vector<std::string> Ledger::settledItems() {
@@ -362,7 +380,7 @@ bool Ledger::madeFolder(const std::string& path) {
 
 void Ledger::addMadeFolder(const std::string& path) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    writeAlone([&] { StatementUse(sql_->setFolderMade, folderId(path, true)).run(); });
+    write([&] { StatementUse(sql_->setFolderMade, folderId(path, true)).run(); });
 }
 
 void Ledger::moveFolder(const std::string& from, const std::string& to, bool pending) {
@@ -406,7 +424,7 @@ void Ledger::forgetFolderRows(std::int64_t id) {
 void Ledger::settleFolders(const std::vector<std::string>& paths) {
     if (paths.empty()) return;
     const std::lock_guard<std::mutex> lock(mutex_);
-    writeAlone([&] {
+    write([&] {
         for (const std::string& path : paths) {
             StatementUse(sql_->settleFolder, folderId(path, false)).run();
         }
@@ -456,7 +474,7 @@ std::string Ledger::folderOwner(const std::string& path) {
 
 void Ledger::setFolderOwner(const std::string& path, const std::string& owner) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    writeAlone([&] {
+    write([&] {
         // Whatever else was the set's or the folder's makes way.
         const auto set = database_.prepare("INSERT OR REPLACE INTO owners (owner, folder) VALUES (?, ?)");
         StatementUse(*set, owner, folderId(path, true)).run();

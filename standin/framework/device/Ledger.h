@@ -87,10 +87,15 @@ public:
     /// Moves the row from one path to another, pending, and notes where it was when the folder is the same.
     void moveFile(const std::string& from, const std::string& to, const std::string& was);
     void setPending(const std::string& path, int pending);
-    /// Nothing of the item is pending any more, except files that stand aside or were removed. Put off until
-    /// many are settled at once, something else than a new file or folder is entered, or the ledger is
-    /// closed; only the first item of a use is settled at once.
-    void settleItemLater(const std::string& item);
+    /// Nothing of the item is pending any more, except files that stand aside or were removed. That is
+    /// written by writeSettled(), before a file of the item changes again, and when the ledger is closed.
+    /// True when it is to be written soon: for the first item of a use, from which on a backup database that
+    /// is put back from before this use can be told, and when many wait.
+    bool settleItemLater(const std::string& item);
+    /// Writes it, for items whose rows in the backup database are on the disk.
+    void writeSettled();
+    /// True when it was written for items whose rows may not be on the disk, since the last writeSettled().
+    bool speaksOfUnflushedRows();
 
     bool madeFolder(const std::string& path);
     void addMadeFolder(const std::string& path);
@@ -117,12 +122,14 @@ private:
     std::vector<LedgerFolder> readFolders(const char* where);
     static LedgerFile fileOfRow(const Statement& row, std::string path);
     std::vector<LedgerFile> readFiles(StatementUse& use);
-    /// Runs everything that was put off and then change, in one transaction.
+    /// Runs change in a transaction; writeFor() before it everything that was put off, when that speaks of
+    /// the item.
     template <typename Change>
     void write(Change change);
     template <typename Change>
-    void writeAlone(Change change);
+    void writeFor(const std::string& item, Change change);
     void writeLater();
+    std::string itemOf(std::int64_t folder, const std::string& name);
     void enterUse();
 
     std::mutex mutex_;
@@ -133,6 +140,7 @@ private:
     bool inUse_ = false;
     bool leftInUse_ = false;
     bool hasSettled_ = false;
+    bool speaksOfUnflushedRows_ = false;
     std::map<std::string, std::int64_t> folderIds_;
     std::set<std::string> laterSettled_;
 };

@@ -87,7 +87,10 @@ void DbInterface::setConnectionString(std::string connectionString) {
     connectionString_ = std::move(connectionString);
 }
 
+// Also what comes before the statements with which an item's row is changed: its new files are on the disk by
+// then.
 void DbInterface::initialize() {
+    Device::placeStaged();
     Poco::Data::SQLite::Connector::registerConnector();
 }
 
@@ -138,7 +141,7 @@ std::string DbInterface::generateFileName(std::string title, std::string contain
             if (database.nameTaken(atRoot ? "" : containerId, nameKey(wanted), itemId)) return false;
             // What a killed run left of this very item may be replaced; anything else may not.
             const std::string path = joinPath(atRoot ? "" : containerName, wanted);
-            return !device || !device->status(path) || device->owns(path, itemId);
+            return !device || !device->isTaken(path, itemId);
         };
         const std::string known = database.derivedName(itemId);
         const bool keeps = !known.empty() && fits(known, candidate) && isFree(known);
@@ -192,6 +195,7 @@ int DbInterface::createEntry(std::string itemId, std::string itemName, std::stri
                              std::string reserved3) {
     int status = 0;
     guarded(exceptionHandler_, connectionString_, "createEntry", [&](BackupDatabase& database) {
+        Device::placeStaged();
         database.put({itemId, itemName, itemContainerName, derivedItemName, derivedContainerName,
                       originalItemId, originalContainerId, createdOn, updatedOn, itemType, imageExtension,
                       reserved1, reserved2, reserved3});

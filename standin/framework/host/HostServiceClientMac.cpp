@@ -3,9 +3,11 @@
 //
 //   openFile     the ledger is marked as in use, then Trip/.part-PID-N is made
 //   writeFileV2  bytes go there, see FileWriter.h
-//   closeFile    the record is written beside, under the same temporary name; both are flushed; the ledger
-//                enters the final name as pending; the record takes its name, and its folder is flushed; the
-//                file takes its own name, and its folder is flushed
+//   closeFile    the description is written beside, under the same temporary name
+//
+// Then the file counts as one of its name for every operation. It takes the name together with the item's
+// other files, see StagedFiles.h: when the item's row is about to be written, or an operation needs it under
+// its name.
 //
 // The ledger's row stays pending until the item's row is known to be in the backup database; Recovery.h
 // settles what is left.
@@ -27,8 +29,8 @@
 #include "standin/framework/base/Names.h"
 #include "standin/framework/device/Description.h"
 #include "standin/framework/device/Device.h"
-#include "standin/framework/device/FileWriter.h"
 #include "standin/framework/device/ItemFiles.h"
+#include "standin/framework/device/StagedFiles.h"
 #include "standin/framework/run/RunJournal.h"
 #include "standin/framework/run/RunState.h"
 
@@ -38,13 +40,6 @@ namespace {
 
 constexpr const char* kSuccess = "SUC";
 constexpr const char* kFailure = "ERR";
-
-struct OpenFile {
-    std::string path;
-    std::string partName;
-    Descriptor folder;
-    std::unique_ptr<FileWriter> writer;
-};
 
 /// The plug-in makes a set's thumbnail folder together with the set's. When the language has changed since,
 /// or somebody removed the folder, it would be missing for good.
@@ -69,7 +64,7 @@ std::string standingCover(Device& device, const std::string& cover) {
 
 struct HostServiceClientMac::Impl {
     std::shared_ptr<Device> device;
-    std::map<long, OpenFile> files;
+    std::map<long, std::unique_ptr<StagedFile>> files;
     std::string lastItem;  // the item closed last: the next file without a record is its thumbnail
 
     /// The device of the run; the service folder may have changed since the last call.
@@ -81,22 +76,13 @@ struct HostServiceClientMac::Impl {
         return *device;
     }
 
-    OpenFile& file(long handle) {
+    StagedFile& file(long handle) {
         const auto found = files.find(handle);
         if (found == files.end()) throw DeviceException("No file is open under " + std::to_string(handle));
-        return found->second;
-    }
-
-    void discard(long handle) {
-        OpenFile& open = file(handle);
-        // On a device that fails it stays, for the next run to remove.
-        const bool gone = ::unlinkat(open.folder.get(), open.partName.c_str(), 0) == 0 || errno == ENOENT;
-        if (!gone) device->ledger().leaveInUse();
-        files.erase(handle);
+        return *found->second;
     }
 
     void close(long handle, const std::string& metadata);
-    void place(OpenFile& open, const std::string& item, std::optional<NewRecord>& record);
 };
 
 namespace {
@@ -143,9 +129,7 @@ void answer(const std::string& description, std::string& command, std::string& r
 
 HostServiceClientMac::HostServiceClientMac() : impl_(std::make_unique<Impl>()) {}
 
-HostServiceClientMac::~HostServiceClientMac() {
-    while (!impl_->files.empty()) impl_->discard(impl_->files.begin()->first);
-}
+HostServiceClientMac::~HostServiceClientMac() = default;
 
 void HostServiceClientMac::connect() {
     std::string command, result, error;
@@ -160,22 +144,11 @@ long HostServiceClientMac::openFile(std::string path, long mode, std::string& co
                                     std::string& error) {
     RunJournal::instance().fileOpened(path);
     answer("OPEN " + path, command, result, error, true, [&] {
-        if (impl_->files.count(mode) != 0) impl_->discard(mode);
+        impl_->files.erase(mode);
         Device& device = impl_->current();
         Device::checkPath(path);
         makeThumbnailFolder(device, folderOf(path));
-        OpenFile open;
-        open.path = path;
-        open.folder = device.openFolder(folderOf(path));
-        device.ledger().markInUse();
-        Descriptor file;
-        do {
-            open.partName = newOwnName(kPartPrefix);
-            file = makeFile(open.folder.get(), open.partName);
-        } while (!file.isOpen() && errno == EEXIST);
-        if (!file.isOpen()) device.fail("make a file for", path, errno);
-        open.writer = std::make_unique<FileWriter>(std::move(file));
-        impl_->files.emplace(mode, std::move(open));
+        impl_->files.emplace(mode, std::make_unique<StagedFile>(device, path));
     });
     return mode;
 }
@@ -184,11 +157,11 @@ void HostServiceClientMac::writeFileV2(int handle, char* buffer, int count, std:
                                        std::string& result, std::string& error) {
     answer("WRITE " + std::to_string(handle) + " " + std::to_string(count), command, result, error, true,
            [&] {
-               OpenFile& open = impl_->file(handle);
+               StagedFile& open = impl_->file(handle);
                if (count < 0 || (count > 0 && !buffer)) throw DeviceException("There are no bytes to write");
                const auto size = static_cast<std::size_t>(count);
-               const int failure = open.writer->add(buffer, size);
-               if (failure != 0) impl_->device->fail("write", open.path, failure);
+               const int failure = open.writer().add(buffer, size);
+               if (failure != 0) impl_->device->fail("write", open.path(), failure);
                addWrittenBytes(size);
            });
 }
@@ -203,81 +176,21 @@ void HostServiceClientMac::closeFile(long handle, char* metadata, int length, st
 }
 
 void HostServiceClientMac::Impl::close(long handle, const std::string& metadata) {
-    OpenFile& open = file(handle);
     const std::string item = metadata.empty() ? lastItem : recordField(metadata, "ID");
-    std::optional<NewRecord> record;
-    if (!metadata.empty()) {
-        // Where the record stands says where its file is; see ItemRecord.h. It goes to the disk beside the
-        // file, in whose flush most file systems then include it.
-        const bool own = recordField(metadata, "PhysicalFileName") == open.path;
-        record.emplace(*device, folderOf(open.path), open.partName);
-        record->write(own ? withRecordField(metadata, "PhysicalFileName", nameOf(open.path)) : metadata,
-                      true);
-    }
-    const int failure = open.writer->finish();
-    if (failure != 0) device->fail("write", open.path, failure);
-
-    place(open, item, record);
-    files.erase(handle);
+    file(handle).finish(item, metadata);
+    device->staged().add(std::move(files.extract(handle).mapped()));
     if (!metadata.empty()) {
         lastItem = item;
         addFinishedItem();
     }
 }
 
-void HostServiceClientMac::Impl::place(OpenFile& open, const std::string& item,
-                                       std::optional<NewRecord>& record) {
-    Ledger& ledger = device->ledger();
-    const std::string folder = folderOf(open.path), name = nameOf(open.path), part = open.partName;
-    struct stat status = {};
-    const bool standing = ::fstatat(open.folder.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
-    if (standing && !device->owns(open.path, item)) {
-        throw DeviceException("Cannot write \"" + open.path + "\": something else stands there already");
-    }
-
-    device->beforeTaking(open.path);
-    const std::optional<LedgerFile> before = standing ? ledger.file(open.path) : std::nullopt;
-    // What was never recorded need not come back.
-    const bool recorded = standing && (!before || before->pending == 0);
-    const bool kept = recorded && device->keepReplaced(open.path, item);
-    const bool replaces = standing && !kept;
-    ledger.putFile({open.path, item, open.writer->size(), open.writer->checksum(), "", replaces ? 2 : 1});
-    const auto undo = [&] {
-        if (kept) {
-            device->removeFile(open.path);
-        } else if (before) {
-            ledger.putFile(*before);
-        } else {
-            if (!standing) device->removeRecord(folder, name + kRecordExtension);
-            ledger.eraseFile(open.path);
-        }
-    };
-    try {
-        if (record) {
-            // On a file system that lets names reach the disk in any order the file would be nobody's.
-            record->place(name + kRecordExtension, true);
-            if (::fsync(record->folder().get()) != 0) device->fail("write", open.path, errno);
-        }
-        int error = 0;
-        if (replaces) {
-            if (::renameat(open.folder.get(), part.c_str(), open.folder.get(), name.c_str()) != 0)
-                error = errno;
-        } else {
-            error = renameWithoutReplacing(open.folder.get(), part, open.folder.get(), name);
-        }
-        if (error != 0) device->fail("write", open.path, error);
-    } catch (Poco::Exception&) {
-        undo();
-        throw;
-    }
-    if (::fsync(open.folder.get()) != 0) device->fail("write", open.path, errno);
-    if (replaces) ledger.setPending(open.path, 1);
-}
-
 void HostServiceClientMac::deleteFile(long handle, std::string& command, std::string& result,
                                       std::string& error) {
-    answer("DISCARD " + std::to_string(handle), command, result, error, false,
-           [&] { impl_->discard(handle); });
+    answer("DISCARD " + std::to_string(handle), command, result, error, false, [&] {
+        impl_->file(handle);
+        impl_->files.erase(handle);
+    });
 }
 
 void HostServiceClientMac::deleteFile(std::string path, std::string& command, std::string& result,
@@ -285,8 +198,11 @@ void HostServiceClientMac::deleteFile(std::string path, std::string& command, st
     answer("DELETE " + path, command, result, error, false, [&] {
         Device& device = impl_->current();
         Device::checkPath(path);
+        if (device.staged().discard(path)) return;
         if (!device.status(path)) throw DeviceException("\"" + path + "\" does not exist");
         if (!device.owns(path)) throw DeviceException("\"" + path + "\" was not written by the backup");
+        const std::optional<LedgerFile> file = device.ledger().file(path);
+        if (file && !file->was.empty()) return device.removeFileLater(path);
         device.removeFile(path);
     });
 }
@@ -297,6 +213,7 @@ void HostServiceClientMac::renameFile(std::string from, std::string to, std::str
         Device& device = impl_->current();
         Device::checkPath(from);
         Device::checkPath(to);
+        device.staged().place();
         if (!device.status(from)) throw DeviceException("\"" + from + "\" does not exist");
         if (!device.owns(from)) throw DeviceException("\"" + from + "\" was not written by the backup");
         if (from == to) return;
@@ -316,6 +233,7 @@ void HostServiceClientMac::createDirectory(std::string path, std::string& comman
     answer("MKDIR " + path, command, result, error, true, [&] {
         Device& device = impl_->current();
         Device::checkPath(path);
+        device.staged().place();
         device.makeFolder(path);
     });
 }
@@ -326,6 +244,7 @@ void HostServiceClientMac::renameDirectory(std::string from, std::string to, std
         Device& device = impl_->current();
         Device::checkPath(from);
         Device::checkPath(to);
+        device.staged().place();
         device.renameFolder(from, to);
     });
 }
@@ -335,6 +254,8 @@ void HostServiceClientMac::deleteDirectory(std::string path, std::string& comman
     answer("RMDIR " + path, command, result, error, false, [&] {
         Device& device = impl_->current();
         Device::checkPath(path);
+        device.staged().place();
+        device.flushRows();
         device.removeFolder(path);
     });
 }
@@ -346,6 +267,7 @@ void HostServiceClientMac::writeFolderDataXML(std::string root, std::string reco
         Device& device = impl_->current();
         if (root != device.path() + "/") throw DeviceException("\"" + root + "\" is not the service folder");
         Device::checkPath(folder);
+        device.staged().place();
         if (!device.isFolder(folder)) return;  // a set without items on the device has no folder
         const std::string set = recordField(record, "ID");
         const std::string owner = device.ledger().folderOwner(folder);

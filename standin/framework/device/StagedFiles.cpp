@@ -1,0 +1,202 @@
+#include "standin/framework/device/StagedFiles.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <functional>
+#include <set>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "standin/framework/base/Names.h"
+#include "standin/framework/device/Description.h"
+
+namespace Norvale_Plugin_Core {
+
+namespace {
+
+/// One thing that the disk is to know, as a call that gives 0 or an error number.
+struct Flush {
+    std::string path;  // what a failure is told of
+    std::function<int()> call;
+};
+
+/// Waits for all of them at once. Throws what the first failure means.
+void waitFor(Device& device, const std::vector<Flush>& flushes) {
+    std::vector<int> errors(flushes.size(), 0);
+    std::vector<std::thread> threads;
+    for (std::size_t i = 1; i < flushes.size(); ++i) {
+        const auto flush = [&, i] { errors[i] = flushes[i].call(); };
+        try {
+            threads.emplace_back(flush);
+        } catch (std::system_error&) {
+            flush();  // the system has no thread to give
+        }
+    }
+    if (!flushes.empty()) errors[0] = flushes[0].call();
+    for (std::thread& thread : threads) thread.join();
+    for (std::size_t i = 0; i < flushes.size(); ++i) {
+        if (errors[i] != 0) device.fail("write", flushes[i].path, errors[i]);
+    }
+}
+
+int flushLedger(Ledger& ledger) {
+    try {
+        ledger.flush();
+        return 0;
+    } catch (Poco::Exception&) {
+        return EIO;
+    }
+}
+
+Flush flushOf(const Descriptor& folder, const std::string& path) {
+    return {path, [&folder] { return ::fsync(folder.get()) == 0 ? 0 : errno; }};
+}
+
+}  // namespace
+
+StagedFile::StagedFile(Device& device, const std::string& path)
+    : device_(device), path_(path), folder_(device.openFolder(folderOf(path))) {
+    device.ledger().markInUse();
+    Descriptor file;
+    do {
+        partName_ = newOwnName(kPartPrefix);
+        file = makeFile(folder_.get(), partName_);
+    } while (!file.isOpen() && errno == EEXIST);
+    if (!file.isOpen()) device.fail("make a file for", path, errno);
+    writer_ = std::make_unique<FileWriter>(std::move(file));
+}
+
+StagedFile::~StagedFile() {
+    if (placed_) return;
+    // On a device that fails it stays, for the next run to remove.
+    if (::unlinkat(folder_.get(), partName_.c_str(), 0) != 0 && errno != ENOENT)
+        device_.ledger().leaveInUse();
+    if (entered_) undo();
+}
+
+void StagedFile::finish(const std::string& item, const std::string& description) {
+    item_ = item;
+    if (!description.empty()) {
+        // Where the description stands says where its file is; see Description.h.
+        const bool own = recordField(description, "PhysicalFileName") == path_;
+        record_.emplace(device_, folderOf(path_), partName_);
+        record_->write(own ? withRecordField(description, "PhysicalFileName", nameOf(path_)) : description);
+        record_->send();
+    }
+    const int failure = writer_->finish();
+    if (failure != 0) device_.fail("write", path_, failure);
+    if (device_.status(path_) && !device_.owns(path_, item_)) {
+        throw DeviceException("Cannot write \"" + path_ + "\": something else stands there already");
+    }
+}
+
+/// The ledger's row says whose the file is before it has its name.
+void StagedFile::enter() {
+    Ledger& ledger = device_.ledger();
+    stands_ = device_.status(path_).has_value();
+    before_ = stands_ ? ledger.file(path_) : std::nullopt;
+    // What was never recorded need not come back.
+    const bool recorded = stands_ && (!before_ || before_->pending == 0);
+    kept_ = recorded && device_.keepReplaced(path_, item_);
+    replaces_ = stands_ && !kept_;
+    ledger.putFile({path_, item_, writer_->size(), writer_->checksum(), "", replaces_ ? 2 : 1});
+    entered_ = true;
+    left_ = device_.leftByOlderVersion(path_, item_);
+    if (left_.empty()) device_.beforeTaking(path_);
+}
+
+void StagedFile::takeName() {
+    const std::string name = nameOf(path_);
+    if (record_) record_->place(name + kRecordExtension);
+    int error = 0;
+    if (!replaces_) {
+        error = renameWithoutReplacing(folder_.get(), partName_, folder_.get(), name);
+    } else if (::renameat(folder_.get(), partName_.c_str(), folder_.get(), name.c_str()) != 0) {
+        error = errno;
+    }
+    if (error != 0) device_.fail("write", path_, error);
+    placed_ = true;
+}
+
+void StagedFile::undo() {
+    try {
+        if (kept_) {
+            device_.removeFile(path_);
+        } else if (before_) {
+            device_.ledger().putFile(*before_);
+        } else {
+            if (!stands_) device_.removeRecord(folderOf(path_), nameOf(path_) + kRecordExtension);
+            device_.ledger().eraseFile(path_);
+        }
+    } catch (Poco::Exception&) {
+        device_.ledger().leaveInUse();  // the row stays pending, and the next run looks at it
+    }
+}
+
+void StagedFiles::add(std::unique_ptr<StagedFile> file) {
+    if (holds(file->path())) place();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    files_.push_back(std::move(file));
+}
+
+bool StagedFiles::holds(const std::string& path) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return std::any_of(files_.begin(), files_.end(), [&](const auto& file) { return file->path() == path; });
+}
+
+bool StagedFiles::discard(const std::string& path) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto gone =
+        std::remove_if(files_.begin(), files_.end(), [&](const auto& file) { return file->path() == path; });
+    const bool found = gone != files_.end();
+    files_.erase(gone, files_.end());
+    return found;
+}
+
+void StagedFiles::place() {
+    std::vector<std::unique_ptr<StagedFile>> files;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        files.swap(files_);
+    }
+    if (files.empty()) return;
+
+    std::vector<Flush> flushes;
+    for (const auto& file : files) {
+        file->enter();
+        StagedFile& staged = *file;
+        flushes.push_back({staged.path_, [&] { return staged.writer_->flush(); }});
+        if (staged.record_) flushes.push_back({staged.path_, [&] { return staged.record_->flush(); }});
+        for (Descriptor& folder : staged.left_) flushes.push_back(flushOf(folder, staged.path_));
+    }
+    if (device_.ledger().speaksOfUnflushedRows()) {
+        device_.flushRows();
+    } else {
+        flushes.push_back({kRecordFolder, [&] { return flushLedger(device_.ledger()); }});
+    }
+    waitFor(device_, flushes);
+
+    for (const auto& file : files) file->takeName();
+
+    flushes.clear();
+    std::set<std::string> folders;
+    for (const auto& file : files) {
+        const std::string folder = folderOf(file->path_);
+        if (folders.insert(folder).second) flushes.push_back(flushOf(file->folder_, file->path_));
+        if (file->record_ && folders.insert(joinPath(folder, kRecordFolder)).second) {
+            flushes.push_back(flushOf(file->record_->folder(), file->path_));
+        }
+    }
+    waitFor(device_, flushes);
+    for (const auto& file : files) {
+        if (file->replaces_) device_.ledger().setPending(file->path_, 1);
+    }
+}
+
+}  // namespace Norvale_Plugin_Core
