@@ -1,5 +1,7 @@
 #include "gateway/PluginXml.h"
 
+#include <Poco/String.h>
+
 #include <algorithm>
 
 namespace flickr_gateway {
@@ -36,13 +38,13 @@ std::string attribute(const char* name, const std::string& value) {
     return value.empty() ? std::string() : std::string(" ") + name + "=\"" + escaped(value) + '"';
 }
 
-/// A text that the plug-in has to get in one piece: line breaks and the end of a section would split it, and
-/// in a section a "]" as well.
+/// A text that the plug-in has to get in one piece: references and line breaks would split it.
 std::string onePiece(std::string text) {
     std::replace_if(
         text.begin(), text.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
-    for (std::size_t at; (at = text.find("]]>")) != std::string::npos;) text.insert(at + 2, " ");
-    return text.find_first_of("&<") == std::string::npos ? text : "<![CDATA[" + text + "]]>";
+    if (text.find_first_of("&<>") == std::string::npos) return text;
+    // The mark that ends a section is shared out between two.
+    return "<![CDATA[" + Poco::replace(text, "]]>", "]]]]><![CDATA[>") + "]]>";
 }
 
 std::string sizeXml(const char* label, const Rendition& rendition, const char* media) {

@@ -133,13 +133,13 @@ protected:
 };
 
 TEST_F(GatewayTest, BacksUpAWholeAccountWithFewRequests) {
-    const std::string trip = account_.addSet("Tom & Jerry"), all = account_.addSet("All");
+    const std::string trip = account_.addSet("Tom & Jerry"), all = account_.addSet("R&B [2]]>");
     for (int i = 0; i < 20; ++i) {
         flickr_sim::Item item = photo("p" + std::to_string(i), 1700000000 + i % 3);
         account_.addItem(trip, item);
     }
     for (int i = 0; i < 3; ++i) account_.addItem(all, video("v" + std::to_string(i)));
-    account_.addItem("", photo("loose"));
+    account_.addItem("", photo("Q&A [1] ]]>"));
     serveToday();
     std::atomic<int> atATime{0}, most{0};
     sim_->faults().add(flickr_sim::everything(), flickr_sim::always(),
@@ -152,7 +152,8 @@ TEST_F(GatewayTest, BacksUpAWholeAccountWithFewRequests) {
     EXPECT_EQ(runThrough().status, 1);
     EXPECT_THAT(problems_, IsEmpty());
     expectComplete();
-    EXPECT_THAT(names(), HasSubstr("Tom & Jerry/p3.jpg"));
+    EXPECT_THAT(names(), AllOf(HasSubstr("Tom & Jerry/p3.jpg"), HasSubstr("R&B [2]]_/v1.mp4"),
+                               HasSubstr("Q&A [1] ]]_.jpg")));
     EXPECT_EQ(most, 4) << "files at a time";
     auto counts = sim_->counts();
     EXPECT_EQ(counts.rest, 8u) << "sets 1, pages 2 and 2, videos 3";

@@ -125,13 +125,15 @@ TEST(Answers, AreReadAndWrittenWhole) {
     const ServiceAnswer sets = readAnswer(
         "<rsp stat=\"ok\"><photosets pages=\"2\" total=\"501\"><photoset id=\"7\" primary=\"1\" photos=\"3\" "
         "videos=\"2\"><title>Tom &amp; Jerry &lt;3\nend</title><description>a &amp; b</description>"
-        "</photoset><photoset id=\"8\"><title>[Trip]]&gt; [2019]</title></photoset></photosets></rsp>");
+        "</photoset><photoset id=\"8\"><title>[Trip]]&gt; [2019]</title></photoset>"
+        "<photoset id=\"9\"><title>R&amp;B [2]]&gt;]&amp;]]&gt;</title></photoset></photosets></rsp>");
     EXPECT_EQ(sets.pages, 2u);
     Norvale_Plugin_Flickr::PhotosetSaxHandler plugin;
     plugin.read(setListXml(sets.sets));
     auto read = plugin.getPhotosetList();
     EXPECT_EQ(read["7"].getTitle(), "Tom & Jerry _3 end") << "whole";
-    EXPECT_EQ(read["8"].getTitle(), "[Trip]] _ [2019]");
+    EXPECT_EQ(read["8"].getTitle(), "[Trip]]_ [2019]");
+    EXPECT_EQ(read["9"].getTitle(), "R&B [2]]_]&]]_");
     EXPECT_EQ(read["7"].getNumberOfPhotos(), 5);
     EXPECT_EQ(read["7"].getDescription(), "a & b");
 

@@ -44,18 +44,21 @@ protected:
                  fs::copy_options::recursive);
         fs::remove(folder_ + "/flickr-backup.app/Resources/Plugins/Flickr_plugin_config.xml");
         fs::create_directory(folder_ + "/device");
-        SimOptions options;
-        options.today.emplace();
-        sim_ = std::make_unique<FlickrSim>(account_, options);
+        sim_ = std::make_unique<FlickrSim>(account_, today());
         std::ofstream(folder_ + "/ca.pem") << sim_->authorityPem();
         fs::create_directories(folder_ + "/config/flickr-backup");
-        write("api_key = " + sim_->credentials().apiKey +
-              "\n# mine\napi_secret = " + sim_->credentials().apiSecret +
-              "\nservice = " + sim_->serviceUrl() + "\nca = " + folder_ + "/ca.pem\n");
+        write("api_key = " + sim_->credentials().apiKey + "\n# mine\napi_secret = " +
+              sim_->credentials().apiSecret + "\nservice = " + sim_->serviceUrl() + "\n");
     }
     ~LoginTest() override {
         sim_.reset();
         fs::remove_all(folder_);
+    }
+
+    static SimOptions today() {
+        SimOptions options;
+        options.today.emplace();
+        return options;
     }
 
     std::string file() const { return folder_ + "/config/flickr-backup/credentials"; }
@@ -65,23 +68,28 @@ protected:
     }
 
     /// Its exit status; out() and err() are what it wrote.
-    int command(const std::string& arguments, const std::string& input = "/dev/null") {
+    int command(const std::string& arguments, const std::string& input = "/dev/null",
+                const std::string& program = "flickr-backup.app/flickr-backup ") {
         const std::string line =
             "cd " + folder_ + " && env -u DISPLAY -u WAYLAND_DISPLAY XDG_CONFIG_HOME=" + folder_ +
-            "/config XDG_STATE_HOME=" + folder_ + "/state LSAN_OPTIONS=print_suppressions=0 " +
-            "flickr-backup.app/flickr-backup " + arguments + " <" + input + " >out 2>err";
+            "/config XDG_STATE_HOME=" + folder_ + "/state LSAN_OPTIONS=print_suppressions=0 " + program +
+            arguments + " <" + input + " >out 2>err";
         return WEXITSTATUS(std::system(line.c_str()));
     }
     std::string out() const { return read(folder_ + "/out"); }
     std::string err() const { return read(folder_ + "/err"); }
 
+    void waitFor(const std::string& text) const {
+        while (out().find(text) == std::string::npos) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    }
     /// The token in the address that the program has printed.
     std::string waitForToken() const {
-        for (;; std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
-            const std::string text = out();
-            const std::size_t start = text.find("oauth_token="), end = text.find('&', start);
-            if (end != std::string::npos) return text.substr(start + 12, end - start - 12);
-        }
+        waitFor("&perms=read");
+        const std::string text = out();
+        const std::size_t start = text.find("oauth_token=") + 12;
+        return text.substr(start, text.find('&', start) - start);
     }
 
     std::string folder_;
@@ -93,19 +101,21 @@ TEST_F(LoginTest, SignsInBacksUpAndSignsOut) {
     EXPECT_EQ(command("run --device device"), 2);
     EXPECT_THAT(err(), HasSubstr("run \"flickr-backup login\""));
 
-    // By the code that the service shows.
+    // By the code that the service shows, once it is known whom to trust.
+    EXPECT_EQ(command("login --no-browser"), 1);
+    EXPECT_THAT(err(), HasSubstr("certificate"));
     ASSERT_EQ(::mkfifo((folder_ + "/typed").c_str(), 0600), 0);
-    auto login =
-        std::async(std::launch::async, [&] { return command("login --no-browser", folder_ + "/typed"); });
+    auto login = std::async(std::launch::async,
+                            [&] { return command("login --no-browser --ca ca.pem", folder_ + "/typed"); });
     {
         std::ofstream typed(folder_ + "/typed");
         typed << sim_->today().oauth().decide(waitForToken(), true) << std::endl;
     }
     EXPECT_EQ(login.get(), 0) << err();
     EXPECT_THAT(out(), HasSubstr("Signed in as " + sim_->credentials().userName));
-    EXPECT_THAT(read(file()),
-                AllOf(HasSubstr("# mine\n"), HasSubstr("service = https://"), HasSubstr("token_secret = "),
-                      HasSubstr("user_id = " + sim_->credentials().userId)));
+    EXPECT_THAT(read(file()), AllOf(HasSubstr("# mine\n"), HasSubstr("ca = " + folder_ + "/ca.pem"),
+                                    HasSubstr("service = https://"), HasSubstr("token_secret = "),
+                                    HasSubstr("user_id = " + sim_->credentials().userId)));
     EXPECT_EQ(fs::status(file()).permissions(), fs::perms::owner_read | fs::perms::owner_write);
 
     const std::string set = account_.addSet("Tom & Jerry");
@@ -129,6 +139,11 @@ TEST_F(LoginTest, SignsInBacksUpAndSignsOut) {
     EXPECT_EQ(command("run --device device"), 1);
     EXPECT_THAT(out(), HasSubstr("error 105"));
     sim_->faults().clear();
+
+    // Another authority than the file's.
+    std::ofstream(folder_ + "/other.pem") << FlickrSim(account_, today()).authorityPem();
+    EXPECT_EQ(command("run --device device --ca other.pem"), 1);
+    EXPECT_THAT(out(), HasSubstr("certificate"));
 
     // Another account is not mixed with this one.
     const std::string mine = read(file());
@@ -160,6 +175,26 @@ TEST_F(LoginTest, SignsInBacksUpAndSignsOut) {
     EXPECT_THAT(visit(back.getPathAndQuery()), HasSubstr("You are signed in"));
     EXPECT_EQ(login.get(), 0) << err();
     EXPECT_EQ(command("run --device device"), 0) << out() << err();
+
+    // With nothing but a terminal: key and secret are asked for, and the secret does not show.
+    const std::string& key = sim_->credentials().apiKey;
+    const std::string& secret = sim_->credentials().apiSecret;
+    write("service = " + sim_->serviceUrl() + "\nca = " + folder_ + "/ca.pem\n");
+    login = std::async(std::launch::async, [&] {
+        return command("'flickr-backup.app/flickr-backup login --no-browser' /dev/null", folder_ + "/typed",
+                       "script -qec ");
+    });
+    {
+        std::ofstream typed(folder_ + "/typed");
+        waitFor("Key: ");
+        typed << key << std::endl;
+        waitFor("Secret: ");
+        typed << secret << std::endl;
+        typed << sim_->today().oauth().decide(waitForToken(), true) << std::endl;
+        EXPECT_EQ(login.get(), 0) << out();
+    }
+    EXPECT_THAT(out(), AllOf(HasSubstr(key), HasSubstr("Signed in as"), Not(HasSubstr(secret))));
+    EXPECT_THAT(read(file()), AllOf(HasSubstr("api_key = " + key), HasSubstr("api_secret = " + secret)));
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -25,6 +26,7 @@ const flickr_gateway::Cancelled kNever = [] { return false; };
 
 struct Options {
     std::string credentials = userCredentialsFile();
+    std::string ca;
     bool noBrowser = false;
 };
 
@@ -128,6 +130,7 @@ void requireName(const Options& options) {
 void login(const Options& options) {
     requireName(options);
     Credentials credentials = readWhatThereIs(options.credentials);
+    if (!options.ca.empty()) credentials.ca = std::filesystem::absolute(options.ca);
     completeApplication(credentials);
     const flickr_gateway::SignedIn signedIn = signIn(credentials, options.noBrowser);
     changeCredentials(options.credentials, {{"api_key", credentials.apiKey},
@@ -135,7 +138,8 @@ void login(const Options& options) {
                                             {"token", signedIn.keys.token},
                                             {"token_secret", signedIn.keys.tokenSecret},
                                             {"user_id", signedIn.userId},
-                                            {"user_name", signedIn.userName}});
+                                            {"user_name", signedIn.userName},
+                                            {"ca", credentials.ca}});
     std::cout << "Signed in as " << signedIn.userName << " (" << signedIn.userId << "), to read only.\n"
               << "Credentials: " << options.credentials << std::endl;
 }
@@ -165,6 +169,9 @@ void addLoginCommand(CLI::App& program, int& status) {
     auto options = std::make_shared<Options>();
     CLI::App* command = program.add_subcommand("login", "Sign in to the service, to read only");
     addCredentialsOption(*command, *options);
+    command->add_option("--ca", options->ca, "Authorities to trust instead of the system's; kept in the file")
+        ->check(CLI::ExistingFile)
+        ->type_name("FILE");
     command->add_flag("--no-browser", options->noBrowser,
                       "Print the service's address, and read the code that it shows from standard input");
     command->footer(

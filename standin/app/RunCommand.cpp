@@ -49,6 +49,7 @@ using Clock = std::chrono::steady_clock;
 struct Options {
     std::string device;
     std::string credentials;
+    std::string ca;
     std::string from = "2001-01-01";
     std::vector<std::string> media = {"images", "videos"};
     std::string culture;
@@ -188,6 +189,7 @@ Credentials credentialsFor(const Options& options) {
         throw UsageError("There is no home folder with credentials; name the file with --credentials.");
     }
     Credentials credentials = readCredentials(options.credentials);
+    if (!options.ca.empty()) credentials.ca = options.ca;
     if (credentials.isOfToday()) return credentials;
     const Configuration configured = readConfiguration(configurationFile());
     if (configured.apiKey != credentials.apiKey || configured.apiSecret != credentials.apiSecret) {
@@ -360,6 +362,11 @@ void addRunCommand(CLI::App& program, int& status) {
     command->add_option("--credentials", options->credentials, "File with api_key, api_secret and token")
         ->type_name("FILE")
         ->capture_default_str();
+    command
+        ->add_option("--ca", options->ca,
+                     "Authorities to trust instead of the system's and the file's \"ca\"")
+        ->check(CLI::ExistingFile)
+        ->type_name("FILE");
     command->add_option("--from", options->from, "Back up items updated after the start of this day")
         ->type_name("YYYY-MM-DD")
         ->capture_default_str();
