@@ -3,8 +3,9 @@
 //
 // A client on plain sockets that makes the requests of a run in their order, one at a time over a connection
 // each, finds what it needs by scanning the answers' text, and puts the files of each item on the disk in the
-// steps and with the flushes of the host's file service: the media file, its record, its thumbnail, and the
-// folder's record. It knows no earlier run, no names, no log and no database, and stops at the first failure.
+// steps and with the flushes of the host's file service: the media file, its record and its thumbnail
+// together, then their folders together, and the folder's record. It knows no earlier run, no names, no log
+// and no database, and stops at the first failure.
 //
 // Every answer has to announce its length.
 //
@@ -15,8 +16,10 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <openssl/evp.h>
+#include <pthread.h>
 #include <stdarg.h>
 #include <stdbool.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -230,20 +233,44 @@ static int makePart(const char* directory, const char* url, const char* bytes) {
     return file;
 }
 
-/// flush: fsync, fdatasync or NULL.
-static void closePart(int file, int (*flush)(int)) {
-    if ((flush && flush(file) != 0) || close(file) != 0) fail("close", "a file");
+/// A flush of one of several things that are waited for together.
+struct Flush {
+    int file;
+    int (*call)(int);
+    pthread_t thread;
+};
+
+static void* flushOne(void* flush) {
+    const struct Flush* one = flush;
+    return (void*)(intptr_t)one->call(one->file);
 }
 
-static void namePart(const char* directory, const char* name, bool flush) {
+/// Flushes them all at once and closes them.
+static void flushTogether(struct Flush* flushes, int count) {
+    for (int i = 1; i < count; ++i) {
+        if (pthread_create(&flushes[i].thread, NULL, flushOne, &flushes[i]) != 0) fail("make", "a thread");
+    }
+    bool failed = flushOne(&flushes[0]) != NULL;
+    for (int i = 1; i < count; ++i) {
+        void* result = NULL;
+        pthread_join(flushes[i].thread, &result);
+        failed = failed || result != NULL;
+    }
+    for (int i = 0; i < count; ++i) failed = close(flushes[i].file) != 0 || failed;
+    if (failed) fail("flush", "a file");
+}
+
+static void namePart(const char* directory, const char* name) {
     char part[kAddressSize], path[kAddressSize];
     PRINT(part, "%s/.part-1", directory);
     PRINT(path, "%s/%s", directory, name);
     if (rename(part, path) != 0) fail("rename", part);
-    if (!flush) return;
+}
+
+static int openDirectory(const char* directory) {
     const int opened = open(directory, O_RDONLY | O_DIRECTORY);
-    if (opened < 0 || fsync(opened) != 0) fail("flush", directory);
-    close(opened);
+    if (opened < 0) fail("open", directory);
+    return opened;
 }
 
 static void storeItem(const struct Item* item, const char* setId, const char* folder) {
@@ -255,18 +282,21 @@ static void storeItem(const struct Item* item, const char* setId, const char* fo
     PRINT(thumbnails, "%s/Thumbnail", folder);
     PRINT(record, "<media><ID>%s_%s</ID><FileName>%s</FileName></media>\n", item->id, setId, media);
 
-    const int mediaFile = makePart(folder, item->media, NULL);
-    const int recordFile = makePart(records, NULL, record);
-    sync_file_range(recordFile, 0, 0, SYNC_FILE_RANGE_WRITE);
-    closePart(mediaFile, fsync);
-    closePart(recordFile, fdatasync);
+    struct Flush files[] = {{makePart(folder, item->media, NULL), fsync, 0},
+                            {makePart(records, NULL, record), fdatasync, 0},
+                            {makePart(thumbnails, item->thumbnail, NULL), fsync, 0}};
+    for (int i = 0; i < 3; ++i) sync_file_range(files[i].file, 0, 0, SYNC_FILE_RANGE_WRITE);
+    flushTogether(files, 3);
     PRINT(name, "%s.xml", media);
-    namePart(records, name, false);
-    namePart(folder, media, true);
-    closePart(makePart(thumbnails, item->thumbnail, NULL), fsync);
-    namePart(thumbnails, thumbnail, true);
-    closePart(makePart(records, NULL, record), NULL);
-    namePart(records, ".folder.xml", false);
+    namePart(records, name);
+    namePart(folder, media);
+    namePart(thumbnails, thumbnail);
+    struct Flush names[] = {{openDirectory(folder), fsync, 0},
+                            {openDirectory(records), fsync, 0},
+                            {openDirectory(thumbnails), fsync, 0}};
+    flushTogether(names, 3);
+    if (close(makePart(records, NULL, record)) != 0) fail("close", "a file");
+    namePart(records, ".folder.xml");
 }
 
 static void lookUp(const char* id, const char* setId, int times) {

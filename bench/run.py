@@ -21,6 +21,7 @@ import tempfile
 import time
 
 from gallery import gallery
+from slow_disk import slow_disk
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 KIB, MIB, GIB = 1 << 10, 1 << 20, 1 << 30
@@ -179,12 +180,12 @@ class Bench:
     def configure(self, url):
         run(self.application, "configure", "--data-url", url, "--credentials", self.credentials)
 
-    def backup(self, device, new=0, unchanged=0):
-        """One run of the plug-in, which has to find so many items new and so many unchanged."""
+    def backup(self, device, new=0, edited=0, unchanged=0):
+        """One run of the plug-in, which has to find so many items new, edited and unchanged."""
         result = run(self.application, "run", "--device", device, "--credentials", self.credentials,
                      "--json")
         summary = json.loads(result.output[result.output.index("{"):])
-        if (summary["new"], summary["unchanged"]) != (new, unchanged):
+        if (summary["new"], summary["edited"], summary["unchanged"]) != (new, edited, unchanged):
             sys.exit(f"The run did not do what it was measured for:\n{result.output}")
         return result
 
@@ -449,8 +450,8 @@ def count_instructions(bench, command):
     return int(re.search(r"Collected : (\d+)", counted.output).group(1))
 
 
-CASES = {case.__name__: case for case in
-         (first, unchanged, video, redirects, scaling, sets, parsers, store, distance, instructions, gallery)}
+CASES = {case.__name__.replace("_", "-"): case for case in
+         (first, unchanged, video, redirects, scaling, sets, parsers, store, distance, instructions, gallery, slow_disk)}
 
 
 def machine():

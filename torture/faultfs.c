@@ -12,6 +12,10 @@
 //             28              the call fails with that errno
 //   FAULT_FOR=N               so many calls from there fail; -1: all
 //   FAULT_TRACE=FILE          one line for each call: its number, name, path, and a rename's or link's source
+//   FAULT_FLUSH_MS=N          each flush takes so much longer, as on a slow disk
+//   FAULT_WAITS=FILE          at the end: how many flushes there were, and how many waits for them: stretches
+//   of time
+//                             in which at least one was outstanding
 //   FAULT_RECORD=FILE         each call that succeeded, in the order in which they took effect, with its
 //   data:
 //                             struct Call, then the call's name, path and source, each ended by NUL, and the
@@ -188,9 +192,55 @@ ON_FILE(ftruncate, (int file, off_t size), (file, size), size)
 ON_FILE(ftruncate64, (int file, off64_t size), (file, size), size)
 ON_FILE(fallocate, (int file, int mode, off_t at, off_t size), (file, mode, at, size), at + size)
 ON_FILE(fallocate64, (int file, int mode, off64_t at, off64_t size), (file, mode, at, size), at + size)
-ON_FILE(fsync, (int file), (file), 0)
-ON_FILE(fdatasync, (int file), (file), 0)
-ON_FILE(syncfs, (int file), (file), 0)
+
+static pthread_mutex_t flushing = PTHREAD_MUTEX_INITIALIZER;
+static long flushes, waits, outstanding;
+
+// True when the flush is one of those that take long and are counted.
+static int begin_flush(int file) {
+    const char* slow = getenv("FAULT_FLUSH_MS");
+    if (!slow && !getenv("FAULT_WAITS")) return 0;
+    char path[PATH_MAX];
+    locate(path, file, 0);
+    if (!under(path)) return 0;
+    pthread_mutex_lock(&flushing);
+    ++flushes;
+    waits += outstanding++ == 0;
+    pthread_mutex_unlock(&flushing);
+    if (slow) usleep((useconds_t)atol(slow) * 1000);
+    return 1;
+}
+
+static void end_flush(int counted) {
+    if (!counted) return;
+    pthread_mutex_lock(&flushing);
+    --outstanding;
+    pthread_mutex_unlock(&flushing);
+}
+
+__attribute__((destructor)) static void tell_waits(void) {
+    const char* path = getenv("FAULT_WAITS");
+    if (!path || !flushes) return;
+    char line[64];
+    const int length = snprintf(line, sizeof line, "%ld %ld\n", flushes, waits);
+    const int file = (int)syscall(SYS_openat, AT_FDCWD, path, O_WRONLY | O_APPEND | O_CREAT, 0600);
+    syscall(SYS_write, file, line, length);
+    syscall(SYS_close, file);
+}
+
+#define FLUSH(name)                                                                                      \
+    static int one_##name(int file) BODY(int, -1, name, (file), file, 0, 0, "", file, NOTHING) int name( \
+        int file) {                                                                                      \
+        const int counted = begin_flush(file);                                                           \
+        const int result = one_##name(file);                                                             \
+        const int error = errno;                                                                         \
+        end_flush(counted);                                                                              \
+        errno = error;                                                                                   \
+        return result;                                                                                   \
+    }
+FLUSH(fsync)
+FLUSH(fdatasync)
+FLUSH(syncfs)
 
 // A write can also be torn: its first half is done.
 #define WRITE(name, parameters, arguments, half, end, data)                                              \

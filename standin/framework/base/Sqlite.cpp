@@ -301,7 +301,9 @@ bool inspectDatabase(const std::string& path, const Schema& schema,
 void flushWriteAheadLog(const std::string& path) {
     const int file = ::open((path + "-wal").c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (file < 0) return;  // nothing was written since it was last emptied
-    const bool flushed = ::fdatasync(file) == 0;
+    struct stat status = {};
+    const bool isEmpty = ::fstat(file, &status) == 0 && status.st_size == 0;
+    const bool flushed = isEmpty || ::fdatasync(file) == 0;
     ::close(file);
     if (!flushed)
         throw Poco::Data::DataException("The database " + path + " cannot be flushed", SQLITE_IOERR);

@@ -92,6 +92,18 @@ bool isLinkOrFile(int error) {
     return error == ELOOP || error == ENOTDIR || error == EXDEV;
 }
 
+/// Puts the folder's name in its parent on the disk, whoever made it: what is flushed below is lost without
+/// it. Once in a process for each folder.
+void flushNameOf(const Descriptor& folder, const Descriptor& parent) {
+    static std::mutex mutex;
+    static std::set<std::pair<dev_t, ino_t>> known;
+    struct stat status = {};
+    if (::fstat(folder.get(), &status) != 0) return;
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (known.count({status.st_dev, status.st_ino}) != 0) return;
+    if (::fsync(parent.get()) == 0) known.insert({status.st_dev, status.st_ino});
+}
+
 /// The service folder, made when it is missing. The folder on which it stands is resolved once, to its real
 /// path, which gets its own part and is given back in real; below it no link is followed.
 Descriptor openServiceFolder(const std::string& serviceFolder, const std::string& mountPoint,
@@ -126,8 +138,7 @@ Descriptor openServiceFolder(const std::string& serviceFolder, const std::string
                                   (isLinkOrFile(errno) ? "a symbolic link or a file stands in its place"
                                                        : std::strerror(errno)));
         }
-        // Whoever made it: what is flushed below is lost without its name.
-        ::fsync(current.get());
+        flushNameOf(next, current);
         current = std::move(next);
     }
     return current;
