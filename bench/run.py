@@ -110,6 +110,7 @@ class Bench:
         # A copy: what is configured in the build's own application is none of a benchmark's business.
         built = pathlib.Path(self.program("flickr-backup")).parent
         self.application = shutil.copytree(built, self.disk / built.name) / "flickr-backup"
+        os.environ.update(XDG_CONFIG_HOME=str(self.disk / "config"), XDG_STATE_HOME=str(self.disk / "state"))
         self.credentials = self.disk / "credentials.ini"
         self.credentials.touch(mode=0o600)
         self.credentials.write_text(f"api_key = {KEY}\napi_secret = {SECRET}\ntoken = {TOKEN}\n")
@@ -183,7 +184,7 @@ class Bench:
     def backup(self, device, new=0, edited=0, unchanged=0):
         """One run of the plug-in, which has to find so many items new, edited and unchanged."""
         result = run(self.application, "run", "--device", device, "--credentials", self.credentials,
-                     "--json")
+                     "--json", "--new")
         summary = json.loads(result.output[result.output.index("{"):])
         if (summary["new"], summary["edited"], summary["unchanged"]) != (new, edited, unchanged):
             sys.exit(f"The run did not do what it was measured for:\n{result.output}")

@@ -76,7 +76,7 @@ const HTTPResponse& HttpExchange::exchange() {
     } catch (Poco::Exception&) {
         rethrowNetworkFailure();  // It came first.
         if (connectionsEndedByStop() != endedBefore_) throw StoppedException();
-        throw;
+        rethrowWithPeer();
     }
     return response_;
 }
@@ -128,7 +128,31 @@ std::int64_t HttpExchange::contentLength() const {
 void HttpExchange::rethrowNetworkFailure() const {
     if (session_->networkException() == nullptr) return;
     if (connectionsEndedByStop() != endedBefore_) throw StoppedException();
-    session_->networkException()->rethrow();
+    try {
+        session_->networkException()->rethrow();
+    } catch (Poco::Exception&) {
+        rethrowWithPeer();
+    }
+}
+
+void HttpExchange::rethrowWithPeer() const {
+    // The library's texts leave it out. They stay what they are otherwise.
+    const std::string peer = session_->getHost() + ":" + std::to_string(session_->getPort());
+    try {
+        throw;
+    } catch (Poco::TimeoutException&) {
+        throw Poco::TimeoutException(peer);
+    } catch (Poco::Net::ConnectionRefusedException&) {
+        throw Poco::Net::ConnectionRefusedException(peer);
+    } catch (Poco::Net::ConnectionResetException&) {
+        throw Poco::Net::ConnectionResetException(peer);
+    } catch (Poco::Net::ConnectionAbortedException&) {
+        throw Poco::Net::ConnectionAbortedException(peer);
+    } catch (Poco::Net::NoMessageException&) {
+        throw Poco::Net::NoMessageException(peer);
+    } catch (Poco::Net::HostNotFoundException&) {
+        throw Poco::Net::HostNotFoundException(peer);
+    }
 }
 
 }  // namespace Norvale_Plugin_Flickr

@@ -60,6 +60,8 @@ public:
 
     /// Throws what broke the connection while the body was read, when something did: as exchange().
     void rethrowNetworkFailure() const;
+    /// Throws what is being handled, of the network with the name of the peer.
+    [[noreturn]] void rethrowWithPeer() const;
 
 protected:
     /// Over another kind of session, whose type is made by RawSession.

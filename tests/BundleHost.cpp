@@ -13,6 +13,7 @@
 #include "standin/app/ApplicationFolder.h"
 #include "standin/app/Configuration.h"
 #include "standin/app/DeviceLayout.h"
+#include "standin/app/Profile.h"
 #include "standin/framework/device/BackupCheck.h"
 #include "standin/framework/device/Recovery.h"
 
@@ -68,7 +69,7 @@ BundleHost::~BundleHost() {
 
 void BundleHost::configure(const std::string& dataUrl) {
     const flickr_sim::Credentials& accepted = sim.credentials();
-    flickr_app::writeConfiguration(flickr_app::configurationFile(),
+    flickr_app::writeConfiguration(flickr_app::pluginsDirectory() + flickr_app::kConfigurationName,
                                    {dataUrl, std::stoi(retries_), accepted.apiKey, accepted.apiSecret});
 }
 

@@ -21,8 +21,8 @@
 #include "standin/app/DeviceLayout.h"
 #include "standin/app/Format.h"
 #include "standin/app/ProgressLine.h"
+#include "standin/app/Refusal.h"
 #include "standin/app/Summary.h"
-#include "standin/app/UsageError.h"
 #include "standin/framework/base/Cipher.h"
 
 namespace fs = std::filesystem;
@@ -51,13 +51,13 @@ protected:
     std::string folder_;
 };
 
-/// The sentence of the UsageError that the action ends in; empty when there is none.
+/// The sentence of the Refusal that the action ends in; empty when there is none.
 template <typename Action>
 std::string refusal(Action action) {
     try {
         action();
         return "";
-    } catch (const UsageError& error) {
+    } catch (const Refusal& error) {
         return error.what();
     }
 }

@@ -43,7 +43,7 @@ protected:
         folder_ = mkdtemp(name);
         const fs::path app = fs::path(FLICKR_BACKUP_PROGRAM).parent_path();
         fs::copy(app, folder_ + "/flickr-backup.app", fs::copy_options::recursive);
-        fs::remove(configuration());
+        fs::remove(formerConfiguration());
         fs::create_directory(folder_ + "/bin");
         fs::create_symlink("../flickr-backup.app/flickr-backup", folder_ + "/bin/flickr-backup");
         fs::create_directory(device());
@@ -58,8 +58,13 @@ protected:
     std::string device() const { return folder_ + "/device"; }
     std::string service() const { return device() + "/Brightkettle/My Flickr Items"; }
     std::string credentials() const { return folder_ + "/flickr.ini"; }
-    std::string plugins() const { return folder_ + "/flickr-backup.app/Resources/Plugins"; }
-    std::string configuration() const { return plugins() + "/Flickr_plugin_config.xml"; }
+    std::string formerConfiguration() const {
+        return folder_ + "/flickr-backup.app/Resources/Plugins/Flickr_plugin_config.xml";
+    }
+    std::string configuration(const std::string& profile = "") const {
+        return folder_ + "/config/flickr-backup/" + profile + "Flickr_plugin_config.xml";
+    }
+    std::string log() const { return read(folder_ + "/state/flickr-backup/NVHLDevLog.log"); }
 
     void writeCredentials(const std::string& key) {
         const Credentials accepted = sim_->credentials();
@@ -78,6 +83,8 @@ protected:
                           err = folder_ + "/err" + tag;
         const pid_t child = ::fork();
         if (child == 0) {
+            ::setenv("XDG_CONFIG_HOME", (folder_ + "/config").c_str(), 1);
+            ::setenv("XDG_STATE_HOME", (folder_ + "/state").c_str(), 1);
             ::setenv("LSAN_OPTIONS", "print_suppressions=0", 0);  // keeps a sanitizer's list off the output
             ::dup2(::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
             ::dup2(::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
@@ -197,12 +204,11 @@ TEST_F(CommandTest, BacksUpReportsAndChecks) {
     command({"status", "--device", device()});
     EXPECT_THAT(out_ + err_, Not(HasSubstr("\x1b")));
 
-    const std::string log = read(plugins() + "/NVHLDevLog.log");
     for (const std::string& secret :
          {sim_->credentials().apiKey, sim_->credentials().apiSecret, sim_->credentials().token}) {
-        EXPECT_THAT(log + read(configuration()), Not(HasSubstr(secret)));
+        EXPECT_THAT(log() + read(configuration()), Not(HasSubstr(secret)));
     }
-    EXPECT_THAT(log, HasSubstr("Flickr Backup Started."));
+    EXPECT_THAT(log(), HasSubstr("Flickr Backup Started."));
 }
 
 TEST_F(CommandTest, NamesWhatFailedForGoodAndSaysSoByItsExitStatus) {
@@ -234,7 +240,7 @@ TEST_F(CommandTest, NamesWhatFailedForGoodAndSaysSoByItsExitStatus) {
     sim_->faults().clear();
 
     sim_->faults().add(rest(), always(), fault::serviceError(98, "Invalid auth token"));
-    summary = runJson(1);
+    summary = runJson(3);
     EXPECT_EQ(summary->getValue<std::string>("result"), "failed");
     EXPECT_THAT(
         out_, HasSubstr(R"(["Invalid Auth Token. The service answers with error 98: Invalid auth token"])"));
@@ -275,7 +281,7 @@ TEST_F(CommandTest, ServesOddBytesOrRefusesThem) {
     fs::rename(folder_ + "/flickr-backup.app", odd + "/flickr-backup.app");
     fs::remove(folder_ + "/bin/flickr-backup");
     fs::create_symlink(odd + "/flickr-backup.app/flickr-backup", folder_ + "/bin/flickr-backup");
-    EXPECT_EQ(command(runArguments()), 2) << out_;
+    EXPECT_EQ(command(runArguments()), 3) << out_;
     EXPECT_THAT(err_, HasSubstr("not UTF-8"));
     EXPECT_TRUE(fs::is_empty(place));
 }
@@ -289,7 +295,7 @@ TEST_F(CommandTest, StopsOnASignalAndGoesOnNextTime) {
     waitForMedia(2);
 
     // The device is this run's alone meanwhile.
-    EXPECT_EQ(finish(start(arguments, "2"), "2"), 1);
+    EXPECT_EQ(finish(start(arguments, "2"), "2"), 3);
     EXPECT_THAT(err_, testing::MatchesRegex("flickr-backup: [^\n]+\n"));
 
     ::kill(child, SIGINT);
@@ -364,8 +370,8 @@ TEST_F(CommandTest, PausesForAFileAndForASignal) {
 TEST_F(CommandTest, RefusesWhatCannotBeDone) {
     account_.addItem("", photo("one"));
     const std::string url = sim_->dataUrl();
-    auto refused = [&](std::vector<std::string> arguments, const std::string& words) {
-        EXPECT_EQ(command(arguments), 2) << words << out_;
+    auto refused = [&](int status, std::vector<std::string> arguments, const std::string& words) {
+        EXPECT_EQ(command(arguments), status) << words << out_;
         EXPECT_THAT(err_, testing::AllOf(testing::MatchesRegex("flickr-backup: [^\n]+\n"), HasSubstr(words)));
         EXPECT_EQ(out_, "");
     };
@@ -374,22 +380,31 @@ TEST_F(CommandTest, RefusesWhatCannotBeDone) {
         arguments.insert(arguments.end(), more.begin(), more.end());
         return arguments;
     };
-    refused({}, "subcommand");
-    refused({"backup"}, "backup");
-    refused({"run"}, "required");
-    refused(runArguments(), "not configured yet");
-    refused({"configure", "--data-url", "https://x/", "--credentials", credentials()}, "http://");
-    refused({"configure", "--data-url", url, "--credentials", credentials(), "--retries", "0"}, "retries");
+    refused(2, {}, "subcommand");
+    refused(2, {"backup"}, "no command \"backup\"; see flickr-backup --help.");
+    refused(2, {"rnu", "--device", "x"}, "did you mean run?");
+    refused(2, {"run", "-device", "x"}, "no option \"-device\"; did you mean --device?");
+    refused(2, {"run", "--dev=x"}, "did you mean --device?");
+    refused(2, {"run", "--device", "x", "--medai", "images"}, "did you mean --media?");
+    refused(2, {"run", "--device", "x", "--quite-another"}, "see flickr-backup run --help.");
+    refused(2, {"run"}, "required; see flickr-backup run --help.");
+    refused(2, {"run", "--device", "x", "--profile", "../x"}, "cannot be a profile's name");
+    refused(3, runArguments(), "not configured yet");
+    refused(3, {"run", "--device", device()}, "run \"flickr-backup login\"");
+    refused(2, {"configure", "--data-url", url}, "--credentials");
+    refused(2, {"configure", "--credentials", credentials()}, "--data-url");
+    refused(2, {"configure", "--data-url", "https://x/", "--credentials", credentials()}, "http://");
+    refused(2, {"configure", "--data-url", url, "--credentials", credentials(), "--retries", "0"}, "retries");
     ::chmod(credentials().c_str(), 0644);
-    refused({"configure", "--data-url", url, "--credentials", credentials()}, "chmod 600");
+    refused(3, {"configure", "--data-url", url, "--credentials", credentials()}, "chmod 600");
     ::chmod(credentials().c_str(), 0600);
     configure();
-    refused(runWith({"--from", "2023-02-29"}), "YYYY-MM-DD");
-    refused(runWith({"--from", "23-2-2"}), "YYYY-MM-DD");
-    refused(runWith({"--media", "images,audio"}), "audio");
-    refused(runWith({"--culture", "xx"}), "xx");
-    refused({"status", "--device", device()}, "no backup");
-    refused({"verify", "--device", device() + "/none"}, "no directory");
+    refused(2, runWith({"--from", "2023-02-29"}), "YYYY-MM-DD");
+    refused(2, runWith({"--from", "23-2-2"}), "YYYY-MM-DD");
+    refused(2, runWith({"--media", "images,audio"}), "audio");
+    refused(2, runWith({"--culture", "xx"}), "xx");
+    refused(3, {"status", "--device", device()}, "no backup");
+    refused(3, {"verify", "--device", device() + "/none"}, "no directory");
     EXPECT_EQ(sim_->counts().rest, 0u);
     EXPECT_TRUE(fs::is_empty(device()));
 
@@ -400,13 +415,72 @@ TEST_F(CommandTest, RefusesWhatCannotBeDone) {
     ASSERT_EQ(command(runArguments()), 0) << err_;
     EXPECT_THAT(out_, HasSubstr("new        1 item\n"));
 
-    refused(runWith({"--culture", "ja"}), "culture");
+    refused(3, runWith({"--culture", "ja"}), "culture");
     fs::rename(service(), service() + ".away");
-    refused(runArguments(), "records 1 item");
+    refused(3, runArguments(), "records 1 item");
     writeCredentials("another-key");
-    refused(runArguments(), "not the configured one");
+    refused(3, runArguments(), "not the configured one");
     for (const char* name : {"configure", "run", "status", "verify"}) {
         EXPECT_EQ(command({name, "--help"}), 0);
         EXPECT_THAT(out_, HasSubstr("Example:\n  flickr-backup " + std::string(name)));
     }
+}
+
+TEST_F(CommandTest, KeepsSettingsAndMemoryForEachUser) {
+    account_.addItem(account_.addSet("Trip"), photo("one"));
+    const auto config = [&](std::vector<std::string> more) {
+        more.insert(more.begin(), "configure");
+        return command(more);
+    };
+    // One of earlier days, where everybody had the same, is copied and left.
+    configure();
+    const std::string former = read(configuration());
+    fs::rename(configuration(), formerConfiguration());
+    ASSERT_EQ(command(runArguments()), 0) << out_ << err_;
+    EXPECT_THAT(err_, HasSubstr("was copied to " + configuration()));
+    EXPECT_EQ(read(configuration()), former);
+    EXPECT_EQ(read(formerConfiguration()), former);
+    EXPECT_EQ(fs::status(configuration()).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+
+    // What is not named again stays; nothing is written in the program's folder.
+    fs::remove_all(folder_ + "/config");
+    fs::permissions(fs::path(formerConfiguration()).parent_path(), fs::perms(0555));
+    ASSERT_EQ(config({"--retries", "7"}), 0) << err_;
+    EXPECT_THAT(out_, testing::AllOf(HasSubstr(sim_->dataUrl()), HasSubstr("attempts     7")));
+    EXPECT_EQ(command({"run", "--device", device()}), 0) << out_ << err_;
+    EXPECT_EQ(config({"--check"}), 0) << err_;
+    EXPECT_THAT(out_, HasSubstr("attempts     7\nThe service at 127.0.0.1:"));
+    EXPECT_THAT(out_, HasSubstr("1 photo set."));
+    EXPECT_EQ(config({"--check", "--data-url", "http://127.0.0.1:1/services/rest/", "--config",
+                      folder_ + "/other", "--credentials", credentials()}),
+              3);
+    EXPECT_THAT(err_, HasSubstr("The service at 127.0.0.1:1 cannot be used: "));
+    EXPECT_TRUE(fs::exists(folder_ + "/other/Flickr_plugin_config.xml"));
+    EXPECT_EQ(command({"run", "--device", device(), "--config", folder_ + "/other", "--json"}), 3);
+    EXPECT_THAT(out_, HasSubstr("[\"127.0.0.1:1 refuses the connection\"]"));
+
+    // A profile has settings and a log of its own.
+    EXPECT_EQ(command({"run", "--device", device(), "--profile", "second"}), 3);
+    ASSERT_EQ(config({"--profile", "second", "--data-url", sim_->dataUrl(), "--credentials", credentials()}),
+              0);
+    EXPECT_THAT(read(configuration("profiles/second/")), HasSubstr("<retryAttempts>3<"));
+    EXPECT_THAT(read(configuration()), HasSubstr("<retryAttempts>7<"));
+    EXPECT_EQ(command({"run", "--device", device(), "--profile", "second"}), 0) << out_ << err_;
+    EXPECT_TRUE(fs::exists(folder_ + "/state/flickr-backup/profiles/second/NVHLDevLog.log"));
+
+    // A log that cannot be written is told.
+    fs::remove_all(folder_ + "/state/flickr-backup/NVHLDevLog.log");
+    fs::create_directory(folder_ + "/state/flickr-backup/NVHLDevLog.log");
+    EXPECT_EQ(command({"run", "--device", device()}), 0);
+    EXPECT_THAT(out_, HasSubstr("NVHLDevLog.log cannot be written: Is a directory"));
+
+    // A device that is not mounted is no place for a new backup.
+    fs::rename(device(), device() + ".unmounted");
+    fs::create_directory(device());
+    EXPECT_EQ(command({"run", "--device", device()}), 3);
+    EXPECT_THAT(err_, HasSubstr("is the device mounted?"));
+    EXPECT_TRUE(fs::is_empty(device()));
+    EXPECT_EQ(command({"run", "--device", device(), "--new"}), 0) << err_;
+    EXPECT_THAT(out_, HasSubstr("new        1 item\n"));
+    fs::permissions(fs::path(formerConfiguration()).parent_path(), fs::perms(0755));
 }

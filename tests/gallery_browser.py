@@ -107,7 +107,8 @@ class Gallery(unittest.TestCase):
 
     @classmethod
     def flickr(cls, *arguments):
-        done = subprocess.run([cls.work / "flickr-backup.app" / "flickr-backup", *arguments], capture_output=True, text=True)
+        done = subprocess.run([cls.work / "flickr-backup.app" / "flickr-backup", *arguments], capture_output=True, text=True,
+                              env={**os.environ, "XDG_CONFIG_HOME": cls.work, "XDG_STATE_HOME": cls.work})
         if done.returncode:
             raise AssertionError(done.stdout + done.stderr)
 

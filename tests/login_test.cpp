@@ -98,11 +98,11 @@ protected:
 };
 
 TEST_F(LoginTest, SignsInBacksUpAndSignsOut) {
-    EXPECT_EQ(command("run --device device"), 2);
+    EXPECT_EQ(command("run --device device"), 3);
     EXPECT_THAT(err(), HasSubstr("run \"flickr-backup login\""));
 
     // By the code that the service shows, once it is known whom to trust.
-    EXPECT_EQ(command("login --no-browser"), 1);
+    EXPECT_EQ(command("login --no-browser"), 3);
     EXPECT_THAT(err(), HasSubstr("certificate"));
     ASSERT_EQ(::mkfifo((folder_ + "/typed").c_str(), 0600), 0);
     auto login = std::async(std::launch::async,
@@ -136,13 +136,15 @@ TEST_F(LoginTest, SignsInBacksUpAndSignsOut) {
 
     // Problems are told in the service's words.
     sim_->faults().add(parseFault("kind=rest,error=105"));
-    EXPECT_EQ(command("run --device device"), 1);
+    EXPECT_EQ(command("configure --check"), 3);
+    EXPECT_THAT(err(), HasSubstr("error 105"));
+    EXPECT_EQ(command("run --device device"), 3);
     EXPECT_THAT(out(), HasSubstr("error 105"));
     sim_->faults().clear();
 
     // Another authority than the file's.
     std::ofstream(folder_ + "/other.pem") << FlickrSim(account_, today()).authorityPem();
-    EXPECT_EQ(command("run --device device --ca other.pem"), 1);
+    EXPECT_EQ(command("run --device device --ca other.pem"), 3);
     EXPECT_THAT(out(), HasSubstr("certificate"));
 
     // Another account is not mixed with this one.
@@ -150,13 +152,15 @@ TEST_F(LoginTest, SignsInBacksUpAndSignsOut) {
     std::string other = mine;
     other.replace(other.find(sim_->credentials().userId), sim_->credentials().userId.size(), "99@N01");
     write(other);
-    EXPECT_EQ(command("run --device device"), 2);
+    EXPECT_EQ(command("configure --check --retries 2"), 0) << err();
+    EXPECT_THAT(out(), HasSubstr("accepts the sign-in of " + sim_->credentials().userName));
+    EXPECT_EQ(command("run --device device"), 3);
     EXPECT_THAT(err(), AllOf(HasSubstr("of the account " + sim_->credentials().userId), HasSubstr("99@N01")));
     write(mine);
 
     EXPECT_EQ(command("logout"), 0);
     EXPECT_THAT(read(file()), AllOf(HasSubstr("api_secret"), HasSubstr("# mine"), Not(HasSubstr("token"))));
-    EXPECT_EQ(command("run --device device"), 2);
+    EXPECT_EQ(command("run --device device"), 3);
     EXPECT_THAT(err(), HasSubstr("flickr-backup login"));
 
     // By the page to which the service sends the user back.

@@ -66,9 +66,9 @@ def call(program, *arguments, patience=PATIENCE):
         slowest_stop = max(slowest_stop, seconds)
         rig.require(seconds < service.STOP_LIMIT, f"{arguments[0]}: does not stop")
     # What only reads has nothing to end properly.
-    ends = (0, 1, 2, 130) if arguments[0] == "run" or told is None else (0, 1, 2, 130, -signal.SIGINT)
+    ends = (0, 1, 2, 3, 130) if arguments[0] == "run" or told is None else (0, 1, 2, 3, 130, -signal.SIGINT)
     rig.require(run.status in ends, f"{arguments[0]}: no proper end: {run}")
-    rig.require(run.status not in (1, 2) or run.told() or run.out.strip(), f"{arguments[0]}: failed without a word: {run}")
+    rig.require(run.status not in (1, 2, 3) or run.told() or run.out.strip(), f"{arguments[0]}: failed without a word: {run}")
     rig.require(memory < MEMORY, f"{arguments[0]}: takes {memory >> 10} MiB of memory")
     return run
 

@@ -63,7 +63,7 @@ def two_runs(work, build, _):
         time.sleep(0.05)
         rig.require(process.poll() is None, "the first run ended early")
     for refused in second.backup(device), second.verify(device):
-        rig.require(refused.status in (1, 2) and "another" in refused.err.lower(), f"not refused: {refused}")
+        rig.require(refused.status == 3 and "another" in refused.err.lower(), f"not refused: {refused}")
     sim.order("clear-faults")
     out, err = process.communicate(timeout=120)
     rig.require(process.returncode == 0, f"the first run: {out} {err}")
@@ -106,17 +106,17 @@ def clocks(work, build, _):
 def log_has_an_end(work, build, _):
     sim = small_sim(work, build)
     program = rig.Program(work, build, sim.url, sim.credentials)
-    log = program.plugins / "NVHLDevLog.log"
+    log = program.state / "NVHLDevLog.log"
     device = pathlib.Path(work) / "logged"
     device.mkdir()
     for _ in range(12):
         with log.open("ab") as file:
             file.write((b"y" * 200 + b"\n") * 25000)
         rig.require(program.backup(device).status == 0, "a run failed")
-    size = sum(path.stat().st_size for path in program.plugins.glob("NVHLDevLog*"))
+    size = sum(path.stat().st_size for path in program.state.glob("NVHLDevLog*"))
     rig.require(size < LOG_LIMIT, f"the log holds {size} bytes")
     secrets = [line.split(" = ")[1] for line in sim.credentials.read_text().splitlines()]
-    text = "".join(path.read_text(errors="replace") for path in program.plugins.glob("NVHLDevLog*"))
+    text = "".join(path.read_text(errors="replace") for path in program.state.glob("NVHLDevLog*"))
     rig.require(not any(secret in text for secret in secrets), "a secret is in the log")
     sim.stop()
 
@@ -158,9 +158,9 @@ HONEST = [  # a fault, how the run ends, and what its summary has to say
     ("item=53000000001,kind=media,drop=header", 1, ["IMG_0001.jpg"]),
     ("item=53000000001,kind=media,redirect=ftp://x/", 1, ["IMG_0001.jpg", "ftp"]),
     ("kind=media,nth=1,status=503", 0, []),  # mended by the second attempt
-    ("method=flickr.photosets.getList,status=401", 1, ["401"]),
+    ("method=flickr.photosets.getList,status=401", 3, ["401"]),
     ("method=flickr.photosets.getList,error=98", 1, ["Invalid Auth Token"]),
-    ("method=flickr.photosets.getList,status=500", 1, ["500"]),
+    ("method=flickr.photosets.getList,status=500", 3, ["500"]),
     ("method=flickr.photosets.getPhotos,error=105", 1, ["Set 0001", "105"]),
     ("method=flickr.photosets.getPhotos,malformed=1", 1, ["Set 0001"]),
     ("method=flickr.photos.getNotInSet,error=105", 1, ["Anonymous", "105"]),

@@ -72,7 +72,7 @@ class Program:
         self.binary = self.folder / "flickr-backup"
         self.faults = pathlib.Path(build) / "torture/libfaultfs.so"
         self.credentials, self.user = credentials, None
-        self.plugins = self.folder / "Resources/Plugins"
+        self.state = self.folder / "state/flickr-backup"  # the user's, with the log
         done = self.call("configure", "--data-url", url, "--retries", str(retries), "--credentials", credentials)
         require(done.status == 0, f"configure: {done}")
 
@@ -81,7 +81,7 @@ class Program:
         other = copy.copy(self)
         other.folder = pathlib.Path(work) / f"{self.folder.stem}-{user}.app"
         subprocess.run(["cp", "-a", self.folder, other.folder], check=True)
-        other.binary, other.plugins = other.folder / "flickr-backup", other.folder / "Resources/Plugins"
+        other.binary, other.state = other.folder / "flickr-backup", other.folder / "state/flickr-backup"
         other.credentials = shutil.copy2(self.credentials, other.folder / "credentials.ini")
         subprocess.run(["chown", "-R", f"{user}:{user}", other.folder], check=True)
         os.chmod(work, 0o755)
@@ -89,7 +89,8 @@ class Program:
         return other
 
     def start(self, *arguments, faults=None, env=None):
-        environment = dict(os.environ, **(env or {}))
+        environment = dict(os.environ, XDG_CONFIG_HOME=str(self.folder / "config"),
+                           XDG_STATE_HOME=str(self.folder / "state"), **(env or {}))
         if faults:
             preload = [environment.get("LD_PRELOAD"), str(self.faults)]
             environment["LD_PRELOAD"] = ":".join(filter(None, preload))
@@ -110,20 +111,21 @@ class Program:
         return Run(process.returncode, out.decode(errors="replace"), err.decode(errors="replace"),
                    time.monotonic() - began)
 
-    # Without the gallery, which is tried by itself: it can be made anew at any time and follows the run.
+    # Without the gallery, which is tried by itself: it can be made anew at any time and follows the run. Devices
+    # are made anew at the paths of others.
     def backup(self, device, **options):
-        return self.call("run", "--device", device, "--credentials", self.credentials, "--json", "--no-gallery",
+        return self.call("run", "--device", device, "--credentials", self.credentials, "--json", "--no-gallery", "--new",
                          **options)
 
     def start_backup(self, device, **options):
-        return self.start("run", "--device", device, "--credentials", self.credentials, "--json", "--no-gallery",
+        return self.start("run", "--device", device, "--credentials", self.credentials, "--json", "--no-gallery", "--new",
                          **options)
 
     def verify(self, device):
         return self.call("verify", "--device", device)
 
     def log(self):
-        path = self.plugins / "NVHLDevLog.log"
+        path = self.state / "NVHLDevLog.log"
         return path.read_text(errors="replace") if path.exists() else ""
 
 

@@ -2,7 +2,7 @@
 
 #include <filesystem>
 
-#include "standin/app/UsageError.h"
+#include "standin/app/Refusal.h"
 #include "standin/framework/base/Names.h"
 
 namespace flickr_app {
@@ -11,18 +11,10 @@ std::string pluginsDirectory() {
     static const std::string directory =
         (std::filesystem::read_symlink("/proc/self/exe").parent_path() / "Resources/Plugins/").string();
     if (directory != Norvale_Plugin_Core::validUtf8(directory)) {
-        throw UsageError("The program's folder " + directory +
-                         " has a name that is not UTF-8; move the program to another one.");
+        throw CannotBegin("The program's folder " + directory +
+                          " has a name that is not UTF-8; move the program to another one.");
     }
     return directory;
-}
-
-std::string configurationFile() {
-    return pluginsDirectory() + "Flickr_plugin_config.xml";
-}
-
-std::string logFile() {
-    return pluginsDirectory() + "NVHLDevLog.log";
 }
 
 }  // namespace flickr_app

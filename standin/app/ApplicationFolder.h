@@ -4,8 +4,9 @@
 //       flickr-backup                           the program
 //       Resources/Plugins/
 //           FlickrPlugin.bundle/                    the plug-in
-//           Flickr_plugin_config.xml            the plug-in's configuration, written by "configure"
-//           NVHLDevLog.log                      the developer log
+//           Flickr_plugin_config.xml            a configuration of earlier days; see Profile.h
+//
+// Nothing is written there, so that it can belong to another user.
 
 #ifndef STANDIN_APP_APPLICATIONFOLDER_H
 #define STANDIN_APP_APPLICATIONFOLDER_H
@@ -14,13 +15,9 @@
 
 namespace flickr_app {
 
-/// "…/Resources/Plugins/" of the running program, found through links to it. Throws UsageError when the path
+/// "…/Resources/Plugins/" of the running program, found through links to it. Throws CannotBegin when the path
 /// is not UTF-8, as Foundation needs it.
 std::string pluginsDirectory();
-
-/// The configuration and the log in it.
-std::string configurationFile();
-std::string logFile();
 
 }  // namespace flickr_app
 

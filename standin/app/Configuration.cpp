@@ -12,12 +12,14 @@
 #include <sstream>
 
 #include "standin/app/PrivateFile.h"
-#include "standin/app/UsageError.h"
+#include "standin/app/Profile.h"
+#include "standin/app/Refusal.h"
 #include "standin/framework/base/Cipher.h"
 
 namespace flickr_app {
 namespace {
 
+constexpr const char* kCredentialsKey = "host.credentials";
 constexpr const char* kRestPath = "/services/rest/";
 
 const Norvale_Plugin_Core::Cipher& cipher() {
@@ -86,51 +88,63 @@ Norvale_Plugin_Core::ConfigurationValues configurationValues(const Configuration
 }
 
 void writeConfiguration(const std::string& path, const Configuration& configuration) {
-    checkDataUrl(configuration.dataUrl);
+    if (!configuration.dataUrl.empty()) checkDataUrl(configuration.dataUrl);
     Poco::AutoPtr<Poco::Util::XMLConfiguration> file(new Poco::Util::XMLConfiguration);
     file->loadEmpty("config");
     for (const auto& [key, value] : configurationValues(configuration)) file->setString(key, value);
+    file->setString(kCredentialsKey, configuration.credentialsFile);
     std::ostringstream text;
     file->save(text);
     const std::string reason = replacePrivateFile(path, text.str());
     if (reason.empty()) return;
-    throw UsageError("The configuration file " + path + " cannot be written: " + reason +
-                     "; install the program where you may write, or configure it as the user who may.");
+    throw CannotBegin("The configuration file " + path + " cannot be written: " + reason +
+                      "; make its folder writable, or name another with --config.");
 }
 
 Configuration readConfiguration(const std::string& path) {
     const std::string remedy = "; run \"flickr-backup configure\".";
     Poco::AutoPtr<Poco::Util::XMLConfiguration> file;
     if (::access(path.c_str(), F_OK) != 0) {
-        throw UsageError("The program is not configured yet: " + path + " is missing" + remedy);
+        throw CannotBegin("The program is not configured yet: " + path + " is missing" + remedy);
     }
     try {
         file = new Poco::Util::XMLConfiguration(path);
     } catch (Poco::Exception&) {
-        throw UsageError("The configuration file " + path + " cannot be read" + remedy);
+        throw CannotBegin("The configuration file " + path + " cannot be read" + remedy);
     }
     auto value = [&](const char* key) {
         const std::string name = std::string("plugin.") + key;
         if (!file->has(name)) {
-            throw UsageError("The configuration file " + path + " has no value for \"" + name + "\"" +
-                             remedy);
+            throw CannotBegin("The configuration file " + path + " has no value for \"" + name + "\"" +
+                              remedy);
         }
         return file->getRawString(name);
     };
     Configuration configuration;
     configuration.dataUrl = value("dataUrl");
     if (!Poco::NumberParser::tryParse(value("retryAttempts"), configuration.retryAttempts)) {
-        throw UsageError("The number of attempts in the configuration file " + path + " is no number" +
-                         remedy);
+        throw CannotBegin("The number of attempts in the configuration file " + path + " is no number" +
+                          remedy);
     }
+    configuration.credentialsFile = file->getRawString(kCredentialsKey, "");
     try {
         configuration.apiKey = openSecret(value("apiKey"));
         configuration.apiSecret = openSecret(value("apiSecret"));
     } catch (Poco::Exception&) {
-        throw UsageError("The API key or secret in the configuration file " + path + " cannot be deciphered" +
-                         remedy);
+        throw CannotBegin("The API key or secret in the configuration file " + path +
+                          " cannot be deciphered" + remedy);
     }
     return configuration;
+}
+
+std::string credentialsFileFor(const Profile& profile, const std::string& named) {
+    if (!named.empty()) return named;
+    const std::string path = profile.configurationFile();
+    if (::access(path.c_str(), F_OK) == 0) {
+        const std::string configured = readConfiguration(path).credentialsFile;
+        if (!configured.empty()) return configured;
+    }
+    return profile.credentialsFile();
 }
 
 }  // namespace flickr_app

@@ -1,57 +1,106 @@
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <string>
+#include <system_error>
 
-#include "standin/app/ApplicationFolder.h"
 #include "standin/app/Commands.h"
 #include "standin/app/Configuration.h"
 #include "standin/app/Credentials.h"
-#include "standin/app/UsageError.h"
+#include "standin/app/Format.h"
+#include "standin/app/Profile.h"
+#include "standin/app/Refusal.h"
+#include "standin/app/ServiceCheck.h"
 
 namespace flickr_app {
 namespace {
 
+/// What is empty or 0 was not named, and stays as it is.
 struct Options {
     std::string dataUrl;
-    int retries = 3;
+    int retries = 0;
     std::string credentials;
+    bool check = false;
 };
 
-void configure(const Options& options) {
-    checkDataUrl(options.dataUrl);
-    const Credentials credentials = readCredentials(options.credentials);
-    writeConfiguration(configurationFile(),
-                       {options.dataUrl, options.retries, credentials.apiKey, credentials.apiSecret});
-    std::cout << "Configured: " << configurationFile() << std::endl;
+/// What is configured; nothing yet, and nothing that can be kept of a file that is broken when the user names
+/// what has to be there.
+Configuration formerConfiguration(const std::string& path, const Options& options) {
+    std::error_code error;
+    if (!std::filesystem::exists(path, error)) return {};
+    try {
+        return readConfiguration(path);
+    } catch (CannotBegin&) {
+        if (options.dataUrl.empty() || options.credentials.empty()) throw;
+        return {};
+    }
+}
+
+void configure(const Options& options, const Profile& profile) {
+    if (!options.dataUrl.empty()) checkDataUrl(options.dataUrl);
+    profile.prepare();
+    const std::string path = profile.configurationFile();
+    Configuration configuration = formerConfiguration(path, options);
+    if (!options.credentials.empty()) {
+        configuration.credentialsFile = std::filesystem::absolute(options.credentials).string();
+    }
+    const std::string file =
+        configuration.credentialsFile.empty() ? profile.credentialsFile() : configuration.credentialsFile;
+    std::error_code error;
+    if (options.credentials.empty() && !std::filesystem::exists(file, error)) {
+        throw UsageError("There are no credentials in " + file +
+                         "; name their file with --credentials, or sign in with \"flickr-backup login\".");
+    }
+    const Credentials credentials = readCredentials(file);
+    configuration.apiKey = credentials.apiKey;
+    configuration.apiSecret = credentials.apiSecret;
+    if (!options.dataUrl.empty()) configuration.dataUrl = options.dataUrl;
+    if (options.retries > 0) configuration.retryAttempts = options.retries;
+    if (configuration.dataUrl.empty() && !credentials.isOfToday()) {
+        throw UsageError("The service's address is not known yet; give it with --data-url.");
+    }
+    writeConfiguration(path, configuration);
+    std::cout << "Configured: " << printable(path) << "\n  credentials  " << printable(file)
+              << "\n  service      "
+              << (credentials.isOfToday() ? printable(credentials.userName) + ", signed in"
+                                          : printable(configuration.dataUrl))
+              << "\n  attempts     " << configuration.retryAttempts << std::endl;
+    if (options.check) std::cout << askService(configuration, credentials) << std::endl;
 }
 
 }  // namespace
 
-void addConfigureCommand(CLI::App& program, int& status) {
+void addConfigureCommand(CLI::App& program, Profile& profile, int& status) {
     auto options = std::make_shared<Options>();
     CLI::App* command = program.add_subcommand("configure", "Set the service's address, key and secret");
-    command->add_option("--data-url", options->dataUrl, "Address of the service's REST interface")
-        ->required()
+    command
+        ->add_option("--data-url", options->dataUrl,
+                     "Address of the service's REST interface; not needed after \"flickr-backup login\"")
         ->type_name("URL");
-    command->add_option("--retries", options->retries, "How often every request and download is tried")
+    command
+        ->add_option("--retries", options->retries,
+                     "How often every request and download is tried; 3 at first")
         ->check(CLI::Range(kFewestAttempts, kMostAttempts))
-        ->type_name("N")
-        ->capture_default_str();
+        ->type_name("N");
     command->add_option("--credentials", options->credentials, "File with api_key, api_secret and token")
-        ->required()
         ->type_name("FILE");
+    command->add_flag("--check", options->check, "Ask the service whether it can be used so");
+    profile.addOptions(*command);
     command->footer(
-        "The credentials file is for your eyes only (chmod 600) and holds three lines:\n"
-        "  api_key = VALUE\n"
-        "  api_secret = VALUE\n"
-        "  token = VALUE\n"
-        "Key and secret are stored enciphered; the token is not stored.\n"
+        std::string(
+            "What is not named stays as it is. \"flickr-backup run\" reads the same credentials file.\n"
+            "The file is for your eyes only (chmod 600) and holds three lines:\n"
+            "  api_key = VALUE\n"
+            "  api_secret = VALUE\n"
+            "  token = VALUE\n"
+            "Key and secret are stored enciphered; the token is not stored.\n") +
+        kExitStatuses +
         "\n"
         "Example:\n"
         "  flickr-backup configure --data-url http://api.example.net/services/rest/ "
         "--credentials ~/.flickr.ini");
-    command->callback([options, &status] {
-        configure(*options);
+    command->callback([options, &profile, &status] {
+        configure(*options, profile);
         status = ExitSuccess;
     });
 }

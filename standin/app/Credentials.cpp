@@ -20,7 +20,7 @@
 #include <system_error>
 
 #include "standin/app/PrivateFile.h"
-#include "standin/app/UsageError.h"
+#include "standin/app/Refusal.h"
 #include "standin/framework/base/Cipher.h"
 
 namespace flickr_app {
@@ -47,25 +47,25 @@ std::string readPrivateFile(const std::string& path) {
     const Descriptor file{::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)};
     struct stat status {};
     if (file.value < 0 || ::fstat(file.value, &status) != 0) {
-        throw UsageError("The credentials file " + path + " cannot be read: " + std::strerror(errno) + ".");
+        throw CannotBegin("The credentials file " + path + " cannot be read: " + std::strerror(errno) + ".");
     }
     if (S_ISDIR(status.st_mode)) {
-        throw UsageError("The credentials file " + path + " is a directory; give the file's name.");
+        throw CannotBegin("The credentials file " + path + " is a directory; give the file's name.");
     }
     if (!S_ISREG(status.st_mode)) {
-        throw UsageError("The credentials file " + path +
-                         " is no ordinary file; give the name of one that holds the three lines.");
+        throw CannotBegin("The credentials file " + path +
+                          " is no ordinary file; give the name of one that holds the three lines.");
     }
     if (status.st_uid != ::geteuid()) {
-        throw UsageError("The credentials file " + path +
-                         " belongs to another user, who could change it; make a copy of your own.");
+        throw CannotBegin("The credentials file " + path +
+                          " belongs to another user, who could change it; make a copy of your own.");
     }
     if (status.st_mode & (S_IRWXG | S_IRWXO)) {
-        throw UsageError("The credentials file " + path +
-                         " is open to other users; close it with \"chmod 600 " + path + "\".");
+        throw CannotBegin("The credentials file " + path +
+                          " is open to other users; close it with \"chmod 600 " + path + "\".");
     }
     if (status.st_size > kLargestFile) {
-        throw UsageError("The credentials file " + path + " is too large to be one.");
+        throw CannotBegin("The credentials file " + path + " is too large to be one.");
     }
     std::string text(static_cast<std::size_t>(status.st_size), '\0');
     std::size_t done = 0;
@@ -73,8 +73,8 @@ std::string readPrivateFile(const std::string& path) {
         const ssize_t count = ::read(file.value, &text[done], text.size() - done);
         if (count < 0 && errno == EINTR) continue;
         if (count < 0) {
-            throw UsageError("The credentials file " + path + " cannot be read: " + std::strerror(errno) +
-                             ".");
+            throw CannotBegin("The credentials file " + path + " cannot be read: " + std::strerror(errno) +
+                              ".");
         }
         if (count == 0) break;
         done += static_cast<std::size_t>(count);
@@ -98,9 +98,9 @@ void checkService(const std::string& service, const std::string& path) {
     } catch (Poco::Exception&) {
         // It is none, as below.
     }
-    throw UsageError("The value of \"service\" in the credentials file " + path +
-                     " is no address like \"https://HOST:PORT\"; correct it, or remove the line for the "
-                     "service itself.");
+    throw CannotBegin("The value of \"service\" in the credentials file " + path +
+                      " is no address like \"https://HOST:PORT\"; correct it, or remove the line for the "
+                      "service itself.");
 }
 
 }  // namespace
@@ -120,15 +120,15 @@ Credentials readWhatThereIs(const std::string& path) {
     try {
         file = new Poco::Util::IniFileConfiguration(stream);
     } catch (Poco::Exception&) {
-        throw UsageError("The credentials file " + path +
-                         " is not made of lines like \"api_key = VALUE\"; see flickr-backup configure "
-                         "--help.");
+        throw CannotBegin("The credentials file " + path +
+                          " is not made of lines like \"api_key = VALUE\"; see flickr-backup configure "
+                          "--help.");
     }
     const auto value = [&](const char* key, bool inAddress = false) {
         std::string found = file->has(key) ? file->getRawString(key) : std::string();
         if (inAddress && !fitsAddress(found)) {
-            throw UsageError("The value of \"" + std::string(key) + "\" in the credentials file " + path +
-                             " holds a character that cannot be part of it; check it.");
+            throw CannotBegin("The value of \"" + std::string(key) + "\" in the credentials file " + path +
+                              " holds a character that cannot be part of it; check it.");
         }
         return found;
     };
@@ -141,8 +141,8 @@ Credentials readWhatThereIs(const std::string& path) {
 
 Credentials readCredentials(const std::string& path) {
     if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) {
-        throw UsageError("There is no credentials file " + path +
-                         "; run \"flickr-backup login\", or name another with --credentials.");
+        throw CannotBegin("There is no credentials file " + path +
+                          "; run \"flickr-backup login\", or name another with --credentials.");
     }
     Credentials credentials = readWhatThereIs(path);
     const std::pair<const char*, const std::string*> needed[] = {{"api_key", &credentials.apiKey},
@@ -150,8 +150,8 @@ Credentials readCredentials(const std::string& path) {
                                                                  {"token", &credentials.token}};
     for (const auto& [key, value] : needed) {
         if (!value->empty()) continue;
-        throw UsageError("The credentials file " + path + " has no value for \"" + key +
-                         "\"; run \"flickr-backup login\", or add a line \"" + key + " = VALUE\".");
+        throw CannotBegin("The credentials file " + path + " has no value for \"" + key +
+                          "\"; run \"flickr-backup login\", or add a line \"" + key + " = VALUE\".");
     }
     return credentials;
 }
@@ -177,8 +177,8 @@ void changeCredentials(const std::string& path,
     const std::string reason = replacePrivateFile(path, text);
     Norvale_Plugin_Core::wipe(text);
     if (!reason.empty()) {
-        throw UsageError("The credentials file " + path + " cannot be written: " + reason +
-                         "; name another with --credentials.");
+        throw CannotBegin("The credentials file " + path + " cannot be written: " + reason +
+                          "; name another with --credentials.");
     }
 }
 

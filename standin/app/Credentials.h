@@ -43,7 +43,7 @@ struct Credentials {
     bool isOfToday() const { return !tokenSecret.empty(); }
 };
 
-/// Throws UsageError when the file cannot be read or is no ordinary file, when it belongs to another user,
+/// Throws CannotBegin when the file cannot be read or is no ordinary file, when it belongs to another user,
 /// when its group or others may read or write it, and when a value is missing or cannot be one. No message
 /// holds a value. From the call on the process leaves no core file, which would hold them.
 Credentials readCredentials(const std::string& path);
@@ -52,7 +52,7 @@ Credentials readCredentials(const std::string& path);
 Credentials readWhatThereIs(const std::string& path);
 
 /// Sets the values in the file, which is made with its folders when it is missing, and removes those that are
-/// empty; other lines stay. Whole or not at all. Throws UsageError when it cannot be written.
+/// empty; other lines stay. Whole or not at all. Throws CannotBegin when it cannot be written.
 void changeCredentials(const std::string& path,
                        const std::vector<std::pair<std::string, std::string>>& values);
 

@@ -4,7 +4,7 @@
 #include <filesystem>
 #include <vector>
 
-#include "standin/app/UsageError.h"
+#include "standin/app/Refusal.h"
 #include "standin/framework/base/Localisation.h"
 #include "standin/framework/base/Names.h"
 
@@ -48,7 +48,7 @@ void checkCulture(const std::string& culture) {
 void refuseLink(const std::string& folder) {
     std::error_code error;
     if (fs::is_symlink(fs::symlink_status(folder, error))) {
-        throw UsageError(
+        throw CannotBegin(
             "The folder " + folder +
             " is a symbolic link; move it away, or give the directory to which it leads its place.");
     }
@@ -61,8 +61,8 @@ DeviceLayout layoutOn(const std::string& device, const std::string& databaseName
     DeviceLayout layout;
     layout.device = fs::canonical(device, error).string();
     if (error || !fs::is_directory(layout.device, error)) {
-        throw UsageError("The device " + device +
-                         " is no directory that can be reached; mount it, or give the right one.");
+        throw CannotBegin("The device " + device +
+                          " is no directory that can be reached; mount it, or give the right one.");
     }
     if (databaseName.empty() || databaseName == "Brightkettle" || databaseName.front() == '.' ||
         databaseName != Norvale_Plugin_Core::safeName(databaseName)) {
@@ -81,8 +81,8 @@ DeviceLayout layoutOn(const std::string& device, const std::string& databaseName
     layout.serviceFolder = serviceFolderOn(layout.device, layout.culture);
     layout.databasePath = (layout.device == "/" ? "" : layout.device) + "/" + databaseName;
     if (layout.holdsBackup && layout.serviceFolder != serviceFolderOn(layout.device, present)) {
-        throw UsageError("The device " + layout.device + " holds a backup in the culture \"" + present +
-                         "\"; use that one, or another device.");
+        throw CannotBegin("The device " + layout.device + " holds a backup in the culture \"" + present +
+                          "\"; use that one, or another device.");
     }
     return layout;
 }
@@ -99,10 +99,10 @@ DeviceLayout layoutOf(const std::string& device, const std::string& databaseName
     DeviceLayout layout = layoutOn(device, databaseName, culture);
     std::error_code error;
     if (layout.holdsBackup && !fs::exists(layout.databasePath, error)) {
-        throw UsageError("The device holds a backup in " + layout.serviceFolder + ", but its database " +
-                         layout.databasePath +
-                         " is missing; give its name with --database, or move the folder away to begin "
-                         "a new backup.");
+        throw CannotBegin("The device holds a backup in " + layout.serviceFolder + ", but its database " +
+                          layout.databasePath +
+                          " is missing; give its name with --database, or move the folder away to begin "
+                          "a new backup.");
     }
     return layout;
 }
@@ -111,8 +111,8 @@ DeviceLayout existingBackup(const std::string& device, const std::string& databa
     DeviceLayout layout = layoutOf(device, databaseName, "");
     std::error_code error;
     if (!fs::exists(layout.databasePath, error)) {
-        throw UsageError("There is no backup on the device " + layout.device + ": it has no database \"" +
-                         databaseName + "\".");
+        throw CannotBegin("There is no backup on the device " + layout.device + ": it has no database \"" +
+                          databaseName + "\".");
     }
     return layout;
 }
@@ -122,7 +122,7 @@ DeviceLayout backupToShow(const std::string& device, const std::string& database
     std::error_code error;
     if (!fs::exists(layout.databasePath, error)) layout.databasePath.clear();
     if (layout.databasePath.empty() && !layout.holdsBackup) {
-        throw UsageError("There is no backup on the device " + layout.device + "; give the right one.");
+        throw CannotBegin("There is no backup on the device " + layout.device + "; give the right one.");
     }
     return layout;
 }

@@ -7,7 +7,7 @@
 #include "standin/app/DeviceLayout.h"
 #include "standin/app/Format.h"
 #include "standin/app/LibraryOptions.h"
-#include "standin/app/UsageError.h"
+#include "standin/app/Refusal.h"
 #include "standin/framework/device/DeviceLock.h"
 #include "standin/framework/store/BackupDatabase.h"
 #include "standin/gallery/Gallery.h"
@@ -22,14 +22,16 @@ struct Options : LibraryOptions {
 int makeGallery(const Options& options) {
     using flickr_gallery::Reading;
     const DeviceLayout layout = backupToShow(options.device, options.database);
-    const Norvale_Plugin_Core::DeviceLock lock(layout.device);
+    const auto lock = beforehand([&] { return Norvale_Plugin_Core::DeviceLock(layout.device); });
     Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->setCulture(layout.culture);
     std::unique_ptr<Norvale_Plugin_Core::BackupDatabase> database;
     if (layout.databasePath.empty()) {
         std::cout << "There is no database; the gallery is made from the description records.\n";
     } else {
-        database = std::make_unique<Norvale_Plugin_Core::BackupDatabase>(
-            layout.databasePath, Norvale_Plugin_Core::BackupDatabase::Missing::Refuse);
+        database = beforehand([&] {
+            return std::make_unique<Norvale_Plugin_Core::BackupDatabase>(
+                layout.databasePath, Norvale_Plugin_Core::BackupDatabase::Missing::Refuse);
+        });
     }
     const auto report = flickr_gallery::writeGallery(layout.serviceFolder, database.get(),
                                                      options.anew ? Reading::Everything : Reading::Changes);
@@ -49,12 +51,11 @@ void addGalleryCommand(CLI::App& program, int& status) {
     addLibraryOptions(*command, *options);
     command->add_flag("--anew", options->anew,
                       "Read all records and thumbnails again, not only what changed");
-    command->footer(
-        "Each run does so at its end. The page needs no network and no server.\n"
-        "Exit status: 0 written or up to date, 1 failed, 2 wrong usage.\n"
-        "\n"
-        "Example:\n"
-        "  flickr-backup gallery --device /media/usb");
+    command->footer(std::string("Each run does so at its end. The page needs no network and no server.\n") +
+                    kExitStatuses +
+                    "\n"
+                    "Example:\n"
+                    "  flickr-backup gallery --device /media/usb");
     command->callback([options, &status] { status = makeGallery(*options); });
 }
 

@@ -12,11 +12,10 @@
 #include <cerrno>
 #include <cstring>
 
-#include "gateway/Gateway.h"
 #include "hostapi/DbInterface.h"
 #include "standin/app/Configuration.h"
 #include "standin/app/PrivateFile.h"
-#include "standin/app/UsageError.h"
+#include "standin/app/Refusal.h"
 #include "standin/framework/run/RunConfiguration.h"
 
 namespace flickr_app {
@@ -31,12 +30,10 @@ bool holds(const std::vector<std::string>& types, const char* type) {
 flickr_gateway::GatewaySettings settingsOf(const Credentials& credentials, const GatewayOptions& options,
                                            BackupDatabase& database, const RunRequest& request) {
     flickr_gateway::GatewaySettings settings;
-    if (!credentials.service.empty()) {
-        settings.addresses = flickr_gateway::ServiceAddresses::below(credentials.service);
-        settings.trust.privateHost = Poco::URI(credentials.service).getHost();
-    }
-    settings.trust.caFile = credentials.ca;
-    settings.keys = {credentials.apiKey, credentials.apiSecret, credentials.token, credentials.tokenSecret};
+    const ServicePlace place = placeOf(credentials);
+    settings.addresses = place.addresses;
+    settings.trust = place.trust;
+    settings.keys = keysOf(credentials);
     settings.userId = credentials.userId;
     settings.stateFolder = userStateFolder();
     settings.transfers.atATime = options.transfers;
@@ -82,6 +79,20 @@ std::string accountOn(const std::string& serviceFolder) {
 
 }  // namespace
 
+ServicePlace placeOf(const Credentials& credentials) {
+    ServicePlace place;
+    place.trust.caFile = credentials.ca;
+    if (!credentials.service.empty()) {
+        place.addresses = flickr_gateway::ServiceAddresses::below(credentials.service);
+        place.trust.privateHost = Poco::URI(credentials.service).getHost();
+    }
+    return place;
+}
+
+flickr_gateway::OAuthKeys keysOf(const Credentials& credentials) {
+    return {credentials.apiKey, credentials.apiSecret, credentials.token, credentials.tokenSecret};
+}
+
 GatewayRun::GatewayRun(const Credentials& credentials, const GatewayOptions& options,
                        BackupDatabase& database, RunRequest& request)
     : gateway_(
@@ -120,9 +131,9 @@ void tieToAccount(const DeviceLayout& layout, const Credentials& credentials) {
     const std::string account = accountOn(layout.serviceFolder);
     if (account == credentials.userId) return;
     if (!account.empty()) {
-        throw UsageError("The device " + layout.device + " holds the backup of the account " + account +
-                         ", and the credentials are those of " + credentials.userId +
-                         "; sign in as the other, or use another device.");
+        throw CannotBegin("The device " + layout.device + " holds the backup of the account " + account +
+                          ", and the credentials are those of " + credentials.userId +
+                          "; sign in as the other, or use another device.");
     }
     // A name that is cut off by a power cut is read as none: the id comes first, and in one piece.
     const int file = openAccountFile(layout.serviceFolder, O_WRONLY | O_CREAT | O_TRUNC);

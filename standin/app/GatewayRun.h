@@ -8,16 +8,22 @@
 #include <string>
 #include <vector>
 
+#include "gateway/Gateway.h"
 #include "standin/app/Credentials.h"
 #include "standin/app/DeviceLayout.h"
 #include "standin/app/PerformRun.h"
 #include "standin/framework/store/BackupDatabase.h"
 
-namespace flickr_gateway {
-class Gateway;
-}
-
 namespace flickr_app {
+
+/// Where the service is, and whom to trust there.
+struct ServicePlace {
+    flickr_gateway::ServiceAddresses addresses;
+    flickr_gateway::HttpTrust trust;
+};
+ServicePlace placeOf(const Credentials& credentials);
+
+flickr_gateway::OAuthKeys keysOf(const Credentials& credentials);
 
 /// What the user can set.
 struct GatewayOptions {
@@ -49,7 +55,7 @@ private:
 };
 
 /// A device belongs to one account: ".records/.account" in the service folder holds its id, a blank and its
-/// name. Writes that file when there is none and the folder is there. Throws UsageError when the device is
+/// name. Writes that file when there is none and the folder is there. Throws CannotBegin when the device is
 /// another account's.
 void tieToAccount(const DeviceLayout& layout, const Credentials& credentials);
 

@@ -7,14 +7,23 @@
 #include "standin/app/Configuration.h"
 #include "standin/app/Format.h"
 #include "standin/app/PerformRun.h"
-#include "standin/app/UsageError.h"
+#include "standin/app/Profile.h"
+#include "standin/app/Refusal.h"
+#include "standin/framework/run/RunConfiguration.h"
 
 namespace flickr_app {
 namespace {
 
-int showInfo() {
-    readConfiguration(configurationFile());  // says what to do when there is none
-    const auto lines = describePlugin();
+int showInfo(const Profile& profile) {
+    profile.prepare();
+    profile.use();
+    // Without a configuration the plug-in has what it has behind a sign-in of today.
+    Norvale_Plugin_Core::setRunConfiguration({}, configurationValues(Configuration()));
+    auto lines = describePlugin();
+    lines.insert(lines.end(), {{"Program", pluginsDirectory()},
+                               {"Configuration", profile.configurationFile()},
+                               {"Credentials", credentialsFileFor(profile, "")},
+                               {"Log", profile.logFile()}});
     std::size_t width = 0;
     for (const auto& [label, value] : lines) width = std::max(width, label.size());
     for (const auto& [label, value] : lines) {
@@ -26,12 +35,13 @@ int showInfo() {
 
 }  // namespace
 
-void addInfoCommand(CLI::App& program, int& status) {
+void addInfoCommand(CLI::App& program, Profile& profile, int& status) {
     CLI::App* command = program.add_subcommand("info", "Show the plug-in's identity and settings");
+    profile.addOptions(*command);
     command->footer(
         "What the plug-in tells the host: who it is, and the settings with which a service begins, as an\n"
         "object and (service.…) as the older dictionary. Keys and tokens are masked.");
-    command->callback([&status] { status = showInfo(); });
+    command->callback([&profile, &status] { status = showInfo(profile); });
 }
 
 }  // namespace flickr_app

@@ -1,5 +1,4 @@
 #include <Poco/Exception.h>
-#include <Poco/URI.h>
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <termios.h>
@@ -13,10 +12,12 @@
 
 #include "gateway/SignIn.h"
 #include "standin/app/Commands.h"
+#include "standin/app/Configuration.h"
 #include "standin/app/Credentials.h"
-#include "standin/app/PrivateFile.h"
+#include "standin/app/GatewayRun.h"
+#include "standin/app/Profile.h"
+#include "standin/app/Refusal.h"
 #include "standin/app/SignInPage.h"
-#include "standin/app/UsageError.h"
 
 namespace flickr_app {
 namespace {
@@ -25,7 +26,7 @@ constexpr std::chrono::seconds kTimeForThePage{600};
 const flickr_gateway::Cancelled kNever = [] { return false; };
 
 struct Options {
-    std::string credentials = userCredentialsFile();
+    std::string credentials;
     std::string ca;
     bool noBrowser = false;
 };
@@ -94,13 +95,8 @@ bool openInBrowser(const std::string& address) {
 }
 
 flickr_gateway::SignedIn signIn(const Credentials& credentials, bool noBrowser) {
-    flickr_gateway::ServiceAddresses addresses;
-    flickr_gateway::HttpTrust trust{credentials.ca, ""};
-    if (!credentials.service.empty()) {
-        addresses = flickr_gateway::ServiceAddresses::below(credentials.service);
-        trust.privateHost = Poco::URI(credentials.service).getHost();
-    }
-    flickr_gateway::SignIn attempt(addresses, trust, credentials.apiKey, credentials.apiSecret);
+    const ServicePlace place = placeOf(credentials);
+    flickr_gateway::SignIn attempt(place.addresses, place.trust, credentials.apiKey, credentials.apiSecret);
     if (noBrowser) {
         attempt.begin("oob", kNever);
         std::cout << attempt.page() << std::endl;
@@ -122,77 +118,80 @@ flickr_gateway::SignedIn signIn(const Credentials& credentials, bool noBrowser) 
     return attempt.finish(verifier, kNever);
 }
 
-void requireName(const Options& options) {
-    if (!options.credentials.empty()) return;
-    throw UsageError("There is no home folder for the credentials; name a file with --credentials.");
-}
-
-void login(const Options& options) {
-    requireName(options);
-    Credentials credentials = readWhatThereIs(options.credentials);
+void login(const std::string& file, const Options& options) {
+    Credentials credentials = readWhatThereIs(file);
     if (!options.ca.empty()) credentials.ca = std::filesystem::absolute(options.ca);
     completeApplication(credentials);
-    const flickr_gateway::SignedIn signedIn = signIn(credentials, options.noBrowser);
-    changeCredentials(options.credentials, {{"api_key", credentials.apiKey},
-                                            {"api_secret", credentials.apiSecret},
-                                            {"token", signedIn.keys.token},
-                                            {"token_secret", signedIn.keys.tokenSecret},
-                                            {"user_id", signedIn.userId},
-                                            {"user_name", signedIn.userName},
-                                            {"ca", credentials.ca}});
+    flickr_gateway::SignedIn signedIn;
+    try {
+        signedIn = signIn(credentials, options.noBrowser);
+    } catch (flickr_gateway::Failure& failure) {
+        throw CannotBegin(failure.what());
+    }
+    changeCredentials(file, {{"api_key", credentials.apiKey},
+                             {"api_secret", credentials.apiSecret},
+                             {"token", signedIn.keys.token},
+                             {"token_secret", signedIn.keys.tokenSecret},
+                             {"user_id", signedIn.userId},
+                             {"user_name", signedIn.userName},
+                             {"ca", credentials.ca}});
     std::cout << "Signed in as " << signedIn.userName << " (" << signedIn.userId << "), to read only.\n"
-              << "Credentials: " << options.credentials << std::endl;
+              << "Credentials: " << file << std::endl;
 }
 
-void logout(const Options& options) {
-    requireName(options);
-    if (readWhatThereIs(options.credentials).token.empty()) {
+void logout(const std::string& file) {
+    if (readWhatThereIs(file).token.empty()) {
         std::cout << "Nobody is signed in." << std::endl;
         return;
     }
-    changeCredentials(options.credentials,
-                      {{"token", ""}, {"token_secret", ""}, {"user_id", ""}, {"user_name", ""}});
-    std::cout << "Signed out: the token is removed from " << options.credentials
+    changeCredentials(file, {{"token", ""}, {"token_secret", ""}, {"user_id", ""}, {"user_name", ""}});
+    std::cout << "Signed out: the token is removed from " << file
               << ".\nTo withdraw the permission as well, see https://www.flickr.com/services/auth/list.gne"
               << std::endl;
 }
 
 void addCredentialsOption(CLI::App& command, Options& options) {
-    command.add_option("--credentials", options.credentials, "File for the sign-in")
-        ->type_name("FILE")
-        ->capture_default_str();
+    command
+        .add_option(
+            "--credentials", options.credentials,
+            "File for the sign-in; without it the configured one, or \"credentials\" beside the settings")
+        ->type_name("FILE");
 }
 
 }  // namespace
 
-void addLoginCommand(CLI::App& program, int& status) {
+void addLoginCommand(CLI::App& program, Profile& profile, int& status) {
     auto options = std::make_shared<Options>();
     CLI::App* command = program.add_subcommand("login", "Sign in to the service, to read only");
     addCredentialsOption(*command, *options);
     command->add_option("--ca", options->ca, "Authorities to trust instead of the system's; kept in the file")
         ->check(CLI::ExistingFile)
         ->type_name("FILE");
+    profile.addOptions(*command);
     command->add_flag("--no-browser", options->noBrowser,
                       "Print the service's address, and read the code that it shows from standard input");
     command->footer(
         "Asks for the key and the secret of an application that is registered at the service, unless the "
         "file\n"
-        "holds api_key and api_secret, and writes the sign-in to the file, for your eyes only.\n"
+        "holds api_key and api_secret, and writes the sign-in to the file, for your eyes only.\n" +
+        std::string(kExitStatuses) +
         "\n"
         "Example:\n"
         "  flickr-backup login && flickr-backup run --device /media/usb");
-    command->callback([options, &status] {
-        login(*options);
+    command->callback([options, &profile, &status] {
+        login(credentialsFileFor(profile, options->credentials), *options);
         status = ExitSuccess;
     });
 }
 
-void addLogoutCommand(CLI::App& program, int& status) {
+void addLogoutCommand(CLI::App& program, Profile& profile, int& status) {
     auto options = std::make_shared<Options>();
     CLI::App* command = program.add_subcommand("logout", "Remove the sign-in from this machine");
     addCredentialsOption(*command, *options);
-    command->callback([options, &status] {
-        logout(*options);
+    profile.addOptions(*command);
+    command->footer(kExitStatuses);
+    command->callback([options, &profile, &status] {
+        logout(credentialsFileFor(profile, options->credentials));
         status = ExitSuccess;
     });
 }

@@ -57,9 +57,15 @@ std::string replacePrivateFile(const std::string& path, const std::string& conte
     return std::string();
 }
 
-std::string userCredentialsFile() {
-    const std::string folder = folderBelow("XDG_CONFIG_HOME", "/.config");
-    return folder.empty() ? folder : folder + "/credentials";
+void makePrivateFolder(const std::string& path) {
+    for (std::size_t end = path.find('/', 1); end != std::string::npos; end = path.find('/', end + 1)) {
+        ::mkdir(path.substr(0, end).c_str(), 0700);
+    }
+    ::mkdir(path.c_str(), 0700);
+}
+
+std::string userConfigurationFolder() {
+    return folderBelow("XDG_CONFIG_HOME", "/.config");
 }
 
 std::string userStateFolder() {

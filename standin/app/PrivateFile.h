@@ -12,8 +12,12 @@ namespace flickr_app {
 /// went wrong ("Permission denied"); empty when nothing did.
 std::string replacePrivateFile(const std::string& path, const std::string& content);
 
-/// "$XDG_CONFIG_HOME/flickr-backup/credentials", or below "~/.config". Empty when there is no home.
-std::string userCredentialsFile();
+/// Makes a folder and those above it that are missing, for their owner only. What cannot be made shows in
+/// what is written there.
+void makePrivateFolder(const std::string& path);
+
+/// "$XDG_CONFIG_HOME/flickr-backup", or below "~/.config". Empty when there is no home.
+std::string userConfigurationFolder();
 
 /// "$XDG_STATE_HOME/flickr-backup", or below "~/.local/state". Empty when there is no home.
 std::string userStateFolder();

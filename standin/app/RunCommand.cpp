@@ -17,18 +17,19 @@
 #include <utility>
 #include <vector>
 
-#include "standin/app/ApplicationFolder.h"
 #include "standin/app/Commands.h"
 #include "standin/app/Configuration.h"
 #include "standin/app/Credentials.h"
+#include "standin/app/DeviceHistory.h"
 #include "standin/app/DeviceLayout.h"
 #include "standin/app/Format.h"
 #include "standin/app/GatewayRun.h"
 #include "standin/app/PerformRun.h"
-#include "standin/app/PrivateFile.h"
+#include "standin/app/Profile.h"
 #include "standin/app/ProgressLine.h"
+#include "standin/app/Reason.h"
+#include "standin/app/Refusal.h"
 #include "standin/app/Summary.h"
-#include "standin/app/UsageError.h"
 #include "standin/framework/base/Cipher.h"
 #include "standin/framework/base/Names.h"
 #include "standin/framework/device/BackupCheck.h"
@@ -59,6 +60,7 @@ struct Options {
     GatewayOptions gateway;
     bool shared = false;
     bool noGallery = false;
+    bool isNew = false;
 };
 
 volatile std::sig_atomic_t stopSignals = 0;
@@ -184,17 +186,15 @@ std::vector<std::string> dataTypesOf(const std::vector<std::string>& media) {
 }
 
 /// Without a sign-in of today key and secret are the configured ones, which have to be the file's.
-Credentials credentialsFor(const Options& options) {
-    if (options.credentials.empty()) {
-        throw UsageError("There is no home folder with credentials; name the file with --credentials.");
-    }
-    Credentials credentials = readCredentials(options.credentials);
+Credentials credentialsFor(const Options& options, const Profile& profile) {
+    const std::string file = credentialsFileFor(profile, options.credentials);
+    Credentials credentials = readCredentials(file);
     if (!options.ca.empty()) credentials.ca = options.ca;
     if (credentials.isOfToday()) return credentials;
-    const Configuration configured = readConfiguration(configurationFile());
+    const Configuration configured = readConfiguration(profile.configurationFile());
     if (configured.apiKey != credentials.apiKey || configured.apiSecret != credentials.apiSecret) {
-        throw UsageError("The API key or secret in " + options.credentials +
-                         " is not the configured one; run \"flickr-backup configure\" again.");
+        throw CannotBegin("The API key or secret in " + file +
+                          " is not the configured one; run \"flickr-backup configure\" again.");
     }
     return credentials;
 }
@@ -217,14 +217,23 @@ void refuseUnnameable(const DeviceLayout& layout) {
                      " has a path that is not UTF-8; mount it under another name, or rename the folder.");
 }
 
+/// An empty directory where there was a backup is more often a device that is not mounted than a wish.
+void refuseVanished(const DeviceLayout& layout) {
+    std::error_code error;
+    if (layout.holdsBackup || std::filesystem::exists(layout.databasePath, error)) return;
+    if (!DeviceHistory(layout.device).isKnown()) return;
+    throw CannotBegin("The backup that stood in " + layout.device +
+                      " is not there any more; is the device mounted? If so, --new begins another one.");
+}
+
 /// A database that names files where there are none would make a run pass over them.
 void refuseLostFiles(BackupDatabase& database, const DeviceLayout& layout) {
     long recorded = 0;
     for (const auto& folder : database.folders()) recorded += folder.items;
     if (recorded == 0 || layout.holdsBackup) return;
-    throw UsageError("The database " + layout.databasePath + " records " + formatCount(recorded, "item") +
-                     ", but there is nothing in " + layout.serviceFolder +
-                     "; put the folder back, or move the database away to begin a new backup.");
+    throw CannotBegin("The database " + layout.databasePath + " records " + formatCount(recorded, "item") +
+                      ", but there is nothing in " + layout.serviceFolder +
+                      "; put the folder back, or move the database away to begin a new backup.");
 }
 
 /// Items that are recorded, so that no run fetches them, and whose files are not there as recorded.
@@ -269,45 +278,76 @@ void addEarlierPasses(long newItems, long editedItems, Norvale_Plugin_Core::RunS
     summary.unchangedItems = std::max(0L, summary.unchangedItems - newItems - editedItems);
 }
 
-int run(const Options& options) {
+/// Reasons as sentences. What failed for a set or item is no error of the whole run as well.
+void makePlain(Norvale_Plugin_Core::RunSummary& summary) {
+    const auto isToldOfItem = [&](const std::string& error) {
+        return std::any_of(summary.failures.begin(), summary.failures.end(), [&](const auto& failure) {
+            return failure.reason.find(error) != std::string::npos;
+        });
+    };
+    std::vector<std::string>& errors = summary.errors;
+    errors.erase(std::remove_if(errors.begin(), errors.end(), isToldOfItem), errors.end());
+    for (std::string& error : errors) error = plainReason(error);
+    for (auto& failure : summary.failures) failure.reason = plainReason(failure.reason);
+}
+
+PastRun pastRun(const RunReport& report) {
+    PastRun run;
+    run.result = resultName(report);
+    run.newItems = report.done.newItems;
+    run.editedItems = report.done.editedItems;
+    run.unchangedItems = report.done.unchangedItems;
+    run.failures = static_cast<std::int64_t>(report.done.failures.size());
+    run.untriedItems = report.done.untriedItems;
+    run.untriedSets = report.done.untriedSets;
+    run.bytes = static_cast<std::int64_t>(report.done.bytes);
+    return run;
+}
+
+int run(const Options& options, const Profile& profile) {
     // The databases, and what the loaded object makes, are made with the process's mask.
     if (!options.shared) ::umask(077);
     Norvale_Plugin_Core::Device::share(options.shared);
     RunRequest request;
     readDate(options.from, request);
     request.dataTypes = dataTypesOf(options.media);
-    const Credentials credentials = credentialsFor(options);
+    profile.prepare();
+    profile.use();
+    const Credentials credentials = credentialsFor(options, profile);
     const DeviceLayout layout = layoutOf(options.device, options.database, options.culture);
     refuseUnnameable(layout);
+    if (!options.isNew) refuseVanished(layout);
     request.device = layout.device;
     request.databaseName = options.database;
     request.authToken = credentials.token;
     request.culture = layout.culture;
 
     const RunSignals signals;
-    const Norvale_Plugin_Core::DeviceLock lock(layout.device);
-    BackupDatabase database(layout.databasePath);
+    const auto lock = beforehand([&] { return Norvale_Plugin_Core::DeviceLock(layout.device); });
+    BackupDatabase database = beforehand([&] { return BackupDatabase(layout.databasePath); });
     refuseLostFiles(database, layout);
     const auto recover = [&] {
         if (!std::filesystem::is_directory(layout.serviceFolder)) return;
         Norvale_Plugin_Core::recoverDevice(database, layout.serviceFolder);
     };
-    recover();
-
     std::vector<std::string> secrets = {credentials.token, credentials.apiKey, credentials.apiSecret};
     std::optional<GatewayRun> gateway;
-    if (credentials.isOfToday()) {
+    beforehand([&] {
+        recover();
+        if (!credentials.isOfToday()) return;
         tieToAccount(layout, credentials);
         gateway.emplace(credentials, options.gateway, database, request);
         secrets.push_back(credentials.tokenSecret);
         for (std::string& secret : gateway->secrets()) secrets.push_back(std::move(secret));
-    }
+    });
     const HiddenSecrets hidden(std::move(secrets));
+    DeviceHistory history(layout.device);
+    std::vector<std::string> notes = {profile.logProblem(), history.begin()};
 
     RunReport report;
     report.serviceFolder = layout.serviceFolder;
     report.database = layout.databasePath;
-    report.log = logFile();
+    report.log = profile.logFile();
     Norvale_Plugin_Core::RunJournal::instance().begin();
     const Clock::time_point start = Clock::now();
     long newItems = 0, editedItems = 0;  // of the passes before a pause
@@ -345,6 +385,11 @@ int run(const Options& options) {
     }
     if (stopSignals > 0 && exitStatus(report) == ExitSuccess) report.outcome.stopped = true;
     report.seconds = secondsSince(start);
+    makePlain(report.done);
+    notes.push_back(history.end(pastRun(report)));
+    for (std::string& note : notes) {
+        if (!note.empty()) report.done.warnings.push_back(std::move(note));
+    }
 
     std::cout << (options.json ? summaryJson(report) : summaryText(report)) << std::flush;
     return exitStatus(report);
@@ -352,16 +397,16 @@ int run(const Options& options) {
 
 }  // namespace
 
-void addRunCommand(CLI::App& program, int& status) {
+void addRunCommand(CLI::App& program, Profile& profile, int& status) {
     auto options = std::make_shared<Options>();
     CLI::App* command = program.add_subcommand("run", "Back up what is new or changed");
     command->add_option("--device", options->device, "Directory to which the backup goes")
         ->required()
         ->type_name("DIR");
-    options->credentials = userCredentialsFile();
-    command->add_option("--credentials", options->credentials, "File with api_key, api_secret and token")
-        ->type_name("FILE")
-        ->capture_default_str();
+    command
+        ->add_option("--credentials", options->credentials,
+                     "File with api_key, api_secret and token; without it the configured one, or the sign-in")
+        ->type_name("FILE");
     command
         ->add_option("--ca", options->ca,
                      "Authorities to trust instead of the system's and the file's \"ca\"")
@@ -401,15 +446,20 @@ void addRunCommand(CLI::App& program, int& status) {
     command->add_flag("--shared", options->shared,
                       "Let other users of the machine read what is written, as far as the umask allows it");
     command->add_flag("--no-gallery", options->noGallery, "Leave the page that shows the backup as it is");
+    command->add_flag("--new", options->isNew,
+                      "Begin a new backup where an earlier one stood that is not there any more");
     command->add_flag("--json", options->json, "Print the summary as one JSON object");
+    profile.addOptions(*command);
     command->footer(
-        "Progress goes to standard error, the summary to standard output. SIGINT (Ctrl-C), SIGTERM and\n"
-        "SIGHUP stop the run; the next one goes on from there. SIGUSR1 pauses the run, SIGUSR2 resumes it.\n"
-        "Exit status: 0 complete, 1 failed or something is not backed up, 2 wrong usage, 130 stopped.\n"
+        std::string(
+            "Progress goes to standard error, the summary to standard output. SIGINT (Ctrl-C), SIGTERM and\n"
+            "SIGHUP stop the run; the next one goes on from there. SIGUSR1 pauses the run, SIGUSR2 resumes "
+            "it.\n") +
+        kExitStatuses +
         "\n"
         "Example:\n"
         "  flickr-backup run --device /media/usb --from 2015-06-01");
-    command->callback([options, &status] { status = run(*options); });
+    command->callback([options, &profile, &status] { status = run(*options, profile); });
 }
 
 }  // namespace flickr_app

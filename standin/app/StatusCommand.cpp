@@ -14,7 +14,7 @@
 #include "standin/app/Format.h"
 #include "standin/app/LibraryOptions.h"
 #include "standin/app/LibraryText.h"
-#include "standin/app/UsageError.h"
+#include "standin/app/Refusal.h"
 #include "standin/framework/device/BackupCheck.h"
 #include "standin/framework/store/BackupDatabase.h"
 
@@ -47,7 +47,8 @@ std::string titleOf(const FolderRow& folder) {
 
 int showStatus(const LibraryOptions& options) {
     const DeviceLayout layout = existingBackup(options.device, options.database);
-    BackupDatabase database(layout.databasePath, BackupDatabase::Missing::Refuse);
+    BackupDatabase database =
+        beforehand([&] { return BackupDatabase(layout.databasePath, BackupDatabase::Missing::Refuse); });
     Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->setCulture(layout.culture);
 
     const std::vector<FolderRow> folders = database.folders();
@@ -81,11 +82,10 @@ void addStatusCommand(CLI::App& program, int& status) {
     auto options = std::make_shared<LibraryOptions>();
     CLI::App* command = program.add_subcommand("status", "List what is backed up on a device");
     addLibraryOptions(*command, *options);
-    command->footer(
-        "Exit status: 0 when database and device agree, 1 when they do not, 2 wrong usage.\n"
-        "\n"
-        "Example:\n"
-        "  flickr-backup status --device /media/usb");
+    command->footer(std::string(kExitStatuses) +
+                    "\n"
+                    "Example:\n"
+                    "  flickr-backup status --device /media/usb");
     command->callback([options, &status] { status = showStatus(*options); });
 }
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "standin/app/Format.h"
-#include "standin/app/UsageError.h"
+#include "standin/app/Refusal.h"
 #include "standin/framework/base/Names.h"
 #include "standin/framework/store/BackupDatabase.h"
 
@@ -55,17 +55,28 @@ long keptItems(const Norvale_Plugin_Core::RunSummary& done) {
 }  // namespace
 
 int exitStatus(const RunReport& report) {
+    const Norvale_Plugin_Core::RunSummary& done = report.done;
     if (report.outcome.stopped) return ExitStopped;
-    return report.outcome.status == kPluginSuccess && report.done.complete() ? ExitSuccess : ExitFailure;
+    if (report.outcome.status == kPluginSuccess && done.complete()) return ExitSuccess;
+    const bool sawItems = done.newItems + done.editedItems + done.unchangedItems + done.interruptedItems +
+                              done.untriedItems + done.untriedSets >
+                          0;
+    return sawItems || !done.failures.empty() ? ExitFailure : ExitCannotBegin;
+}
+
+const char* resultName(const RunReport& report) {
+    const int status = exitStatus(report);
+    return status == ExitSuccess ? "success" : status == ExitStopped ? "stopped" : "failed";
 }
 
 std::string summaryText(const RunReport& report) {
     const Norvale_Plugin_Core::RunSummary& done = report.done;
     const int status = exitStatus(report);
     std::ostringstream text;
-    text << (status == ExitSuccess   ? "Backup complete"
-             : status == ExitStopped ? "Backup stopped; the next run goes on from here"
-                                     : "Backup NOT complete")
+    text << (status == ExitSuccess       ? "Backup complete"
+             : status == ExitStopped     ? "Backup stopped; the next run goes on from here"
+             : status == ExitCannotBegin ? "Backup could NOT begin, and ended"
+                                         : "Backup NOT complete")
          << " after " << formatDuration(report.seconds) << ".\n";
     text << "  new        " << formatCount(done.newItems, "item") << "\n"
          << "  edited     " << formatCount(done.editedItems, "item") << "\n"
@@ -102,14 +113,14 @@ std::string summaryText(const RunReport& report) {
     };
     list("Errors:", errorsOf(report));
     list("To be looked at:", done.warnings);
-    if (status == ExitFailure) text << "Details are in " << printable(report.log) << "\n";
+    if (status != ExitSuccess && status != ExitStopped)
+        text << "Details are in " << printable(report.log) << "\n";
     return text.str();
 }
 
 std::string summaryJson(const RunReport& report) {
     using Norvale_Plugin_Core::validUtf8;
     const Norvale_Plugin_Core::RunSummary& done = report.done;
-    const int status = exitStatus(report);
     const auto array = [](const std::vector<std::string>& lines) {
         Poco::JSON::Array values;
         for (const std::string& line : lines) values.add(validUtf8(line));
@@ -126,7 +137,7 @@ std::string summaryJson(const RunReport& report) {
         failures.add(entry);
     }
     Poco::JSON::Object object(Poco::JSON_PRESERVE_KEY_ORDER);
-    object.set("result", status == ExitSuccess ? "success" : status == ExitStopped ? "stopped" : "failed");
+    object.set("result", resultName(report));
     object.set("status", report.outcome.status);
     object.set("detail", report.outcome.detail);
     object.set("new", std::int64_t{done.newItems});

@@ -23,6 +23,9 @@ struct RunReport {
 /// Success only when the plug-in says so and nothing failed for good; see ExitStatus.
 int exitStatus(const RunReport& report);
 
+/// "success", "failed" or "stopped".
+const char* resultName(const RunReport& report);
+
 /// Several lines, each ended.
 std::string summaryText(const RunReport& report);
 

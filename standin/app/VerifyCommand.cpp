@@ -11,7 +11,7 @@
 #include "standin/app/Format.h"
 #include "standin/app/LibraryOptions.h"
 #include "standin/app/LibraryText.h"
-#include "standin/app/UsageError.h"
+#include "standin/app/Refusal.h"
 #include "standin/framework/device/BackupCheck.h"
 #include "standin/framework/device/DeviceLock.h"
 #include "standin/framework/store/BackupDatabase.h"
@@ -24,8 +24,9 @@ using Clock = std::chrono::steady_clock;
 
 int verify(const LibraryOptions& options) {
     const DeviceLayout layout = existingBackup(options.device, options.database);
-    const Norvale_Plugin_Core::DeviceLock lock(layout.device);
-    BackupDatabase database(layout.databasePath, BackupDatabase::Missing::Refuse);
+    const auto lock = beforehand([&] { return Norvale_Plugin_Core::DeviceLock(layout.device); });
+    BackupDatabase database =
+        beforehand([&] { return BackupDatabase(layout.databasePath, BackupDatabase::Missing::Refuse); });
     Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->setCulture(layout.culture);
     const std::string problem = database.integrityProblem();
 
@@ -59,12 +60,10 @@ void addVerifyCommand(CLI::App& program, int& status) {
     CLI::App* command =
         program.add_subcommand("verify", "Read every file of a backup and compare it with its checksum");
     addLibraryOptions(*command, *options);
-    command->footer(
-        "Exit status: 0 when everything is as it was backed up, 1 when something is missing, altered or\n"
-        "not recorded, 2 wrong usage.\n"
-        "\n"
-        "Example:\n"
-        "  flickr-backup verify --device /media/usb");
+    command->footer(std::string(kExitStatuses) +
+                    "\n"
+                    "Example:\n"
+                    "  flickr-backup verify --device /media/usb");
     command->callback([options, &status] { status = verify(*options); });
 }
 

@@ -55,8 +55,8 @@ struct PluginCore::Impl {
 
 PluginCore::PluginCore(std::string configFilePath, std::string logFilePath)
     : impl_(std::make_unique<Impl>()) {
-    nameLogFile(logFilePath);
-    impl_->path = std::move(configFilePath);
+    nameLogFile(inLogFolder(logFilePath));
+    impl_->path = inConfigurationFolder(configFilePath);
     if (hasRunDefaults() && ::access(impl_->path.c_str(), F_OK) != 0) return;
     try {
         impl_->configuration = new Poco::Util::XMLConfiguration(impl_->path);

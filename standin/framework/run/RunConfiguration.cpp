@@ -11,6 +11,8 @@ struct State {
     std::mutex mutex;
     ConfigurationValues values;
     ConfigurationValues defaults;
+    std::string configurationFolder;
+    std::string logFolder;
 };
 
 State& state() {
@@ -23,6 +25,12 @@ std::optional<std::string> find(const ConfigurationValues State::*values, const 
     const auto found = (state().*values).find(key);
     if (found == (state().*values).end()) return std::nullopt;
     return found->second;
+}
+
+std::string inFolder(const std::string State::*folder, const std::string& path) {
+    const std::lock_guard<std::mutex> lock(state().mutex);
+    const std::string& named = state().*folder;
+    return named.empty() ? path : named + "/" + path.substr(path.rfind('/') + 1);
 }
 
 }  // namespace
@@ -44,6 +52,20 @@ std::optional<std::string> runDefault(const std::string& key) {
 bool hasRunDefaults() {
     const std::lock_guard<std::mutex> lock(state().mutex);
     return !state().defaults.empty();
+}
+
+void setUserFolders(std::string configuration, std::string log) {
+    const std::lock_guard<std::mutex> lock(state().mutex);
+    state().configurationFolder = std::move(configuration);
+    state().logFolder = std::move(log);
+}
+
+std::string inConfigurationFolder(const std::string& path) {
+    return inFolder(&State::configurationFolder, path);
+}
+
+std::string inLogFolder(const std::string& path) {
+    return inFolder(&State::logFolder, path);
 }
 
 }  // namespace Norvale_Plugin_Core

@@ -22,6 +22,14 @@ std::optional<std::string> runDefault(const std::string& key);
 /// Whether a run can do without the file.
 bool hasRunDefaults();
 
+/// The folders in which configuration and log stand, whatever folders a PluginCore is made for: of those two
+/// paths only the file names count from now on. Empty: the paths hold as they are.
+void setUserFolders(std::string configuration, std::string log);
+
+/// A path that a PluginCore is made for, in the folder of the configuration or of the log.
+std::string inConfigurationFolder(const std::string& path);
+std::string inLogFolder(const std::string& path);
+
 }  // namespace Norvale_Plugin_Core
 
 #endif

@@ -1,0 +1,86 @@
+#include "standin/app/CommandLine.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <vector>
+
+namespace flickr_app {
+namespace {
+
+/// How many characters have to be put in, left out, changed or swapped with their neighbour to make one word
+/// of the other: the distance of Damerau and Levenshtein, in its form without repeated edits of one place.
+std::size_t distance(const std::string& a, const std::string& b) {
+    std::vector<std::vector<std::size_t>> steps(a.size() + 1, std::vector<std::size_t>(b.size() + 1));
+    for (std::size_t i = 0; i <= a.size(); ++i) {
+        for (std::size_t j = 0; j <= b.size(); ++j) {
+            if (i == 0 || j == 0) {
+                steps[i][j] = i + j;
+                continue;
+            }
+            const std::size_t same = a[i - 1] == b[j - 1] ? 0 : 1;
+            steps[i][j] = std::min({steps[i - 1][j] + 1, steps[i][j - 1] + 1, steps[i - 1][j - 1] + same});
+            if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1]) {
+                steps[i][j] = std::min(steps[i][j], steps[i - 2][j - 2] + 1);
+            }
+        }
+    }
+    return steps[a.size()][b.size()];
+}
+
+/// The candidate that was probably meant: one that begins so, or the nearest one that differs in no more than
+/// a third of the word. Empty for none.
+std::string nearest(const std::string& word, const std::vector<std::string>& candidates) {
+    std::string best;
+    std::size_t least = std::max<std::size_t>(1, word.size() / 3) + 1;
+    for (const std::string& candidate : candidates) {
+        const bool isStart = word.size() > 1 && candidate.compare(0, word.size(), word) == 0;
+        const std::size_t steps = isStart ? 0 : distance(word, candidate);
+        if (steps >= least) continue;
+        least = steps;
+        best = candidate;
+    }
+    return best;
+}
+
+std::vector<std::string> commandsOf(const CLI::App& program) {
+    std::vector<std::string> names;
+    for (const CLI::App* command : program.get_subcommands([](const CLI::App*) { return true; })) {
+        names.push_back(command->get_name());
+    }
+    return names;
+}
+
+std::vector<std::string> optionsOf(const CLI::App& command) {
+    std::vector<std::string> names;
+    for (const CLI::Option* option : command.get_options()) {
+        for (const std::string& name : option->get_lnames()) names.push_back(name);
+    }
+    return names;
+}
+
+}  // namespace
+
+std::string explain(const CLI::App& program, const CLI::ParseError& error) {
+    const std::vector<CLI::App*> given = program.get_subcommands();
+    const CLI::App& command = given.empty() ? program : *given.front();
+    const std::string help =
+        "; see flickr-backup " + (given.empty() ? "" : command.get_name() + " ") + "--help.";
+
+    std::vector<std::string> unknown = command.remaining();
+    if (unknown.empty()) return error.what() + help;
+    const auto isOption = [](const std::string& word) { return word.size() > 1 && word[0] == '-'; };
+    const std::string word = unknown.front();
+    if (given.empty() && !isOption(word)) {
+        const std::string meant = nearest(word, commandsOf(program));
+        return "There is no command \"" + word + "\"" +
+               (meant.empty() ? help : "; did you mean " + meant + "?");
+    }
+    const auto dashed = std::find_if(unknown.begin(), unknown.end(), isOption);
+    if (dashed == unknown.end()) return "\"" + word + "\" does not belong to an option" + help;
+    const std::string option = dashed->substr(0, dashed->find('='));
+    const std::string meant = nearest(option.substr(option.find_first_not_of('-')), optionsOf(command));
+    return "There is no option \"" + option + "\"" +
+           (meant.empty() ? help : "; did you mean --" + meant + "?");
+}
+
+}  // namespace flickr_app

@@ -1,0 +1,72 @@
+#include "standin/app/Reason.h"
+
+#include <algorithm>
+#include <cctype>
+#include <string_view>
+#include <utility>
+
+namespace flickr_app {
+namespace {
+
+bool startsWith(const std::string& text, std::string_view start) {
+    return text.compare(0, start.size(), start) == 0;
+}
+
+/// Takes the place in the code off the front: "Exception occurred in NAME(): ", and the kind of exception.
+void removeOrigin(std::string& text) {
+    constexpr std::string_view kOrigin = "Exception occurred in ";
+    while (startsWith(text, kOrigin)) {
+        // "Type::name(): ", "name() : " or "Some Activity : "
+        std::size_t end = text.find(": ", kOrigin.size());
+        const std::size_t call = text.find("():", kOrigin.size());
+        if (call != std::string::npos && call < end) end = call + 2;
+        if (end == std::string::npos) return;
+        text.erase(0, text.find_first_not_of(" :", end));
+    }
+    for (const std::string_view kind : {"Exception: ", "Net Exception: ", "Message Exception: ",
+                                        "HTTP Exception: ", "SSL Exception: ", "I/O error: "}) {
+        if (startsWith(text, kind)) text.erase(0, kind.size());
+    }
+}
+
+bool isXmlError(const std::string& text) {
+    const std::size_t line = text.find(" in line ");
+    return line != std::string::npos && text.find(" column ", line) != std::string::npos;
+}
+
+}  // namespace
+
+std::string plainReason(const std::string& text) {
+    std::string reason = text;
+    // A reason inside another: what failed stands in front, why behind.
+    constexpr std::string_view kRenditions = "The service's list of its renditions is of no use: ";
+    if (startsWith(reason, kRenditions)) {
+        const std::string inner = plainReason(reason.substr(kRenditions.size()));
+        if (startsWith(inner, "It offers no file")) return "The service offers no file of it";
+        return "The service does not say where its files are (" + inner + ")";
+    }
+    removeOrigin(reason);
+    const std::pair<std::string_view, std::string_view> ofPeer[] = {
+        {"Connection refused: ", " refuses the connection"},
+        {"Timeout: ", " does not answer"},
+        {"Connection reset by peer: ", " has cut the connection"},
+        {"Connection aborted by peer: ", " has cut the connection"},
+        {"No message received: ", " has ended the connection without an answer"}};
+    for (const auto& [start, end] : ofPeer) {
+        if (startsWith(reason, start)) return reason.substr(start.size()) + std::string(end);
+    }
+    constexpr std::string_view kHost = "Host not found: ", kStatus = "Response Status - ",
+                               kDownload = "Unable to download from ";
+    if (startsWith(reason, kHost)) return "There is no host " + reason.substr(kHost.size());
+    if (startsWith(reason, kStatus))
+        return "The service answers with status " + reason.substr(kStatus.size());
+    if (startsWith(reason, kDownload)) return "It cannot be fetched from " + reason.substr(kDownload.size());
+    if (reason == "UNABLE TO DOWNLOAD PHOTOSET") return "The service gives no list";
+    if (isXmlError(reason)) return "The service's answer is cut off or garbled";
+    if (!reason.empty()) {
+        reason.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(reason.front())));
+    }
+    return reason;
+}
+
+}  // namespace flickr_app
