@@ -27,7 +27,7 @@ using Poco::Data::Keywords::use;
 using Poco::Data::SQLite::Connector;
 
 std::string databasePath;
-std::unique_ptr<Norvale_Plugin_Core::BackupDatabase> host;
+std::unique_ptr<flickr_standin::BackupDatabase> host;
 
 template <typename Work>
 void guarded(const char* what, Work work) {
@@ -73,7 +73,7 @@ void libraryRead(const char* document, std::size_t size) {
 
 void libraryOpen(const char* database) {
     databasePath = database;
-    guarded(database, [&] { host = std::make_unique<Norvale_Plugin_Core::BackupDatabase>(databasePath); });
+    guarded(database, [&] { host = std::make_unique<flickr_standin::BackupDatabase>(databasePath); });
 }
 
 void libraryLookUp(const char* itemId, int times) {

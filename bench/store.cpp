@@ -15,8 +15,8 @@
 #include "standin/framework/base/Sqlite.h"
 #include "standin/framework/store/BackupDatabase.h"
 
-using Norvale_Plugin_Core::SqliteFile;
-using Norvale_Plugin_Core::StatementUse;
+using flickr_standin::SqliteFile;
+using flickr_standin::StatementUse;
 
 namespace {
 
@@ -36,7 +36,7 @@ constexpr const char* kFill =
     " '721577', 'img_' || i || '.jpg' FROM n";
 
 std::string path;
-std::unique_ptr<Norvale_Plugin_Core::BackupDatabase> host;
+std::unique_ptr<flickr_standin::BackupDatabase> host;
 
 std::string idOf(std::int64_t number) {
     return std::to_string(53000000000 + number * kStride % kRows) + "_721577";
@@ -49,9 +49,9 @@ std::string newName() {
 
 void makeDatabase() {
     std::remove(path.c_str());
-    host = std::make_unique<Norvale_Plugin_Core::BackupDatabase>(path);
+    host = std::make_unique<flickr_standin::BackupDatabase>(path);
     SqliteFile file(path, SqliteFile::Open::Existing);
-    Norvale_Plugin_Core::Transaction transaction(file);
+    flickr_standin::Transaction transaction(file);
     file.execute(kFill);
     transaction.commit();
     file.execute("PRAGMA wal_checkpoint(TRUNCATE)");

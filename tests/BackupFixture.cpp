@@ -20,7 +20,7 @@ BackupFixture::BackupFixture() {
     plugins_ = folder_ + "/Plugins/";
     fs::create_directories(service_);
     fs::create_directories(plugins_);
-    database_ = std::make_unique<Norvale_Plugin_Core::BackupDatabase>(folder_ + "/device/backup.db");
+    database_ = std::make_unique<flickr_standin::BackupDatabase>(folder_ + "/device/backup.db");
 }
 
 BackupFixture::~BackupFixture() {
@@ -110,7 +110,7 @@ std::vector<std::string> BackupFixture::rows(const std::string& query) const {
 }
 
 std::string BackupFixture::log() const {
-    Norvale_Plugin_Core::flushLogFile();
+    flickr_standin::flushLogFile();
     return read(plugins_ + "NVHLDevLog.log");
 }
 

@@ -58,7 +58,7 @@ protected:
     std::string plugins_;
     flickr_sim::Account account_;
     std::unique_ptr<flickr_sim::FlickrSim> sim_;
-    std::unique_ptr<Norvale_Plugin_Core::BackupDatabase> database_;
+    std::unique_ptr<flickr_standin::BackupDatabase> database_;
 };
 
 #endif

@@ -14,8 +14,8 @@
 #include "standin/app/Configuration.h"
 #include "standin/app/DeviceLayout.h"
 #include "standin/app/Profile.h"
-#include "standin/framework/device/BackupCheck.h"
-#include "standin/framework/device/Recovery.h"
+#include "standin/framework/base/Localisation.h"
+#include "standin/framework/run/Upkeep.h"
 
 namespace fs = std::filesystem;
 
@@ -59,7 +59,7 @@ std::string inApplicationFolder(char** argv) {
 
 BundleHost::BundleHost(const std::string& retries) : sim(account), device_(newFolder()), retries_(retries) {
     configure(sim.dataUrl());
-    database = std::make_unique<Norvale_Plugin_Core::BackupDatabase>(device_ + "/backup.db");
+    database = std::make_unique<flickr_standin::BackupDatabase>(device_ + "/backup.db");
 }
 
 BundleHost::~BundleHost() {
@@ -82,14 +82,13 @@ std::string BundleHost::serviceFolder(const std::string& culture) const {
 }
 
 void BundleHost::recover() {
-    if (fs::is_directory(serviceFolder())) Norvale_Plugin_Core::recoverDevice(*database, serviceFolder());
+    if (fs::is_directory(serviceFolder()))
+        flickr_standin::recoverBackup(*database, serviceFolder(), "Thumbnail");
 }
 
 std::string BundleHost::libraryProblem(const std::string& culture) {
-    Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->setCulture(
-        culture);                              // of the thumbnails' folders
     std::map<std::string, std::string> media;  // path by id in the database
-    database->forEachItem([&](const Norvale_Plugin_Core::ItemRow& row) { media[row.id] = row.mediaPath; });
+    database->forEachItem([&](const flickr_standin::ItemRow& row) { media[row.id] = row.mediaPath; });
 
     std::ostringstream problems;
     std::size_t expected = 0;
@@ -106,9 +105,11 @@ std::string BundleHost::libraryProblem(const std::string& culture) {
     for (const auto& set : account.sets()) {
         for (const auto& item : account.items(set.id)) check(set.id, *item);
     }
-    for (const auto& item : account.items("")) check(Norvale_Plugin_Core::kNoSetId, *item);
+    for (const auto& item : account.items("")) check(flickr_standin::kNoSetId, *item);
     if (media.size() != expected) problems << media.size() << " items recorded for " << expected << "\n";
-    const auto report = Norvale_Plugin_Core::verifyLibrary(*database, serviceFolder(culture));
+    const auto report = flickr_standin::verifyBackup(
+        *database, serviceFolder(culture),
+        flickr_standin::localisedKeyword(culture, flickr_standin::kThumbnailKey));
     for (const auto& list : {report.missing, report.altered, report.unrecorded}) {
         for (const std::string& path : list) problems << "does not agree: " << path << "\n";
     }

@@ -37,7 +37,7 @@ public:
 
     flickr_sim::Account account;
     flickr_sim::FlickrSim sim;
-    std::unique_ptr<Norvale_Plugin_Core::BackupDatabase> database;
+    std::unique_ptr<flickr_standin::BackupDatabase> database;
 
 private:
     const std::string device_;

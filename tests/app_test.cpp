@@ -27,7 +27,7 @@
 
 namespace fs = std::filesystem;
 using namespace flickr_app;
-using Norvale_Plugin_Core::Cipher;
+using flickr_standin::Cipher;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -149,7 +149,7 @@ TEST_F(AppTest, KeepsSecretsOutOfMemoryThatIsNotTheirs) {
 
     std::string text(100, 'x');
     const char* kept = text.data();
-    Norvale_Plugin_Core::wipe(text);
+    flickr_standin::wipe(text);
     EXPECT_EQ(text, "");
     EXPECT_EQ(std::string(kept, 100), std::string(100, '\0'));
 

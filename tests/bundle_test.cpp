@@ -79,8 +79,7 @@ TEST_F(BundleTest, BacksUpAndHasNothingToDoNextTime) {
         host_.database.reset();
         std::filesystem::remove_all(request_.device);
         std::filesystem::create_directory(request_.device);
-        host_.database =
-            std::make_unique<Norvale_Plugin_Core::BackupDatabase>(request_.device + "/backup.db");
+        host_.database = std::make_unique<flickr_standin::BackupDatabase>(request_.device + "/backup.db");
         request_.culture = culture;
         RunOutcome outcome = run();
         EXPECT_EQ(outcome.status, 1) << outcome.errorText;

@@ -17,12 +17,14 @@
 #include "hostapi/HostServiceUsageParams.h"
 #include "hostapi/ItemDataManager.h"
 #include "hostapi/MediaTemplate.h"
-#include "standin/framework/device/BackupCheck.h"
+#include "standin/framework/base/Names.h"
 #include "standin/framework/device/Ledger.h"
+#include "standin/framework/run/Upkeep.h"
 #include "standin/framework/store/BackupDatabase.h"
 
 namespace fs = std::filesystem;
 using namespace Norvale_Plugin_Core;
+using namespace flickr_standin;
 using Norvale_Plugin_Flickr::FlickrDbInterface;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -299,7 +301,7 @@ TEST_F(DatabaseTest, VerifyReadsTheDescriptionRecords) {
     store("Trip/Thumbnail/a_1_72.jpg", "");
     store("b.jpg", "2_Anonymous");
     store("Thumbnail/b_2_Anonymous.jpg", "");
-    const auto unusable = [&] { return verifyLibrary(database, device("service")).records; };
+    const auto unusable = [&] { return verifyBackup(database, device("service"), "Thumbnail").records; };
     EXPECT_THAT(unusable(), testing::IsEmpty());
 
     const fs::path item = device("service/Trip/.records/a.jpg.xml"),
@@ -314,8 +316,8 @@ TEST_F(DatabaseTest, VerifyReadsTheDescriptionRecords) {
     fs::remove(item);
     write(folder, "<folder><ID>73</ID></folder>");
     EXPECT_THAT(unusable(), ElementsAre("Trip/.records/.folder.xml", "Trip/.records/a.jpg.xml"));
-    EXPECT_FALSE(verifyLibrary(database, device("service")).agrees());
-    EXPECT_TRUE(compareLibrary(database, device("service")).agrees()) << "without contents";
+    EXPECT_FALSE(verifyBackup(database, device("service"), "Thumbnail").agrees());
+    EXPECT_TRUE(compareBackup(database, device("service"), "Thumbnail").agrees()) << "without contents";
 }
 
 }  // namespace

@@ -30,19 +30,23 @@
 #include "hostapi/Utils.h"
 #include "standin/framework/base/Localisation.h"
 #include "standin/framework/base/Names.h"
+#include "standin/framework/base/Paths.h"
 #include "standin/framework/base/Sqlite.h"
-#include "standin/framework/device/BackupCheck.h"
+#include "standin/framework/base/Text.h"
 #include "standin/framework/device/Description.h"
-#include "standin/framework/device/Device.h"
 #include "standin/framework/device/DeviceLock.h"
-#include "standin/framework/device/Recovery.h"
+#include "standin/framework/device/ItemFiles.h"
 #include "standin/framework/run/Log.h"
+#include "standin/framework/run/RunDevice.h"
+#include "standin/framework/run/RunError.h"
 #include "standin/framework/run/RunJournal.h"
-#include "standin/framework/run/RunState.h"
+#include "standin/framework/run/Secrets.h"
+#include "standin/framework/run/Upkeep.h"
 #include "standin/framework/store/BackupDatabase.h"
 
 namespace fs = std::filesystem;
 using namespace Norvale_Plugin_Core;
+using namespace flickr_standin;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -94,7 +98,7 @@ protected:
         const std::string closed = result_, reason = error_;
         if (closed != "SUC") client.deleteFile(7, command_, result_, error_);
         error_ = reason;
-        if (closed == "SUC") Device::placeStaged();
+        if (closed == "SUC") placeNewFiles();
         return closed;
     }
 
@@ -251,7 +255,7 @@ TEST_F(FrameworkTest, CountsAndNamesFollowTheStatementsOfThePlugin) {
     ASSERT_EQ(1u, folders.size());
     EXPECT_EQ("Voyage", folders[0].deviceName);
     EXPECT_EQ(2, folders[0].items);
-    EXPECT_EQ("Voyage/Thumbnail/renamed_1_72.jpg", open.item("1_72")->thumbnailPath);
+    EXPECT_EQ("Voyage/Thumbnail/renamed_1_72.jpg", thumbnailPath(*open.item("1_72"), "Thumbnail"));
 
     for (const char* statement :
          {"SELECT ItemUpdatedOn FROM backupmetadata WHERE ItemType = 'FlickrLatestBackUpDateTime'",
@@ -358,6 +362,7 @@ TEST_F(FrameworkTest, ReadsKeywordsFromPairsAndFromCultures) {
         EXPECT_EQ(folder, Utils().NormalizeString(folder));
         params_->setKeywords(keywordsForCulture(culture));
         EXPECT_EQ(folder, params_->getValue("FlickrKey"));
+        EXPECT_EQ(localisedKeyword(culture, kThumbnailKey), params_->getValue("ThumbnailKey"));
     }
     EXPECT_EQ(localisedKeyword("de", "ThumbnailKey"), localisedKeyword("de-AT", "ThumbnailKey"));
     EXPECT_EQ("Thumbnail", localisedKeyword("xx", "ThumbnailKey"));
@@ -541,14 +546,14 @@ TEST_F(FrameworkTest, WritesLargeFilesWholeOrSaysThatItCannot) {
             client.writeFileV2(7, &data[at], static_cast<int>(count), command_, result_, error_);
         }
         if (result_ == "SUC") client.closeFile(7, nullptr, 0, command_, result_, error_);
-        Device::placeStaged();
+        placeNewFiles();
         return result_ == "SUC";
     };
     HostServiceClientMac client;
     ASSERT_TRUE(storeLarge(client, "large.mp4")) << error_;
     EXPECT_TRUE(read(device("large.mp4")) == data);
     ASSERT_EQ("SUC", store(client, "at once.mp4", data));
-    Ledger& ledger = Device::current()->ledger();
+    Ledger& ledger = runDeviceIfThere()->ledger();
     EXPECT_EQ(data.size(), ledger.file("large.mp4")->size);
     EXPECT_EQ(ledger.file("at once.mp4")->checksum, ledger.file("large.mp4")->checksum);
 
@@ -713,7 +718,7 @@ TEST_F(FrameworkTest, ChecksTheLibrary) {
         ASSERT_EQ("SUC", store(client, "Trip/Thumbnail/" + id + "_" + id + ".png", "thumb"));
         database.item(id, "72", id + ".jpg", "Trip");  // the rows say "jpg"
     }
-    LibraryReport report = verifyLibrary(open, device("").string());
+    BackupReport report = verifyBackup(open, device("").string(), "Thumbnail");
     EXPECT_TRUE(report.agrees());
     EXPECT_EQ(6, report.files);
     EXPECT_EQ(0, report.withoutChecksum);
@@ -723,12 +728,12 @@ TEST_F(FrameworkTest, ChecksTheLibrary) {
     write(device("Trip/2.jpg"), "short");
     write(device("Trip/new"), "");
     fs::remove(device("Trip/Thumbnail/3_3.png"));
-    report = verifyLibrary(open, device("").string());
+    report = verifyBackup(open, device("").string(), "Thumbnail");
     EXPECT_THAT(report.altered, ElementsAre("Trip/1.jpg", "Trip/2.jpg"));
     EXPECT_THAT(report.missing, ElementsAre("Trip/Thumbnail/3_3.jpg"));
     EXPECT_THAT(report.unrecorded, ElementsAre("Trip/new"));
-    EXPECT_THAT(compareLibrary(open, device("").string()).altered, ElementsAre("Trip/2.jpg"));
-    EXPECT_THROW(compareLibrary(open, (folder_ / "none").string()), Poco::Exception);
+    EXPECT_THAT(compareBackup(open, device("").string(), "Thumbnail").altered, ElementsAre("Trip/2.jpg"));
+    EXPECT_THROW(compareBackup(open, (folder_ / "none").string(), "Thumbnail"), Poco::Exception);
 }
 
 TEST_F(FrameworkTest, TakesInTheFilesOfALostLedger) {
@@ -740,8 +745,8 @@ TEST_F(FrameworkTest, TakesInTheFilesOfALostLedger) {
     write(device("Trip/a.jpg"), "old");
     write(device("Trip/Miniaturbild/a_1.jpg"), "old");
     write(device("Trip/foreign.jpg"), "mine");
-    EXPECT_EQ(2, recoverDevice(open, device("").string()).adopted);
-    EXPECT_EQ(2, verifyLibrary(open, device("").string()).withoutChecksum);
+    EXPECT_EQ(2, recoverBackup(open, device("").string(), "Thumbnail").adopted);
+    EXPECT_EQ(2, verifyBackup(open, device("").string(), "Thumbnail").withoutChecksum);
     HostServiceClientMac client;
     client.renameFile("Trip/a.jpg", "Trip/a_Old.jpg", command_, result_, error_);
     EXPECT_EQ("SUC", result_) << error_;

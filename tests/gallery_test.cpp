@@ -18,7 +18,7 @@
 
 #include "sim/Picture.h"
 #include "standin/framework/base/Names.h"
-#include "standin/framework/device/BackupCheck.h"
+#include "standin/framework/run/Upkeep.h"
 #include "standin/gallery/ImageShape.h"
 #include "tests/BackupFixture.h"
 
@@ -65,7 +65,7 @@ protected:
     /// A run and its gallery.
     GalleryReport update() {
         EXPECT_EQ(run().status, 1);
-        return writeGallery(service_, database_.get());
+        return writeGallery(service_, "Thumbnail", database_.get());
     }
 
     /// The list that a script hands to the page; the script is checked to be one call with a JSON array.
@@ -172,7 +172,7 @@ TEST_F(GalleryTest, ShowsWhatTheBackupHoldsAndTextsAsText) {
     quoted.insert(quoted.find('\''), 1, '\'');
     rows("UPDATE backupmetadata SET ItemName = '" + quoted + "' WHERE OriginalItemId IN ('" + id + "', '" +
          trip + "')");
-    const GalleryReport report = writeGallery(service_, database_.get());
+    const GalleryReport report = writeGallery(service_, "Thumbnail", database_.get());
     EXPECT_EQ(3, report.items);
     EXPECT_EQ(1, report.sets);
     EXPECT_EQ(service_ + "/index.html", report.page);
@@ -197,16 +197,16 @@ TEST_F(GalleryTest, ShowsWhatTheBackupHoldsAndTextsAsText) {
     EXPECT_EQ(sea.tags[1], item->getArray(12)->getElement<std::string>(1));
     EXPECT_EQ(1, listed[1]->getElement<int>(10));
 
-    EXPECT_TRUE(Norvale_Plugin_Core::compareLibrary(*database_, service_).agrees());
+    EXPECT_TRUE(flickr_standin::compareBackup(*database_, service_, "Thumbnail").agrees());
     EXPECT_THAT(read("index.html"), Not(HasSubstr("{")));
 
     // The records tell all of it but the titles that are no names.
     rows("UPDATE backupmetadata SET ItemName = 'Sea.jpg' WHERE OriginalItemId = '" + id + "'");
     rows("UPDATE backupmetadata SET ItemName = 'Trip' WHERE OriginalItemId = '" + trip + "'");
-    writeGallery(service_, database_.get());
+    writeGallery(service_, "Thumbnail", database_.get());
     const std::string whole = contents();
     fs::remove_all(service_ + "/index-data");
-    writeGallery(service_, nullptr);
+    writeGallery(service_, "Thumbnail", nullptr);
     EXPECT_EQ(whole, contents());
 }
 
@@ -218,7 +218,7 @@ TEST_F(GalleryTest, WritesWhatChangedAndNothingElse) {
     EXPECT_EQ(7, update().written);
     const auto before = files();
     EXPECT_EQ(0, update().written);
-    EXPECT_EQ(0, writeGallery(service_, database_.get(), Reading::Everything).written);
+    EXPECT_EQ(0, writeGallery(service_, "Thumbnail", database_.get(), Reading::Everything).written);
     EXPECT_EQ(before, files());
 
     // An unchanged item's thumbnail is not read again: it could not be.
@@ -252,7 +252,7 @@ TEST_F(GalleryTest, IsTheOldOneOrTheNewOneAfterAKillAtAnyMoment) {
         const pid_t child = ::fork();
         if (child == 0) {
             stepsLeft = steps;
-            writeGallery(service_, database_.get());
+            writeGallery(service_, "Thumbnail", database_.get());
             ::_exit(0);
         }
         int ended = 0;
@@ -262,7 +262,7 @@ TEST_F(GalleryTest, IsTheOldOneOrTheNewOneAfterAKillAtAnyMoment) {
         const std::string shown = title(items(sets()[0])[0]);
         EXPECT_TRUE(shown == "Before" || shown == "After") << shown;
         (shown == "Before" ? old : fresh) += 1;
-        EXPECT_TRUE(Norvale_Plugin_Core::compareLibrary(*database_, service_).agrees()) << steps;
+        EXPECT_TRUE(flickr_standin::compareBackup(*database_, service_, "Thumbnail").agrees()) << steps;
     }
     EXPECT_EQ(0, status);
     EXPECT_LE(3, old);
@@ -278,6 +278,6 @@ TEST_F(GalleryTest, LeavesAPageOfSomebodyElseAndItsNamesToNobody) {
     EXPECT_TRUE(fs::is_directory(service_ + "/index_.html"));
     EXPECT_TRUE(fs::is_directory(service_ + "/Index-Data_"));
     std::ofstream(service_ + "/index.html") << "mine";
-    EXPECT_THROW(writeGallery(service_, database_.get()), Poco::FileExistsException);
+    EXPECT_THROW(writeGallery(service_, "Thumbnail", database_.get()), Poco::FileExistsException);
     EXPECT_EQ("mine", read("index.html"));
 }

@@ -127,7 +127,7 @@ protected:
         database_.reset();
         std::filesystem::remove_all(folder_ + "/device");
         std::filesystem::create_directories(service_);
-        database_ = std::make_unique<Norvale_Plugin_Core::BackupDatabase>(folder_ + "/device/backup.db");
+        database_ = std::make_unique<flickr_standin::BackupDatabase>(folder_ + "/device/backup.db");
     }
 
     GatewaySettings settings_;

@@ -30,15 +30,16 @@
 #include "hostapi/MediaFolderTemplate.h"
 #include "hostapi/MediaTemplate.h"
 #include "hostapi/Utils.h"
+#include "standin/framework/base/Localisation.h"
 #include "standin/framework/base/Sqlite.h"
-#include "standin/framework/device/BackupCheck.h"
 #include "standin/framework/device/Description.h"
-#include "standin/framework/device/Recovery.h"
 #include "standin/framework/run/RunError.h"
+#include "standin/framework/run/Upkeep.h"
 #include "standin/framework/store/BackupDatabase.h"
 
 namespace fs = std::filesystem;
 using namespace Norvale_Plugin_Core;
+using namespace flickr_standin;
 
 namespace {
 
@@ -402,14 +403,14 @@ protected:
         params_->setRetryAttempts("1");
         BackupDatabase database(databasePath());
         if (limitRecovery) callsLeft = calls;
-        recoverDevice(database, service());
+        recoverBackup(database, service(), params_->getValue(kThumbnailKey));
         callsLeft = limitRecovery ? -1 : calls;
         Plugin plugin(databasePath());
         plugin.failThumbnails = failThumbnails_;
         plugin.backUp(account);
         callsLeft = -1;
         params_->getErrorDetails(errorCode_, errorText_);
-        recoverDevice(database, service());
+        recoverBackup(database, service(), params_->getValue(kThumbnailKey));
     }
 
     /// The same in a process that may be killed; whether it was.
@@ -476,8 +477,8 @@ protected:
     void expectSound(const std::string& moment) {
         BackupDatabase database(databasePath());
         EXPECT_EQ("", database.integrityProblem()) << moment;
-        recoverDevice(database, service());
-        const LibraryReport report = verifyLibrary(database, service());
+        recoverBackup(database, service(), "Thumbnail");
+        const BackupReport report = verifyBackup(database, service(), "Thumbnail");
         EXPECT_TRUE(report.agrees()) << moment << testing::PrintToString(report.missing) << " "
                                      << testing::PrintToString(report.altered) << " "
                                      << testing::PrintToString(report.unrecorded);
@@ -495,8 +496,8 @@ protected:
     void expectItems(const Account& account, bool thisVersion, const std::string& moment) {
         params_->setParams(service(), "", true, 1, (folder_ / "device").string());
         BackupDatabase database(databasePath());
-        recoverDevice(database, service());
-        const LibraryReport report = verifyLibrary(database, service());
+        recoverBackup(database, service(), "Thumbnail");
+        const BackupReport report = verifyBackup(database, service(), "Thumbnail");
         EXPECT_TRUE(report.missing.empty()) << moment << testing::PrintToString(report.missing);
         EXPECT_TRUE(report.altered.empty()) << moment << testing::PrintToString(report.altered);
         unrecorded_ = report.unrecorded;
@@ -670,7 +671,7 @@ TEST_F(RecoveryTest, ADeviceThatIsGoneIsNotReplacedByAFolder) {
         params_->setBackupState(false);
     }
     BackupDatabase database((folder_ / "unplugged/backup.db").string());
-    EXPECT_THROW(recoverDevice(database, service()), Poco::Exception);
+    EXPECT_THROW(recoverBackup(database, service(), "Thumbnail"), Poco::Exception);
     EXPECT_FALSE(fs::exists(folder_ / "device"));
 }
 
@@ -776,8 +777,8 @@ TEST_F(RecoveryTest, ALedgerThatLeadsOutOfTheServiceFolderIsRefused) {
           folder + "98, 99, 'a', 1, '', 1);" + folder + "99, 98, 'b', 1, '', 1)"}) {
         SqliteFile(ledger.string(), SqliteFile::Open::Existing).execute(row.c_str());
         BackupDatabase database(databasePath());
-        EXPECT_THROW(recoverDevice(database, service()), Poco::Exception) << row;
-        EXPECT_THROW(verifyLibrary(database, service()), Poco::Exception) << row;
+        EXPECT_THROW(recoverBackup(database, service(), "Thumbnail"), Poco::Exception) << row;
+        EXPECT_THROW(verifyBackup(database, service(), "Thumbnail"), Poco::Exception) << row;
         EXPECT_TRUE(fs::is_regular_file(witness)) << row;
         for (const char* part : {"", "-wal", "-shm"}) fs::remove(ledger.string() + part);
         fs::copy_file(folder_ / "ledger", ledger);
@@ -816,7 +817,7 @@ TEST_F(RecoveryTest, LinksAndPipesOnADeviceLeadNowhereAndKeepNobodyWaiting) {
     fs::create_symlink(outside / "service", device / "service");
     params_->setParams(service(), "", true, 1, device.string());
     BackupDatabase database(databasePath());
-    EXPECT_THROW(recoverDevice(database, service()), Poco::Exception);
+    EXPECT_THROW(recoverBackup(database, service(), "Thumbnail"), Poco::Exception);
 }
 
 TEST_F(RecoveryTest, AnEditInAnotherLanguageLeavesOneThumbnail) {

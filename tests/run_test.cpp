@@ -232,7 +232,7 @@ TEST_F(Run, KeepsTheOldVersionWhenATransferFails) {
         EXPECT_EQ(rows(row), recorded);
         // After a failed thumbnail the old version stays aside until the next run.
         EXPECT_EQ(read(test.thumbnail ? "Trip/beach_Old.jpg" : "Trip/beach.jpg"), before);
-        const auto summary = Norvale_Plugin_Core::RunJournal::instance().summary();
+        const auto summary = flickr_standin::RunJournal::instance().summary();
         EXPECT_EQ(summary.failures.size(), 2u) << "both are named";
 
         sim_->faults().clear();
@@ -329,7 +329,7 @@ TEST_F(Run, TellsWhatItRefusesAndTakesNoTellingForAFailure) {
                        fault::serviceError(1, "not found"));
     EXPECT_EQ(run().status, 1);
     std::vector<std::string> told;
-    for (const auto& failure : Norvale_Plugin_Core::RunJournal::instance().summary().failures) {
+    for (const auto& failure : flickr_standin::RunJournal::instance().summary().failures) {
         told.push_back(failure.set + "/" + failure.name);
     }
     EXPECT_THAT(told, UnorderedElementsAre("Trip/forged.jpg", "Forged/", "Trip/sunset.jpg",
@@ -370,7 +370,7 @@ TEST_F(Run, AStopHidesNoFailureAndMakesNone) {
             if (request.method == method) Norvale_Plugin_Flickr::stopBackup(nullptr, nullptr);
         });
         EXPECT_EQ(run().status, 511) << "the failure came from the service";
-        const bool told = !Norvale_Plugin_Core::RunJournal::instance().summary().complete();
+        const bool told = !flickr_standin::RunJournal::instance().summary().complete();
         EXPECT_TRUE(told || method == "flickr.photos.getSizes"s) << "an item's is in the run's error";
     }
     sim_->faults().clear();
@@ -426,7 +426,7 @@ TEST_F(Run, StopsAtEveryRequestAndCompletesInTheNextRun) {
         database_.reset();
         fs::remove_all(folder_ + "/device");
         fs::create_directories(service_);
-        database_ = std::make_unique<Norvale_Plugin_Core::BackupDatabase>(folder_ + "/device/backup.db");
+        database_ = std::make_unique<flickr_standin::BackupDatabase>(folder_ + "/device/backup.db");
     }
     EXPECT_GT(total, 20u);
     EXPECT_THAT(log(),
@@ -522,7 +522,7 @@ TEST_F(Run, TakesOnlyWhatWasSelected) {
         database_.reset();
         fs::remove_all(folder_ + "/device");
         fs::create_directories(service_);
-        database_ = std::make_unique<Norvale_Plugin_Core::BackupDatabase>(folder_ + "/device/backup.db");
+        database_ = std::make_unique<flickr_standin::BackupDatabase>(folder_ + "/device/backup.db");
         sim_->clearLog();
         RunOptions options;
         options.dataTypes = test.dataTypes;

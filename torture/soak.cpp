@@ -13,13 +13,13 @@
 #include "standin/app/DeviceLayout.h"
 #include "standin/app/PerformRun.h"
 #include "standin/framework/device/DeviceLock.h"
-#include "standin/framework/device/Recovery.h"
 #include "standin/framework/run/RunJournal.h"
+#include "standin/framework/run/Upkeep.h"
 #include "standin/framework/store/BackupDatabase.h"
 
 namespace {
 
-using namespace Norvale_Plugin_Core;
+using namespace flickr_standin;
 
 class Silent : public flickr_app::RunListener {
 public:
@@ -55,7 +55,7 @@ int backUp(const std::string& device, const std::string& token) {
     const auto layout = flickr_app::layoutOf(device, flickr_app::kDefaultDatabase, "");
     const DeviceLock lock(layout.device);
     BackupDatabase database(layout.databasePath);
-    if (layout.holdsBackup) recoverDevice(database, layout.serviceFolder);
+    if (layout.holdsBackup) recoverBackup(database, layout.serviceFolder, layout.thumbnailWord);
     flickr_app::RunRequest request;
     request.device = layout.device;
     request.databaseName = flickr_app::kDefaultDatabase;

@@ -22,16 +22,16 @@ namespace {
 constexpr const char* kCredentialsKey = "host.credentials";
 constexpr const char* kRestPath = "/services/rest/";
 
-const Norvale_Plugin_Core::Cipher& cipher() {
-    static const Norvale_Plugin_Core::Cipher instance("", kPluginSalt);
+const flickr_standin::Cipher& cipher() {
+    static const flickr_standin::Cipher instance("", kPluginSalt);
     return instance;
 }
 
 }  // namespace
 
 Configuration::~Configuration() {
-    Norvale_Plugin_Core::wipe(apiKey);
-    Norvale_Plugin_Core::wipe(apiSecret);
+    flickr_standin::wipe(apiKey);
+    flickr_standin::wipe(apiSecret);
 }
 
 void checkDataUrl(const std::string& url) {
@@ -72,7 +72,7 @@ std::string openSecret(const std::string& sealed) {
     return cipher().decrypt(std::string(std::istreambuf_iterator<char>(decoder), {}));
 }
 
-Norvale_Plugin_Core::ConfigurationValues configurationValues(const Configuration& configuration) {
+flickr_standin::ConfigurationValues configurationValues(const Configuration& configuration) {
     return {{"plugin.name", "Flickr"},
             {"plugin.id", "flickr"},
             {"plugin.version", FLICKR_BACKUP_VERSION},

@@ -106,7 +106,7 @@ void checkService(const std::string& service, const std::string& path) {
 }  // namespace
 
 Credentials::~Credentials() {
-    for (std::string* value : {&apiKey, &apiSecret, &token, &tokenSecret}) Norvale_Plugin_Core::wipe(*value);
+    for (std::string* value : {&apiKey, &apiSecret, &token, &tokenSecret}) flickr_standin::wipe(*value);
 }
 
 Credentials readWhatThereIs(const std::string& path) {
@@ -114,7 +114,7 @@ Credentials readWhatThereIs(const std::string& path) {
     if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) return Credentials();
     std::string text = readPrivateFile(path);
     const std::unique_ptr<std::string, void (*)(std::string*)> wiped(
-        &text, [](std::string* read) { Norvale_Plugin_Core::wipe(*read); });
+        &text, [](std::string* read) { flickr_standin::wipe(*read); });
     Poco::MemoryInputStream stream(text.data(), static_cast<std::streamsize>(text.size()));
     Poco::AutoPtr<Poco::Util::IniFileConfiguration> file;
     try {
@@ -175,7 +175,7 @@ void changeCredentials(const std::string& path,
         if (!value.empty()) text += key + " = " + value + "\n";
     }
     const std::string reason = replacePrivateFile(path, text);
-    Norvale_Plugin_Core::wipe(text);
+    flickr_standin::wipe(text);
     if (!reason.empty()) {
         throw CannotBegin("The credentials file " + path + " cannot be written: " + reason +
                           "; name another with --credentials.");

@@ -16,7 +16,7 @@
 #include <utility>
 
 #include "standin/app/PrivateFile.h"
-#include "standin/framework/base/Names.h"
+#include "standin/framework/base/Text.h"
 
 namespace flickr_app {
 namespace {
@@ -97,7 +97,7 @@ std::string DeviceHistory::save() const {
         list.add(entry);
     }
     Poco::JSON::Object object(Poco::JSON_PRESERVE_KEY_ORDER);
-    object.set("device", Norvale_Plugin_Core::validUtf8(device_));
+    object.set("device", flickr_standin::validUtf8(device_));
     object.set("runs", list);
     std::ostringstream text;
     object.stringify(text);

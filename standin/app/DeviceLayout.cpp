@@ -7,6 +7,7 @@
 #include "standin/app/Refusal.h"
 #include "standin/framework/base/Localisation.h"
 #include "standin/framework/base/Names.h"
+#include "standin/framework/base/Text.h"
 
 namespace fs = std::filesystem;
 
@@ -24,7 +25,7 @@ bool holdsSomething(const std::string& folder) {
 
 /// The culture whose service folder on the device holds something; empty when there is none.
 std::string cultureOnDevice(const std::string& device) {
-    for (const std::string& culture : Norvale_Plugin_Core::knownCultures()) {
+    for (const std::string& culture : flickr_standin::knownCultures()) {
         if (holdsSomething(serviceFolderOn(device, culture))) return culture;
     }
     return "";
@@ -36,8 +37,8 @@ std::string languageOf(const std::string& culture) {
 }
 
 void checkCulture(const std::string& culture) {
-    const std::vector<std::string> known = Norvale_Plugin_Core::knownCultures();
-    const bool isPlain = Norvale_Plugin_Core::validUtf8(culture) == culture;
+    const std::vector<std::string> known = flickr_standin::knownCultures();
+    const bool isPlain = flickr_standin::validUtf8(culture) == culture;
     if (isPlain && std::find(known.begin(), known.end(), languageOf(culture)) != known.end()) return;
     std::string list;
     for (const std::string& name : known) list += (list.empty() ? "" : ", ") + name;
@@ -65,19 +66,20 @@ DeviceLayout layoutOn(const std::string& device, const std::string& databaseName
                           " is no directory that can be reached; mount it, or give the right one.");
     }
     if (databaseName.empty() || databaseName == "Brightkettle" || databaseName.front() == '.' ||
-        databaseName != Norvale_Plugin_Core::safeName(databaseName)) {
+        databaseName != flickr_standin::safeName(databaseName)) {
         throw UsageError("The database's name \"" + databaseName +
                          "\" cannot be used; give a plain file name like \"" + kDefaultDatabase + "\".");
     }
     if (!culture.empty()) checkCulture(culture);
 
     refuseLink((layout.device == "/" ? "" : layout.device) + "/Brightkettle");
-    for (const std::string& known : Norvale_Plugin_Core::knownCultures()) {
+    for (const std::string& known : flickr_standin::knownCultures()) {
         refuseLink(serviceFolderOn(layout.device, known));
     }
     const std::string present = cultureOnDevice(layout.device);
     layout.holdsBackup = !present.empty();
     layout.culture = !culture.empty() ? culture : layout.holdsBackup ? present : "en";
+    layout.thumbnailWord = flickr_standin::localisedKeyword(layout.culture, flickr_standin::kThumbnailKey);
     layout.serviceFolder = serviceFolderOn(layout.device, layout.culture);
     layout.databasePath = (layout.device == "/" ? "" : layout.device) + "/" + databaseName;
     if (layout.holdsBackup && layout.serviceFolder != serviceFolderOn(layout.device, present)) {
@@ -91,7 +93,7 @@ DeviceLayout layoutOn(const std::string& device, const std::string& databaseName
 
 std::string serviceFolderOn(const std::string& device, const std::string& culture) {
     return (device == "/" ? "" : device) + "/Brightkettle/" +
-           Norvale_Plugin_Core::localisedServiceFolderName(culture);
+           flickr_standin::localisedServiceFolderName(culture);
 }
 
 DeviceLayout layoutOf(const std::string& device, const std::string& databaseName,

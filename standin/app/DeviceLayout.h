@@ -16,9 +16,10 @@ namespace flickr_app {
 constexpr const char* kDefaultDatabase = "backup.db";
 
 struct DeviceLayout {
-    std::string device;        ///< absolute, without links and "/" at its end
-    std::string culture;       ///< "en"
-    std::string databasePath;  ///< absolute
+    std::string device;         ///< absolute, without links and "/" at its end
+    std::string culture;        ///< "en"
+    std::string thumbnailWord;  ///< the culture's word for thumbnail folders
+    std::string databasePath;   ///< absolute
     std::string serviceFolder;
     bool holdsBackup = false;  ///< there is something in the service folder
 };

@@ -6,7 +6,7 @@
 #include <cmath>
 #include <iterator>
 
-#include "standin/framework/base/Names.h"
+#include "standin/framework/base/Text.h"
 
 namespace flickr_app {
 namespace {
@@ -45,7 +45,7 @@ std::string formatCount(long count, const std::string& noun) {
 }
 
 std::string printable(const std::string& text) {
-    const std::string valid = Norvale_Plugin_Core::validUtf8(text);
+    const std::string valid = flickr_standin::validUtf8(text);
     const Poco::UTF8Encoding utf8;
     std::string line;
     std::size_t at = 0;

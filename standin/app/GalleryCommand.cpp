@@ -2,7 +2,6 @@
 #include <memory>
 #include <string>
 
-#include "hostapi/HostServiceUsageParams.h"
 #include "standin/app/Commands.h"
 #include "standin/app/DeviceLayout.h"
 #include "standin/app/Format.h"
@@ -22,19 +21,19 @@ struct Options : LibraryOptions {
 int makeGallery(const Options& options) {
     using flickr_gallery::Reading;
     const DeviceLayout layout = backupToShow(options.device, options.database);
-    const auto lock = beforehand([&] { return Norvale_Plugin_Core::DeviceLock(layout.device); });
-    Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->setCulture(layout.culture);
-    std::unique_ptr<Norvale_Plugin_Core::BackupDatabase> database;
+    const auto lock = beforehand([&] { return flickr_standin::DeviceLock(layout.device); });
+    std::unique_ptr<flickr_standin::BackupDatabase> database;
     if (layout.databasePath.empty()) {
         std::cout << "There is no database; the gallery is made from the description records.\n";
     } else {
         database = beforehand([&] {
-            return std::make_unique<Norvale_Plugin_Core::BackupDatabase>(
-                layout.databasePath, Norvale_Plugin_Core::BackupDatabase::Missing::Refuse);
+            return std::make_unique<flickr_standin::BackupDatabase>(
+                layout.databasePath, flickr_standin::BackupDatabase::Missing::Refuse);
         });
     }
-    const auto report = flickr_gallery::writeGallery(layout.serviceFolder, database.get(),
-                                                     options.anew ? Reading::Everything : Reading::Changes);
+    const auto report =
+        flickr_gallery::writeGallery(layout.serviceFolder, layout.thumbnailWord, database.get(),
+                                     options.anew ? Reading::Everything : Reading::Changes);
     std::cout << formatCount(report.items, "item") << ", " << formatCount(report.sets, "set") << "; "
               << (report.written ? formatCount(report.written, "file") + " written"
                                  : "the gallery was up to date")

@@ -21,7 +21,7 @@
 namespace flickr_app {
 namespace {
 
-using Norvale_Plugin_Core::BackupDatabase;
+using flickr_standin::BackupDatabase;
 
 bool holds(const std::vector<std::string>& types, const char* type) {
     return std::find(types.begin(), types.end(), type) != types.end();
@@ -104,13 +104,13 @@ GatewayRun::GatewayRun(const Credentials& credentials, const GatewayOptions& opt
     configuration.apiKey = keys.apiKey;
     configuration.apiSecret = keys.apiSecret;
     const auto all = configurationValues(configuration);
-    Norvale_Plugin_Core::ConfigurationValues values;
+    flickr_standin::ConfigurationValues values;
     for (const char* key : {"plugin.dataUrl", "plugin.apiKey", "plugin.apiSecret"}) values[key] = all.at(key);
-    Norvale_Plugin_Core::setRunConfiguration(std::move(values), all);
+    flickr_standin::setRunConfiguration(std::move(values), all);
 }
 
 GatewayRun::~GatewayRun() {
-    Norvale_Plugin_Core::setRunConfiguration({}, {});
+    flickr_standin::setRunConfiguration({}, {});
 }
 
 std::vector<std::string> GatewayRun::secrets() const {

@@ -38,7 +38,7 @@ public:
     /// Puts the gateway's own token into the request. The database says what is recorded, and has to outlive
     /// it. Throws Poco::Exception.
     GatewayRun(const Credentials& credentials, const GatewayOptions& options,
-               Norvale_Plugin_Core::BackupDatabase& database, RunRequest& request);
+               flickr_standin::BackupDatabase& database, RunRequest& request);
     ~GatewayRun();
     GatewayRun(const GatewayRun&) = delete;
     GatewayRun& operator=(const GatewayRun&) = delete;

@@ -18,7 +18,7 @@ int showInfo(const Profile& profile) {
     profile.prepare();
     profile.use();
     // Without a configuration the plug-in has what it has behind a sign-in of today.
-    Norvale_Plugin_Core::setRunConfiguration({}, configurationValues(Configuration()));
+    flickr_standin::setRunConfiguration({}, configurationValues(Configuration()));
     auto lines = describePlugin();
     lines.insert(lines.end(), {{"Program", pluginsDirectory()},
                                {"Configuration", profile.configurationFile()},

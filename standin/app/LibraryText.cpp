@@ -7,7 +7,7 @@
 
 namespace flickr_app {
 
-void printDisagreements(std::ostream& out, const Norvale_Plugin_Core::LibraryReport& report) {
+void printDisagreements(std::ostream& out, const flickr_standin::BackupReport& report) {
     if (report.agrees()) {
         out << "Database and device agree.\n";
         return;

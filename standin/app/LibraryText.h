@@ -10,7 +10,7 @@
 namespace flickr_app {
 
 /// Lists missing, altered and unrecorded files and unusable records, or says that there are none.
-void printDisagreements(std::ostream& out, const Norvale_Plugin_Core::LibraryReport& report);
+void printDisagreements(std::ostream& out, const flickr_standin::BackupReport& report);
 
 }  // namespace flickr_app
 

@@ -96,7 +96,7 @@ std::string Profile::logProblem() const {
 }
 
 void Profile::use() const {
-    Norvale_Plugin_Core::setUserFolders(configurationFolder(), logFolder());
+    flickr_standin::setUserFolders(configurationFolder(), logFolder());
 }
 
 }  // namespace flickr_app

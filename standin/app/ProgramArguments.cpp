@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "standin/framework/base/Names.h"
+#include "standin/framework/base/Text.h"
 
 namespace flickr_app {
 namespace {
@@ -11,7 +11,7 @@ namespace {
 char** given = nullptr;
 
 bool isUtf8(const char* text) {
-    return Norvale_Plugin_Core::validUtf8(text) == text;
+    return flickr_standin::validUtf8(text) == text;
 }
 
 /// Runs before the initialisation of any library and so uses no state of one.

@@ -31,20 +31,19 @@
 #include "standin/app/Refusal.h"
 #include "standin/app/Summary.h"
 #include "standin/framework/base/Cipher.h"
-#include "standin/framework/base/Names.h"
-#include "standin/framework/device/BackupCheck.h"
-#include "standin/framework/device/Device.h"
+#include "standin/framework/base/Text.h"
+#include "standin/framework/device/DeviceFiles.h"
 #include "standin/framework/device/DeviceLock.h"
-#include "standin/framework/device/Recovery.h"
 #include "standin/framework/run/RunJournal.h"
-#include "standin/framework/run/RunState.h"
+#include "standin/framework/run/Secrets.h"
+#include "standin/framework/run/Upkeep.h"
 #include "standin/framework/store/BackupDatabase.h"
 #include "standin/gallery/Gallery.h"
 
 namespace flickr_app {
 namespace {
 
-using Norvale_Plugin_Core::BackupDatabase;
+using flickr_standin::BackupDatabase;
 using Clock = std::chrono::steady_clock;
 
 struct Options {
@@ -203,16 +202,16 @@ Credentials credentialsFor(const Options& options, const Profile& profile) {
 class HiddenSecrets {
 public:
     explicit HiddenSecrets(std::vector<std::string> secrets) {
-        Norvale_Plugin_Core::setLogSecrets(std::move(secrets));
+        flickr_standin::setLogSecrets(std::move(secrets));
     }
-    ~HiddenSecrets() { Norvale_Plugin_Core::setLogSecrets({}); }
+    ~HiddenSecrets() { flickr_standin::setLogSecrets({}); }
     HiddenSecrets(const HiddenSecrets&) = delete;
     HiddenSecrets& operator=(const HiddenSecrets&) = delete;
 };
 
 /// The plug-in gets the path as a text.
 void refuseUnnameable(const DeviceLayout& layout) {
-    if (layout.device == Norvale_Plugin_Core::validUtf8(layout.device)) return;
+    if (layout.device == flickr_standin::validUtf8(layout.device)) return;
     throw UsageError("The device " + layout.device +
                      " has a path that is not UTF-8; mount it under another name, or rename the folder.");
 }
@@ -237,9 +236,8 @@ void refuseLostFiles(BackupDatabase& database, const DeviceLayout& layout) {
 }
 
 /// Items that are recorded, so that no run fetches them, and whose files are not there as recorded.
-void addDamage(BackupDatabase& database, const DeviceLayout& layout,
-               Norvale_Plugin_Core::RunSummary& summary) {
-    const auto report = Norvale_Plugin_Core::compareLibrary(database, layout.serviceFolder);
+void addDamage(BackupDatabase& database, const DeviceLayout& layout, flickr_standin::RunSummary& summary) {
+    const auto report = flickr_standin::compareBackup(database, layout.serviceFolder, layout.thumbnailWord);
     for (const std::string& path : report.missing) {
         summary.errors.push_back("Backed up earlier and missing on the device now: " + path);
     }
@@ -249,9 +247,8 @@ void addDamage(BackupDatabase& database, const DeviceLayout& layout,
 }
 
 /// Tells the failures of which an earlier version is on the device.
-void markKept(BackupDatabase& database, const DeviceLayout& layout,
-              Norvale_Plugin_Core::RunSummary& summary) {
-    for (Norvale_Plugin_Core::Failure& failure : summary.failures) {
+void markKept(BackupDatabase& database, const DeviceLayout& layout, flickr_standin::RunSummary& summary) {
+    for (flickr_standin::Failure& failure : summary.failures) {
         const auto row = failure.id.empty() ? std::nullopt : database.item(failure.id);
         std::error_code ignored;
         failure.onDevice =
@@ -261,10 +258,10 @@ void markKept(BackupDatabase& database, const DeviceLayout& layout,
 
 /// What is on the device can be looked at after the run; a page that cannot be written is no failed backup.
 void updateGallery(BackupDatabase& database, const DeviceLayout& layout,
-                   Norvale_Plugin_Core::RunSummary& summary) {
+                   flickr_standin::RunSummary& summary) {
     if (!std::filesystem::is_directory(layout.serviceFolder)) return;
     try {
-        flickr_gallery::writeGallery(layout.serviceFolder, &database);
+        flickr_gallery::writeGallery(layout.serviceFolder, layout.thumbnailWord, &database);
     } catch (Poco::Exception& exception) {
         summary.warnings.push_back("The gallery is not up to date: " + exception.message());
     }
@@ -272,14 +269,14 @@ void updateGallery(BackupDatabase& database, const DeviceLayout& layout,
 
 /// Adds to the journal of a resumed run what its earlier passes did. What failed in them was tried again, and
 /// what they fetched is unchanged in the last one.
-void addEarlierPasses(long newItems, long editedItems, Norvale_Plugin_Core::RunSummary& summary) {
+void addEarlierPasses(long newItems, long editedItems, flickr_standin::RunSummary& summary) {
     summary.newItems += newItems;
     summary.editedItems += editedItems;
     summary.unchangedItems = std::max(0L, summary.unchangedItems - newItems - editedItems);
 }
 
 /// Reasons as sentences. What failed for a set or item is no error of the whole run as well.
-void makePlain(Norvale_Plugin_Core::RunSummary& summary) {
+void makePlain(flickr_standin::RunSummary& summary) {
     const auto isToldOfItem = [&](const std::string& error) {
         return std::any_of(summary.failures.begin(), summary.failures.end(), [&](const auto& failure) {
             return failure.reason.find(error) != std::string::npos;
@@ -307,7 +304,7 @@ PastRun pastRun(const RunReport& report) {
 int run(const Options& options, const Profile& profile) {
     // The databases, and what the loaded object makes, are made with the process's mask.
     if (!options.shared) ::umask(077);
-    Norvale_Plugin_Core::Device::share(options.shared);
+    flickr_standin::shareDevices(options.shared);
     RunRequest request;
     readDate(options.from, request);
     request.dataTypes = dataTypesOf(options.media);
@@ -323,12 +320,12 @@ int run(const Options& options, const Profile& profile) {
     request.culture = layout.culture;
 
     const RunSignals signals;
-    const auto lock = beforehand([&] { return Norvale_Plugin_Core::DeviceLock(layout.device); });
+    const auto lock = beforehand([&] { return flickr_standin::DeviceLock(layout.device); });
     BackupDatabase database = beforehand([&] { return BackupDatabase(layout.databasePath); });
     refuseLostFiles(database, layout);
     const auto recover = [&] {
         if (!std::filesystem::is_directory(layout.serviceFolder)) return;
-        Norvale_Plugin_Core::recoverDevice(database, layout.serviceFolder);
+        flickr_standin::recoverBackup(database, layout.serviceFolder, layout.thumbnailWord);
     };
     std::vector<std::string> secrets = {credentials.token, credentials.apiKey, credentials.apiSecret};
     std::optional<GatewayRun> gateway;
@@ -348,13 +345,13 @@ int run(const Options& options, const Profile& profile) {
     report.serviceFolder = layout.serviceFolder;
     report.database = layout.databasePath;
     report.log = profile.logFile();
-    Norvale_Plugin_Core::RunJournal::instance().begin();
+    flickr_standin::RunJournal::instance().begin();
     const Clock::time_point start = Clock::now();
     long newItems = 0, editedItems = 0;  // of the passes before a pause
     {
         ProgressLine line(std::cerr, ::isatty(STDERR_FILENO));
         const auto beforeResume = [&] {
-            const auto pass = Norvale_Plugin_Core::RunJournal::instance().summary();
+            const auto pass = flickr_standin::RunJournal::instance().summary();
             newItems += pass.newItems;
             editedItems += pass.editedItems;
             recover();
@@ -362,9 +359,9 @@ int run(const Options& options, const Profile& profile) {
         Terminal terminal(line, options.pauseWhen, beforeResume,
                           [&] { return gateway ? gateway->waitText() : std::string(); });
         report.outcome = performRun(request, terminal);
-        Norvale_Plugin_Core::wipe(request.authToken);
+        flickr_standin::wipe(request.authToken);
     }
-    report.done = Norvale_Plugin_Core::RunJournal::instance().summary();
+    report.done = flickr_standin::RunJournal::instance().summary();
     report.done.bytes = report.outcome.bytes;
     addEarlierPasses(newItems, editedItems, report.done);
     if (gateway) {

@@ -8,30 +8,30 @@
 #include <string>
 #include <vector>
 
-#include "hostapi/HostServiceUsageParams.h"
 #include "standin/app/Commands.h"
 #include "standin/app/DeviceLayout.h"
 #include "standin/app/Format.h"
 #include "standin/app/LibraryOptions.h"
 #include "standin/app/LibraryText.h"
 #include "standin/app/Refusal.h"
-#include "standin/framework/device/BackupCheck.h"
+#include "standin/framework/device/ItemFiles.h"
+#include "standin/framework/run/Upkeep.h"
 #include "standin/framework/store/BackupDatabase.h"
 
 namespace flickr_app {
 namespace {
 
-using Norvale_Plugin_Core::BackupDatabase;
-using Norvale_Plugin_Core::FolderRow;
+using flickr_standin::BackupDatabase;
+using flickr_standin::FolderRow;
 
 /// Bytes of media and thumbnails by device folder.
-std::map<std::string, std::uintmax_t> sizesByFolder(BackupDatabase& database,
-                                                    const std::string& serviceFolder) {
+std::map<std::string, std::uintmax_t> sizesByFolder(BackupDatabase& database, const DeviceLayout& layout) {
     std::map<std::string, std::uintmax_t> sizes;
-    database.forEachItem([&](const Norvale_Plugin_Core::ItemRow& item) {
-        for (const std::string& path : {item.mediaPath, item.thumbnailPath}) {
+    database.forEachItem([&](const flickr_standin::ItemRow& item) {
+        for (const std::string& path :
+             {item.mediaPath, flickr_standin::thumbnailPath(item, layout.thumbnailWord)}) {
             std::error_code error;
-            const std::uintmax_t size = std::filesystem::file_size(serviceFolder + "/" + path, error);
+            const std::uintmax_t size = std::filesystem::file_size(layout.serviceFolder + "/" + path, error);
             if (!error) sizes[item.folder] += size;
         }
     });
@@ -49,10 +49,9 @@ int showStatus(const LibraryOptions& options) {
     const DeviceLayout layout = existingBackup(options.device, options.database);
     BackupDatabase database =
         beforehand([&] { return BackupDatabase(layout.databasePath, BackupDatabase::Missing::Refuse); });
-    Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->setCulture(layout.culture);
 
     const std::vector<FolderRow> folders = database.folders();
-    const auto sizes = sizesByFolder(database, layout.serviceFolder);
+    const auto sizes = sizesByFolder(database, layout);
     long items = 0;
     std::uintmax_t bytes = 0;
     std::cout << std::setw(8) << "Items" << std::setw(12) << "Size"
@@ -70,7 +69,7 @@ int showStatus(const LibraryOptions& options) {
     std::cout << formatCount(items, "item") << ", " << formatBytes(static_cast<double>(bytes)) << " in "
               << printable(layout.serviceFolder) << "\n";
 
-    const auto report = Norvale_Plugin_Core::compareLibrary(database, layout.serviceFolder);
+    const auto report = flickr_standin::compareBackup(database, layout.serviceFolder, layout.thumbnailWord);
     printDisagreements(std::cout, report);
     std::cout << std::flush;
     return report.agrees() ? ExitSuccess : ExitFailure;

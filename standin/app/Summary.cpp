@@ -12,6 +12,7 @@
 #include "standin/app/Format.h"
 #include "standin/app/Refusal.h"
 #include "standin/framework/base/Names.h"
+#include "standin/framework/base/Text.h"
 #include "standin/framework/store/BackupDatabase.h"
 
 namespace flickr_app {
@@ -37,17 +38,16 @@ std::vector<std::string> errorsOf(const RunReport& report) {
     return errors;
 }
 
-std::string nameOf(const Norvale_Plugin_Core::Failure& failure) {
-    const std::string set = failure.set == Norvale_Plugin_Core::kNoSetId
-                                ? "items in no set"
-                                : "\"" + printable(failure.set) + "\"";
+std::string nameOf(const flickr_standin::Failure& failure) {
+    const std::string set =
+        failure.set == flickr_standin::kNoSetId ? "items in no set" : "\"" + printable(failure.set) + "\"";
     if (failure.name.empty()) return set;
     const std::string id = failure.id.empty() ? "" : " (" + printable(failure.id) + ")";
     return "\"" + printable(failure.name) + "\"" + id + " in " + set;
 }
 
 /// How many of the failures left an earlier version on the device.
-long keptItems(const Norvale_Plugin_Core::RunSummary& done) {
+long keptItems(const flickr_standin::RunSummary& done) {
     return std::count_if(done.failures.begin(), done.failures.end(),
                          [](const auto& failure) { return failure.onDevice; });
 }
@@ -55,7 +55,7 @@ long keptItems(const Norvale_Plugin_Core::RunSummary& done) {
 }  // namespace
 
 int exitStatus(const RunReport& report) {
-    const Norvale_Plugin_Core::RunSummary& done = report.done;
+    const flickr_standin::RunSummary& done = report.done;
     if (report.outcome.stopped) return ExitStopped;
     if (report.outcome.status == kPluginSuccess && done.complete()) return ExitSuccess;
     const bool sawItems = done.newItems + done.editedItems + done.unchangedItems + done.interruptedItems +
@@ -70,7 +70,7 @@ const char* resultName(const RunReport& report) {
 }
 
 std::string summaryText(const RunReport& report) {
-    const Norvale_Plugin_Core::RunSummary& done = report.done;
+    const flickr_standin::RunSummary& done = report.done;
     const int status = exitStatus(report);
     std::ostringstream text;
     text << (status == ExitSuccess       ? "Backup complete"
@@ -119,8 +119,8 @@ std::string summaryText(const RunReport& report) {
 }
 
 std::string summaryJson(const RunReport& report) {
-    using Norvale_Plugin_Core::validUtf8;
-    const Norvale_Plugin_Core::RunSummary& done = report.done;
+    using flickr_standin::validUtf8;
+    const flickr_standin::RunSummary& done = report.done;
     const auto array = [](const std::vector<std::string>& lines) {
         Poco::JSON::Array values;
         for (const std::string& line : lines) values.add(validUtf8(line));

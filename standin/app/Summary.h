@@ -13,7 +13,7 @@ namespace flickr_app {
 /// A run that has ended.
 struct RunReport {
     RunOutcome outcome;
-    Norvale_Plugin_Core::RunSummary done;
+    flickr_standin::RunSummary done;
     double seconds = 0;
     std::string serviceFolder;  ///< where the files are
     std::string database;

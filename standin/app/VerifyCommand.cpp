@@ -5,35 +5,33 @@
 #include <memory>
 #include <string>
 
-#include "hostapi/HostServiceUsageParams.h"
 #include "standin/app/Commands.h"
 #include "standin/app/DeviceLayout.h"
 #include "standin/app/Format.h"
 #include "standin/app/LibraryOptions.h"
 #include "standin/app/LibraryText.h"
 #include "standin/app/Refusal.h"
-#include "standin/framework/device/BackupCheck.h"
 #include "standin/framework/device/DeviceLock.h"
+#include "standin/framework/run/Upkeep.h"
 #include "standin/framework/store/BackupDatabase.h"
 
 namespace flickr_app {
 namespace {
 
-using Norvale_Plugin_Core::BackupDatabase;
+using flickr_standin::BackupDatabase;
 using Clock = std::chrono::steady_clock;
 
 int verify(const LibraryOptions& options) {
     const DeviceLayout layout = existingBackup(options.device, options.database);
-    const auto lock = beforehand([&] { return Norvale_Plugin_Core::DeviceLock(layout.device); });
+    const auto lock = beforehand([&] { return flickr_standin::DeviceLock(layout.device); });
     BackupDatabase database =
         beforehand([&] { return BackupDatabase(layout.databasePath, BackupDatabase::Missing::Refuse); });
-    Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->setCulture(layout.culture);
     const std::string problem = database.integrityProblem();
 
     const bool terminal = ::isatty(STDERR_FILENO);
     Clock::time_point next = Clock::now();
-    const auto report =
-        Norvale_Plugin_Core::verifyLibrary(database, layout.serviceFolder, [&](std::uint64_t bytes) {
+    const auto report = flickr_standin::verifyBackup(
+        database, layout.serviceFolder, layout.thumbnailWord, [&](std::uint64_t bytes) {
             if (!terminal || Clock::now() < next) return;
             next = Clock::now() + std::chrono::seconds(1);
             std::cerr << "\r\033[K" << formatBytes(static_cast<double>(bytes)) << " read" << std::flush;

@@ -14,19 +14,22 @@
 #include <map>
 #include <memory>
 #include <set>
-#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "standin/framework/base/Names.h"
+#include "standin/framework/base/Paths.h"
+#include "standin/framework/base/Text.h"
 #include "standin/framework/device/Device.h"
+#include "standin/framework/device/DeviceFiles.h"
+#include "standin/framework/run/Upkeep.h"
 #include "standin/framework/store/BackupDatabase.h"
 #include "standin/gallery/Library.h"
 #include "standin/gallery/Page.h"
 
 namespace flickr_gallery {
 
-using namespace Norvale_Plugin_Core;
+using namespace flickr_standin;
 
 namespace {
 
@@ -174,22 +177,17 @@ private:
 
     void write(const std::string& content, const Descriptor& folder, const std::string& name) {
         const std::string part = kPartPrefix + name;
-        const auto check = [&](bool done) {
-            if (done) return;
-            const int error = errno;
+        const auto check = [&](int error) {
+            if (error == 0) return;
             ::unlinkat(folder_.get(), part.c_str(), 0);
             device_.fail("write", name, error);
         };
         ::unlinkat(folder_.get(), part.c_str(), 0);
         const Descriptor file = makeFile(folder_.get(), part);
-        check(file.isOpen());
-        for (std::string_view rest = content; !rest.empty();) {
-            const ssize_t count = ::write(file.get(), rest.data(), rest.size());
-            check(count > 0);
-            rest.remove_prefix(static_cast<std::size_t>(count));
-        }
-        check(::fdatasync(file.get()) == 0);
-        check(::renameat(folder_.get(), part.c_str(), folder.get(), name.c_str()) == 0);
+        check(file.isOpen() ? 0 : errno);
+        check(writeAll(file, content.data(), content.size()));
+        check(::fdatasync(file.get()) == 0 ? 0 : errno);
+        check(::renameat(folder_.get(), part.c_str(), folder.get(), name.c_str()) == 0 ? 0 : errno);
         ++written_;
     }
 
@@ -386,13 +384,12 @@ std::string scriptString(const std::string& text) {
     return result + "\"";
 }
 
-GalleryReport writeGallery(const std::string& serviceFolder, BackupDatabase* database, Reading reading) {
-    // A device that another run or check left open may be another one by now.
-    Device::close();
-    const std::shared_ptr<Device> device = Device::open(serviceFolder, "");
-    GalleryReport report = Gallery(*device, database).write(reading);
+GalleryReport writeGallery(const std::string& serviceFolder, const std::string& thumbnailWord,
+                           BackupDatabase* database, Reading reading) {
+    GalleryReport report;
+    withDevice(serviceFolder, thumbnailWord,
+               [&](Device& device) { report = Gallery(device, database).write(reading); });
     report.page = serviceFolder + "/" + kGalleryPage;
-    Device::close();
     return report;
 }
 

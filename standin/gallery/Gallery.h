@@ -30,7 +30,7 @@
 
 #include <string>
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 class BackupDatabase;
 }
 
@@ -46,13 +46,14 @@ struct GalleryReport {
 /// Whether sets that are listed as before are taken over, or read anew with every record and thumbnail.
 enum class Reading { Changes, Everything };
 
-/// Brings the gallery in serviceFolder up to date; a gallery that is so already is not touched. database:
-/// none to take everything from the description records.
+/// Brings the gallery in serviceFolder up to date; a gallery that is so already is not touched.
+/// thumbnailWord: the word for the folders of thumbnails. database: none to take everything from the
+/// description records.
 ///
 /// Throws Poco::Exception with a sentence when a file of somebody else's has the page's name, and when
 /// database or device cannot be read or written. The earlier gallery is whole then.
-GalleryReport writeGallery(const std::string& serviceFolder, Norvale_Plugin_Core::BackupDatabase* database,
-                           Reading reading = Reading::Changes);
+GalleryReport writeGallery(const std::string& serviceFolder, const std::string& thumbnailWord,
+                           flickr_standin::BackupDatabase* database, Reading reading = Reading::Changes);
 
 /// The text as a JSON string in a script.
 std::string scriptString(const std::string& text);

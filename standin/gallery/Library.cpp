@@ -12,14 +12,16 @@
 
 #include "standin/framework/base/Localisation.h"
 #include "standin/framework/base/Names.h"
+#include "standin/framework/base/Paths.h"
 #include "standin/framework/device/Description.h"
 #include "standin/framework/device/Device.h"
+#include "standin/framework/device/ItemFiles.h"
 #include "standin/framework/store/BackupDatabase.h"
 #include "standin/gallery/ImageShape.h"
 
 namespace flickr_gallery {
 
-using namespace Norvale_Plugin_Core;
+using namespace flickr_standin;
 
 namespace {
 
@@ -135,12 +137,13 @@ std::vector<Set> Library::setsOfDatabase() {
         item.id = row.id;
         item.title = withoutExtension(row.name);
         item.file = nameOf(row.mediaPath);
-        item.thumbnail = row.thumbnailPath.substr(row.folder.empty() ? 0 : row.folder.size() + 1);
+        const std::string thumbnail = thumbnailPath(row, device_.thumbnailWord());
+        item.thumbnail = thumbnail.substr(row.folder.empty() ? 0 : row.folder.size() + 1);
         item.uploaded = plainDate(row.created);
         item.updated = plainDate(row.updated);
         item.isVideo = row.type == "FlickrVideo";
-        item.stamp = hashOf(
-            joined({row.id, row.name, row.mediaPath, row.thumbnailPath, row.created, row.updated, row.type}));
+        item.stamp =
+            hashOf(joined({row.id, row.name, row.mediaPath, thumbnail, row.created, row.updated, row.type}));
         set.items.push_back(std::move(item));
     });
     for (Set& set : sets) {
@@ -158,7 +161,7 @@ std::vector<Set> Library::setsOfRecords() {
     finish(loose, "");
     if (!loose.items.empty()) sets.push_back(std::move(loose));
     device_.listFolder("", [&](const std::string& name) {
-        if (name.front() == '.' || isSystemWord(name) || !device_.isFolder(name)) return;
+        if (name.front() == '.' || device_.isSystemWord(name) || !device_.isFolder(name)) return;
         const std::string record = device_.readRecord(name, kFolderRecord);
         Set set;
         set.id = recordField(record, "ID");

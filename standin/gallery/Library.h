@@ -11,10 +11,10 @@
 #include <string>
 #include <vector>
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 class BackupDatabase;
 class Device;
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin
 
 namespace flickr_gallery {
 
@@ -50,7 +50,7 @@ struct Set {
 class Library {
 public:
     /// database: none to take everything from the records. Both have to live as long as this.
-    Library(Norvale_Plugin_Core::Device& device, Norvale_Plugin_Core::BackupDatabase* database)
+    Library(flickr_standin::Device& device, flickr_standin::BackupDatabase* database)
         : device_(device), database_(database) {}
 
     /// All sets by title, the items in no set last; their items have id, stamp, title, files, dates of the
@@ -69,8 +69,8 @@ private:
     bool holds(const std::string& path);
     void measure(const Set& set, Item& item);
 
-    Norvale_Plugin_Core::Device& device_;
-    Norvale_Plugin_Core::BackupDatabase* database_;
+    flickr_standin::Device& device_;
+    flickr_standin::BackupDatabase* database_;
 };
 
 }  // namespace flickr_gallery

@@ -46,15 +46,15 @@
 #include "hostapi/PluginCore.h"
 #include "hostapi/Utils.h"
 #include "standin/framework/base/Sqlite.h"
-#include "standin/framework/device/BackupCheck.h"
 #include "standin/framework/device/Ledger.h"
-#include "standin/framework/device/Recovery.h"
+#include "standin/framework/run/Upkeep.h"
 #include "standin/framework/store/BackupDatabase.h"
 
 namespace {
 
 using namespace Norvale_Plugin_Flickr;
 using namespace Norvale_Plugin_Core;
+using namespace flickr_standin;
 namespace fs = std::filesystem;
 
 void require(bool condition, const char* what) {
@@ -417,8 +417,8 @@ void databases(const std::string& text) {
     }
     try {
         BackupDatabase database(path);
-        recoverDevice(database, witness.service);
-        verifyLibrary(database, witness.service);
+        recoverBackup(database, witness.service, "Thumbnail");
+        verifyBackup(database, witness.service, "Thumbnail");
     } catch (Poco::Exception&) {  // refused, or in the way
     }
     HostServiceUsageParams::getInstance()->release();

@@ -10,7 +10,7 @@
 #include <memory>
 #include <string>
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 class Checksum {
 public:
@@ -30,6 +30,6 @@ private:
     std::unique_ptr<XXH3_state_t, XXH_errorcode (*)(XXH3_state_t*)> state_;
 };
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin
 
 #endif

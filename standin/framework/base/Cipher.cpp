@@ -8,7 +8,7 @@
 #include <climits>
 #include <memory>
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 namespace {
 
 // Rounds make guessing a pass phrase slow. Without one there is nothing to guess: the key follows from the
@@ -114,4 +114,4 @@ std::string Cipher::decrypt(const std::string& sealed) const {
     return plain;
 }
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin

@@ -16,7 +16,7 @@
 
 #include <string>
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 /// Overwrites the memory of a text that was secret, and empties it.
 void wipe(std::string& text);
@@ -48,6 +48,6 @@ private:
     std::string key_;
 };
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin
 
 #endif

@@ -3,10 +3,9 @@
 #include <algorithm>
 #include <array>
 
-#include "hostapi/Utils.h"
-#include "standin/framework/base/Names.h"
+#include "standin/framework/base/Text.h"
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 namespace {
 
@@ -15,7 +14,7 @@ using Words = std::array<const char*, kKeywordCount>;
 
 constexpr Words kKeys = {"HarbourlineKey",
                          "FlickrKey",
-                         "ThumbnailKey",
+                         kThumbnailKey,
                          "Sun",
                          "Mon",
                          "Tue",
@@ -107,6 +106,10 @@ const Language& languageOf(const std::string& culture) {
 
 constexpr const char* kPairEnd = "||";
 
+NameKeys ownWords() {
+    return {nameKey(kNoSetId), kGalleryPage, kGalleryFolder};
+}
+
 }  // namespace
 
 std::vector<std::string> knownCultures() {
@@ -132,6 +135,19 @@ std::string localisedServiceFolderName(const std::string& culture) {
     return localisedKeyword(culture, "FlickrKey");
 }
 
+NameKeys systemWords(const std::string& thumbnailWord) {
+    static const NameKeys kWords = [] {
+        NameKeys words = ownWords();
+        for (const std::string& culture : knownCultures()) {
+            words.insert(nameKey(localisedKeyword(culture, kThumbnailKey)));
+        }
+        return words;
+    }();
+    NameKeys words = kWords;
+    words.insert(nameKey(thumbnailWord));
+    return words;
+}
+
 std::map<std::string, std::string> readKeywords(const std::string& text) {
     std::map<std::string, std::string> words;
     for (const char* key : kKeys) words[key] = localisedKeyword("en", key);
@@ -139,17 +155,17 @@ std::map<std::string, std::string> readKeywords(const std::string& text) {
         for (const char* key : kKeys) words[key] = localisedKeyword(text, key);
         return words;
     }
-    Utils utils;
+    // The words of folders become names, which the system's own files must not meet.
+    const NameKeys own = ownWords();
     for (std::string::size_type at = 0; at < text.size();) {
         const std::string::size_type end = std::min(text.find(kPairEnd, at), text.size());
         const std::string pair = text.substr(at, end - at);
         const std::string::size_type equals = pair.find('=');
         if (equals != std::string::npos) {
-            const std::string key = utils.trimString(pair.substr(0, equals));
-            std::string value = utils.trimString(validUtf8(pair.substr(equals + 1)));
-            // These become names of folders.
-            const bool folder = key == "HarbourlineKey" || key == "FlickrKey" || key == "ThumbnailKey";
-            if (folder && !value.empty()) value = folderName(value, 1);
+            const std::string key = trimmed(pair.substr(0, equals));
+            std::string value = trimmed(validUtf8(pair.substr(equals + 1)));
+            const bool folder = key == "HarbourlineKey" || key == "FlickrKey" || key == kThumbnailKey;
+            if (folder && !value.empty()) value = folderName(value, 1, own);
             if (!key.empty() && !value.empty()) words[key] = value;
         }
         at = end + 2;
@@ -157,4 +173,4 @@ std::map<std::string, std::string> readKeywords(const std::string& text) {
     return words;
 }
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin

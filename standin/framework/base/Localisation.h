@@ -7,7 +7,12 @@
 #include <string>
 #include <vector>
 
-namespace Norvale_Plugin_Core {
+#include "standin/framework/base/Names.h"
+
+namespace flickr_standin {
+
+/// Key of the word that names the folders of thumbnails.
+constexpr const char* kThumbnailKey = "ThumbnailKey";
 
 /// The cultures for which there are words: "de", "en", "fr", "ja".
 std::vector<std::string> knownCultures();
@@ -22,10 +27,14 @@ std::string localisedKeyword(const std::string& culture, const std::string& key)
 /// The service's folder below the application's folder on a device, in a culture: "My Flickr Items".
 std::string localisedServiceFolderName(const std::string& culture);
 
+/// Keys of the names that the system needs at the root and in every set, in any language, since the language
+/// may change from one run to the next, and with that word for the thumbnail folders.
+NameKeys systemWords(const std::string& thumbnailWord);
+
 /// Reads a text that is either pairs as keywordsForCulture() writes them or the name of a culture. Keys that
 /// it does not give, or gives without a value, have their English words.
 std::map<std::string, std::string> readKeywords(const std::string& text);
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin
 
 #endif

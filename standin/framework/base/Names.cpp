@@ -9,14 +9,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <set>
 #include <string_view>
 
-#include "hostapi/HostServiceUsageParams.h"
-#include "standin/framework/base/Localisation.h"
-#include "standin/framework/store/BackupDatabase.h"
+#include "standin/framework/base/Paths.h"
+#include "standin/framework/base/Text.h"
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 namespace {
 
@@ -29,36 +27,12 @@ constexpr std::size_t kLongestExtension = 16;
 // extension of a record, ".xml", is no longer than that.
 constexpr std::size_t kThumbnailRoom = 10;
 
-bool isAscii(const std::string& text) {
-    return std::none_of(text.begin(), text.end(), [](unsigned char c) { return c >= 0x80; });
-}
-
-bool isForbidden(utf8proc_int32_t character) {
+bool isForbidden(std::int32_t character) {
     if (character < 0x20 || character == 0x7f) return true;
     if (character >= 0xfdd0 && character <= 0xfdef) return true;
     if ((character & 0xfffe) == 0xfffe) return true;
     return character < 0x80 &&
            std::string_view("<>:\"/\\|?*").find(static_cast<char>(character)) != std::string_view::npos;
-}
-
-/// The valid text with replace(character) deciding which characters become "_".
-template <typename Replace>
-std::string replaceCharacters(const std::string& text, Replace replace) {
-    std::string result;
-    result.reserve(text.size());
-    const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(text.data());
-    for (std::size_t at = 0; at < text.size();) {
-        utf8proc_int32_t character = -1;
-        const utf8proc_ssize_t length =
-            utf8proc_iterate(bytes + at, static_cast<utf8proc_ssize_t>(text.size() - at), &character);
-        if (length <= 0 || replace(character)) {
-            result += '_';
-        } else {
-            result.append(text, at, static_cast<std::size_t>(length));
-        }
-        at += length <= 0 ? 1 : static_cast<std::size_t>(length);
-    }
-    return result;
 }
 
 std::string withoutEndBlanks(std::string name) {
@@ -96,7 +70,8 @@ std::string fileExtension(const std::string& name) {
 }
 
 /// A safe name of at most limit bytes in all, from title, with suffix before the extension.
-std::string fittedName(const std::string& title, const std::string& suffix, std::size_t limit) {
+std::string fittedName(const std::string& title, const std::string& suffix, std::size_t limit,
+                       const NameKeys& reserved) {
     std::string name = safeName(title);
     if (name[0] == '.') name.insert(0, 1, '_');
 
@@ -112,7 +87,7 @@ std::string fittedName(const std::string& title, const std::string& suffix, std:
     const std::string key = nameKey(parts.base);
     const bool aside =
         key.size() >= ending.size() && key.compare(key.size() - ending.size(), ending.size(), ending) == 0;
-    if (aside || isSystemWord(name)) parts.base += "_";
+    if (aside || reserved.count(nameKey(name)) != 0) parts.base += "_";
     return safeName(parts.base + parts.extension);
 }
 
@@ -121,11 +96,6 @@ std::string numberSuffix(long number) {
 }
 
 }  // namespace
-
-bool isPlainName(const std::string& name) {
-    return !name.empty() && name != "." && name != ".." &&
-           name.find_first_of(std::string_view("/\0", 2)) == std::string::npos;
-}
 
 std::string newOwnName(const char* prefix) {
     static std::atomic<unsigned long> counter{0};
@@ -141,19 +111,8 @@ bool isOwnName(const std::string& name, const char* prefix) {
     return isNumber(name.substr(start, dash - start)) && isNumber(name.substr(dash + 1));
 }
 
-std::string validUtf8(const std::string& text) {
-    if (isAscii(text)) return text;
-    return replaceCharacters(text, [](utf8proc_int32_t) { return false; });
-}
-
-std::string cutUtf8(const std::string& text, std::size_t limit) {
-    if (text.size() <= limit) return text;
-    while (limit > 0 && (static_cast<unsigned char>(text[limit]) & 0xc0) == 0x80) --limit;
-    return text.substr(0, limit);
-}
-
 std::string safeName(const std::string& text) {
-    std::string name = withoutEndBlanks(replaceCharacters(text, isForbidden));
+    std::string name = withoutEndBlanks(withoutCharacters(text, isForbidden));
     const std::string::size_type device = deviceNameEnd(name);
     if (device != std::string::npos) name.insert(device, 1, '_');
     if (name.size() > kLongestName) {
@@ -196,31 +155,19 @@ NameParts splitName(const std::string& name) {
     return {name.substr(0, dot), name.substr(dot)};
 }
 
-bool isSystemWord(const std::string& name) {
-    static const std::set<std::string> kWords = [] {
-        std::set<std::string> words = {nameKey(kNoSetId), kGalleryPage, kGalleryFolder};
-        for (const std::string& culture : knownCultures()) {
-            words.insert(nameKey(localisedKeyword(culture, "ThumbnailKey")));
-        }
-        return words;
-    }();
-    const std::string key = nameKey(name);
-    return kWords.count(key) != 0 ||
-           key == nameKey(HostServiceUsageParams::getInstance()->getValue("ThumbnailKey"));
-}
-
 std::string asideName(const std::string& name) {
     const NameParts parts = splitName(name);
     return parts.base + kAsideSuffix + parts.extension;
 }
 
-std::string itemName(const std::string& title, const std::string& itemId, long number) {
+std::string itemName(const std::string& title, const std::string& itemId, long number,
+                     const NameKeys& reserved) {
     const std::size_t room = std::min(itemId.size() + kThumbnailRoom, kLongestName / 2);
-    return fittedName(title, numberSuffix(number), kLongestName - room);
+    return fittedName(title, numberSuffix(number), kLongestName - room, reserved);
 }
 
-std::string folderName(const std::string& title, long number) {
-    return fittedName(title, numberSuffix(number), kLongestName - kThumbnailRoom);
+std::string folderName(const std::string& title, long number, const NameKeys& reserved) {
+    return fittedName(title, numberSuffix(number), kLongestName - kThumbnailRoom, reserved);
 }
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin

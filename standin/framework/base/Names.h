@@ -12,9 +12,10 @@
 #define STANDIN_FRAMEWORK_BASE_NAMES_H
 
 #include <cstddef>
+#include <set>
 #include <string>
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 /// Longest name in bytes.
 constexpr std::size_t kLongestName = 255;
@@ -22,6 +23,9 @@ constexpr std::size_t kLongestName = 255;
 /// Folder in each folder of the device in which the description records lie, and in the service folder also
 /// the ledger.
 constexpr const char* kRecordFolder = ".records";
+
+/// The set id under which the plug-in keeps the items that are in no set. They stand in the root folder.
+constexpr const char* kNoSetId = "Anonymous";
 
 /// The gallery's page in the service folder, and the folder of its data.
 constexpr const char* kGalleryPage = "index.html";
@@ -32,20 +36,10 @@ constexpr const char* kGalleryFolder = "index-data";
 constexpr const char* kPartPrefix = ".part-";
 constexpr const char* kKeptPrefix = ".kept-";
 
-/// True for what can only name something in the folder that it is looked up in: neither empty nor "." nor
-/// "..", without "/" and NUL.
-bool isPlainName(const std::string& name);
-
 /// A name of that form which this process has not given yet.
 std::string newOwnName(const char* prefix);
 /// True for the form only: digits, "-", digits behind the prefix.
 bool isOwnName(const std::string& name, const char* prefix);
-
-/// The text as valid UTF-8: each byte that belongs to no character becomes "_".
-std::string validUtf8(const std::string& text);
-
-/// The text cut to at most limit bytes, between two characters.
-std::string cutUtf8(const std::string& text, std::size_t limit);
 
 /// The text as a safe name. A safe name comes back unchanged, and an empty text as "_". When the text has to
 /// be cut a file extension at its end is kept.
@@ -53,6 +47,9 @@ std::string safeName(const std::string& text);
 
 /// The name without the differences that file systems may ignore.
 std::string nameKey(const std::string& name);
+
+/// Keys of names that no item and no set may have; see Localisation.h for the system's words.
+using NameKeys = std::set<std::string>;
 
 /// True for one name that a file or folder of the backup can have: not empty, neither "." nor "..", without
 /// "/" and NUL, not too long, and none of the service's own.
@@ -66,22 +63,19 @@ struct NameParts {
 };
 NameParts splitName(const std::string& name);
 
-/// True for the words that name files and folders of the system at the root and in every set, in any
-/// language: the language may change from one run to the next.
-bool isSystemWord(const std::string& name);
-
 /// The name under which the plug-in puts a file aside while a new version comes: "a_Old.jpg".
 std::string asideName(const std::string& name);
 
 /// A safe name for an item made from title, with the extension kept and room left for what is put to it: a
 /// thumbnail's name holds base, itemId and "_Old" as well. Never begins with a dot, never has a base that
-/// ends in "_Old", and is none of the words that the system needs.
+/// ends in "_Old", and is none of the reserved ones.
 /// number: 1 for the name itself, from 2 on for "name (2).jpg".
-std::string itemName(const std::string& title, const std::string& itemId, long number);
+std::string itemName(const std::string& title, const std::string& itemId, long number,
+                     const NameKeys& reserved);
 
 /// The same for a folder.
-std::string folderName(const std::string& title, long number);
+std::string folderName(const std::string& title, long number, const NameKeys& reserved);
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin
 
 #endif

@@ -11,10 +11,9 @@
 #include <optional>
 #include <vector>
 
-#include "hostapi/HostServiceUsageParams.h"
 #include "standin/framework/base/SqliteGuard.h"
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 namespace {
 
@@ -28,7 +27,7 @@ constexpr int kMostSchemaSteps = 1000000;
 
 int waitForLock(void*, int count) {
     constexpr int kFirst = 1, kFirstCount = 10, kLater = 10;  // milliseconds, times, milliseconds
-    const bool stopped = HostServiceUsageParams::getInstance()->isBackupStopped();
+    const bool stopped = isSqliteStopped();
     const int waited = std::min(count, kFirstCount) * kFirst + std::max(count - kFirstCount, 0) * kLater;
     if (waited >= (stopped ? kBusyTimeoutAfterStop : kBusyTimeout)) return 0;
     sqlite3_sleep(count < kFirstCount ? kFirst : kLater);
@@ -314,4 +313,4 @@ std::string SqliteFile::value(const char* sql) {
     return statement.step() ? statement.text(0) : std::string();
 }
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin

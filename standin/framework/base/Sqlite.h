@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 /// A prepared statement. One execution: bind, then step until it answers false, or run(). A statement that is
 /// left in the middle holds a read lock until reset(); StatementUse sees to that.
@@ -131,6 +131,6 @@ private:
     bool committed_ = false;
 };
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin
 
 #endif

@@ -7,10 +7,7 @@
 #include <map>
 #include <mutex>
 
-#include "hostapi/HostServiceUsageParams.h"
-#include "standin/framework/run/RunState.h"
-
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 namespace {
 
@@ -30,6 +27,8 @@ Admitted& admitted() {
     static Admitted& instance = *new Admitted;
     return instance;
 }
+
+SqliteObserver observer = {};
 
 bool anyAdmitted() {
     const std::lock_guard<std::mutex> lock(admitted().mutex);
@@ -60,7 +59,7 @@ int fullPathname(sqlite3_vfs*, const char* name, int size, char* path) {
 
 int endsAfterStop(void*) {
     thread_local Clock::time_point stopSeen;
-    if (!HostServiceUsageParams::getInstance()->isBackupStopped()) {
+    if (!isSqliteStopped()) {
         stopSeen = {};
         return 0;
     }
@@ -78,6 +77,14 @@ int harden(sqlite3* database, char**, const void*) {
 }
 
 }  // namespace
+
+void observeSqlite(const SqliteObserver& wanted) {
+    observer = wanted;
+}
+
+bool isSqliteStopped() {
+    return observer.isStopped && observer.isStopped();
+}
 
 void guardSqlite() {
     static const bool done = [] {
@@ -125,9 +132,8 @@ AdmittedDatabase::~AdmittedDatabase() {
 bool AdmittedDatabase::isThere() const {
     struct stat now = {};
     if (::lstat(path_.c_str(), &now) == 0 && now.st_dev == device_ && now.st_ino == file_) return true;
-    recordCatastrophe(RunErrorDeviceGone, "The backup device is gone or does not answer: the database " +
-                                              path_ + " is not there any more");
+    if (observer.databaseGone) observer.databaseGone(path_);
     return false;
 }
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin

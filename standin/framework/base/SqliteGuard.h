@@ -17,10 +17,22 @@
 
 #include <string>
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 /// Longest text or blob in a row, in bytes.
 constexpr int kLongestValue = 4 << 20;
+
+/// Who decides about the run that the databases are part of; either may be null.
+struct SqliteObserver {
+    bool (*isStopped)();                            ///< statements and waits for locks end soon then
+    void (*databaseGone)(const std::string& path);  ///< an admitted file is not at its path any more
+};
+
+/// To be called before any database is opened.
+void observeSqlite(const SqliteObserver& wanted);
+
+/// What the observer says.
+bool isSqliteStopped();
 
 /// Sets the guard up, once for the process. Connections from before stay as they are.
 void guardSqlite();
@@ -38,8 +50,8 @@ public:
     AdmittedDatabase(const AdmittedDatabase&) = delete;
     AdmittedDatabase& operator=(const AdmittedDatabase&) = delete;
 
-    /// Whether the file is still the one at its path. When it is not the run's error is recorded and the run
-    /// ends: what is written to a file without a name is lost.
+    /// Whether the file is still the one at its path. When it is not the observer is told: what is written to
+    /// a file without a name is lost.
     bool isThere() const;
 
     const std::string& path() const { return path_; }
@@ -51,6 +63,6 @@ private:
     ino_t file_ = 0;
 };
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin
 
 #endif

@@ -5,9 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "standin/framework/base/Names.h"
-
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 namespace {
 
@@ -38,6 +36,46 @@ std::string escaped(utf8proc_int32_t character) {
 }
 
 }  // namespace
+
+bool isAscii(const std::string& text) {
+    return std::none_of(text.begin(), text.end(), [](unsigned char c) { return c >= 0x80; });
+}
+
+std::string withoutCharacters(const std::string& text, bool (*isUnwanted)(std::int32_t character)) {
+    std::string result;
+    result.reserve(text.size());
+    const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(text.data());
+    for (std::size_t at = 0; at < text.size();) {
+        utf8proc_int32_t character = -1;
+        const utf8proc_ssize_t length =
+            utf8proc_iterate(bytes + at, static_cast<utf8proc_ssize_t>(text.size() - at), &character);
+        if (length <= 0 || isUnwanted(character)) {
+            result += '_';
+        } else {
+            result.append(text, at, static_cast<std::size_t>(length));
+        }
+        at += length <= 0 ? 1 : static_cast<std::size_t>(length);
+    }
+    return result;
+}
+
+std::string validUtf8(const std::string& text) {
+    if (isAscii(text)) return text;
+    return withoutCharacters(text, [](std::int32_t) { return false; });
+}
+
+std::string cutUtf8(const std::string& text, std::size_t limit) {
+    if (text.size() <= limit) return text;
+    while (limit > 0 && (static_cast<unsigned char>(text[limit]) & 0xc0) == 0x80) --limit;
+    return text.substr(0, limit);
+}
+
+std::string trimmed(std::string text) {
+    constexpr const char* kWhiteSpace = " \t\n\r\v\f";
+    text.erase(text.find_last_not_of(kWhiteSpace) + 1);
+    text.erase(0, text.find_first_not_of(kWhiteSpace));
+    return text;
+}
 
 std::string oneLine(const std::string& text) {
     const bool plain = std::all_of(text.begin(), text.end(),
@@ -72,4 +110,4 @@ std::string oneLine(const std::string& text) {
     return line;
 }
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin

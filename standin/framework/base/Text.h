@@ -1,17 +1,34 @@
-// Texts of any origin as text for one line.
+// Texts of any origin as valid UTF-8, and as text for one line.
 
 #ifndef STANDIN_FRAMEWORK_BASE_TEXT_H
 #define STANDIN_FRAMEWORK_BASE_TEXT_H
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
+
+/// The text as valid UTF-8: each byte that belongs to no character becomes "_".
+std::string validUtf8(const std::string& text);
+
+/// The same, with "_" also for each character that is unwanted.
+std::string withoutCharacters(const std::string& text, bool (*isUnwanted)(std::int32_t character));
+
+/// The text cut to at most limit bytes, between two characters.
+std::string cutUtf8(const std::string& text, std::size_t limit);
+
+/// True when the text is ASCII only.
+bool isAscii(const std::string& text);
+
+/// The text without white space at its begin and end.
+std::string trimmed(std::string text);
 
 /// The text as valid UTF-8 on one line: control characters, line and paragraph separators, the characters
 /// that turn the direction of writing and bytes that are no UTF-8 are written as \n, \x1b or \u{202e}, and
 /// a backslash as two. Texts of more than 16 KiB are cut, which the end says.
 std::string oneLine(const std::string& text);
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin
 
 #endif

@@ -6,20 +6,19 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cstring>
-#include <memory>
 #include <optional>
 #include <unordered_map>
 #include <unordered_set>
 
 #include "standin/framework/base/Checksum.h"
 #include "standin/framework/base/Names.h"
+#include "standin/framework/base/Paths.h"
 #include "standin/framework/device/Description.h"
 #include "standin/framework/device/Device.h"
 #include "standin/framework/device/ItemFiles.h"
 #include "standin/framework/store/BackupDatabase.h"
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 namespace {
 
@@ -37,13 +36,16 @@ bool isRecordOf(const std::string& text, const std::string& id) {
     }
 }
 
-class LibraryCheck {
+class BackupCheck {
 public:
-    LibraryCheck(BackupDatabase& database, Device& device, bool readContents,
-                 const std::function<void(std::uint64_t)>& progress)
-        : database_(database), device_(device), readContents_(readContents), progress_(progress) {}
+    BackupCheck(BackupDatabase& database, Device& device, Contents contents,
+                const std::function<void(std::uint64_t)>& progress)
+        : database_(database),
+          device_(device),
+          readContents_(contents == Contents::Read),
+          progress_(progress) {}
 
-    LibraryReport run() {
+    BackupReport run() {
         database_.forEachItem([&](const ItemRow& row) {
             ++report_.items;
             if (checkFile(row.mediaPath, row)) checkRecord(row);
@@ -60,15 +62,16 @@ public:
 private:
     /// Where the thumbnail really is: its row names it by the current language.
     std::string thumbnailOf(const ItemRow& row) {
-        const auto status = statusOf(row.thumbnailPath);
-        if (status && S_ISREG(status->st_mode)) return row.thumbnailPath;
+        const std::string named = thumbnailPath(row, device_.thumbnailWord());
+        const auto status = statusOf(named);
+        if (status && S_ISREG(status->st_mode)) return named;
         for (const LedgerFile& file : device_.ledger().filesOfItem(row.id)) {
             if (isThumbnailOf(row, file.path) && device_.isFile(file.path)) return file.path;
         }
-        for (const std::string& path : thumbnailCandidates(row)) {
+        for (const std::string& path : thumbnailCandidates(row, device_.thumbnailWord())) {
             if (device_.isFile(path)) return path;
         }
-        return row.thumbnailPath;
+        return named;
     }
 
     /// False when there is no file.
@@ -165,33 +168,14 @@ private:
     const std::function<void(std::uint64_t)>& progress_;
     std::unordered_map<std::string, Descriptor> folders_;
     std::unordered_set<std::string> recorded_;
-    LibraryReport report_;
+    BackupReport report_;
 };
-
-LibraryReport check(BackupDatabase& database, const std::string& serviceFolder, bool readContents,
-                    const std::function<void(std::uint64_t)>& progress) {
-    std::string folder = serviceFolder;
-    while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
-    struct stat status = {};
-    if (::stat(folder.c_str(), &status) != 0) {
-        throw Poco::FileNotFoundException("There is no backup at " + folder + ": " + std::strerror(errno));
-    }
-    Device::close();
-    const std::shared_ptr<Device> device = Device::open(folder, "");
-    LibraryReport report = LibraryCheck(database, *device, readContents, progress).run();
-    Device::close();
-    return report;
-}
 
 }  // namespace
 
-LibraryReport verifyLibrary(BackupDatabase& database, const std::string& serviceFolder,
-                            const std::function<void(std::uint64_t)>& progress) {
-    return check(database, serviceFolder, true, progress);
+BackupReport checkBackup(BackupDatabase& database, Device& device, Contents contents,
+                         const std::function<void(std::uint64_t)>& progress) {
+    return BackupCheck(database, device, contents, progress).run();
 }
 
-LibraryReport compareLibrary(BackupDatabase& database, const std::string& serviceFolder) {
-    return check(database, serviceFolder, false, {});
-}
-
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin

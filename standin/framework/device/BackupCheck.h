@@ -13,11 +13,12 @@
 #include <string>
 #include <vector>
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 class BackupDatabase;
+class Device;
 
-struct LibraryReport {
+struct BackupReport {
     long items = 0;            ///< recorded items
     long files = 0;            ///< recorded files that were looked at: media and thumbnails
     std::uint64_t bytes = 0;   ///< their size
@@ -27,22 +28,22 @@ struct LibraryReport {
     std::vector<std::string> altered;                  ///< on the device with another size or content
     std::vector<std::string> unrecorded;               ///< on the device, and recorded nowhere
     /// Description records that no viewer can use: those of items that are missing, no XML or another item's,
-    /// and those of folders that are no XML or another folder's. Only with contents.
+    /// and those of folders that are no XML or another folder's. Only when contents are read.
     std::vector<std::string> records;
     bool agrees() const {
         return missing.empty() && altered.empty() && unrecorded.empty() && records.empty();
     }
 };
 
-/// Reads every recorded file. All paths are relative to serviceFolder, sorted. progress, when given, is
-/// called after each file with the bytes read so far; it may throw to end the check. Throws Poco::Exception
-/// with a sentence when the database or the device cannot be read.
-LibraryReport verifyLibrary(BackupDatabase& database, const std::string& serviceFolder,
-                            const std::function<void(std::uint64_t)>& progress = {});
+/// Whether a check reads the files; without, only those of another size count as altered.
+enum class Contents { Read, SizesOnly };
 
-/// The same without reading contents: altered lists files of another size only.
-LibraryReport compareLibrary(BackupDatabase& database, const std::string& serviceFolder);
+/// All paths are relative to the service folder, sorted. progress, when given, is called after each file with
+/// the bytes seen so far; it may throw to end the check. Throws Poco::Exception with a sentence when the
+/// database or the device cannot be read.
+BackupReport checkBackup(BackupDatabase& database, Device& device, Contents contents,
+                         const std::function<void(std::uint64_t)>& progress = {});
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin
 
 #endif

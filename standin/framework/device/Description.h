@@ -17,10 +17,25 @@
 #include <string>
 #include <vector>
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 constexpr const char* kRecordExtension = ".xml";
 constexpr const char* kFolderRecord = ".folder.xml";
+
+/// Writes a record field by field.
+class DescriptionWriter {
+public:
+    /// root: "media" or "folder".
+    explicit DescriptionWriter(const char* root);
+
+    void field(const std::string& name, const std::string& value);
+    void list(const std::string& name, const std::string& entry, const std::vector<std::string>& values);
+    std::string finished() &&;
+
+private:
+    std::string root_;
+    std::string text_;
+};
 
 /// Value of a field of a record that ItemDataManager wrote; empty when it has none.
 std::string recordField(const std::string& record, const std::string& field);
@@ -31,6 +46,6 @@ std::vector<std::string> recordValues(const std::string& record, const std::stri
 /// The record with another value for the field; unchanged when it has no such field.
 std::string withRecordField(const std::string& record, const std::string& field, const std::string& value);
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin
 
 #endif

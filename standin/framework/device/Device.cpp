@@ -2,26 +2,22 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <linux/openat2.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <utility>
 #include <vector>
 
-#include "standin/framework/base/Names.h"
+#include "standin/framework/base/Localisation.h"
+#include "standin/framework/base/Paths.h"
 #include "standin/framework/device/Description.h"
-#include "standin/framework/device/StagedFiles.h"
-#include "standin/framework/run/RunState.h"
+#include "standin/framework/device/DeviceFiles.h"
 #include "standin/framework/store/BackupDatabase.h"
-#include "standin/framework/store/DatabaseRegistry.h"
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 namespace {
 
@@ -30,66 +26,8 @@ constexpr std::size_t kMostWaiting = 64;  // old versions, until rows are flushe
 constexpr std::size_t kReadSize = 1 << 20;
 constexpr std::size_t kLongestRecord = 1 << 20;
 
-std::vector<std::string> namesIn(const std::string& path) {
-    std::vector<std::string> names;
-    for (std::string::size_type at = 0; at <= path.size();) {
-        const std::string::size_type end = std::min(path.find('/', at), path.size());
-        names.push_back(path.substr(at, end - at));
-        at = end + 1;
-    }
-    return names;
-}
-
 std::string quoted(const std::string& path) {
     return "\"" + path + "\"";
-}
-
-std::atomic<bool> isShared{false};
-
-mode_t folderMode() {
-    return isShared ? 0777 : 0700;
-}
-
-/// Opens a regular file for reading; anything else that has the name is refused, and keeps nobody waiting.
-Descriptor openRegular(int folder, const std::string& name) {
-    Descriptor file(::openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct stat status = {};
-    if (file.isOpen() && (::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))) {
-        file = Descriptor();
-        errno = EINVAL;
-    }
-    return file;
-}
-
-/// Opens the folder at path below another one, which no part of the path leads out of, and no link. Not open,
-/// with errno, when that fails.
-Descriptor openBelow(int root, const std::string& path, int flags) {
-    flags |= O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    static std::atomic<bool> kernelResolves{true};
-    if (kernelResolves && !path.empty()) {
-        struct open_how how = {};
-        how.flags = static_cast<std::uint64_t>(flags);
-        how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
-        Descriptor folder(static_cast<int>(::syscall(SYS_openat2, root, path.c_str(), &how, sizeof how)));
-        if (folder.isOpen()) return folder;
-        // A sandbox may not know the call, and say so in either way.
-        if (errno == ENOSYS || errno == EPERM) kernelResolves = false;
-    }
-    if (path.empty()) return Descriptor(::openat(root, ".", flags));
-    Descriptor current;
-    for (const std::string& name : namesIn(path)) {
-        if (!isPlainName(name)) {
-            errno = EXDEV;
-            return Descriptor();
-        }
-        current = Descriptor(::openat(current.isOpen() ? current.get() : root, name.c_str(), flags));
-        if (!current.isOpen()) break;
-    }
-    return current;
-}
-
-bool isLinkOrFile(int error) {
-    return error == ELOOP || error == ENOTDIR || error == EXDEV;
 }
 
 /// Puts the folder's name in its parent on the disk, whoever made it: what is flushed below is lost without
@@ -108,6 +46,7 @@ void flushNameOf(const Descriptor& folder, const Descriptor& parent) {
 /// path, which gets its own part and is given back in real; below it no link is followed.
 Descriptor openServiceFolder(const std::string& serviceFolder, const std::string& mountPoint,
                              std::string& real) {
+    if (serviceFolder.empty()) throw DeviceException("No folder on a backup device has been named");
     const bool below =
         !mountPoint.empty() && serviceFolder.compare(0, mountPoint.size() + 1, mountPoint + "/") == 0;
     std::string::size_type end = below ? mountPoint.size() : serviceFolder.rfind('/');
@@ -117,9 +56,8 @@ Descriptor openServiceFolder(const std::string& serviceFolder, const std::string
     Descriptor current(resolved ? ::open(resolved.get(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)
                                 : -1);
     if (!current.isOpen()) {
-        const std::string text = "The backup device is not there: " + base + " does not exist";
-        recordCatastrophe(RunErrorDeviceGone, text);
-        throw DeviceException(text);
+        throw DeviceFailure(DeviceFailure::Kind::Gone,
+                            "The backup device is not there: " + base + " does not exist");
     }
     real = resolved.get();
     for (const std::string& name : namesIn(serviceFolder.substr(end))) {
@@ -157,142 +95,28 @@ std::string preparedLedgerPath(int root, const std::string& path) {
     return path + "/" + kRecordFolder + "/" + kLedgerName;
 }
 
-struct SharedDevice {
-    std::mutex mutex;
-    std::shared_ptr<Device> device;
-};
-
-SharedDevice& sharedDevice() {
-    static SharedDevice shared;
-    return shared;
-}
-
-/// Does work with the device in use, if there is one. A failure ends it.
-template <typename Work>
-void withShared(Work work) {
-    const std::lock_guard<std::mutex> lock(sharedDevice().mutex);
-    if (!sharedDevice().device) return;
-    try {
-        work(*sharedDevice().device);
-    } catch (Poco::Exception&) {
-    }
-}
-
 }  // namespace
 
-Descriptor::~Descriptor() {
-    if (number_ >= 0) ::close(number_);
+Device::Device(const std::string& serviceFolder, const std::string& mountPoint, std::string thumbnailWord)
+    : path_(serviceFolder),
+      thumbnailWord_(std::move(thumbnailWord)),
+      systemWords_(systemWords(thumbnailWord_)),
+      root_(openServiceFolder(serviceFolder, mountPoint, realPath_)),
+      ledger_(preparedLedgerPath(root_.get(), realPath_)) {
+    ::fstat(root_.get(), &identity_);
 }
 
-Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
-    if (this != &other) {
-        if (number_ >= 0) ::close(number_);
-        number_ = other.release();
-    }
-    return *this;
-}
-
-int Descriptor::release() {
-    const int number = number_;
-    number_ = -1;
-    return number;
-}
-
-Descriptor makeFile(int folder, const std::string& name) {
-    return Descriptor(::openat(folder, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                               isShared ? 0666 : 0600));
-}
-
-int renameWithoutReplacing(int fromFolder, const std::string& from, int toFolder, const std::string& to) {
-    if (::renameat2(fromFolder, from.c_str(), toFolder, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
-    if (errno != EEXIST && errno != EINVAL && errno != ENOSYS) return errno;
-
-    // Either something stands there, or the file system cannot be asked like this. On one that ignores case
-    // what stands there may be the same file.
-    struct stat source = {}, target = {};
-    if (::fstatat(toFolder, to.c_str(), &target, AT_SYMLINK_NOFOLLOW) == 0) {
-        const bool same = ::fstatat(fromFolder, from.c_str(), &source, AT_SYMLINK_NOFOLLOW) == 0 &&
-                          source.st_ino == target.st_ino && source.st_dev == target.st_dev;
-        const bool sameName = nameKey(from) == nameKey(to);
-        if (!same || !sameName) return EEXIST;
-    }
-    return ::renameat(fromFolder, from.c_str(), toFolder, to.c_str()) == 0 ? 0 : errno;
-}
-
-std::shared_ptr<Device> Device::open(const std::string& serviceFolder, const std::string& mountPoint) {
-    if (serviceFolder.empty()) throw DeviceException("No folder on a backup device has been named");
-    SharedDevice& shared = sharedDevice();
-    const std::lock_guard<std::mutex> lock(shared.mutex);
-    if (shared.device && shared.device->path_ == serviceFolder) {
-        if (shared.device->isGone()) shared.device->fail("use", serviceFolder, ENODEV);
-        return shared.device;
-    }
-    std::string real;
-    Descriptor root = openServiceFolder(serviceFolder, mountPoint, real);
-    shared.device = std::make_shared<Device>(std::move(root), serviceFolder, real);
-    return shared.device;
-}
-
-std::shared_ptr<Device> Device::current() {
-    const std::string folder = currentServiceFolder();
-    if (folder.empty() || ::access(folder.c_str(), F_OK) != 0) return nullptr;
-    return open(folder, currentMountPoint());
-}
-
-void Device::share(bool shared) {
-    isShared = shared;
-}
-
-void Device::close() {
-    std::shared_ptr<Device> last;
-    {
-        const std::lock_guard<std::mutex> lock(sharedDevice().mutex);
-        last.swap(sharedDevice().device);
-    }
-    if (last) last->finish();
-}
-
-/// A ledger that ends by closing vouches for all that the disk holds.
 void Device::finish() {
     try {
-        staged_->place();
         flushRows();
     } catch (Poco::Exception&) {
         ledger_.leaveInUse();
     }
 }
 
-void Device::placeStaged() {
-    std::shared_ptr<Device> device;
-    {
-        const std::lock_guard<std::mutex> lock(sharedDevice().mutex);
-        device = sharedDevice().device;
-    }
-    if (device) device->staged_->place();
+void Device::requireThere() {
+    if (isGone()) fail("use", path_, ENODEV);
 }
-
-// What cannot be noted stays pending, and recovery settles it.
-void Device::noteRecorded(const std::string& itemId) {
-    withShared([&](Device& device) {
-        if (device.ledger_.settleItemLater(itemId)) device.flushRows();
-    });
-}
-
-void Device::noteFolder(const std::string& setId, const std::string& folder) {
-    withShared([&](Device& device) {
-        if (setId != kNoSetId && device.isFolder(folder)) device.ledger_.setFolderOwner(folder, setId);
-    });
-}
-
-Device::Device(Descriptor root, std::string path, const std::string& realPath)
-    : root_(std::move(root)),
-      path_(std::move(path)),
-      ledger_(preparedLedgerPath(root_.get(), realPath)),
-      staged_(std::make_unique<StagedFiles>(*this)) {
-    ::fstat(root_.get(), &identity_);
-}
-
-Device::~Device() = default;
 
 bool Device::isGone() const {
     struct stat now = {};
@@ -301,22 +125,18 @@ bool Device::isGone() const {
 }
 
 void Device::fail(const std::string& what, const std::string& path, int error) {
+    using Kind = DeviceFailure::Kind;
     const std::string reason = std::strerror(error);
-    std::string text;
     if (error == ENOSPC || error == EDQUOT) {
-        text = "The backup device is full: " + path_;
-        recordCatastrophe(RunErrorDeviceFull, text);
-    } else if (error == EROFS) {
-        text = "The backup device is read-only: " + path_;
-        recordCatastrophe(RunErrorDeviceReadOnly, text);
-    } else if (error == EIO || error == ENODEV || error == ENXIO || error == ESTALE || error == ENOTCONN ||
-               isGone()) {
-        text = "The backup device is gone or does not answer: " + path_;
-        recordCatastrophe(RunErrorDeviceGone, text);
-    } else {
-        throw DeviceException("Cannot " + what + " " + quoted(path) + ": " + reason);
+        throw DeviceFailure(Kind::Full, "The backup device is full: " + path_, reason);
     }
-    throw DeviceException(text + " (" + reason + ")");
+    if (error == EROFS)
+        throw DeviceFailure(Kind::ReadOnly, "The backup device is read-only: " + path_, reason);
+    if (error == EIO || error == ENODEV || error == ENXIO || error == ESTALE || error == ENOTCONN ||
+        isGone()) {
+        throw DeviceFailure(Kind::Gone, "The backup device is gone or does not answer: " + path_, reason);
+    }
+    throw DeviceException("Cannot " + what + " " + quoted(path) + ": " + reason);
 }
 
 void Device::checkPath(const std::string& path) {
@@ -439,11 +259,6 @@ std::vector<Descriptor> Device::leftByOlderVersion(const std::string& path, cons
         return folders;
     }
     return {};
-}
-
-bool Device::isTaken(const std::string& path, const std::string& item) {
-    if (isWaiting(path)) flushRows();
-    return staged_->holds(path) || (status(path) && !owns(path, item));
 }
 
 // What the ledger no longer calls pending has to be in the database: that goes first.
@@ -641,8 +456,12 @@ void Device::putFileAside(const std::string& from, const std::string& to) {
     if (isOwnName(nameOf(to), kKeptPrefix)) flushLedger();
     try {
         moveFileOnly(from, to);
-    } catch (Poco::Exception&) {
-        ledger_.moveFile(to, from, "");
+    } catch (DeviceException&) {
+        try {
+            ledger_.moveFile(to, from, "");
+        } catch (Poco::Exception&) {
+            // The row stays pending, and recovery sees that the file never moved.
+        }
         throw;
     }
     moveRecord(from, to);
@@ -707,13 +526,7 @@ std::string Device::readRecord(const std::string& folder, const std::string& nam
     return text;
 }
 
-void Device::writeFolderRecord(const std::string& folder, const std::string& text) {
-    ledger_.markInUse();
-    {
-        NewRecord record(*this, folder, newOwnName(kPartPrefix));
-        record.write(text);
-        record.place(kFolderRecord);
-    }
+void Device::flushFolderRecordWithRows(const std::string& folder) {
     const std::lock_guard<std::mutex> lock(mutex_);
     records_.insert(folder);
 }
@@ -759,48 +572,4 @@ void Device::readFile(const std::string& path, const std::function<void(const ch
     }
 }
 
-NewRecord::NewRecord(Device& device, const std::string& folder, std::string partName)
-    : device_(device),
-      folder_(folder),
-      partName_(std::move(partName)),
-      records_(device.openRecordFolder(folder, true)),
-      file_(makeFile(records_.get(), partName_)) {
-    if (!file_.isOpen() && errno == EEXIST) {
-        // What a killed process of the same number left.
-        ::unlinkat(records_.get(), partName_.c_str(), 0);
-        file_ = makeFile(records_.get(), partName_);
-    }
-    if (!file_.isOpen()) fail(errno);
-}
-
-NewRecord::~NewRecord() {
-    if (placed_ || ::unlinkat(records_.get(), partName_.c_str(), 0) == 0 || errno == ENOENT) return;
-    device_.ledger().leaveInUse();
-}
-
-void NewRecord::write(const std::string& text) {
-    for (std::size_t at = 0; at < text.size();) {
-        const ssize_t written = ::write(file_.get(), text.data() + at, text.size() - at);
-        if (written < 0 && errno != EINTR) fail(errno);
-        if (written > 0) at += static_cast<std::size_t>(written);
-    }
-}
-
-void NewRecord::send() {
-    ::sync_file_range(file_.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
-}
-
-int NewRecord::flush() {
-    return ::fdatasync(file_.get()) == 0 ? 0 : errno;
-}
-
-void NewRecord::place(const std::string& name) {
-    if (::renameat(records_.get(), partName_.c_str(), records_.get(), name.c_str()) != 0) fail(errno);
-    placed_ = true;
-}
-
-void NewRecord::fail(int error) {
-    device_.fail("write in the folder", joinPath(folder_, kRecordFolder), error);
-}
-
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin

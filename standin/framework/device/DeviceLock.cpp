@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 namespace {
 
@@ -46,4 +46,4 @@ DeviceLock::~DeviceLock() {
     ::close(descriptor_);
 }
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin

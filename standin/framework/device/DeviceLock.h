@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 /// Holds a device, or a service's folder on one, for as long as it lives. The lock is the kernel's, on the
 /// file ".backup.lock" there: one that a crashed process held is free at once. The empty file stays.
@@ -22,6 +22,6 @@ private:
     int descriptor_;
 };
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin
 
 #endif

@@ -7,7 +7,7 @@
 #include <system_error>
 #include <utility>
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 namespace {
 
@@ -108,12 +108,8 @@ void FileWriter::writePieces() {
 }
 
 int FileWriter::write(const std::string& piece) {
-    for (std::size_t at = 0; at < piece.size();) {
-        const ssize_t written = ::write(file_.get(), piece.data() + at, piece.size() - at);
-        if (written < 0 && errno == EINTR) continue;
-        if (written < 0) return errno;
-        at += static_cast<std::size_t>(written);
-    }
+    const int error = writeAll(file_, piece.data(), piece.size());
+    if (error != 0) return error;
     checksum_.update(piece.data(), piece.size());
     size_ += piece.size();
     if (size_ - sent_ >= kSendFrom) send();
@@ -126,4 +122,4 @@ void FileWriter::send() {
     sent_ = size_;
 }
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin

@@ -16,9 +16,9 @@
 #include <vector>
 
 #include "standin/framework/base/Checksum.h"
-#include "standin/framework/device/Device.h"
+#include "standin/framework/base/Descriptor.h"
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 /// Writes one file from its start. Not for several threads. An operation that gives an int gives 0, or the
 /// number of the first error that any write met; the file is of no use then.
@@ -66,6 +66,6 @@ private:
     std::thread thread_;
 };
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin
 
 #endif

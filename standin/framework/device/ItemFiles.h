@@ -8,10 +8,10 @@
 
 #include "standin/framework/base/Localisation.h"
 #include "standin/framework/base/Names.h"
-#include "standin/framework/device/Ledger.h"
+#include "standin/framework/base/Paths.h"
 #include "standin/framework/store/BackupDatabase.h"
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 /// True when path names a thumbnail of the item: in a folder inside the item's, base name, "_", id, and any
 /// extension.
@@ -21,14 +21,20 @@ inline bool isThumbnailOf(const ItemRow& row, const std::string& path) {
            splitName(nameOf(path)).base == splitName(nameOf(row.mediaPath)).base + "_" + row.id;
 }
 
-/// Where a thumbnail of the item's base name and extension may stand: in the current language's thumbnail
-/// folder, and in those of the others.
-inline std::vector<std::string> thumbnailCandidates(const ItemRow& row) {
-    std::vector<std::string> paths = {row.thumbnailPath};
+/// The thumbnail that the item's row names, in the folder of that word.
+inline std::string thumbnailPath(const ItemRow& row, const std::string& thumbnailWord) {
+    const std::string name = splitName(nameOf(row.mediaPath)).base + "_" + row.id + "." + row.imageExtension;
+    return joinPath(joinPath(row.folder, thumbnailWord), name);
+}
+
+/// Where a thumbnail of the item's base name and extension may stand: in the folder of that word, and in
+/// those of all languages.
+inline std::vector<std::string> thumbnailCandidates(const ItemRow& row, const std::string& thumbnailWord) {
+    std::vector<std::string> paths = {thumbnailPath(row, thumbnailWord)};
     for (const std::string& culture : knownCultures()) {
-        const std::string folder = joinPath(row.folder, localisedKeyword(culture, "ThumbnailKey"));
-        const std::string path = joinPath(folder, nameOf(row.thumbnailPath));
-        if (path != row.thumbnailPath) paths.push_back(path);
+        const std::string folder = joinPath(row.folder, localisedKeyword(culture, kThumbnailKey));
+        const std::string path = joinPath(folder, nameOf(paths.front()));
+        if (path != paths.front()) paths.push_back(path);
     }
     return paths;
 }
@@ -50,6 +56,6 @@ inline std::vector<std::string> versionsOf(const std::string& path, const ItemRo
         joinPath(folderOf(path), splitName(nameOf(row.mediaPath)).base + "_" + row.id));
 }
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin
 
 #endif

@@ -5,8 +5,9 @@
 #include <algorithm>
 
 #include "standin/framework/base/Names.h"
+#include "standin/framework/base/Paths.h"
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 namespace {
 
@@ -37,19 +38,6 @@ constexpr const char* kFormerSchema = "CREATE TABLE parts (path TEXT PRIMARY KEY
 constexpr const char* kFileColumns = "SELECT folder, name, item, size, checksum, was, pending FROM files ";
 
 }  // namespace
-
-std::string folderOf(const std::string& path) {
-    const std::string::size_type slash = path.rfind('/');
-    return slash == std::string::npos ? std::string() : path.substr(0, slash);
-}
-
-std::string nameOf(const std::string& path) {
-    return path.substr(path.rfind('/') + 1);
-}
-
-std::string joinPath(const std::string& folder, const std::string& name) {
-    return folder.empty() ? name : folder + "/" + name;
-}
 
 struct Ledger::Statements {
     explicit Statements(sqlite3* db)
@@ -481,4 +469,4 @@ void Ledger::setFolderOwner(const std::string& path, const std::string& owner) {
     });
 }
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin

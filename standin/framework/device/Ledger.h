@@ -32,12 +32,7 @@
 
 #include "standin/framework/base/Sqlite.h"
 
-namespace Norvale_Plugin_Core {
-
-/// The folder and the name of a path relative to the service folder; the root folder is "".
-std::string folderOf(const std::string& path);
-std::string nameOf(const std::string& path);
-std::string joinPath(const std::string& folder, const std::string& name);
+namespace flickr_standin {
 
 struct LedgerFile {
     std::string path;
@@ -145,6 +140,6 @@ private:
     std::set<std::string> laterSettled_;
 };
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin
 
 #endif

@@ -21,17 +21,16 @@
 #include <optional>
 #include <set>
 
-#include "hostapi/HostServiceUsageParams.h"
 #include "standin/framework/base/Checksum.h"
 #include "standin/framework/base/Localisation.h"
 #include "standin/framework/base/Names.h"
+#include "standin/framework/base/Paths.h"
 #include "standin/framework/device/Description.h"
 #include "standin/framework/device/Device.h"
 #include "standin/framework/device/ItemFiles.h"
-#include "standin/framework/run/RunState.h"
 #include "standin/framework/store/BackupDatabase.h"
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 namespace {
 
@@ -109,9 +108,9 @@ void Recovery::adopt(const std::string& path, const std::string& item) {
 void Recovery::adoptFiles() {
     database_.forEachItem([&](const ItemRow& row) {
         adopt(row.mediaPath, row.id);
-        for (const std::string& path : thumbnailCandidates(row)) adopt(path, row.id);
+        for (const std::string& path : thumbnailCandidates(row, device_.thumbnailWord())) adopt(path, row.id);
     });
-    const std::string word = HostServiceUsageParams::getInstance()->getValue("ThumbnailKey");
+    const std::string word = device_.thumbnailWord();
     for (const FolderRow& folder : database_.folders()) {
         for (const std::string& path : {folder.deviceName, joinPath(folder.deviceName, word)}) {
             if (path.empty() || !device_.isFolder(path) || device_.ledger().madeFolder(path)) continue;
@@ -125,7 +124,7 @@ void Recovery::findLostRows() {
     std::set<std::string> folders = {""};
     for (const FolderRow& folder : database_.folders()) folders.insert(folder.deviceName);
     for (const std::string& culture : knownCultures()) {
-        const std::string word = localisedKeyword(culture, "ThumbnailKey");
+        const std::string word = localisedKeyword(culture, kThumbnailKey);
         for (const FolderRow& folder : database_.folders()) folders.insert(joinPath(folder.deviceName, word));
         folders.insert(word);
     }
@@ -134,7 +133,7 @@ void Recovery::findLostRows() {
         if (folder.empty() || device_.isFolder(folder)) report_.removed += device_.removeParts(folder);
     }
     database_.forEachItem([&](const ItemRow& row) {
-        std::vector<std::string> paths = thumbnailCandidates(row);
+        std::vector<std::string> paths = thumbnailCandidates(row, device_.thumbnailWord());
         paths.push_back(row.mediaPath);
         for (const LedgerFile& file : device_.ledger().filesOfItem(row.id)) {
             if (!file.was.empty() || file.pending == kRemoved || file.path == row.mediaPath ||
@@ -339,7 +338,7 @@ bool Recovery::hasMedia(const ItemRow& row) {
 
 /// A thumbnail of the item on the device, other than the one at except; empty when there is none.
 std::string Recovery::thumbnailOf(const ItemRow& row, const std::string& except) {
-    std::vector<std::string> paths = thumbnailCandidates(row);
+    std::vector<std::string> paths = thumbnailCandidates(row, device_.thumbnailWord());
     for (const LedgerFile& file : device_.ledger().filesOfItem(row.id)) {
         if (file.was.empty() && isThumbnailOf(row, file.path)) paths.push_back(file.path);
     }
@@ -428,7 +427,7 @@ bool Recovery::isDatabaseOlder() {
 
 /// The item's row gets the extension that its thumbnail has, before the ledger forgets that it may lack it.
 void Recovery::recordExtension(const ItemRow& row, const std::string& extension) {
-    if (extension.empty() || extension == splitName(nameOf(row.thumbnailPath)).extension) return;
+    if (extension.empty() || extension == "." + row.imageExtension) return;
     database_.setImageExtension(row.id, extension.substr(1));
     device_.flushRows();
 }
@@ -498,7 +497,7 @@ bool Recovery::isUsedFolder(const std::string& path) {
     if (!database_.folderIdByDeviceName(path).empty()) return true;
     const std::string parent = folderOf(path);
     if (!parent.empty()) return !database_.folderIdByDeviceName(parent).empty();
-    return isSystemWord(path) && !database_.derivedName(kNoSetId).empty();
+    return device_.isSystemWord(path) && !database_.derivedName(kNoSetId).empty();
 }
 
 /// True for a folder with nothing but its own record in it.
@@ -539,15 +538,8 @@ void Recovery::makeRecordedFolders() {
 
 }  // namespace
 
-RecoveryReport recoverDevice(BackupDatabase& database, const std::string& serviceFolder) {
-    // A device that another run or check left open may be another one by now.
-    Device::close();
-    std::string folder = serviceFolder;
-    while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
-    const std::shared_ptr<Device> device = Device::open(folder, currentMountPoint());
-    const RecoveryReport report = Recovery(database, *device).run();
-    Device::close();
-    return report;
+RecoveryReport recoverDevice(BackupDatabase& database, Device& device) {
+    return Recovery(database, device).run();
 }
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin

@@ -14,9 +14,11 @@
 #include <utility>
 
 #include "standin/framework/base/Names.h"
+#include "standin/framework/base/Paths.h"
 #include "standin/framework/device/Description.h"
+#include "standin/framework/device/DeviceFiles.h"
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 namespace {
 
@@ -199,4 +201,4 @@ void StagedFiles::place() {
     }
 }
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin

@@ -2,8 +2,7 @@
 // what has to be on it before an item's row is written goes there together, in two waits for the whole item:
 //
 //   add      Trip/.part-PID-N holds all bytes, Trip/.records/.part-PID-N the description; the disk has begun
-//   to
-//            write them
+//            to write them
 //   place    the ledger's rows are entered as pending
 //            wait 1: the files, their descriptions, the ledger, and folders that a rename has left
 //            descriptions and files take their names
@@ -23,8 +22,9 @@
 
 #include "standin/framework/device/Device.h"
 #include "standin/framework/device/FileWriter.h"
+#include "standin/framework/device/NewDescription.h"
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 /// A file that is being written, or is whole and has not taken its name. Its temporary file goes with it
 /// until it is placed.
@@ -89,6 +89,6 @@ private:
     std::vector<std::unique_ptr<StagedFile>> files_;
 };
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin
 
 #endif

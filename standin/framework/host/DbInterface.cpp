@@ -8,13 +8,16 @@
 #include <cstdio>
 #include <functional>
 
-#include "hostapi/HostServiceUsageParams.h"
+#include "standin/framework/base/Localisation.h"
 #include "standin/framework/base/Names.h"
-#include "standin/framework/device/Device.h"
+#include "standin/framework/base/Paths.h"
+#include "standin/framework/run/RunDevice.h"
+#include "standin/framework/run/RunState.h"
 #include "standin/framework/store/BackupDatabase.h"
-#include "standin/framework/store/DatabaseRegistry.h"
 
 namespace Norvale_Plugin_Core {
+
+using namespace flickr_standin;
 
 namespace {
 
@@ -69,12 +72,18 @@ bool fits(const std::string& name, const std::function<std::string(long)>& candi
 /// Does work over the database; a failure goes to the handler and ends it.
 template <typename Work>
 void guarded(ExceptionHandlerMac& handler, const std::string& path, const char* operation, Work work) {
-    try {
-        withDatabase(path, work);
-    } catch (Poco::Exception& exception) {
+    const auto failed = [&](Poco::Exception& exception) {
         handler.handleException(
             exception, std::string("Exception occurred in ") + operation + "() : " + exception.displayText(),
-            HostServiceUsageParams::getInstance()->getRetryAttempts());
+            retryAttempts());
+    };
+    try {
+        withDatabase(path, work);
+    } catch (DeviceFailure& failure) {
+        recordDeviceFailure(failure);
+        failed(failure);
+    } catch (Poco::Exception& exception) {
+        failed(exception);
     }
 }
 
@@ -90,7 +99,7 @@ void DbInterface::setConnectionString(std::string connectionString) {
 // Also what comes before the statements with which an item's row is changed: its new files are on the disk by
 // then.
 void DbInterface::initialize() {
-    Device::placeStaged();
+    placeNewFiles();
     Poco::Data::SQLite::Connector::registerConnector();
 }
 
@@ -118,12 +127,11 @@ std::string DbInterface::createFormattedDate(Poco::DateTime date) {
     static constexpr const char* kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
     static constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                               "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-    HostServiceUsageParams* words = HostServiceUsageParams::getInstance();
     char number[32];
-    std::string text = words->getValue(kDays[date.dayOfWeek()]) + ", " + std::to_string(date.day()) + " " +
-                       words->getValue(kMonths[date.month() - 1]) + " " + std::to_string(date.year()) + " ";
+    std::string text = wordOf(kDays[date.dayOfWeek()]) + ", " + std::to_string(date.day()) + " " +
+                       wordOf(kMonths[date.month() - 1]) + " " + std::to_string(date.year()) + " ";
     std::snprintf(number, sizeof number, "%d:%02d:%02d ", date.hourAMPM(), date.minute(), date.second());
-    return text + number + words->getValue(date.isAM() ? "AM" : "PM");
+    return text + number + wordOf(date.isAM() ? "AM" : "PM");
 }
 
 std::string DbInterface::createLatestUpdatedItemDate(Poco::DateTime date) {
@@ -133,10 +141,11 @@ std::string DbInterface::createLatestUpdatedItemDate(Poco::DateTime date) {
 std::string DbInterface::generateFileName(std::string title, std::string containerName,
                                           std::string containerId, std::string itemId) {
     const bool atRoot = containerId == kNoSetId;
-    const auto candidate = [&](long number) { return itemName(title, itemId, number); };
+    const NameKeys reserved = systemWords(wordOf(kThumbnailKey));
+    const auto candidate = [&](long number) { return itemName(title, itemId, number, reserved); };
     std::string name = candidate(1);
     guarded(exceptionHandler_, connectionString_, "generateFileName", [&](BackupDatabase& database) {
-        const std::shared_ptr<Device> device = Device::current();
+        const std::shared_ptr<RunDevice> device = runDeviceIfThere();
         const auto isFree = [&](const std::string& wanted) {
             if (database.nameTaken(atRoot ? "" : containerId, nameKey(wanted), itemId)) return false;
             // What a killed run left of this very item may be replaced; anything else may not.
@@ -151,10 +160,11 @@ std::string DbInterface::generateFileName(std::string title, std::string contain
 }
 
 std::string DbInterface::generateFolderName(std::string title, std::string id) {
-    const auto candidate = [&](long number) { return folderName(title, number); };
+    const NameKeys reserved = systemWords(wordOf(kThumbnailKey));
+    const auto candidate = [&](long number) { return folderName(title, number, reserved); };
     std::string name = candidate(1);
     guarded(exceptionHandler_, connectionString_, "generateFolderName", [&](BackupDatabase& database) {
-        const std::shared_ptr<Device> device = Device::current();
+        const std::shared_ptr<RunDevice> device = runDeviceIfThere();
         const std::string known = database.derivedName(id);
         const auto isFree = [&](const std::string& wanted) {
             if (database.nameTaken("", nameKey(wanted), id)) return false;
@@ -195,14 +205,14 @@ int DbInterface::createEntry(std::string itemId, std::string itemName, std::stri
                              std::string reserved3) {
     int status = 0;
     guarded(exceptionHandler_, connectionString_, "createEntry", [&](BackupDatabase& database) {
-        Device::placeStaged();
+        placeNewFiles();
         database.put({itemId, itemName, itemContainerName, derivedItemName, derivedContainerName,
                       originalItemId, originalContainerId, createdOn, updatedOn, itemType, imageExtension,
                       reserved1, reserved2, reserved3});
         status = 1;
     });
-    if (status == 1 && itemType == kFolderType) Device::noteFolder(itemId, derivedItemName);
-    if (status == 1 && itemType != kFolderType) Device::noteRecorded(itemId);
+    if (status == 1 && itemType == kFolderType) noteFolder(itemId, derivedItemName);
+    if (status == 1 && itemType != kFolderType) noteRecorded(itemId);
     return status;
 }
 

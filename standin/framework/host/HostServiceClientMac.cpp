@@ -19,22 +19,26 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <map>
 
 #include "hostapi/DevLogger.h"
-#include "hostapi/HostServiceUsageParams.h"
+#include "standin/framework/base/Localisation.h"
 #include "standin/framework/base/Names.h"
+#include "standin/framework/base/Paths.h"
 #include "standin/framework/device/Description.h"
-#include "standin/framework/device/Device.h"
 #include "standin/framework/device/ItemFiles.h"
+#include "standin/framework/device/NewDescription.h"
 #include "standin/framework/device/StagedFiles.h"
+#include "standin/framework/host/ExceptionCode.h"
+#include "standin/framework/run/RunDevice.h"
 #include "standin/framework/run/RunJournal.h"
 #include "standin/framework/run/RunState.h"
 
 namespace Norvale_Plugin_Core {
+
+using namespace flickr_standin;
 
 namespace {
 
@@ -44,8 +48,7 @@ constexpr const char* kFailure = "ERR";
 /// The plug-in makes a set's thumbnail folder together with the set's. When the language has changed since,
 /// or somebody removed the folder, it would be missing for good.
 void makeThumbnailFolder(Device& device, const std::string& folder) {
-    const std::string word = HostServiceUsageParams::getInstance()->getValue("ThumbnailKey");
-    if (folder.empty() || nameOf(folder) != word || device.status(folder)) return;
+    if (folder.empty() || nameOf(folder) != device.thumbnailWord() || device.status(folder)) return;
     const std::string set = folderOf(folder);
     if (set.empty() || device.isFolder(set)) device.makeFolder(folder);
 }
@@ -63,16 +66,13 @@ std::string standingCover(Device& device, const std::string& cover) {
 }  // namespace
 
 struct HostServiceClientMac::Impl {
-    std::shared_ptr<Device> device;
+    std::shared_ptr<RunDevice> device;
     std::map<long, std::unique_ptr<StagedFile>> files;
     std::string lastItem;  // the item closed last: the next file without a record is its thumbnail
 
     /// The device of the run; the service folder may have changed since the last call.
-    Device& current() {
-        const std::string folder = currentServiceFolder();
-        if (!device || device->path() != folder || files.empty()) {
-            device = Device::open(folder, currentMountPoint());
-        }
+    RunDevice& current() {
+        if (!device || device->path() != currentServiceFolder() || files.empty()) device = openRunDevice();
         return *device;
     }
 
@@ -111,6 +111,9 @@ void answer(const std::string& description, std::string& command, std::string& r
     try {
         operation();
         return;
+    } catch (DeviceFailure& failure) {
+        error = failure.message();
+        recordDeviceFailure(failure);
     } catch (DeviceException& exception) {
         error = exception.message();
     } catch (Poco::Data::DataException& exception) {
@@ -145,7 +148,7 @@ long HostServiceClientMac::openFile(std::string path, long mode, std::string& co
     RunJournal::instance().fileOpened(path);
     answer("OPEN " + path, command, result, error, true, [&] {
         impl_->files.erase(mode);
-        Device& device = impl_->current();
+        RunDevice& device = impl_->current();
         Device::checkPath(path);
         makeThumbnailFolder(device, folderOf(path));
         impl_->files.emplace(mode, std::make_unique<StagedFile>(device, path));
@@ -196,7 +199,7 @@ void HostServiceClientMac::deleteFile(long handle, std::string& command, std::st
 void HostServiceClientMac::deleteFile(std::string path, std::string& command, std::string& result,
                                       std::string& error) {
     answer("DELETE " + path, command, result, error, false, [&] {
-        Device& device = impl_->current();
+        RunDevice& device = impl_->current();
         Device::checkPath(path);
         if (device.staged().discard(path)) return;
         if (!device.status(path)) throw DeviceException("\"" + path + "\" does not exist");
@@ -210,7 +213,7 @@ void HostServiceClientMac::deleteFile(std::string path, std::string& command, st
 void HostServiceClientMac::renameFile(std::string from, std::string to, std::string& command,
                                       std::string& result, std::string& error) {
     answer("RENAME " + from + " " + to, command, result, error, false, [&] {
-        Device& device = impl_->current();
+        RunDevice& device = impl_->current();
         Device::checkPath(from);
         Device::checkPath(to);
         device.staged().place();
@@ -231,7 +234,7 @@ void HostServiceClientMac::renameFile(std::string from, std::string to, std::str
 void HostServiceClientMac::createDirectory(std::string path, std::string& command, std::string& result,
                                            std::string& error) {
     answer("MKDIR " + path, command, result, error, true, [&] {
-        Device& device = impl_->current();
+        RunDevice& device = impl_->current();
         Device::checkPath(path);
         device.staged().place();
         device.makeFolder(path);
@@ -241,7 +244,7 @@ void HostServiceClientMac::createDirectory(std::string path, std::string& comman
 void HostServiceClientMac::renameDirectory(std::string from, std::string to, std::string& command,
                                            std::string& result, std::string& error) {
     answer("RENAMEDIR " + from + " " + to, command, result, error, true, [&] {
-        Device& device = impl_->current();
+        RunDevice& device = impl_->current();
         Device::checkPath(from);
         Device::checkPath(to);
         device.staged().place();
@@ -252,7 +255,7 @@ void HostServiceClientMac::renameDirectory(std::string from, std::string to, std
 void HostServiceClientMac::deleteDirectory(std::string path, std::string& command, std::string& result,
                                            std::string& error) {
     answer("RMDIR " + path, command, result, error, false, [&] {
-        Device& device = impl_->current();
+        RunDevice& device = impl_->current();
         Device::checkPath(path);
         device.staged().place();
         device.flushRows();
@@ -264,7 +267,7 @@ void HostServiceClientMac::writeFolderDataXML(std::string root, std::string reco
     const std::string folder = recordField(record, "PhysicalFileName");
     std::string command, result, error;
     answer("RECORD " + folder, command, result, error, false, [&] {
-        Device& device = impl_->current();
+        RunDevice& device = impl_->current();
         if (root != device.path() + "/") throw DeviceException("\"" + root + "\" is not the service folder");
         Device::checkPath(folder);
         device.staged().place();
@@ -283,7 +286,7 @@ void HostServiceClientMac::writeFolderDataXML(std::string root, std::string reco
         }
         record =
             withRecordField(record, "CoverImage", standingCover(device, recordField(record, "CoverImage")));
-        if (record != before) device.writeFolderRecord(folder, record);
+        if (record != before) writeFolderRecord(device, folder, record);
     });
     if (result != kSuccess) RunJournal::instance().folderRecordFailed(folder, error);
 }

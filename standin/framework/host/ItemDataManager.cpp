@@ -1,107 +1,18 @@
 #include "hostapi/ItemDataManager.h"
 
-#include <algorithm>
-#include <tuple>
 #include <utility>
-#include <vector>
 
 #include "hostapi/MediaFolderTemplate.h"
 #include "hostapi/MediaTemplate.h"
-#include "standin/framework/base/Names.h"
 #include "standin/framework/device/Description.h"
 
 namespace Norvale_Plugin_Core {
-
-namespace {
-
-constexpr std::pair<char, const char*> kEscapes[] = {
-    {'&', "&amp;"}, {'<', "&lt;"}, {'>', "&gt;"}, {'"', "&quot;"}, {'\r', "&#13;"}};
-
-/// Text as XML 1.0 holds it; what it cannot hold becomes "_".
-std::string escaped(const std::string& text) {
-    const bool plain = std::all_of(text.begin(), text.end(), [](unsigned char c) {
-        return c >= 0x20 && c < 0x7f && c != '&' && c != '<' && c != '>' && c != '"';
-    });
-    if (plain) return text;
-
-    std::string result;
-    for (const char c : validUtf8(text)) {
-        const char* replacement = nullptr;
-        for (const auto& [character, escape] : kEscapes) {
-            if (c == character) replacement = escape;
-        }
-        if (replacement) {
-            result += replacement;
-        } else {
-            const bool allowed = static_cast<unsigned char>(c) >= 0x20 || c == '\t' || c == '\n';
-            result += allowed ? c : '_';
-        }
-    }
-    // U+FFFE and U+FFFF are characters to UTF-8 but not to XML.
-    for (const char* forbidden : {"\xef\xbf\xbe", "\xef\xbf\xbf"}) {
-        for (std::string::size_type at; (at = result.find(forbidden)) != std::string::npos;) {
-            result.replace(at, 3, "_");
-        }
-    }
-    return result;
-}
-
-std::string unescaped(std::string text) {
-    for (std::string::size_type at = 0; (at = text.find('&', at)) != std::string::npos; ++at) {
-        for (const auto& [character, escape] : kEscapes) {
-            const std::string name = escape;
-            if (text.compare(at, name.size(), name) == 0) {
-                text.replace(at, name.size(), 1, character);
-                break;
-            }
-        }
-    }
-    return text;
-}
-
-class RecordText {
-public:
-    explicit RecordText(const char* root)
-        : root_(root), text_("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<" + root_ + ">\n") {}
-
-    void field(const std::string& name, const std::string& value) {
-        text_ += "  <" + name + ">" + escaped(value) + "</" + name + ">\n";
-    }
-    void list(const std::string& name, const std::string& entry, const std::vector<std::string>& values) {
-        text_ += "  <" + name + ">\n";
-        for (const std::string& value : values) {
-            text_ += "    <" + entry + ">" + escaped(value) + "</" + entry + ">\n";
-        }
-        text_ += "  </" + name + ">\n";
-    }
-    std::string finished() && { return std::move(text_) + "</" + root_ + ">\n"; }
-
-private:
-    std::string root_;
-    std::string text_;
-};
-
-/// Where the value of a field stands in a record, looked for from a position on: its first byte and its
-/// length.
-std::pair<std::string::size_type, std::string::size_type> find(const std::string& record,
-                                                               const std::string& field,
-                                                               std::string::size_type from = 0) {
-    const std::string open = "<" + field + ">";
-    const std::string::size_type at = record.find(open, from);
-    if (at == std::string::npos) return {std::string::npos, 0};
-    const std::string::size_type begin = at + open.size();
-    const std::string::size_type end = record.find('<', begin);
-    if (end == std::string::npos) return {std::string::npos, 0};
-    return {begin, end - begin};
-}
-
-}  // namespace
 
 std::string ItemDataManager::saveItemData(Template* record) {
     if (!record) return {};
     const auto* media = dynamic_cast<const MediaTemplate*>(record);
     const auto* folder = dynamic_cast<const MediaFolderTemplate*>(record);
-    RecordText text(folder ? "folder" : "media");
+    flickr_standin::DescriptionWriter text(folder ? "folder" : "media");
     text.field("ID", record->getID());
     text.field("PhysicalFileName", record->getPhysicalFileName());
     text.field("DataXMLPath", record->getDataXMLPath());
@@ -122,26 +33,6 @@ std::string ItemDataManager::saveItemData(Template* record) {
         text.field("LatestUpdatedItem", folder->getLatestUpdatedItem());
     }
     return std::move(text).finished();
-}
-
-std::string recordField(const std::string& record, const std::string& field) {
-    const auto [begin, length] = find(record, field);
-    return begin == std::string::npos ? std::string() : unescaped(record.substr(begin, length));
-}
-
-std::vector<std::string> recordValues(const std::string& record, const std::string& field) {
-    std::vector<std::string> values;
-    for (auto [begin, length] = find(record, field); begin != std::string::npos;
-         std::tie(begin, length) = find(record, field, begin + length)) {
-        values.push_back(unescaped(record.substr(begin, length)));
-    }
-    return values;
-}
-
-std::string withRecordField(const std::string& record, const std::string& field, const std::string& value) {
-    const auto [begin, length] = find(record, field);
-    if (begin == std::string::npos) return record;
-    return std::string(record).replace(begin, length, escaped(value));
 }
 
 }  // namespace Norvale_Plugin_Core

@@ -9,11 +9,11 @@
 #include <utility>
 
 #include "hostapi/DevLogger.h"
-#include "hostapi/HostServiceUsageParams.h"
 #include "standin/framework/base/Cipher.h"
 #include "standin/framework/base/Localisation.h"
+#include "standin/framework/run/RunState.h"
 
-using namespace Norvale_Plugin_Core;
+using namespace flickr_standin;
 
 namespace {
 
@@ -64,14 +64,15 @@ char* NVDecrypt(const char* passPhrase, const char* salt, const void* sealed, si
 }
 
 void NVWriteLog(int isFailure, const char* message, const char* sourceFile, int line) {
+    using namespace Norvale_Plugin_Core;
     DevLogger::writeLog(message, isFailure ? LogLevelFailure : LogLevelInformation, sourceFile, line);
 }
 
 int NVIsBackupStopped(void) {
-    return HostServiceUsageParams::getInstance()->isBackupStopped();
+    return isRunStopped();
 }
 
 void NVGetTotals(double* items, double* bytes) {
-    *items = HostServiceUsageParams::getInstance()->getTotalCount();
-    *bytes = HostServiceUsageParams::getInstance()->getTotalSize();
+    *items = static_cast<double>(finishedItems());
+    *bytes = static_cast<double>(writtenBytes());
 }

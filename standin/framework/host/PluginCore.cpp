@@ -21,14 +21,16 @@
 #include <mutex>
 
 #include "hostapi/DevLogger.h"
-#include "hostapi/Utils.h"
-#include "standin/framework/base/Names.h"
+#include "standin/framework/base/Text.h"
+#include "standin/framework/host/ExceptionCode.h"
 #include "standin/framework/run/Log.h"
 #include "standin/framework/run/RunConfiguration.h"
 #include "standin/framework/run/RunJournal.h"
-#include "standin/framework/run/RunState.h"
+#include "standin/framework/run/Secrets.h"
 
 namespace Norvale_Plugin_Core {
+
+using namespace flickr_standin;
 
 namespace {
 
@@ -77,7 +79,7 @@ int PluginCore::getValueString(std::string key, char* value, char* error) {
     std::string problem = impl_->problem;
     if (impl_->configuration) {
         try {
-            copyOut(Utils().trimString(impl_->configuration->getRawString(key)), value);
+            copyOut(trimmed(impl_->configuration->getRawString(key)), value);
             return kSuccess;
         } catch (Poco::Exception&) {
             problem = "The configuration file " + impl_->path + " has no value for \"" + key + "\"";

@@ -3,22 +3,20 @@
 #include <string_view>
 
 #include "standin/framework/base/Names.h"
+#include "standin/framework/base/Text.h"
 
 namespace Norvale_Plugin_Core {
 
 std::string Utils::NormalizeString(std::string text) {
-    return safeName(text);
+    return flickr_standin::safeName(text);
 }
 
 std::string Utils::trimString(std::string text) {
-    constexpr const char* kWhiteSpace = " \t\n\r\v\f";
-    text.erase(text.find_last_not_of(kWhiteSpace) + 1);
-    text.erase(0, text.find_first_not_of(kWhiteSpace));
-    return text;
+    return flickr_standin::trimmed(std::move(text));
 }
 
 std::string Utils::getFileNameWithoutExtension(std::string name) {
-    return splitName(name).base;
+    return flickr_standin::splitName(name).base;
 }
 
 std::string Utils::getImageExtension(Poco::Buffer<char>& firstBytes) {

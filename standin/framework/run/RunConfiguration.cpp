@@ -3,7 +3,7 @@
 #include <mutex>
 #include <utility>
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 namespace {
 
@@ -68,4 +68,4 @@ std::string inLogFolder(const std::string& path) {
     return inFolder(&State::logFolder, path);
 }
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 /// Names such as "plugin.dataUrl", and their values in the form that they have in the file.
 using ConfigurationValues = std::map<std::string, std::string>;
@@ -30,6 +30,6 @@ void setUserFolders(std::string configuration, std::string log);
 std::string inConfigurationFolder(const std::string& path);
 std::string inLogFolder(const std::string& path);
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin
 
 #endif

@@ -3,9 +3,7 @@
 #ifndef STANDIN_FRAMEWORK_RUN_RUNERROR_H
 #define STANDIN_FRAMEWORK_RUN_RUNERROR_H
 
-#include <Poco/Exception.h>
-
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 /// Codes of recorded errors. 0 and 1 say that there is none, and 511 is the plug-in's own.
 enum RunError {
@@ -19,9 +17,6 @@ enum RunError {
     RunErrorDeviceReadOnly = 9
 };
 
-/// The code for an exception, by its class.
-RunError runErrorOf(const Poco::Exception& exception);
-
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin
 
 #endif

@@ -6,12 +6,11 @@
 #include <string_view>
 
 #include "core/RunLines.h"
-#include "hostapi/HostServiceUsageParams.h"
 #include "standin/framework/base/Names.h"
 #include "standin/framework/run/RunState.h"
-#include "standin/framework/store/BackupDatabase.h"
+#include "standin/framework/run/Secrets.h"
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 using Norvale_Plugin_Flickr::kItemBegins;
 using Norvale_Plugin_Flickr::kItemLeftOut;
@@ -31,14 +30,6 @@ bool endsWith(const std::string& text, std::string_view end) {
 
 std::string after(const std::string& text, std::string_view start) {
     return text.substr(start.size());
-}
-
-bool isStopped() {
-    return HostServiceUsageParams::getInstance()->isBackupStopped();
-}
-
-bool isManuallyStopped() {
-    return HostServiceUsageParams::getInstance()->isManuallyStopped();
 }
 
 /// The number in which a line of the core ends.
@@ -87,8 +78,8 @@ RunSummary RunJournal::summary() const {
     RunSummary summary = summary_;
     summary.untriedItems += setItems_ - triedItems_;
     summary.untriedSets = std::max(0L, sets_ - listedSets_);
-    summary.bytes = HostServiceUsageParams::getInstance()->getTotalSize();
-    if (!setsListed_ && summary.errors.empty() && !isStopped()) {
+    summary.bytes = static_cast<double>(writtenBytes());
+    if (!setsListed_ && summary.errors.empty() && !isRunStopped()) {
         summary.errors.emplace_back("The list of photo sets was not fetched");
     }
     return summary;
@@ -128,7 +119,7 @@ bool RunJournal::followItem(const std::string& line) {
 bool RunJournal::followFolder(const std::string& line) {
     for (const std::string_view start : kFolderFailures) {
         if (!startsWith(line, start)) continue;
-        if (!isStopped()) addFailure(after(line, start), takeReason());
+        if (!isRunStopped()) addFailure(after(line, start), takeReason());
         return true;
     }
     return false;
@@ -139,7 +130,7 @@ bool RunJournal::followLists(const std::string& line) {
         ++listedItems_;
         lookupFailure_.clear();
     } else if (const auto item = kItemLeftOut.read(line)) {
-        if (!isStopped()) leaveOutItem(item->id, item->text);
+        if (!isRunStopped()) leaveOutItem(item->id, item->text);
     } else if (kServiceRefuses.read(line)) {
         addRefusal(line);
     } else if (startsWith(line, kItemRefused)) {
@@ -162,7 +153,7 @@ bool RunJournal::followLists(const std::string& line) {
         endListing(numberOf(after(line, kListEnd)));
     } else if (startsWith(line, kSetsListed)) {
         setsListed_ = true;
-        if (!isStopped()) sets_ = numberOf(after(line, kSetsListed));
+        if (!isRunStopped()) sets_ = numberOf(after(line, kSetsListed));
     } else {
         return false;
     }
@@ -192,7 +183,7 @@ void RunJournal::beginItem(const std::string& id, const std::string& title) {
 }
 
 void RunJournal::endListing(long items) {
-    if (isStopped()) return;
+    if (isRunStopped()) return;
     ++listedSets_;
     setItems_ = items;
     if (listAttempts_ == 0) {
@@ -206,7 +197,7 @@ void RunJournal::endItem() {
     ++triedItems_;
     if (downloaded_) {
         ++(edited_ ? summary_.editedItems : summary_.newItems);
-    } else if (isManuallyStopped() || (isStopped() && reason_.empty())) {
+    } else if (isStoppedByUser() || (isRunStopped() && reason_.empty())) {
         ++summary_.interruptedItems;
     } else {
         addFailure(file_.empty() ? title_ : file_, takeReason(), itemId_);
@@ -221,7 +212,7 @@ void RunJournal::exception(const std::string& message, bool lastAttempt) {
         lookupFailure_ = text;
     } else if (startsWith(message, "Exception occurred in DownloadPhotoListActivity")) {
         // A stop that the user asked for hides no failure.
-        if (lastAttempt && (!isStopped() || isManuallyStopped())) addFailure("", text);
+        if (lastAttempt && (!isRunStopped() || isStoppedByUser())) addFailure("", text);
     } else if (startsWith(message, "Exception occurred in ProcessPhoto()")) {
         reason_ = text;
         endItem();
@@ -293,4 +284,4 @@ std::string RunJournal::takeReason() {
     return reason.empty() ? "No attempt was made, or it gave no reason" : reason;
 }
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin

@@ -33,7 +33,7 @@
 #include <string>
 #include <vector>
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 /// Something that was to be backed up and is not, or not as it is now.
 struct Failure {
@@ -118,6 +118,6 @@ private:
     std::size_t leftOutFrom_ = 0;  // the first failure that the current attempt may have added
 };
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin
 
 #endif

@@ -1,37 +1,62 @@
-// The framework's own way to the state behind HostServiceUsageParams.
+// The state of the current run, which the host shares with the plug-in. Every operation may be called from
+// any thread.
 
 #ifndef STANDIN_FRAMEWORK_RUN_RUNSTATE_H
 #define STANDIN_FRAMEWORK_RUN_RUNSTATE_H
 
 #include <cstdint>
+#include <map>
 #include <string>
-#include <vector>
 
+#include "standin/framework/base/Names.h"
 #include "standin/framework/run/RunError.h"
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
-/// Records the run's error; one that is recorded already stays.
-void recordRunError(RunError code, const std::string& text);
+/// Everything reads as at the start of the program.
+void resetRunState();
 
-/// The same for an error after which the run cannot go on: it also stops the run.
-void recordCatastrophe(RunError code, const std::string& text);
+/// Begins a run: clears an earlier stop, the recorded error and the totals.
+void beginRun();
 
-void addWrittenBytes(std::uint64_t count);
-void addFinishedItem();
+/// Asks the run to stop, on the user's behalf.
+void stopRun();
 
-/// As given to HostServiceUsageParams::setParams(); the folder without "/" at its end.
+/// True after stopRun() and after a catastrophe.
+bool isRunStopped();
+/// True after stopRun() only.
+bool isStoppedByUser();
+
+/// The host's words by their keys, see Localisation.h.
+void setWords(std::map<std::string, std::string> words);
+/// A word by its key; empty for one that is not known.
+std::string wordOf(const std::string& key);
+
+/// Where the run's backup goes: the service folder and the device's mount point, both without "/" at the end.
+void setServiceFolder(std::string folder, std::string mountPoint);
 std::string currentServiceFolder();
 std::string currentMountPoint();
 
-/// Texts that the log and recorded errors show as "***" from now on: the run's token, key and secret.
-/// Replaces the ones of an earlier call, which are overwritten. Values of auth_token, api_key and api_sig in
-/// addresses are masked without being told.
-void setLogSecrets(std::vector<std::string> secrets);
+/// How often every request and download is tried, at least 0.
+void setRetryAttempts(int attempts);
+int retryAttempts();
 
-/// The text with every secret masked.
-std::string maskSecrets(std::string text);
+/// Records the run's error, with secrets masked; one that is recorded already stays.
+void recordRunError(RunError code, const std::string& text);
+/// The same for an error after which the run cannot go on: it also stops the run.
+void recordCatastrophe(RunError code, const std::string& text);
 
-}  // namespace Norvale_Plugin_Core
+struct RecordedError {
+    int code = 0;  ///< 0: none is recorded
+    std::string text;
+};
+RecordedError recordedError();
+
+void addWrittenBytes(std::uint64_t count);
+void addFinishedItem();
+std::uint64_t writtenBytes();
+std::uint64_t finishedItems();
+
+}  // namespace flickr_standin
 
 #endif

@@ -10,14 +10,12 @@
 #include <map>
 #include <utility>
 
-#include "hostapi/HostServiceUsageParams.h"
 #include "standin/framework/base/Names.h"
+#include "standin/framework/base/Paths.h"
 #include "standin/framework/base/Sqlite.h"
 #include "standin/framework/base/SqliteGuard.h"
-#include "standin/framework/device/Ledger.h"
-#include "standin/framework/store/DatabaseRegistry.h"
 
-namespace Norvale_Plugin_Core {
+namespace flickr_standin {
 
 namespace {
 
@@ -121,17 +119,14 @@ std::string nameSpaceOf(const std::string& itemType, const std::string& containe
 ItemRow itemOfRow(const Statement& row) {
     ItemRow item;
     item.id = row.text(0);
-    const std::string name = row.text(2);
     item.folder = row.text(3) == kNoSetId ? std::string() : row.text(1);
-    item.mediaPath = joinPath(item.folder, name);
+    item.mediaPath = joinPath(item.folder, row.text(2));
     item.updated = row.text(4);
     item.type = row.text(5);
     item.setId = row.text(3);
     item.name = row.text(7);
     item.created = row.text(8);
-    const std::string thumbnails =
-        joinPath(item.folder, HostServiceUsageParams::getInstance()->getValue("ThumbnailKey"));
-    item.thumbnailPath = joinPath(thumbnails, splitName(name).base + "_" + item.id + "." + row.text(6));
+    item.imageExtension = row.text(6);
     return item;
 }
 
@@ -402,4 +397,4 @@ void BackupDatabase::setImageExtension(const std::string& id, const std::string&
     StatementUse(*statement, extension, id).run();
 }
 
-}  // namespace Norvale_Plugin_Core
+}  // namespace flickr_standin

@@ -23,10 +23,7 @@
 #include <string>
 #include <vector>
 
-namespace Norvale_Plugin_Core {
-
-/// The set id under which the plug-in keeps the items that are in no set. They stand in the root folder.
-constexpr const char* kNoSetId = "Anonymous";
+namespace flickr_standin {
 
 /// Form of ItemUpdatedOn for Poco::DateTimeFormatter, UTC.
 constexpr const char* kUpdatedFormat = "%Y-%m-%d %H:%M:%S";
@@ -49,7 +46,7 @@ struct ItemRow {
     std::string id;
     std::string folder;  ///< "" for the root
     std::string mediaPath;
-    std::string thumbnailPath;  ///< by the current culture's word for the thumbnail folder
+    std::string imageExtension;  ///< of the thumbnail, without a dot
     std::string updated;
     std::string type;  ///< "FlickrPhoto" or "FlickrVideo"
     std::string setId;
@@ -128,6 +125,13 @@ private:
     std::unique_ptr<Impl> impl_;
 };
 
-}  // namespace Norvale_Plugin_Core
+/// Calls work with the BackupDatabase that is open for path, or with one opened for this call. Throws
+/// Poco::Exception, also for a file that does not exist.
+void withDatabase(const std::string& path, const std::function<void(BackupDatabase&)>& work);
+
+/// Puts every change of the databases that are open in this process on the disk.
+void flushOpenDatabases();
+
+}  // namespace flickr_standin
 
 #endif

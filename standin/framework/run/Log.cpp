@@ -1,0 +1,200 @@
+// The developer log. A line is
+//
+//   2024-03-01T12:00:00.123Z INFO core/PhotoSetProcessor.cpp:57 Processing Photo Set: Trip
+//
+// When the file has grown past its limit it becomes NAME.1, and a former NAME.1 becomes NAME.2.
+//
+// A run writes a dozen lines for each item, and a call of the system for each would be a tenth of what an
+// unchanged item costs. So lines are gathered for up to a quarter of a second. A failure is written at once,
+// with all that came before it, and so is everything when the process ends by itself; a kill can take the
+// last quarter of a second's lines. What the system does not take, on a full disk say, is tried again with
+// the lines that come.
+
+#include "standin/framework/run/Log.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <mutex>
+#include <system_error>
+#include <thread>
+
+#include "standin/framework/base/Text.h"
+#include "standin/framework/run/Secrets.h"
+
+namespace flickr_standin {
+
+namespace {
+
+constexpr off_t kLargestLog = 10 * 1024 * 1024;
+constexpr std::size_t kUsualPrefix = 128;
+constexpr std::size_t kMostGathered = 64 * 1024;
+constexpr std::chrono::milliseconds kGatheringTime{250};
+
+class Log {
+public:
+    void name(const std::string& path) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        close();
+        path_ = path;
+        open();
+    }
+
+    bool isOpen() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return descriptor_ >= 0;
+    }
+
+    void add(const std::string& line, bool atOnce) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (descriptor_ < 0) return;
+        if (size_ + static_cast<off_t>(gathered_.size() + line.size()) > kLargestLog) rotate();
+        const bool first = gathered_.empty();
+        gathered_ += line;
+        if (atOnce || !gathers_ || gathered_.size() >= kMostGathered) {
+            write();
+            if (gathers_ && !gathered_.empty()) writeSoon();
+        } else if (first) {
+            writeSoon();
+        }
+    }
+
+    void flush() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        write();
+    }
+
+    /// For the process's end: there is no thread to write what is gathered from here on.
+    void stopGathering() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        gathers_ = false;
+        write();
+    }
+
+    // Never destroyed, for threads that log until the very end.
+    static Log& theLog() {
+        static Log& log = *new Log;
+        return log;
+    }
+
+private:
+    void open() {
+        descriptor_ = ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+        struct stat status = {};
+        size_ = descriptor_ >= 0 && ::fstat(descriptor_, &status) == 0 ? status.st_size : 0;
+    }
+
+    void close() {
+        write();
+        gathered_.clear();
+        if (descriptor_ >= 0) ::close(descriptor_);
+        descriptor_ = -1;
+    }
+
+    void rotate() {
+        close();
+        std::rename((path_ + ".1").c_str(), (path_ + ".2").c_str());
+        std::rename(path_.c_str(), (path_ + ".1").c_str());
+        open();
+    }
+
+    /// Whole lines in one call, so that those of several processes do not mix. What the system does not take
+    /// waits for the next call, so that no line is glued to the half of another; when it becomes too much
+    /// only the rest of the line that was begun waits.
+    void write() {
+        if (descriptor_ < 0) return;
+        std::size_t done = 0;
+        while (done < gathered_.size()) {
+            const ssize_t written = ::write(descriptor_, &gathered_[done], gathered_.size() - done);
+            if (written < 0 && errno == EINTR) continue;
+            if (written <= 0) break;
+            done += static_cast<std::size_t>(written);
+        }
+        size_ += static_cast<off_t>(done);
+        gathered_.erase(0, done);
+        if (gathered_.size() > kMostGathered) gathered_.erase(gathered_.find('\n') + 1);
+    }
+
+    void writeSoon() {
+        try {
+            if (!writer_.joinable()) {
+                writer_ = std::thread([this] { writeLater(); });
+                std::atexit([] { theLog().stopGathering(); });
+            }
+            condition_.notify_one();
+        } catch (std::system_error&) {
+            // The system has no thread to give.
+            gathers_ = false;
+            write();
+        }
+    }
+
+    [[noreturn]] void writeLater() {
+        for (std::unique_lock<std::mutex> lock(mutex_);;) {
+            condition_.wait(lock, [this] { return !gathered_.empty(); });
+            lock.unlock();
+            std::this_thread::sleep_for(kGatheringTime);
+            lock.lock();
+            write();
+        }
+    }
+
+    std::mutex mutex_;
+    std::string path_;
+    int descriptor_ = -1;
+    off_t size_ = 0;
+    std::string gathered_;
+    bool gathers_ = true;
+    std::condition_variable condition_;
+    std::thread writer_;
+};
+
+/// Writes the current time behind text. A run writes a dozen lines for each item, most of them within one
+/// second: that one is formatted once.
+void appendTime(std::string& text) {
+    thread_local std::time_t second = -1;
+    thread_local char shown[32];
+    timespec now = {};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    if (now.tv_sec != second) {
+        tm parts = {};
+        ::gmtime_r(&now.tv_sec, &parts);
+        std::strftime(shown, sizeof shown, "%Y-%m-%dT%H:%M:%S.", &parts);
+        second = now.tv_sec;
+    }
+    text += shown;
+    for (long unit = 100000000; unit >= 1000000; unit /= 10)
+        text += static_cast<char>('0' + now.tv_nsec / unit % 10);
+    text += 'Z';
+}
+
+}  // namespace
+
+void nameLogFile(const std::string& path) {
+    Log::theLog().name(path);
+}
+
+void flushLogFile() {
+    Log::theLog().flush();
+}
+
+void writeLogLine(LogLine kind, std::string message, const char* sourceFile, int line) {
+    Log& log = Log::theLog();
+    if (!log.isOpen()) return;
+    const std::string shown = oneLine(maskSecrets(std::move(message)));
+    std::string text;
+    text.reserve(shown.size() + kUsualPrefix);
+    appendTime(text);
+    text.append(kind == LogLine::Failure ? " FAIL " : " INFO ").append(sourceFile ? sourceFile : "-");
+    text.append(":").append(std::to_string(line)).append(" ").append(shown).append("\n");
+    log.add(text, kind == LogLine::Failure);
+}
+
+}  // namespace flickr_standin

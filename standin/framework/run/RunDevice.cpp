@@ -1,0 +1,120 @@
+#include "standin/framework/run/RunDevice.h"
+
+#include <unistd.h>
+
+#include <mutex>
+
+#include "standin/framework/base/Localisation.h"
+#include "standin/framework/run/RunState.h"
+
+namespace flickr_standin {
+
+namespace {
+
+struct SharedDevice {
+    std::mutex mutex;
+    std::shared_ptr<RunDevice> device;
+};
+
+SharedDevice& sharedDevice() {
+    static SharedDevice shared;
+    return shared;
+}
+
+/// Does work with the device that is open, if there is one. What fails stays pending, and recovery settles
+/// it.
+template <typename Work>
+void withOpenDevice(Work work) {
+    const std::lock_guard<std::mutex> lock(sharedDevice().mutex);
+    if (!sharedDevice().device) return;
+    try {
+        work(*sharedDevice().device);
+    } catch (DeviceFailure& failure) {
+        recordDeviceFailure(failure);
+    } catch (Poco::Exception&) {
+    }
+}
+
+}  // namespace
+
+bool RunDevice::isTaken(const std::string& path, const std::string& item) {
+    if (isWaiting(path)) flushRows();
+    return staged_.holds(path) || (status(path) && !owns(path, item));
+}
+
+void RunDevice::finish() {
+    try {
+        staged_.place();
+    } catch (Poco::Exception&) {
+        ledger().leaveInUse();
+    }
+    Device::finish();
+}
+
+std::shared_ptr<RunDevice> openRunDevice() {
+    const std::string folder = currentServiceFolder(), word = wordOf(kThumbnailKey);
+    SharedDevice& shared = sharedDevice();
+    const std::lock_guard<std::mutex> lock(shared.mutex);
+    if (shared.device && shared.device->path() == folder && shared.device->thumbnailWord() == word) {
+        shared.device->requireThere();
+        return shared.device;
+    }
+    shared.device.reset();
+    shared.device = std::make_shared<RunDevice>(folder, currentMountPoint(), word);
+    return shared.device;
+}
+
+std::shared_ptr<RunDevice> runDeviceIfThere() {
+    const std::string folder = currentServiceFolder();
+    if (folder.empty() || ::access(folder.c_str(), F_OK) != 0) return nullptr;
+    return openRunDevice();
+}
+
+void closeRunDevice() {
+    std::shared_ptr<RunDevice> last;
+    {
+        const std::lock_guard<std::mutex> lock(sharedDevice().mutex);
+        last.swap(sharedDevice().device);
+    }
+    if (last) last->finish();
+}
+
+void placeNewFiles() {
+    std::shared_ptr<RunDevice> device;
+    {
+        const std::lock_guard<std::mutex> lock(sharedDevice().mutex);
+        device = sharedDevice().device;
+    }
+    if (!device) return;
+    try {
+        device->staged().place();
+    } catch (DeviceFailure& failure) {
+        recordDeviceFailure(failure);
+        throw;
+    }
+}
+
+void noteRecorded(const std::string& itemId) {
+    withOpenDevice([&](Device& device) {
+        if (device.ledger().settleItemLater(itemId)) device.flushRows();
+    });
+}
+
+void noteFolder(const std::string& setId, const std::string& folder) {
+    withOpenDevice([&](Device& device) {
+        if (setId != kNoSetId && device.isFolder(folder)) device.ledger().setFolderOwner(folder, setId);
+    });
+}
+
+void recordDeviceFailure(const DeviceFailure& failure) {
+    switch (failure.kind()) {
+        case DeviceFailure::Kind::Full:
+            return recordCatastrophe(RunErrorDeviceFull, failure.summary());
+        case DeviceFailure::Kind::Gone:
+            return recordCatastrophe(RunErrorDeviceGone, failure.summary());
+        case DeviceFailure::Kind::ReadOnly:
+            return recordCatastrophe(RunErrorDeviceReadOnly, failure.summary());
+    }
+}
+
+}  // namespace flickr_standin
