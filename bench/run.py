@@ -20,81 +20,14 @@ import sys
 import tempfile
 import time
 
+from distance import distance
 from gallery import gallery
+from measure import GIB, KIB, MIB, alternate, milliseconds, named, ratios, run, spread
 from slow_disk import slow_disk
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-KIB, MIB, GIB = 1 << 10, 1 << 20, 1 << 30
-
 # What the simulated service accepts.
 KEY, SECRET, TOKEN = "demo0key0for0the0simulated0flickr", "demo0secret", "demo-token-1"
-
-# The service's limit on REST requests from one key.
-REST_PER_HOUR = 3600
-
-
-class Run:
-    """What one process took: seconds of wall time, KiB of memory at its peak; and what it printed."""
-
-    def __init__(self, wall, peak, output):
-        self.wall = wall
-        self.peak = peak
-        self.output = output
-
-
-def run(*command):
-    os.sync()  # what earlier runs left to be written is not to be waited for in this one
-    with tempfile.TemporaryFile("w+", errors="replace") as output, tempfile.NamedTemporaryFile("r") as peak:
-        # A process that this one starts itself would count this one's memory as its own.
-        whole = ["/usr/bin/time", "-q", "-f", "%M", "-o", peak.name, *(str(word) for word in command)]
-        start = time.perf_counter()
-        process = subprocess.Popen(whole, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT,
-                                   start_new_session=True)
-        try:
-            status = process.wait()
-        except BaseException:
-            os.killpg(process.pid, signal.SIGKILL)
-            raise
-        wall = time.perf_counter() - start
-        output.seek(0)
-        text = output.read()
-        if status != 0:
-            sys.exit(f"{command[0]} failed with status {status}:\n{text[-2000:]}")
-        return Run(wall, int(peak.read()), text)
-
-
-def alternate(rounds, **contenders):
-    """Runs every contender once a round, each time another one first; gives the lists of their runs."""
-    runs = {name: [] for name in contenders}
-    names = list(contenders)
-    for number in range(rounds):
-        turn = number % len(names)
-        for name in names[turn:] + names[:turn]:
-            runs[name].append(contenders[name]())
-    return runs
-
-
-def ratios(ours, theirs, measure=lambda run: run.wall):
-    return [measure(a) / measure(b) for a, b in zip(ours, theirs)]
-
-
-def spread(values, form="{:.2f}"):
-    show = form.format
-    text = show(statistics.median(values))
-    return text if len(values) == 1 else f"{text} ({show(min(values))}–{show(max(values))})"
-
-
-def seconds(runs):
-    return spread([r.wall for r in runs], "{:.2f}") + " s"
-
-
-def named(runs):
-    return ", ".join(f"{name.replace('_', ' ')} {seconds(taken)}" for name, taken in runs.items())
-
-
-def milliseconds(runs, items):
-    return spread([r.wall / items * 1000 for r in runs], "{:.2f}") + " ms"
-
 
 class Bench:
     """The directory and the processes of one call, and the table's rows."""
@@ -110,6 +43,7 @@ class Bench:
         # A copy: what is configured in the build's own application is none of a benchmark's business.
         built = pathlib.Path(self.program("flickr-backup")).parent
         self.application = shutil.copytree(built, self.disk / built.name) / "flickr-backup"
+        # The user's settings and what is kept from run to run stay out of it, too.
         os.environ.update(XDG_CONFIG_HOME=str(self.disk / "config"), XDG_STATE_HOME=str(self.disk / "state"))
         self.credentials = self.disk / "credentials.ini"
         self.credentials.touch(mode=0o600)
@@ -162,13 +96,17 @@ class Bench:
             process.terminate()
             process.wait()
 
-    @contextlib.contextmanager
-    def service(self, sets, items, *options):
-        """A simulated service on a generated account, for which the plug-in is configured; gives its address."""
+    def account(self, sets, items, *options, within=()):
+        """The command for a simulated service on a generated account; within: the command that starts it."""
         if "--videos" not in options:
             options = ("--videos", 0, *options)
-        with self.started(self.program("flickr-sim"), "--generate", f"{sets}x{items}", "--loose", 0, "--exit-with-parent",
-                          *options) as process:
+        return (*within, self.program("flickr-sim"), "--generate", f"{sets}x{items}", "--loose", 0,
+                "--exit-with-parent", *options)
+
+    @contextlib.contextmanager
+    def service(self, *account, within=()):
+        """Such a service, for which the plug-in is configured; gives its address."""
+        with self.started(*self.account(*account, within=within)) as process:
             found = None
             while not found:
                 line = process.stdout.readline()
@@ -181,17 +119,17 @@ class Bench:
     def configure(self, url):
         run(self.application, "configure", "--data-url", url, "--credentials", self.credentials)
 
-    def backup(self, device, new=0, edited=0, unchanged=0):
+    def backup(self, device, new=0, edited=0, unchanged=0, credentials=None, within=()):
         """One run of the plug-in, which has to find so many items new, edited and unchanged."""
-        result = run(self.application, "run", "--device", device, "--credentials", self.credentials,
-                     "--json", "--new")
+        result = run(*within, self.application, "run", "--device", device, "--credentials",
+                     credentials or self.credentials, "--json", "--new")
         summary = json.loads(result.output[result.output.index("{"):])
         if (summary["new"], summary["edited"], summary["unchanged"]) != (new, edited, unchanged):
             sys.exit(f"The run did not do what it was measured for:\n{result.output}")
         return result
 
-    def first_backup(self, name, items):
-        return self.backup(self.fresh(name, keep=items > 100), new=items)
+    def first_backup(self, name, items, **how):
+        return self.backup(self.fresh(name, keep=items > 100), new=items, **how)
 
     def floor(self, url, device, *options, program="floor_client"):
         return run(self.program(program), url, KEY, SECRET, TOKEN, device, *options)
@@ -209,13 +147,17 @@ class Bench:
         self.floor(url, self.fresh("floor"), "--addresses", notes, *options)
         return notes.read_text().split()
 
-    def curl(self, addresses, *options):
-        """One curl that fetches the addresses one after another, each over a connection of its own."""
+    def curl(self, addresses, *options, within=()):
+        """One curl that fetches the addresses."""
         target = self.fresh("curl", keep=True)
         lines = [f'url = "{url}"\noutput = "{target}/{number}"' for number, url in enumerate(addresses)]
         config = self.directory / "curl.config"
         config.write_text("\n".join(lines))
-        return run("curl", "-sS", "--fail-early", "-H", "Connection: close", *options, "-K", config)
+        return run(*within, "curl", "-sS", "--fail-early", *options, "-K", config)
+
+    def curl_one_by_one(self, addresses, *options):
+        """The same, each over a connection of its own."""
+        return self.curl(addresses, "-H", "Connection: close", *options)
 
     def wget(self, addresses):
         target = self.fresh("wget")
@@ -237,7 +179,7 @@ def first(bench):
             runs = alternate(rounds, ours=lambda: bench.first_backup("ours", items),
                              floor=lambda: bench.floor(url, bench.fresh("floor", keep=True)),
                              over_libraries=lambda: over_libraries(bench.fresh("libraries", keep=True)),
-                             curl=lambda: bench.curl(addresses), wget=lambda: bench.wget(addresses))
+                             curl=lambda: bench.curl_one_by_one(addresses), wget=lambda: bench.wget(addresses))
         case = f"first backup, {items} photos of 100 KiB{where}"
         figures = named(runs)
         faster = min((runs["curl"], runs["wget"]), key=lambda taken: statistics.median(r.wall for r in taken))
@@ -297,7 +239,7 @@ def redirects(bench):
                 listing.write_text("\n".join(addresses) + "\n")
                 runs = alternate(rounds, ours=lambda: bench.first_backup("ours", items),
                                  curl=lambda: run("sh", "-c", each, bench.fresh("curl"), listing),
-                                 one_curl=lambda: bench.curl(addresses, "-L", "-k"))
+                                 one_curl=lambda: bench.curl_one_by_one(addresses, "-L", "-k"))
             figures = named(runs)
             case = f"{items} items over HTTPS behind a redirect from HTTP{where}"
             bench.row(case, "curl, a process each", ratios(runs["ours"], runs["curl"]), 0.8, figures)
@@ -371,53 +313,6 @@ def store(bench):
         values = [a / b for a, b in zip(times["ours"], times["prepared"])]
         figures = ", ".join(f"{name} {statistics.median(t) / 1e3:.1f} µs each" for name, t in times.items())
         bench.row(case, "prepared once, one connection", values, None, figures)
-
-
-def distance(bench):
-    """first and unchanged run over 20 and 100 ms round trips, and what large libraries take; device in memory"""
-    few, many = (5, 15) if bench.quick else (10, 40)
-    near = 20  # so many times the items where there is no distance, for the difference to stand out
-    trips = (0, 20, 100)
-    sizes = {trip: (few, many) if trip else (near * few, near * many) for trip in trips}
-    taken = {}
-    for trip, size in ((trip, size) for trip in trips for size in sizes[trip]):
-        with contextlib.ExitStack() as stack:
-            url = stack.enter_context(bench.service(1, size, "--item-bytes", 100 * KIB))
-            stack.enter_context(bench.in_memory())
-            if trip:
-                port = re.search(r":(\d+)/", url).group(1)
-                proxy = stack.enter_context(bench.started(bench.program("delay_proxy"), port, trip))
-                bench.configure(url.replace(port, proxy.stdout.readline().strip()))
-            # The least of some runs: a difference of two takes in every disturbance.
-            rounds = range(1 if trip else 5)
-            taken["first", trip, size] = min(bench.first_backup("ours", size).wall for _ in rounds)
-            taken["unchanged", trip, size] = min(bench.backup(bench.directory / "ours", unchanged=size).wall
-                                                 for _ in rounds)
-    costs = {(kind, trip): (taken[kind, trip, large] - taken[kind, trip, small]) / (large - small)
-             for kind in ("first", "unchanged") for trip, (small, large) in sizes.items()}
-    rows = [["library", "run", *(f"round trip {trip} ms" for trip in trips),
-             f"20 ms and {REST_PER_HOUR:,} REST requests an hour"]]
-    rows.append(["---"] * len(rows[0]))
-    for size in (10000, 100000, 1000000):
-        for kind in ("first", "unchanged"):
-            # A request for each item's sizes and one for each page of 500; the limit or the run, whichever is slower.
-            limit = size * (1 + 1 / 500) / REST_PER_HOUR * 3600
-            rows.append([f"{size:,} items", kind, *(duration(costs[kind, trip] * size) for trip in trips),
-                         duration(max(limit, costs[kind, 20] * size))])
-    measured = "; ".join(f"{kind} run " + ", ".join(f"{costs[kind, trip] * 1000:.1f} ms at {trip} ms" for trip in trips)
-                         for kind in ("first", "unchanged"))
-    table = "\n".join("| " + " | ".join(row) + " |" for row in rows)
-    bench.tables.append(f"Time per item of 100 KiB with its thumbnail (the difference between {many} and {few} items, "
-                        f"{near} times as many without distance), by round trip: {measured}. From these, what "
-                        f"whole libraries take:\n\n{table}")
-    print(bench.tables[-1], flush=True)
-
-
-def duration(amount):
-    for unit, name in ((86400, "days"), (3600, "h"), (60, "min")):
-        if amount >= 2 * unit:
-            return f"{amount / unit:.1f} {name}"
-    return f"{amount:.0f} s"
 
 
 def instructions(bench):
@@ -507,12 +402,16 @@ def main():
                         help="where the table is written as well (default: %(default)s)")
     parser.add_argument("--build", metavar="DIR", default=ROOT / "build-release",
                         help="where the programs are built (default: %(default)s)")
+    parser.add_argument("--real-time", action="store_true",
+                        help="measure before all other work of the machine (as root); for one that is not idle")
     parser.add_argument("--directory", metavar="DIR", help="the disk to measure on (default: the temporary one)")
     options = parser.parse_args()
     unknown = set(options.cases) - set(CASES)
     if unknown:
         parser.error(f"there is no case {', '.join(sorted(unknown))}; --help lists them")
 
+    if options.real_time:
+        os.sched_setscheduler(0, os.SCHED_RR, os.sched_param(1))
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     bench = Bench(options)
     try:
