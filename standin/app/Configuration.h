@@ -37,7 +37,7 @@ struct Configuration {
     int retryAttempts = 3;
     std::string apiKey;  ///< key and secret in plain text
     std::string apiSecret;
-    std::string credentialsFile;  ///< absolute; empty: the one in the user's folder
+    std::string credentialsFile{};  ///< absolute; empty: the one in the user's folder
 
     /// Overwrites key and secret.
     ~Configuration();
@@ -52,7 +52,7 @@ constexpr int kMostAttempts = 100;
 void checkDataUrl(const std::string& url);
 
 /// All values of a configuration by their names, as the file holds them.
-flickr_standin::ConfigurationValues configurationValues(const Configuration& configuration);
+Norvale_Plugin_Core::ConfigurationValues configurationValues(const Configuration& configuration);
 
 /// Replaces the file, readable by its owner only, in one step: it holds either the old or the new content
 /// whatever happens. Throws UsageError for an address that cannot be used, CannotBegin when the file cannot
