@@ -52,7 +52,7 @@ constexpr int kMostAttempts = 100;
 void checkDataUrl(const std::string& url);
 
 /// All values of a configuration by their names, as the file holds them.
-Norvale_Plugin_Core::ConfigurationValues configurationValues(const Configuration& configuration);
+flickr_standin::ConfigurationValues configurationValues(const Configuration& configuration);
 
 /// Replaces the file, readable by its owner only, in one step: it holds either the old or the new content
 /// whatever happens. Throws UsageError for an address that cannot be used, CannotBegin when the file cannot
