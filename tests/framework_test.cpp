@@ -522,11 +522,11 @@ TEST_F(FrameworkTest, KeepsFilesPendingUntilTheirOwnRowIsThere) {
         Ledger ledger(path);
         for (int i = 0; i < 200; ++i) {
             const std::string item = std::to_string(i);
-            ledger.putFile({item + ".jpg", item, 1, "", "", 1});
+            ledger.putFile({item + ".jpg", item, 1, "", "", FileState::Pending});
             ledger.settleItemLater(item);
         }
-        ledger.putFile({"new 199.jpg", "199", 1, "", "", 1});
-        ledger.putFile({"200.jpg", "200", 1, "", "", 1});
+        ledger.putFile({"new 199.jpg", "199", 1, "", "", FileState::Pending});
+        ledger.putFile({"200.jpg", "200", 1, "", "", FileState::Pending});
         EXPECT_THAT(pending(ledger), ElementsAre("200.jpg", "new 199.jpg"));
         ledger.settleItemLater("200");
     }

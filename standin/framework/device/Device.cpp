@@ -82,6 +82,10 @@ Descriptor openServiceFolder(const std::string& serviceFolder, const std::string
     return current;
 }
 
+Descriptor openDirectlyBelow(const Descriptor& parent, const char* name) {
+    return Descriptor(::openat(parent.get(), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
 std::string preparedLedgerPath(int root, const std::string& path) {
     if (::mkdirat(root, kRecordFolder, folderMode()) == 0) {
         ::fsync(root);
@@ -254,7 +258,7 @@ std::vector<Descriptor> Device::leftByOlderVersion(const std::string& path, cons
         }
         std::vector<Descriptor> folders;
         folders.push_back(openFolder(folderOf(path)));
-        Descriptor records = openRecordFolder(folderOf(path), false);
+        Descriptor records = openRecordFolder(folderOf(path));
         if (records.isOpen()) folders.push_back(std::move(records));
         return folders;
     }
@@ -269,7 +273,7 @@ void Device::flushRows() {
         folders.swap(records_);
     }
     for (const std::string& folder : folders) {
-        const Descriptor records = isFolder(folder) ? openRecordFolder(folder, false) : Descriptor();
+        const Descriptor records = isFolder(folder) ? openRecordFolder(folder) : Descriptor();
         if (!records.isOpen()) continue;
         const Descriptor record = openRegular(records.get(), kFolderRecord);
         if (record.isOpen() && (::fdatasync(record.get()) != 0 || ::fsync(records.get()) != 0)) {
@@ -289,7 +293,7 @@ void Device::flushLedger() {
 
 void Device::flushFolder(const std::string& folder) {
     const Descriptor descriptor = openFolder(folder);
-    const Descriptor records = openRecordFolder(folder, false);
+    const Descriptor records = openRecordFolder(folder);
     if (::fsync(descriptor.get()) != 0 || (records.isOpen() && ::fsync(records.get()) != 0)) {
         fail("write in the folder", folder, errno);
     }
@@ -344,11 +348,11 @@ void Device::renameFolder(const std::string& from, const std::string& to) {
     }
     beforeTaking(to);
     flushRows();
-    ledger_.moveFolder(from, to, true);
+    ledger_.moveFolder(from, to);
     flushLedger();
     const int error = renameWithoutReplacing(fromParent.get(), fromName, toParent.get(), toName);
     if (error != 0) {
-        ledger_.moveFolder(to, from, false);
+        ledger_.moveFolderBack(to, from);
         fail("rename the folder", from, error);
     }
     noteLeft(from);
@@ -375,7 +379,7 @@ void Device::removeFlushed(const std::string& path, const std::optional<LedgerFi
     }
     if (::unlinkat(folder.get(), name.c_str(), 0) != 0 && errno != ENOENT) fail("remove", path, errno);
     removeRecord(folderOf(path), name + kRecordExtension);
-    if (file) ledger_.setPending(path, kRemoved);
+    if (file) ledger_.setState(path, FileState::Removed);
 }
 
 void Device::removeFileLater(const std::string& path) {
@@ -426,7 +430,8 @@ bool Device::keepReplaced(const std::string& path, const std::string& item) {
         }
     }
     if (!ledger_.file(path)) {
-        ledger_.putFile({path, item, static_cast<std::uint64_t>(status(path)->st_size), "", "", 1});
+        ledger_.putFile(
+            {path, item, static_cast<std::uint64_t>(status(path)->st_size), "", "", FileState::Pending});
     }
     putFileAside(path, joinPath(folderOf(path), newOwnName(kKeptPrefix)));
     beforeTaking(path);
@@ -499,21 +504,24 @@ long Device::removeParts(const std::string& folder) {
     return removed;
 }
 
-Descriptor Device::openRecordFolder(const std::string& folder, bool create) {
+Descriptor Device::openRecordFolder(const std::string& folder) {
+    return openDirectlyBelow(openFolder(folder), kRecordFolder);
+}
+
+Descriptor Device::makeRecordFolder(const std::string& folder) {
     const Descriptor parent = openFolder(folder);
-    constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    Descriptor records(::openat(parent.get(), kRecordFolder, kFlags));
-    if (records.isOpen() || !create) return records;
+    Descriptor records = openDirectlyBelow(parent, kRecordFolder);
+    if (records.isOpen()) return records;
     if (::mkdirat(parent.get(), kRecordFolder, folderMode()) != 0 && errno != EEXIST) {
         fail("make the folder", joinPath(folder, kRecordFolder), errno);
     }
-    records = Descriptor(::openat(parent.get(), kRecordFolder, kFlags));
+    records = openDirectlyBelow(parent, kRecordFolder);
     if (!records.isOpen()) fail("open the folder", joinPath(folder, kRecordFolder), errno);
     return records;
 }
 
 std::string Device::readRecord(const std::string& folder, const std::string& name) {
-    const Descriptor records = openRecordFolder(folder, false);
+    const Descriptor records = openRecordFolder(folder);
     if (!records.isOpen() || !isPlainName(name)) return {};
     const Descriptor file = openRegular(records.get(), name);
     if (!file.isOpen()) return {};
@@ -537,7 +545,7 @@ std::string Device::folderIdByRecord(const std::string& folder) {
 
 void Device::removeRecord(const std::string& folder, const std::string& name) {
     if (!folder.empty() && !isFolder(folder)) return;
-    const Descriptor records = openRecordFolder(folder, false);
+    const Descriptor records = openRecordFolder(folder);
     // A record that stays behind its file would never be looked for again: the file's row has to stay as
     // well.
     if (records.isOpen() && ::unlinkat(records.get(), name.c_str(), 0) != 0 && errno != ENOENT) {
@@ -546,12 +554,12 @@ void Device::removeRecord(const std::string& folder, const std::string& name) {
 }
 
 void Device::moveRecord(const std::string& from, const std::string& to) {
-    const Descriptor fromRecords = openRecordFolder(folderOf(from), false);
+    const Descriptor fromRecords = openRecordFolder(folderOf(from));
     if (!fromRecords.isOpen()) return;
     const std::string fromName = nameOf(from) + kRecordExtension;
     struct stat status = {};
     if (::fstatat(fromRecords.get(), fromName.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return;
-    const Descriptor toRecords = openRecordFolder(folderOf(to), true);
+    const Descriptor toRecords = makeRecordFolder(folderOf(to));
     if (::renameat(fromRecords.get(), fromName.c_str(), toRecords.get(),
                    (nameOf(to) + kRecordExtension).c_str()) != 0) {
         fail("rename the record of", from, errno);

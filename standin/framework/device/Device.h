@@ -101,8 +101,10 @@ public:
     /// Removes files that were being written, in the folder and among its records. Returns how many.
     long removeParts(const std::string& folder);
 
-    /// The folder of records in a folder. Not open when it is missing and not to be made.
-    Descriptor openRecordFolder(const std::string& folder, bool create);
+    /// The folder of records in a folder; not open when it is missing.
+    Descriptor openRecordFolder(const std::string& folder);
+    /// The same, made when it is missing.
+    Descriptor makeRecordFolder(const std::string& folder);
     /// A record's text; empty when there is none.
     std::string readRecord(const std::string& folder, const std::string& name);
     /// A folder's record was written: it is on the disk when rows are the next time.

@@ -215,26 +215,23 @@ bool Ledger::mayLackRows() {
     return mayLackRows_;
 }
 
-/// 0 when the folder is not known and not to be created.
-std::int64_t Ledger::folderId(const std::string& path, bool create) {
+std::int64_t Ledger::folderId(const std::string& path) {
     if (path.empty()) return kRoot;
     const auto known = folderIds_.find(path);
     if (known != folderIds_.end()) return known->second;
-    const std::int64_t parent = folderId(folderOf(path), create);
+    const std::int64_t parent = folderId(folderOf(path));
     if (parent == 0) return 0;
-    const std::string name = nameOf(path);
-    std::int64_t id = 0;
-    {
-        StatementUse find(sql_->findFolder, parent, name);
-        if (find.step()) id = find->number(0);
-    }
-    if (id == 0 && create) {
-        StatementUse(sql_->addFolder, parent, name).run();
-        id = sqlite3_last_insert_rowid(database_.handle());
-        return id;  // not remembered: the transaction may be rolled back
-    }
-    if (id != 0) folderIds_[path] = id;
-    return id;
+    StatementUse find(sql_->findFolder, parent, nameOf(path));
+    if (!find.step()) return 0;
+    return folderIds_[path] = find->number(0);
+}
+
+std::int64_t Ledger::makeFolderId(const std::string& path) {
+    const std::int64_t known = folderId(path);
+    if (known != 0) return known;
+    const std::int64_t parent = makeFolderId(folderOf(path));
+    StatementUse(sql_->addFolder, parent, nameOf(path)).run();
+    return sqlite3_last_insert_rowid(database_.handle());  // not remembered: it may be rolled back
 }
 
 std::string Ledger::folderPath(std::int64_t id) {
@@ -255,7 +252,7 @@ LedgerFile Ledger::fileOfRow(const Statement& row, std::string path) {
     file.size = static_cast<std::uint64_t>(row.number(3));
     file.checksum = row.text(4);
     file.was = row.text(5);
-    file.pending = static_cast<int>(row.number(6));
+    file.state = static_cast<FileState>(row.number(6));
     return file;
 }
 
@@ -270,13 +267,14 @@ std::vector<LedgerFile> Ledger::readFiles(StatementUse& use) {
 
 std::optional<LedgerFile> Ledger::file(const std::string& path) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    const std::int64_t folder = folderId(folderOf(path), false);
+    const std::int64_t folder = folderId(folderOf(path));
     if (folder == 0) return std::nullopt;
     StatementUse find(sql_->findFile, folder, nameOf(path));
     if (!find.step()) return std::nullopt;
     LedgerFile file = fileOfRow(*find.operator->(), path);
-    const bool settled = file.was.empty() && file.pending != kRemoved && laterSettled_.count(file.item) != 0;
-    if (settled) file.pending = 0;
+    const bool settled =
+        file.was.empty() && file.state != FileState::Removed && laterSettled_.count(file.item) != 0;
+    if (settled) file.state = FileState::Settled;
     return file;
 }
 
@@ -304,9 +302,9 @@ std::vector<LedgerFile> Ledger::pendingFiles() {
 void Ledger::putFile(const LedgerFile& file) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto put = [&] {
-        StatementUse(sql_->putFile, folderId(folderOf(file.path), true), nameOf(file.path), file.item,
+        StatementUse(sql_->putFile, makeFolderId(folderOf(file.path)), nameOf(file.path), file.item,
                      static_cast<std::int64_t>(file.size), file.checksum, file.was,
-                     static_cast<std::int64_t>(file.pending))
+                     static_cast<std::int64_t>(file.state))
             .run();
     };
     writeFor(file.item, put);
@@ -314,17 +312,17 @@ void Ledger::putFile(const LedgerFile& file) {
 
 void Ledger::eraseFile(const std::string& path) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    const std::int64_t folder = folderId(folderOf(path), false);
+    const std::int64_t folder = folderId(folderOf(path));
     if (folder == 0) return;
     write([&] { StatementUse(sql_->eraseFile, folder, nameOf(path)).run(); });
 }
 
 void Ledger::moveFile(const std::string& from, const std::string& to, const std::string& was) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    const std::int64_t known = folderId(folderOf(from), false);
+    const std::int64_t known = folderId(folderOf(from));
     writeFor(known == 0 ? std::string() : itemOf(known, nameOf(from)), [&] {
-        const std::int64_t toFolder = folderId(folderOf(to), true);
-        const std::int64_t fromFolder = folderId(folderOf(from), true);
+        const std::int64_t toFolder = makeFolderId(folderOf(to));
+        const std::int64_t fromFolder = makeFolderId(folderOf(from));
         StatementUse(sql_->eraseFile, toFolder, nameOf(to)).run();
         const auto move = database_.prepare(
             "UPDATE files SET folder = ?, name = ?, was = ?, pending = 1 WHERE folder = ? AND name = ?");
@@ -332,13 +330,13 @@ void Ledger::moveFile(const std::string& from, const std::string& to, const std:
     });
 }
 
-void Ledger::setPending(const std::string& path, int pending) {
+void Ledger::setState(const std::string& path, FileState state) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    const std::int64_t folder = folderId(folderOf(path), false);
+    const std::int64_t folder = folderId(folderOf(path));
     if (folder == 0) return;
     writeFor(itemOf(folder, nameOf(path)), [&] {
         const auto set = database_.prepare("UPDATE files SET pending = ? WHERE folder = ? AND name = ?");
-        StatementUse(*set, static_cast<std::int64_t>(pending), folder, nameOf(path)).run();
+        StatementUse(*set, static_cast<std::int64_t>(state), folder, nameOf(path)).run();
     });
 }
 
@@ -360,7 +358,7 @@ std::vector<std::string> Ledger::settledItems() {
 
 bool Ledger::madeFolder(const std::string& path) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    const std::int64_t id = folderId(path, false);
+    const std::int64_t id = folderId(path);
     if (id == 0) return false;
     StatementUse use(sql_->isFolderMade, id);
     return use.step() && use->number(0) != 0;
@@ -368,29 +366,36 @@ bool Ledger::madeFolder(const std::string& path) {
 
 void Ledger::addMadeFolder(const std::string& path) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    write([&] { StatementUse(sql_->setFolderMade, folderId(path, true)).run(); });
+    write([&] { StatementUse(sql_->setFolderMade, makeFolderId(path)).run(); });
 }
 
-void Ledger::moveFolder(const std::string& from, const std::string& to, bool pending) {
+void Ledger::moveFolder(const std::string& from, const std::string& to) {
+    renameFolderRow(from, to, from);
+}
+
+void Ledger::moveFolderBack(const std::string& from, const std::string& to) {
+    renameFolderRow(from, to, "");
+}
+
+/// was: empty for a row that is settled then.
+void Ledger::renameFolderRow(const std::string& from, const std::string& to, const std::string& was) {
     const std::lock_guard<std::mutex> lock(mutex_);
     write([&] {
-        const std::int64_t stale = folderId(to, false);
+        const std::int64_t stale = folderId(to);
         if (stale != 0) forgetFolderRows(stale);
-        const std::int64_t id = folderId(from, true);
-        const std::int64_t parent = folderId(folderOf(to), true);
+        const std::int64_t id = makeFolderId(from);
+        const std::int64_t parent = makeFolderId(folderOf(to));
         folderIds_.clear();
         const auto statement =
             database_.prepare("UPDATE folders SET parent = ?, name = ?, was = ?, pending = ? WHERE id = ?");
-        StatementUse(*statement, parent, nameOf(to), pending ? from : std::string(),
-                     static_cast<std::int64_t>(pending), id)
-            .run();
+        StatementUse(*statement, parent, nameOf(to), was, static_cast<std::int64_t>(!was.empty()), id).run();
     });
     folderIds_.clear();
 }
 
 void Ledger::forgetFolder(const std::string& path) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    const std::int64_t id = folderId(path, false);
+    const std::int64_t id = folderId(path);
     if (id > kRoot) write([&] { forgetFolderRows(id); });
 }
 
@@ -414,7 +419,7 @@ void Ledger::settleFolders(const std::vector<std::string>& paths) {
     const std::lock_guard<std::mutex> lock(mutex_);
     write([&] {
         for (const std::string& path : paths) {
-            StatementUse(sql_->settleFolder, folderId(path, false)).run();
+            StatementUse(sql_->settleFolder, folderId(path)).run();
         }
     });
 }
@@ -453,7 +458,7 @@ std::vector<LedgerFolder> Ledger::setFolders() {
 
 std::string Ledger::folderOwner(const std::string& path) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    const std::int64_t id = folderId(path, false);
+    const std::int64_t id = folderId(path);
     if (id == 0) return {};
     const auto find = database_.prepare("SELECT owner FROM owners WHERE folder = ?");
     StatementUse use(*find, id);
@@ -465,7 +470,7 @@ void Ledger::setFolderOwner(const std::string& path, const std::string& owner) {
     write([&] {
         // Whatever else was the set's or the folder's makes way.
         const auto set = database_.prepare("INSERT OR REPLACE INTO owners (owner, folder) VALUES (?, ?)");
-        StatementUse(*set, owner, folderId(path, true)).run();
+        StatementUse(*set, owner, makeFolderId(path)).run();
     });
 }
 

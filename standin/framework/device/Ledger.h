@@ -1,22 +1,20 @@
 // The file service's own list of what it put on a device: ".records/.ledger.db" in the service folder.
 //
-//   folders   one row for each folder that holds files of the backup. A file's row points to its folder's, so
-//             that a renamed folder is one changed row.
+//   folders   One row for each folder with files of the backup. Files point to it: a renamed folder is one
+//             changed row.
 //       made      1 for a folder that the file service made itself
 //       was       its path before a rename that is not settled yet
-//   owners    one row for each set whose row was written: the set's id and its folder, which is its through
-//             every rename, whatever the rows of the backup database say
-//   files     one row for each file: who it belongs to, its size and checksum
+//   owners    One row for each set whose row was written: its id and its folder, through every rename and
+//             whatever the backup database says.
+//   files     One row for each file: whose it is, its size and checksum.
 //       item      id of the item, also for its thumbnail
 //       was       its name before a rename that is not settled yet
-//       pending   1 until it is known that the item's row in the backup database names the file, 2 while in
-//                 addition the file may be an older one than its size and checksum say, 3 when the file was
-//                 removed and the disk may not know yet
-//   state     a row while the ledger is in use: one that is found when it is opened says that the last use
-//             ended by a kill or a power cut: rows of then may be missing, and half-written files be left
+//       pending   a FileState
+//   state     A row while the ledger is in use. One that is found when it is opened was left by a kill or a
+//             power cut: rows of then may be missing, and half-written files may be there.
 //
-// A row changes before the file does, and is pending then: after a kill at any moment the pending rows are
-// all that has to be looked at. What only clears up is put off, and written together with a later change.
+// A row changes before the file does, and is pending then. After a kill at any moment only the pending rows
+// have to be looked at. What only clears up is put off, and written together with a later change.
 
 #ifndef STANDIN_FRAMEWORK_DEVICE_LEDGER_H
 #define STANDIN_FRAMEWORK_DEVICE_LEDGER_H
@@ -34,13 +32,22 @@
 
 namespace flickr_standin {
 
+/// How sure it is that a file is the one that its item's row in the backup database names. The numbers stand
+/// in the ledger.
+enum class FileState {
+    Settled = 0,       ///< it is
+    Pending = 1,       ///< it may be
+    PendingOlder = 2,  ///< it may be, and may be an older file than size and checksum say
+    Removed = 3        ///< it was removed, and the disk may not know yet
+};
+
 struct LedgerFile {
     std::string path;
     std::string item;
     std::uint64_t size = 0;
     std::string checksum;  ///< empty when none is kept
     std::string was;
-    int pending = 1;
+    FileState state = FileState::Pending;
 };
 
 struct LedgerFolder {
@@ -48,9 +55,6 @@ struct LedgerFolder {
     std::string was;
     std::string owner;
 };
-
-/// LedgerFile::pending of a file that was removed.
-constexpr int kRemoved = 3;
 
 /// All paths are relative to the service folder. Every operation may be called from any thread and throws a
 /// Poco::Exception when the database fails.
@@ -81,7 +85,7 @@ public:
     void eraseFile(const std::string& path);
     /// Moves the row from one path to another, pending, and notes where it was when the folder is the same.
     void moveFile(const std::string& from, const std::string& to, const std::string& was);
-    void setPending(const std::string& path, int pending);
+    void setState(const std::string& path, FileState state);
     /// Nothing of the item is pending any more, except files that stand aside or were removed. That is
     /// written by writeSettled(), before a file of the item changes again, and when the ledger is closed.
     /// True when it is to be written soon: for the first item of a use, from which on a backup database that
@@ -94,7 +98,10 @@ public:
 
     bool madeFolder(const std::string& path);
     void addMadeFolder(const std::string& path);
-    void moveFolder(const std::string& from, const std::string& to, bool pending);
+    /// The folder is renamed, pending until it is settled.
+    void moveFolder(const std::string& from, const std::string& to);
+    /// Takes that back: the folder never moved from there, or has moved back to it.
+    void moveFolderBack(const std::string& from, const std::string& to);
     void forgetFolder(const std::string& path);
     void settleFolders(const std::vector<std::string>& paths);
     /// Folders that were made or renamed and are not settled, the deepest first.
@@ -111,7 +118,10 @@ public:
 private:
     struct Statements;
 
-    std::int64_t folderId(const std::string& path, bool create);
+    /// 0 when the folder is not known.
+    std::int64_t folderId(const std::string& path);
+    std::int64_t makeFolderId(const std::string& path);
+    void renameFolderRow(const std::string& from, const std::string& to, const std::string& was);
     std::string folderPath(std::int64_t id);
     void forgetFolderRows(std::int64_t id);
     std::vector<LedgerFolder> readFolders(const char* where);

@@ -19,7 +19,7 @@ NewRecord::NewRecord(Device& device, const std::string& folder, std::string part
     : device_(device),
       folder_(folder),
       partName_(std::move(partName)),
-      records_(device.openRecordFolder(folder, true)),
+      records_(device.makeRecordFolder(folder)),
       file_(makeFile(records_.get(), partName_)) {
     if (!file_.isOpen() && errno == EEXIST) {
         // What a killed process of the same number left.

@@ -101,7 +101,8 @@ void Recovery::adopt(const std::string& path, const std::string& item) {
     const std::string owner =
         recordField(device_.readRecord(folderOf(path), nameOf(path) + kRecordExtension), "ID");
     if (!owner.empty() && owner != item) return;
-    device_.ledger().putFile({path, item, static_cast<std::uint64_t>(status->st_size), "", "", 0});
+    device_.ledger().putFile(
+        {path, item, static_cast<std::uint64_t>(status->st_size), "", "", FileState::Settled});
     ++report_.adopted;
 }
 
@@ -136,13 +137,13 @@ void Recovery::findLostRows() {
         std::vector<std::string> paths = thumbnailCandidates(row, device_.thumbnailWord());
         paths.push_back(row.mediaPath);
         for (const LedgerFile& file : device_.ledger().filesOfItem(row.id)) {
-            if (!file.was.empty() || file.pending == kRemoved || file.path == row.mediaPath ||
+            if (!file.was.empty() || file.state == FileState::Removed || file.path == row.mediaPath ||
                 isThumbnailOf(row, file.path)) {
                 continue;
             }
             // The ledger is behind the row, which has another name by now.
             paths.push_back(file.path);
-            device_.ledger().setPending(file.path, 1);
+            device_.ledger().setState(file.path, FileState::Pending);
         }
         for (const std::string& path : paths) findAside(path, row);
     });
@@ -170,11 +171,12 @@ void Recovery::findAside(const std::string& path, const ItemRow& row) {
             ledger.moveFile(path, aside, nameOf(path));
         } else {
             const auto size = static_cast<std::uint64_t>(device_.status(aside)->st_size);
-            ledger.putFile({aside, row.id, size, "", nameOf(path), 1});
+            ledger.putFile({aside, row.id, size, "", nameOf(path), FileState::Pending});
         }
     }
     for (const std::string& version : versionsOf(path, row)) {
-        if (!ledger.file(version) && device_.isFile(version)) ledger.putFile({version, row.id, 0, "", "", 2});
+        if (!ledger.file(version) && device_.isFile(version))
+            ledger.putFile({version, row.id, 0, "", "", FileState::PendingOlder});
     }
 }
 
@@ -219,7 +221,7 @@ void Recovery::finishRenames() {
         const bool happened = folder.was.empty() || (isListed(folder.path) && device_.isFolder(folder.path));
         if (!happened && device_.isFolder(folder.was) && ledgerFolders_.count(folder.was) == 0) {
             // Killed before the folder itself was renamed.
-            ledger.moveFolder(folder.path, folder.was, false);
+            ledger.moveFolderBack(folder.path, folder.was);
             ledgerFolders_.erase(folder.path);
             folder.path = std::move(folder.was);
             folder.was.clear();
@@ -274,7 +276,8 @@ void Recovery::readFolderRecords() {
 void Recovery::settleFiles() {
     // What stands aside first: it may come back. Thumbnails last: the name of their item decides.
     for (const LedgerFile& file : device_.ledger().pendingFiles()) {
-        const bool aside = !file.was.empty() && (file.pending != kRemoved || device_.isFile(file.path));
+        const bool aside =
+            !file.was.empty() && (file.state != FileState::Removed || device_.isFile(file.path));
         if (aside) settleAside(file, database_.item(file.item));
     }
     std::vector<LedgerFile> others;
@@ -287,7 +290,8 @@ void Recovery::settleFiles() {
         }
     }
     for (const LedgerFile& file : others) {
-        if (file.was.empty() || file.pending == kRemoved) settleWritten(file, database_.item(file.item));
+        if (file.was.empty() || file.state == FileState::Removed)
+            settleWritten(file, database_.item(file.item));
     }
     forgetRemoved();
 }
@@ -321,8 +325,8 @@ void Recovery::settleReturned(const LedgerFile& aside, const std::string& path) 
     }
     device_.removeRecord(folderOf(path), nameOf(aside.path) + kRecordExtension);
     if (checksum.empty() || !device_.owns(path, aside.item)) return;
-    if (!current) ledger.putFile({path, aside.item, 0, "", "", 2});
-    if (current && checksum != current->checksum) ledger.setPending(path, 2);
+    if (!current) ledger.putFile({path, aside.item, 0, "", "", FileState::PendingOlder});
+    if (current && checksum != current->checksum) ledger.setState(path, FileState::PendingOlder);
 }
 
 /// True when the file on the device is the one that its row describes.
@@ -386,13 +390,13 @@ void Recovery::settleWritten(const LedgerFile& file, const std::optional<ItemRow
     } else {
         if (mayGo(file, row)) {
             remove(file.path);
-        } else if (file.pending == kRemoved) {
+        } else if (file.state == FileState::Removed) {
             ledger.eraseFile(file.path);
         }
         return;
     }
-    if (file.pending != 1) rehash(file);
-    ledger.setPending(file.path, 0);
+    if (file.state != FileState::Pending) rehash(file);
+    ledger.setState(file.path, FileState::Settled);
 }
 
 /// On a file system that ignores case one file is found under the names of two rows: that of the item's name
@@ -410,7 +414,8 @@ bool Recovery::isTwinOfAnother(const LedgerFile& file) {
 /// No file of an item goes while the one that its row names is not there. An item without a row is one that
 /// was never recorded, unless the rows are older than the files.
 bool Recovery::mayGo(const LedgerFile& file, const std::optional<ItemRow>& row) {
-    if (file.pending != 2 && !isUnchanged(file)) return false;  // somebody made it something else
+    if (file.state != FileState::PendingOlder && !isUnchanged(file))
+        return false;  // somebody made it something else
     if (!row) return !isDatabaseOlder();
     return hasMedia(*row) && !isSameFile(file.path, row->mediaPath);
 }
@@ -440,7 +445,7 @@ void Recovery::keepThumbnail(const LedgerFile& file, const ItemRow& row) {
     if (device_.status(path) && !isSameFile(path, file.path)) return;
     device_.renameFile(file.path, path);
     recordExtension(row, extension);
-    device_.ledger().setPending(path, 0);
+    device_.ledger().setState(path, FileState::Settled);
     ++report_.restored;
 }
 
@@ -449,8 +454,9 @@ void Recovery::settleThumbnail(const LedgerFile& file, const ItemRow& row) {
     const std::string extension = splitName(nameOf(file.path)).extension;
     recordExtension(row, extension);
     for (const LedgerFile& other : device_.ledger().filesOfItem(row.id)) {
-        const bool older = other.path != file.path && other.path != row.mediaPath && other.pending == 0 &&
-                           !isSameFile(other.path, file.path) && !isSameFile(other.path, row.mediaPath);
+        const bool older = other.path != file.path && other.path != row.mediaPath &&
+                           other.state == FileState::Settled && !isSameFile(other.path, file.path) &&
+                           !isSameFile(other.path, row.mediaPath);
         if (older) remove(other.path);
     }
 }
@@ -474,7 +480,7 @@ void Recovery::remove(const std::string& path) {
         ++report_.removed;
     } else {
         device_.removeRecord(folderOf(path), nameOf(path) + kRecordExtension);
-        device_.ledger().setPending(path, kRemoved);
+        device_.ledger().setState(path, FileState::Removed);
     }
     removed_.push_back(path);
 }
@@ -488,7 +494,7 @@ void Recovery::forgetRemoved() {
     }
     for (const std::string& path : removed_) {
         const auto file = device_.ledger().file(path);
-        if (file && file->pending == kRemoved) device_.ledger().eraseFile(path);
+        if (file && file->state == FileState::Removed) device_.ledger().eraseFile(path);
     }
 }
 

@@ -104,10 +104,11 @@ void StagedFile::enter() {
     stands_ = device_.status(path_).has_value();
     before_ = stands_ ? ledger.file(path_) : std::nullopt;
     // What was never recorded need not come back.
-    const bool recorded = stands_ && (!before_ || before_->pending == 0);
+    const bool recorded = stands_ && (!before_ || before_->state == FileState::Settled);
     kept_ = recorded && device_.keepReplaced(path_, item_);
     replaces_ = stands_ && !kept_;
-    ledger.putFile({path_, item_, writer_->size(), writer_->checksum(), "", replaces_ ? 2 : 1});
+    ledger.putFile({path_, item_, writer_->size(), writer_->checksum(), "",
+                    replaces_ ? FileState::PendingOlder : FileState::Pending});
     entered_ = true;
     left_ = device_.leftByOlderVersion(path_, item_);
     if (left_.empty()) device_.beforeTaking(path_);
@@ -197,7 +198,7 @@ void StagedFiles::place() {
     }
     waitFor(device_, flushes);
     for (const auto& file : files) {
-        if (file->replaces_) device_.ledger().setPending(file->path_, 1);
+        if (file->replaces_) device_.ledger().setState(file->path_, FileState::Pending);
     }
 }
 
