@@ -301,7 +301,7 @@ TEST_F(DatabaseTest, VerifyReadsTheDescriptionRecords) {
     store("Trip/Thumbnail/a_1_72.jpg", "");
     store("b.jpg", "2_Anonymous");
     store("Thumbnail/b_2_Anonymous.jpg", "");
-    const auto unusable = [&] { return verifyBackup(database, device("service"), "Thumbnail").records; };
+    const auto unusable = [&] { return verifyBackup(database, device("service"), "Thumbnail").descriptions; };
     EXPECT_THAT(unusable(), testing::IsEmpty());
 
     const fs::path item = device("service/Trip/.records/a.jpg.xml"),

@@ -608,7 +608,8 @@ TEST_F(FrameworkTest, ShowsAFileUnderItsNameOnlyWhenItIsComplete) {
     EXPECT_EQ("SUC", store(client, "a.jpg", "newer", "1")) << "the same item's";
     EXPECT_NE("SUC", store(client, "a.jpg", "other", "2"));
     EXPECT_EQ("newer", read(device("a.jpg")));
-    EXPECT_EQ("1", recordField(read(device(".records/a.jpg.xml")), "ID")) << "the refused one left no record";
+    EXPECT_EQ("1", descriptionField(read(device(".records/a.jpg.xml")), "ID"))
+        << "the refused one left no record";
     EXPECT_THAT(files(), ElementsAre(".records/a.jpg.xml", "a.jpg"));
 
     // A whole file takes its name with its item's row, or when it is renamed; until then it can be given up.
@@ -664,7 +665,7 @@ TEST_F(FrameworkTest, LeavesForeignFilesAlone) {
 
     client.renameDirectory("Trip", "Voyage", command_, result_, error_);
     EXPECT_EQ("SUC", result_) << error_;
-    EXPECT_EQ("a.jpg", recordField(read(device("Voyage/.records/a.jpg.xml")), "PhysicalFileName"));
+    EXPECT_EQ("a.jpg", descriptionField(read(device("Voyage/.records/a.jpg.xml")), "PhysicalFileName"));
     client.deleteFile("Voyage/a.jpg", command_, result_, error_);
     EXPECT_EQ("SUC", result_) << error_;
     EXPECT_FALSE(fs::exists(device("Voyage/.records/a.jpg.xml")));
@@ -686,9 +687,9 @@ TEST_F(FrameworkTest, KeepsFolderRecordsThatSayMore) {
                                   "");
         return read(device("Trip & more/.records/.folder.xml"));
     };
-    EXPECT_EQ("", recordField(place(""), "LatestUpdatedDate")) << "no trace of the moment of the run";
-    EXPECT_EQ("<a>\"\r.jpg", recordField(place("<a>\"\r.jpg"), "LatestUpdatedItem"));
-    EXPECT_EQ("<a>\"\r.jpg", recordField(place(""), "LatestUpdatedItem"));
+    EXPECT_EQ("", descriptionField(place(""), "LatestUpdatedDate")) << "no trace of the moment of the run";
+    EXPECT_EQ("<a>\"\r.jpg", descriptionField(place("<a>\"\r.jpg"), "LatestUpdatedItem"));
+    EXPECT_EQ("<a>\"\r.jpg", descriptionField(place(""), "LatestUpdatedItem"));
     // The cover's row may name the format that it had before; and a set without items is known by its title,
     // which another set's folder may have.
     client.createDirectory("Trip & more/Thumbnail", command_, result_, error_);
@@ -696,9 +697,9 @@ TEST_F(FrameworkTest, KeepsFolderRecordsThatSayMore) {
     record.setCoverImage("Trip & more/Thumbnail/a_1_72.jpg");
     record.setTotalItems("7");
     const std::string written = place("");
-    EXPECT_EQ("Trip & more/Thumbnail/a_1_72.png", recordField(written, "CoverImage"));
-    EXPECT_EQ("7", recordField(written, "TotalItems")) << "only the latest item stays";
-    EXPECT_EQ("<a>\"\r.jpg", recordField(written, "LatestUpdatedItem"));
+    EXPECT_EQ("Trip & more/Thumbnail/a_1_72.png", descriptionField(written, "CoverImage"));
+    EXPECT_EQ("7", descriptionField(written, "TotalItems")) << "only the latest item stays";
+    EXPECT_EQ("<a>\"\r.jpg", descriptionField(written, "LatestUpdatedItem"));
     record.setID("73");
     EXPECT_EQ(written, place("b.jpg"));
     record.setPhysicalFileName("Never made");

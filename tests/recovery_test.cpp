@@ -711,7 +711,7 @@ TEST_F(RecoveryTest, FilesOfTheUsersStayAndTheEditedItemKeepsItsOldVersion) {
             auto after = state();
             for (const std::string& path : mine) EXPECT_EQ("mine", after[path]) << moment << path;
             EXPECT_EQ(1u, after.count("Trip/Thumbnail/a_1_72.jpg")) << moment;
-            EXPECT_EQ("1_72", recordField(after["Trip/.records/a.jpg.xml"], "ID")) << moment;
+            EXPECT_EQ("1_72", descriptionField(after["Trip/.records/a.jpg.xml"], "ID")) << moment;
             for (const auto& [name, content] : after) EXPECT_EQ(name.npos, name.find(".kept-")) << moment;
             if (HasFailure()) return;
         }

@@ -20,7 +20,7 @@ void printDisagreements(std::ostream& out, const flickr_standin::BackupReport& r
     list("Recorded, but missing on the device", report.missing);
     list("Altered since it was backed up", report.altered);
     list("On the device, but not recorded", report.unrecorded);
-    list("Description records that are missing or cannot be read", report.records);
+    list("Description records that are missing or cannot be read", report.descriptions);
 }
 
 }  // namespace flickr_app

@@ -43,12 +43,12 @@ struct GalleryReport {
     std::string page;  ///< path of index.html
 };
 
-/// Whether sets that are listed as before are taken over, or read anew with every record and thumbnail.
+/// Whether sets that are listed as before are taken over, or read anew with every description and thumbnail.
 enum class Reading { Changes, Everything };
 
 /// Brings the gallery in serviceFolder up to date; a gallery that is so already is not touched.
 /// thumbnailWord: the word for the folders of thumbnails. database: none to take everything from the
-/// description records.
+/// descriptions.
 ///
 /// Throws Poco::Exception with a sentence when a file of somebody else's has the page's name, and when
 /// database or device cannot be read or written. The earlier gallery is whole then.

@@ -93,7 +93,7 @@ std::string withoutExtension(const std::string& name) {
     return parts.extension == ".jpg" || parts.extension == ".mp4" ? parts.base : name;
 }
 
-/// A field of a record when the record has it, otherwise what is known without it.
+/// A field of a description when the description has it, otherwise what is known without it.
 std::string preferred(const std::string& fromRecord, const std::string& known) {
     return fromRecord.empty() ? known : fromRecord;
 }
@@ -108,7 +108,7 @@ std::string hashOf(const std::string& text) {
 }
 
 std::vector<Set> Library::sets() {
-    std::vector<Set> sets = database_ ? setsOfDatabase() : setsOfRecords();
+    std::vector<Set> sets = database_ ? setsOfDatabase() : setsOfDescriptions();
     std::sort(sets.begin(), sets.end(), [](const Set& a, const Set& b) {
         const bool aLoose = a.id == kNoSetId, bLoose = b.id == kNoSetId;
         if (aLoose != bLoose) return bLoose;
@@ -148,50 +148,50 @@ std::vector<Set> Library::setsOfDatabase() {
     });
     for (Set& set : sets) {
         const bool there = set.folder.empty() || device_.isFolder(set.folder);
-        finish(set, there ? device_.readRecord(set.folder, kFolderRecord) : std::string());
+        finish(set, there ? device_.readDescription(set.folder, kFolderDescription) : std::string());
     }
     return sets;
 }
 
-std::vector<Set> Library::setsOfRecords() {
+std::vector<Set> Library::setsOfDescriptions() {
     std::vector<Set> sets;
     Set loose;
     loose.id = loose.title = kNoSetId;
-    listRecords(loose);
+    listDescriptions(loose);
     finish(loose, "");
     if (!loose.items.empty()) sets.push_back(std::move(loose));
     device_.listFolder("", [&](const std::string& name) {
         if (name.front() == '.' || device_.isSystemWord(name) || !device_.isFolder(name)) return;
-        const std::string record = device_.readRecord(name, kFolderRecord);
+        const std::string description = device_.readDescription(name, kFolderDescription);
         Set set;
-        set.id = recordField(record, "ID");
+        set.id = descriptionField(description, "ID");
         if (set.id.empty()) return;
-        set.title = preferred(recordField(record, "Title"), recordField(record, "Name"));
+        set.title = preferred(descriptionField(description, "Title"), descriptionField(description, "Name"));
         set.folder = name;
-        listRecords(set);
-        finish(set, record);
+        listDescriptions(set);
+        finish(set, description);
         sets.push_back(std::move(set));
     });
     return sets;
 }
 
-/// Lists the items whose records stand in the set's folder and whose files do, too.
-void Library::listRecords(Set& set) {
-    const std::string records = joinPath(set.folder, kRecordFolder);
-    if (!device_.isFolder(records)) return;
-    device_.listFolder(records, [&](const std::string& name) {
+/// Lists the items whose descriptions stand in the set's folder and whose files do, too.
+void Library::listDescriptions(Set& set) {
+    const std::string descriptions = joinPath(set.folder, kDescriptionFolder);
+    if (!device_.isFolder(descriptions)) return;
+    device_.listFolder(descriptions, [&](const std::string& name) {
         const NameParts parts = splitName(name);
-        if (name.front() == '.' || parts.extension != kRecordExtension) return;
+        if (name.front() == '.' || parts.extension != kDescriptionExtension) return;
         if (!device_.isFile(joinPath(set.folder, parts.base))) return;
-        const std::string record = device_.readRecord(set.folder, name);
+        const std::string description = device_.readDescription(set.folder, name);
         Item item;
-        item.id = recordField(record, "ID");
+        item.id = descriptionField(description, "ID");
         if (item.id.empty()) return;
-        item.title = withoutExtension(recordField(record, "FileName"));
+        item.title = withoutExtension(descriptionField(description, "FileName"));
         item.file = parts.base;
-        item.thumbnail = recordField(record, "ThumbnailName");
-        item.isVideo = recordField(record, "MediaType") == "video";
-        item.stamp = hashOf(joined({name, record}));
+        item.thumbnail = descriptionField(description, "ThumbnailName");
+        item.isVideo = descriptionField(description, "MediaType") == "video";
+        item.stamp = hashOf(joined({name, description}));
         set.items.push_back(std::move(item));
     });
 }
@@ -204,7 +204,7 @@ void Library::finish(Set& set, const std::string& folderRecord) {
     set.digest = hashOf(text);
 
     const auto thumbnail = [&](const Item& item) { return joinPath(set.folder, item.thumbnail); };
-    set.cover = recordField(folderRecord, "CoverImage");
+    set.cover = descriptionField(folderRecord, "CoverImage");
     if (!holds(set.cover)) set.cover = set.items.empty() ? std::string() : thumbnail(set.items.front());
     for (const Item& item : set.items) {
         if (thumbnail(item) == set.cover && !item.isVideo) set.coverFile = joinPath(set.folder, item.file);
@@ -222,15 +222,15 @@ bool Library::holds(const std::string& path) {
 }
 
 void Library::complete(const Set& set, Item& item) {
-    const std::string record = device_.readRecord(set.folder, item.file + kRecordExtension);
-    item.title = preferred(recordField(record, "Title"), item.title);
-    item.taken =
-        preferred(plainDate(recordField(record, "Taken")), takenDate(recordField(record, "DateTaken")));
-    item.uploaded = preferred(plainDate(recordField(record, "Uploaded")), item.uploaded);
-    item.updated = preferred(plainDate(recordField(record, "DateUpdated")), item.updated);
-    item.description = recordField(record, "Description");
-    item.tags = recordValues(record, "Tag");
-    item.thumbnail = preferred(recordField(record, "ThumbnailName"), item.thumbnail);
+    const std::string description = device_.readDescription(set.folder, item.file + kDescriptionExtension);
+    item.title = preferred(descriptionField(description, "Title"), item.title);
+    item.taken = preferred(plainDate(descriptionField(description, "Taken")),
+                           takenDate(descriptionField(description, "DateTaken")));
+    item.uploaded = preferred(plainDate(descriptionField(description, "Uploaded")), item.uploaded);
+    item.updated = preferred(plainDate(descriptionField(description, "DateUpdated")), item.updated);
+    item.description = descriptionField(description, "Description");
+    item.tags = descriptionValues(description, "Tag");
+    item.thumbnail = preferred(descriptionField(description, "ThumbnailName"), item.thumbnail);
     measure(set, item);
 }
 

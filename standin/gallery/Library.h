@@ -1,8 +1,9 @@
 // What a gallery shows: the sets and items of a backup.
 //
 // The backup database tells which there are, their titles and when they were uploaded; the description
-// records beside the media tell the rest. Without a database the records tell it all. Either way the sets are
-// listed cheaply first, and what costs the reading of files is read for those items only that are asked for.
+// descriptions beside the media tell the rest. Without a database the descriptions tell it all. Either way
+// the sets are listed cheaply first, and what costs the reading of files is read for those items only that
+// are asked for.
 
 #ifndef STANDIN_GALLERY_LIBRARY_H
 #define STANDIN_GALLERY_LIBRARY_H
@@ -49,7 +50,7 @@ struct Set {
 
 class Library {
 public:
-    /// database: none to take everything from the records. Both have to live as long as this.
+    /// database: none to take everything from the descriptions. Both have to live as long as this.
     Library(flickr_standin::Device& device, flickr_standin::BackupDatabase* database)
         : device_(device), database_(database) {}
 
@@ -57,14 +58,14 @@ public:
     /// service and kind. Throws Poco::Exception when database or device cannot be read.
     std::vector<Set> sets();
 
-    /// Fills in what the item's record and its thumbnail's header tell. What is missing or damaged stays as
-    /// it is.
+    /// Fills in what the item's description and its thumbnail's header tell. What is missing or damaged stays
+    /// as it is.
     void complete(const Set& set, Item& item);
 
 private:
     std::vector<Set> setsOfDatabase();
-    std::vector<Set> setsOfRecords();
-    void listRecords(Set& set);
+    std::vector<Set> setsOfDescriptions();
+    void listDescriptions(Set& set);
     void finish(Set& set, const std::string& folderRecord);
     bool holds(const std::string& path);
     void measure(const Set& set, Item& item);

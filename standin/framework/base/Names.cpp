@@ -24,7 +24,7 @@ constexpr const char* kAsideSuffix = "_Old";
 constexpr std::size_t kLongestExtension = 16;
 
 // Room for what follows the base name of a thumbnail besides "_" and the item's id: "_Old" and ".webp"; the
-// extension of a record, ".xml", is no longer than that.
+// extension of a description, ".xml", is no longer than that.
 constexpr std::size_t kThumbnailRoom = 10;
 
 bool isForbidden(std::int32_t character) {
@@ -146,7 +146,7 @@ bool isBackupName(const std::string& name) {
     const auto first = static_cast<unsigned char>(name[0]);
     if (first != '.' && first < 0x80) return true;  // most are so, and their keys need no look
     const std::string key = nameKey(name);
-    return key != kRecordFolder && key.compare(0, std::strlen(kPartPrefix), kPartPrefix) != 0 &&
+    return key != kDescriptionFolder && key.compare(0, std::strlen(kPartPrefix), kPartPrefix) != 0 &&
            key.compare(0, std::strlen(kKeptPrefix), kKeptPrefix) != 0;
 }
 

@@ -20,9 +20,9 @@ namespace flickr_standin {
 /// Longest name in bytes.
 constexpr std::size_t kLongestName = 255;
 
-/// Folder in each folder of the device in which the description records lie, and in the service folder also
+/// Folder in each folder of the device in which the descriptions lie, and in the service folder also
 /// the ledger.
-constexpr const char* kRecordFolder = ".records";
+constexpr const char* kDescriptionFolder = ".records";
 
 /// The set id under which the plug-in keeps the items that are in no set. They stand in the root folder.
 constexpr const char* kNoSetId = "Anonymous";

@@ -24,10 +24,10 @@ namespace {
 
 constexpr std::size_t kOpenFolders = 64;
 
-/// Whether a viewer can read the record, and finds that id in it.
-bool isRecordOf(const std::string& text, const std::string& id) {
-    // A record declares nothing; what a declaration says could lead elsewhere, or grow without end.
-    if (recordField(text, "ID") != id || text.find("<!") != std::string::npos) return false;
+/// Whether a viewer can read the description, and finds that id in it.
+bool isDescriptionOf(const std::string& text, const std::string& id) {
+    // A description declares nothing; what a declaration says could lead elsewhere, or grow without end.
+    if (descriptionField(text, "ID") != id || text.find("<!") != std::string::npos) return false;
     try {
         Poco::XML::SAXParser().parseString(text);
         return true;
@@ -48,12 +48,12 @@ public:
     BackupReport run() {
         database_.forEachItem([&](const ItemRow& row) {
             ++report_.items;
-            if (checkFile(row.mediaPath, row)) checkRecord(row);
+            if (checkFile(row.mediaPath, row)) checkDescription(row);
             checkFile(thumbnailOf(row), row);
         });
-        checkFolderRecords();
+        checkFolderDescriptions();
         findUnrecorded("");
-        for (auto* list : {&report_.missing, &report_.altered, &report_.unrecorded, &report_.records}) {
+        for (auto* list : {&report_.missing, &report_.altered, &report_.unrecorded, &report_.descriptions}) {
             std::sort(list->begin(), list->end());
         }
         return std::move(report_);
@@ -98,22 +98,22 @@ private:
         return true;
     }
 
-    void checkRecord(const ItemRow& row) {
+    void checkDescription(const ItemRow& row) {
         if (!readContents_) return;
-        const std::string name = nameOf(row.mediaPath) + kRecordExtension;
-        if (isRecordOf(device_.readRecord(row.folder, name), row.id)) return;
-        report_.records.push_back(joinPath(joinPath(row.folder, kRecordFolder), name));
+        const std::string name = nameOf(row.mediaPath) + kDescriptionExtension;
+        if (isDescriptionOf(device_.readDescription(row.folder, name), row.id)) return;
+        report_.descriptions.push_back(joinPath(joinPath(row.folder, kDescriptionFolder), name));
     }
 
-    /// A folder has a record once one of its items was new or edited.
-    void checkFolderRecords() {
+    /// A folder has a description once one of its items was new or edited.
+    void checkFolderDescriptions() {
         if (!readContents_) return;
         for (const FolderRow& folder : database_.folders()) {
             const std::string& name = folder.deviceName;
             if (name.empty() || !device_.isFolder(name)) continue;
-            const std::string text = device_.readRecord(name, kFolderRecord);
-            if (text.empty() || isRecordOf(text, folder.id)) continue;
-            report_.records.push_back(joinPath(joinPath(name, kRecordFolder), kFolderRecord));
+            const std::string text = device_.readDescription(name, kFolderDescription);
+            if (text.empty() || isDescriptionOf(text, folder.id)) continue;
+            report_.descriptions.push_back(joinPath(joinPath(name, kDescriptionFolder), kFolderDescription));
         }
     }
 
@@ -151,7 +151,7 @@ private:
 
     void findUnrecorded(const std::string& folder) {
         device_.listFolder(folder, [&](const std::string& name) {
-            if (name == kRecordFolder || (folder.empty() && isOfGallery(name))) return;
+            if (name == kDescriptionFolder || (folder.empty() && isOfGallery(name))) return;
             const std::string path = joinPath(folder, name);
             if (recorded_.count(path) != 0) return;
             if (device_.isFolder(path)) {

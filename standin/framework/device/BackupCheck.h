@@ -27,11 +27,11 @@ struct BackupReport {
     std::vector<std::string> missing;                  ///< recorded, and not on the device
     std::vector<std::string> altered;                  ///< on the device with another size or content
     std::vector<std::string> unrecorded;               ///< on the device, and recorded nowhere
-    /// Description records that no viewer can use: those of items that are missing, no XML or another item's,
+    /// Descriptions that no viewer can use: those of items that are missing, no XML or another item's,
     /// and those of folders that are no XML or another folder's. Only when contents are read.
-    std::vector<std::string> records;
+    std::vector<std::string> descriptions;
     bool agrees() const {
-        return missing.empty() && altered.empty() && unrecorded.empty() && records.empty();
+        return missing.empty() && altered.empty() && unrecorded.empty() && descriptions.empty();
     }
 };
 

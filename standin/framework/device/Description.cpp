@@ -55,16 +55,16 @@ std::string unescaped(std::string text) {
     return text;
 }
 
-/// Where the value of a field stands in a record, looked for from a position on: its first byte and its
+/// Where the value of a field stands in a description, looked for from a position on: its first byte and its
 /// length.
-std::pair<std::string::size_type, std::string::size_type> find(const std::string& record,
+std::pair<std::string::size_type, std::string::size_type> find(const std::string& description,
                                                                const std::string& field,
                                                                std::string::size_type from = 0) {
     const std::string open = "<" + field + ">";
-    const std::string::size_type at = record.find(open, from);
+    const std::string::size_type at = description.find(open, from);
     if (at == std::string::npos) return {std::string::npos, 0};
     const std::string::size_type begin = at + open.size();
-    const std::string::size_type end = record.find('<', begin);
+    const std::string::size_type end = description.find('<', begin);
     if (end == std::string::npos) return {std::string::npos, 0};
     return {begin, end - begin};
 }
@@ -91,24 +91,25 @@ std::string DescriptionWriter::finished() && {
     return std::move(text_) + "</" + root_ + ">\n";
 }
 
-std::string recordField(const std::string& record, const std::string& field) {
-    const auto [begin, length] = find(record, field);
-    return begin == std::string::npos ? std::string() : unescaped(record.substr(begin, length));
+std::string descriptionField(const std::string& description, const std::string& field) {
+    const auto [begin, length] = find(description, field);
+    return begin == std::string::npos ? std::string() : unescaped(description.substr(begin, length));
 }
 
-std::vector<std::string> recordValues(const std::string& record, const std::string& field) {
+std::vector<std::string> descriptionValues(const std::string& description, const std::string& field) {
     std::vector<std::string> values;
-    for (auto [begin, length] = find(record, field); begin != std::string::npos;
-         std::tie(begin, length) = find(record, field, begin + length)) {
-        values.push_back(unescaped(record.substr(begin, length)));
+    for (auto [begin, length] = find(description, field); begin != std::string::npos;
+         std::tie(begin, length) = find(description, field, begin + length)) {
+        values.push_back(unescaped(description.substr(begin, length)));
     }
     return values;
 }
 
-std::string withRecordField(const std::string& record, const std::string& field, const std::string& value) {
-    const auto [begin, length] = find(record, field);
-    if (begin == std::string::npos) return record;
-    return std::string(record).replace(begin, length, escaped(value));
+std::string withDescriptionField(const std::string& description, const std::string& field,
+                                 const std::string& value) {
+    const auto [begin, length] = find(description, field);
+    if (begin == std::string::npos) return description;
+    return std::string(description).replace(begin, length, escaped(value));
 }
 
 }  // namespace flickr_standin

@@ -24,7 +24,7 @@ namespace {
 constexpr const char* kLedgerName = ".ledger.db";
 constexpr std::size_t kMostWaiting = 64;  // old versions, until rows are flushed for them
 constexpr std::size_t kReadSize = 1 << 20;
-constexpr std::size_t kLongestRecord = 1 << 20;
+constexpr std::size_t kLongestDescription = 1 << 20;
 
 std::string quoted(const std::string& path) {
     return "\"" + path + "\"";
@@ -87,16 +87,16 @@ Descriptor openDirectlyBelow(const Descriptor& parent, const char* name) {
 }
 
 std::string preparedLedgerPath(int root, const std::string& path) {
-    if (::mkdirat(root, kRecordFolder, folderMode()) == 0) {
+    if (::mkdirat(root, kDescriptionFolder, folderMode()) == 0) {
         ::fsync(root);
     } else if (errno != EEXIST) {
         throw DeviceException("The folder " + path + " cannot be written: " + std::strerror(errno));
     }
     struct stat status = {};
-    if (::fstatat(root, kRecordFolder, &status, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(status.st_mode)) {
-        throw DeviceException(path + "/" + kRecordFolder + " is not a folder: move it away");
+    if (::fstatat(root, kDescriptionFolder, &status, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(status.st_mode)) {
+        throw DeviceException(path + "/" + kDescriptionFolder + " is not a folder: move it away");
     }
-    return path + "/" + kRecordFolder + "/" + kLedgerName;
+    return path + "/" + kDescriptionFolder + "/" + kLedgerName;
 }
 
 }  // namespace
@@ -157,7 +157,7 @@ void Device::checkPath(const std::string& path) {
         const auto begins = [&](const char* prefix) {
             return key.compare(0, std::strlen(prefix), prefix) == 0;
         };
-        if (key == kRecordFolder || begins(kPartPrefix) || begins(kKeptPrefix)) {
+        if (key == kDescriptionFolder || begins(kPartPrefix) || begins(kKeptPrefix)) {
             throw DeviceException("The path " + quoted(path) + " leads into the file service's own files");
         }
     }
@@ -201,20 +201,21 @@ bool Device::isFile(const std::string& path) {
 bool Device::owns(const std::string& path, const std::string& item) {
     if (!isFile(path)) return false;
     if (const auto file = ledger_.file(path)) return file->item == item;
-    // A power cut can take the ledger's last rows and leave the files. An item comes with its record, and the
-    // name of a thumbnail ends in the item's id.
+    // A power cut can take the ledger's last rows and leave the files. An item comes with its description,
+    // and the name of a thumbnail ends in the item's id.
     if (isSystemWord(nameOf(folderOf(path)))) {
         const std::string base = splitName(nameOf(path)).base, ending = "_" + item;
         return !item.empty() && base.size() > ending.size() &&
                base.compare(base.size() - ending.size(), ending.size(), ending) == 0;
     }
-    const std::string record = readRecord(folderOf(path), nameOf(path) + kRecordExtension);
-    return !record.empty() && recordField(record, "ID") == item;
+    const std::string description = readDescription(folderOf(path), nameOf(path) + kDescriptionExtension);
+    return !description.empty() && descriptionField(description, "ID") == item;
 }
 
 bool Device::owns(const std::string& path) {
     if (!isFile(path)) return false;
-    return ledger_.file(path) || !readRecord(folderOf(path), nameOf(path) + kRecordExtension).empty();
+    return ledger_.file(path) ||
+           !readDescription(folderOf(path), nameOf(path) + kDescriptionExtension).empty();
 }
 
 bool Device::isFolderFree(const std::string& name, const std::string& known, const std::string& setId) {
@@ -227,7 +228,7 @@ bool Device::isFolderFree(const std::string& name, const std::string& known, con
     }
     const std::string owner = ledger_.folderOwner(name);
     if (!owner.empty()) return owner == setId;
-    const std::string recorded = folderIdByRecord(name);
+    const std::string recorded = folderIdByDescription(name);
     return ledger_.madeFolder(name) && (recorded.empty() || recorded == setId);
 }
 
@@ -258,8 +259,8 @@ std::vector<Descriptor> Device::leftByOlderVersion(const std::string& path, cons
         }
         std::vector<Descriptor> folders;
         folders.push_back(openFolder(folderOf(path)));
-        Descriptor records = openRecordFolder(folderOf(path));
-        if (records.isOpen()) folders.push_back(std::move(records));
+        Descriptor descriptions = openDescriptionFolder(folderOf(path));
+        if (descriptions.isOpen()) folders.push_back(std::move(descriptions));
         return folders;
     }
     return {};
@@ -270,14 +271,15 @@ void Device::flushRows() {
     std::set<std::string> folders;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        folders.swap(records_);
+        folders.swap(descriptions_);
     }
     for (const std::string& folder : folders) {
-        const Descriptor records = isFolder(folder) ? openRecordFolder(folder) : Descriptor();
-        if (!records.isOpen()) continue;
-        const Descriptor record = openRegular(records.get(), kFolderRecord);
-        if (record.isOpen() && (::fdatasync(record.get()) != 0 || ::fsync(records.get()) != 0)) {
-            fail("write in the folder", joinPath(folder, kRecordFolder), errno);
+        const Descriptor descriptions = isFolder(folder) ? openDescriptionFolder(folder) : Descriptor();
+        if (!descriptions.isOpen()) continue;
+        const Descriptor description = openRegular(descriptions.get(), kFolderDescription);
+        if (description.isOpen() &&
+            (::fdatasync(description.get()) != 0 || ::fsync(descriptions.get()) != 0)) {
+            fail("write in the folder", joinPath(folder, kDescriptionFolder), errno);
         }
     }
     flushOpenDatabases();
@@ -293,8 +295,8 @@ void Device::flushLedger() {
 
 void Device::flushFolder(const std::string& folder) {
     const Descriptor descriptor = openFolder(folder);
-    const Descriptor records = openRecordFolder(folder);
-    if (::fsync(descriptor.get()) != 0 || (records.isOpen() && ::fsync(records.get()) != 0)) {
+    const Descriptor descriptions = openDescriptionFolder(folder);
+    if (::fsync(descriptor.get()) != 0 || (descriptions.isOpen() && ::fsync(descriptions.get()) != 0)) {
         fail("write in the folder", folder, errno);
     }
 }
@@ -319,10 +321,10 @@ void Device::makeFolder(const std::string& path) {
 
 void Device::removeFolder(const std::string& path) {
     const auto [parent, name] = placeOf(path);
-    // The record folder does not count as content while it holds no item's record.
+    // The description folder does not count as content while it holds no item's description.
     {
         const Descriptor folder = openFolder(path);
-        ::unlinkat(folder.get(), kRecordFolder, AT_REMOVEDIR);
+        ::unlinkat(folder.get(), kDescriptionFolder, AT_REMOVEDIR);
     }
     if (::unlinkat(parent.get(), name.c_str(), AT_REMOVEDIR) != 0) {
         if (errno == ENOTEMPTY || errno == EEXIST) {
@@ -373,12 +375,12 @@ void Device::removeFlushed(const std::string& path, const std::optional<LedgerFi
         if (::renameat(folder.get(), nameOf(kept).c_str(), folder.get(), name.c_str()) != 0) {
             fail("remove", path, errno);
         }
-        moveRecord(kept, path);
+        moveDescription(kept, path);
         ledger_.moveFile(kept, path, "");
         return;
     }
     if (::unlinkat(folder.get(), name.c_str(), 0) != 0 && errno != ENOENT) fail("remove", path, errno);
-    removeRecord(folderOf(path), name + kRecordExtension);
+    removeDescription(folderOf(path), name + kDescriptionExtension);
     if (file) ledger_.setState(path, FileState::Removed);
 }
 
@@ -469,13 +471,13 @@ void Device::putFileAside(const std::string& from, const std::string& to) {
         }
         throw;
     }
-    moveRecord(from, to);
+    moveDescription(from, to);
 }
 
 // The file goes first: until its row has followed, it is found from what the row says of where it was.
 void Device::renameFile(const std::string& from, const std::string& to) {
     moveFileOnly(from, to);
-    moveRecord(from, to);
+    moveDescription(from, to);
     ledger_.moveFile(from, to, "");
 }
 
@@ -492,7 +494,7 @@ void Device::listFolder(const std::string& folder, const std::function<void(cons
 
 long Device::removeParts(const std::string& folder) {
     long removed = 0;
-    for (const std::string& place : {folder, joinPath(folder, kRecordFolder)}) {
+    for (const std::string& place : {folder, joinPath(folder, kDescriptionFolder)}) {
         if (!place.empty() && !isFolder(place)) continue;
         std::vector<std::string> parts;
         listFolder(place, [&](const std::string& name) {
@@ -504,65 +506,65 @@ long Device::removeParts(const std::string& folder) {
     return removed;
 }
 
-Descriptor Device::openRecordFolder(const std::string& folder) {
-    return openDirectlyBelow(openFolder(folder), kRecordFolder);
+Descriptor Device::openDescriptionFolder(const std::string& folder) {
+    return openDirectlyBelow(openFolder(folder), kDescriptionFolder);
 }
 
-Descriptor Device::makeRecordFolder(const std::string& folder) {
+Descriptor Device::makeDescriptionFolder(const std::string& folder) {
     const Descriptor parent = openFolder(folder);
-    Descriptor records = openDirectlyBelow(parent, kRecordFolder);
-    if (records.isOpen()) return records;
-    if (::mkdirat(parent.get(), kRecordFolder, folderMode()) != 0 && errno != EEXIST) {
-        fail("make the folder", joinPath(folder, kRecordFolder), errno);
+    Descriptor descriptions = openDirectlyBelow(parent, kDescriptionFolder);
+    if (descriptions.isOpen()) return descriptions;
+    if (::mkdirat(parent.get(), kDescriptionFolder, folderMode()) != 0 && errno != EEXIST) {
+        fail("make the folder", joinPath(folder, kDescriptionFolder), errno);
     }
-    records = openDirectlyBelow(parent, kRecordFolder);
-    if (!records.isOpen()) fail("open the folder", joinPath(folder, kRecordFolder), errno);
-    return records;
+    descriptions = openDirectlyBelow(parent, kDescriptionFolder);
+    if (!descriptions.isOpen()) fail("open the folder", joinPath(folder, kDescriptionFolder), errno);
+    return descriptions;
 }
 
-std::string Device::readRecord(const std::string& folder, const std::string& name) {
-    const Descriptor records = openRecordFolder(folder);
-    if (!records.isOpen() || !isPlainName(name)) return {};
-    const Descriptor file = openRegular(records.get(), name);
+std::string Device::readDescription(const std::string& folder, const std::string& name) {
+    const Descriptor descriptions = openDescriptionFolder(folder);
+    if (!descriptions.isOpen() || !isPlainName(name)) return {};
+    const Descriptor file = openRegular(descriptions.get(), name);
     if (!file.isOpen()) return {};
     std::string text;
     char block[4096];
     for (ssize_t count; (count = ::read(file.get(), block, sizeof block)) > 0;) {
         text.append(block, static_cast<std::size_t>(count));
-        if (text.size() > kLongestRecord) return {};
+        if (text.size() > kLongestDescription) return {};
     }
     return text;
 }
 
-void Device::flushFolderRecordWithRows(const std::string& folder) {
+void Device::flushFolderDescriptionWithRows(const std::string& folder) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    records_.insert(folder);
+    descriptions_.insert(folder);
 }
 
-std::string Device::folderIdByRecord(const std::string& folder) {
-    return recordField(readRecord(folder, kFolderRecord), "ID");
+std::string Device::folderIdByDescription(const std::string& folder) {
+    return descriptionField(readDescription(folder, kFolderDescription), "ID");
 }
 
-void Device::removeRecord(const std::string& folder, const std::string& name) {
+void Device::removeDescription(const std::string& folder, const std::string& name) {
     if (!folder.empty() && !isFolder(folder)) return;
-    const Descriptor records = openRecordFolder(folder);
-    // A record that stays behind its file would never be looked for again: the file's row has to stay as
+    const Descriptor descriptions = openDescriptionFolder(folder);
+    // A description that stays behind its file would never be looked for again: the file's row has to stay as
     // well.
-    if (records.isOpen() && ::unlinkat(records.get(), name.c_str(), 0) != 0 && errno != ENOENT) {
+    if (descriptions.isOpen() && ::unlinkat(descriptions.get(), name.c_str(), 0) != 0 && errno != ENOENT) {
         fail("remove", joinPath(folder, name), errno);
     }
 }
 
-void Device::moveRecord(const std::string& from, const std::string& to) {
-    const Descriptor fromRecords = openRecordFolder(folderOf(from));
-    if (!fromRecords.isOpen()) return;
-    const std::string fromName = nameOf(from) + kRecordExtension;
+void Device::moveDescription(const std::string& from, const std::string& to) {
+    const Descriptor fromDescriptions = openDescriptionFolder(folderOf(from));
+    if (!fromDescriptions.isOpen()) return;
+    const std::string fromName = nameOf(from) + kDescriptionExtension;
     struct stat status = {};
-    if (::fstatat(fromRecords.get(), fromName.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return;
-    const Descriptor toRecords = makeRecordFolder(folderOf(to));
-    if (::renameat(fromRecords.get(), fromName.c_str(), toRecords.get(),
-                   (nameOf(to) + kRecordExtension).c_str()) != 0) {
-        fail("rename the record of", from, errno);
+    if (::fstatat(fromDescriptions.get(), fromName.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return;
+    const Descriptor toDescriptions = makeDescriptionFolder(folderOf(to));
+    if (::renameat(fromDescriptions.get(), fromName.c_str(), toDescriptions.get(),
+                   (nameOf(to) + kDescriptionExtension).c_str()) != 0) {
+        fail("rename the description of", from, errno);
     }
 }
 

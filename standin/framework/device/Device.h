@@ -68,20 +68,20 @@ public:
     /// The same for a name that an older version of the item's own file has left, which no row speaks of:
     /// folders to flush before it is taken. None when the name was left by nothing.
     std::vector<Descriptor> leftByOlderVersion(const std::string& path, const std::string& item);
-    /// Puts the rows of the backup database and of the ledger on the disk, with the folders' records, and
-    /// removes what was waiting for that.
+    /// Puts the rows of the backup database and of the ledger on the disk, with the folders' descriptions,
+    /// and removes what was waiting for that.
     void flushRows();
     /// Puts the ledger on the disk, and before it the rows that it counts on.
     void flushLedger();
-    /// Puts on the disk which names there are in a folder and among its records.
+    /// Puts on the disk which names there are in a folder and among its descriptions.
     void flushFolder(const std::string& folder);
 
     void makeFolder(const std::string& path);
     void removeFolder(const std::string& path);
     void renameFolder(const std::string& from, const std::string& to);
-    /// Removes a file with its record; its row stays until the disk knows that both are gone. An old version
-    /// that stands aside goes only when the disk knows of what has taken its place. A file that replaced
-    /// another one makes way for it again.
+    /// Removes a file with its description; its row stays until the disk knows that both are gone. An old
+    /// version that stands aside goes only when the disk knows of what has taken its place. A file that
+    /// replaced another one makes way for it again.
     void removeFile(const std::string& path);
     /// Removes an old version that stands aside when rows are flushed the next time.
     void removeFileLater(const std::string& path);
@@ -98,21 +98,21 @@ public:
 
     /// Calls visit with the name of everything in the folder.
     void listFolder(const std::string& folder, const std::function<void(const std::string&)>& visit);
-    /// Removes files that were being written, in the folder and among its records. Returns how many.
+    /// Removes files that were being written, in the folder and among its descriptions. Returns how many.
     long removeParts(const std::string& folder);
 
-    /// The folder of records in a folder; not open when it is missing.
-    Descriptor openRecordFolder(const std::string& folder);
+    /// The folder of descriptions in a folder; not open when it is missing.
+    Descriptor openDescriptionFolder(const std::string& folder);
     /// The same, made when it is missing.
-    Descriptor makeRecordFolder(const std::string& folder);
-    /// A record's text; empty when there is none.
-    std::string readRecord(const std::string& folder, const std::string& name);
-    /// A folder's record was written: it is on the disk when rows are the next time.
-    void flushFolderRecordWithRows(const std::string& folder);
-    /// Id of the set whose record stands in the folder; empty when there is none.
-    std::string folderIdByRecord(const std::string& folder);
-    void removeRecord(const std::string& folder, const std::string& name);
-    void moveRecord(const std::string& from, const std::string& to);
+    Descriptor makeDescriptionFolder(const std::string& folder);
+    /// A description's text; empty when there is none.
+    std::string readDescription(const std::string& folder, const std::string& name);
+    /// A folder's description was written: it is on the disk when rows are the next time.
+    void flushFolderDescriptionWithRows(const std::string& folder);
+    /// Id of the set whose description stands in the folder; empty when there is none.
+    std::string folderIdByDescription(const std::string& folder);
+    void removeDescription(const std::string& folder, const std::string& name);
+    void moveDescription(const std::string& from, const std::string& to);
 
     /// Calls visit with each block of the file.
     void readFile(const std::string& path, const std::function<void(const char*, std::size_t)>& visit);
@@ -143,11 +143,11 @@ private:
     struct stat identity_ = {};
     Ledger ledger_;
 
-    std::mutex mutex_;               // for what follows
-    std::set<std::string> left_;     // keys of names that a rename has left, and nothing has taken since
-    bool leftUnflushed_ = false;     // some of these renames since the rows were flushed last
-    std::set<std::string> records_;  // folders whose records were written since then
-    std::set<std::string> waiting_;  // old versions that go behind the next flush of rows
+    std::mutex mutex_;                    // for what follows
+    std::set<std::string> left_;          // keys of names that a rename has left, and nothing has taken since
+    bool leftUnflushed_ = false;          // some of these renames since the rows were flushed last
+    std::set<std::string> descriptions_;  // folders whose descriptions were written since then
+    std::set<std::string> waiting_;       // old versions that go behind the next flush of rows
 };
 
 }  // namespace flickr_standin

@@ -1,4 +1,4 @@
-// Description records on their way to the device.
+// Descriptions on their way to the device.
 
 #ifndef STANDIN_FRAMEWORK_DEVICE_NEWDESCRIPTION_H
 #define STANDIN_FRAMEWORK_DEVICE_NEWDESCRIPTION_H
@@ -11,15 +11,15 @@ namespace flickr_standin {
 
 class Device;
 
-/// A description record on its way to the device: it stands there whole or not at all. It is removed again
+/// A description on its way to the device: it stands there whole or not at all. It is removed again
 /// unless place() was reached.
-class NewRecord {
+class NewDescription {
 public:
-    /// Makes the file partName in the record folder of folder, which is made when it is missing.
-    NewRecord(Device& device, const std::string& folder, std::string partName);
-    ~NewRecord();
-    NewRecord(const NewRecord&) = delete;
-    NewRecord& operator=(const NewRecord&) = delete;
+    /// Makes the file partName in the description folder of folder, which is made when it is missing.
+    NewDescription(Device& device, const std::string& folder, std::string partName);
+    ~NewDescription();
+    NewDescription(const NewDescription&) = delete;
+    NewDescription& operator=(const NewDescription&) = delete;
 
     void write(const std::string& text);
     /// The disk begins with it, so that the flush does not take long.
@@ -28,7 +28,7 @@ public:
     int flush();
     void place(const std::string& name);
     /// The folder in which it stands.
-    const Descriptor& folder() const { return records_; }
+    const Descriptor& folder() const { return descriptions_; }
 
 private:
     [[noreturn]] void fail(int error);
@@ -36,13 +36,13 @@ private:
     Device& device_;
     std::string folder_;
     std::string partName_;
-    Descriptor records_;
+    Descriptor descriptions_;
     Descriptor file_;
     bool placed_ = false;
 };
 
-/// Writes a folder's record; it is on the disk when rows are the next time.
-void writeFolderRecord(Device& device, const std::string& folder, const std::string& text);
+/// Writes a folder's description; it is on the disk when rows are the next time.
+void writeFolderDescription(Device& device, const std::string& folder, const std::string& text);
 
 }  // namespace flickr_standin
 

@@ -61,7 +61,7 @@ private:
     bool isTwinOfAnother(const LedgerFile& file);
     bool isListed(const std::string& path);
     std::string whoseFolder(const std::string& path);
-    void readFolderRecords();
+    void readFolderDescriptions();
     void settleFiles();
     void settleAside(const LedgerFile& file, const std::optional<ItemRow>& row);
     void settleWritten(const LedgerFile& file, const std::optional<ItemRow>& row);
@@ -90,7 +90,7 @@ private:
     RecoveryReport report_;
     std::map<std::string, LedgerFolder> ledgerFolders_;                  // by path
     std::map<std::string, std::string> ownFolders_;                      // by the set's id
-    std::optional<std::map<std::string, std::string>> recordedFolders_;  // by the ids of their records
+    std::optional<std::map<std::string, std::string>> recordedFolders_;  // by the ids of their descriptions
     std::optional<bool> isDatabaseOlder_;
     std::vector<std::string> removed_;
 };
@@ -99,7 +99,7 @@ void Recovery::adopt(const std::string& path, const std::string& item) {
     const std::optional<struct stat> status = device_.status(path);
     if (!status || !S_ISREG(status->st_mode) || device_.ledger().file(path)) return;
     const std::string owner =
-        recordField(device_.readRecord(folderOf(path), nameOf(path) + kRecordExtension), "ID");
+        descriptionField(device_.readDescription(folderOf(path), nameOf(path) + kDescriptionExtension), "ID");
     if (!owner.empty() && owner != item) return;
     device_.ledger().putFile(
         {path, item, static_cast<std::uint64_t>(status->st_size), "", "", FileState::Settled});
@@ -161,11 +161,13 @@ void Recovery::findAside(const std::string& path, const ItemRow& row) {
     if (!isKnown && !ledger.file(aside)) {
         const auto file = ledger.file(path);
         if (folderOf(path) == row.folder) {
-            // Its record may not have followed it yet; what it holds tells it from a file of somebody else's.
-            const std::string record = device_.readRecord(row.folder, nameOf(aside) + kRecordExtension);
-            const bool same = record.empty() && file && file->item == row.id && !device_.isFile(path) &&
+            // Its description may not have followed it yet; what it holds tells it from a file of somebody
+            // else's.
+            const std::string description =
+                device_.readDescription(row.folder, nameOf(aside) + kDescriptionExtension);
+            const bool same = description.empty() && file && file->item == row.id && !device_.isFile(path) &&
                               file->checksum == checksumOf(aside);
-            if (!same && recordField(record, "ID") != row.id) return;
+            if (!same && descriptionField(description, "ID") != row.id) return;
         }
         if (file) {
             ledger.moveFile(path, aside, nameOf(path));
@@ -244,7 +246,7 @@ std::string Recovery::placeOf(const FolderRow& set) {
     for (const auto& [path, folder] : ledgerFolders_) {
         if (folder.was == set.deviceName && device_.isFolder(path) && mayBe(path)) return path;
     }
-    readFolderRecords();
+    readFolderDescriptions();
     const auto recorded = recordedFolders_->find(set.id);
     if (recorded != recordedFolders_->end()) return recorded->second;
     return standing && device_.ledger().folderOwner(set.deviceName).empty() ? set.deviceName : std::string();
@@ -260,14 +262,14 @@ bool Recovery::isListed(const std::string& path) {
 
 std::string Recovery::whoseFolder(const std::string& path) {
     const std::string owner = device_.ledger().folderOwner(path);
-    return owner.empty() ? device_.folderIdByRecord(path) : owner;
+    return owner.empty() ? device_.folderIdByDescription(path) : owner;
 }
 
-void Recovery::readFolderRecords() {
+void Recovery::readFolderDescriptions() {
     if (recordedFolders_) return;
     recordedFolders_.emplace();
     device_.listFolder("", [&](const std::string& name) {
-        if (name == kRecordFolder || !device_.isFolder(name)) return;
+        if (name == kDescriptionFolder || !device_.isFolder(name)) return;
         const std::string set = whoseFolder(name);
         if (!set.empty()) recordedFolders_->emplace(set, name);
     });
@@ -319,11 +321,11 @@ void Recovery::settleReturned(const LedgerFile& aside, const std::string& path) 
     const std::string checksum = device_.isFile(path) ? checksumOf(path) : std::string();
     const bool same = !checksum.empty() && checksum == aside.checksum;
     if (same && (!current || current->item == aside.item)) {
-        device_.moveRecord(aside.path, path);
+        device_.moveDescription(aside.path, path);
         ledger.moveFile(aside.path, path, "");
         return;
     }
-    device_.removeRecord(folderOf(path), nameOf(aside.path) + kRecordExtension);
+    device_.removeDescription(folderOf(path), nameOf(aside.path) + kDescriptionExtension);
     if (checksum.empty() || !device_.owns(path, aside.item)) return;
     if (!current) ledger.putFile({path, aside.item, 0, "", "", FileState::PendingOlder});
     if (current && checksum != current->checksum) ledger.setState(path, FileState::PendingOlder);
@@ -473,13 +475,13 @@ void Recovery::rehash(LedgerFile file) {
     device_.ledger().putFile(file);
 }
 
-/// Removes the file, if there is one, with its record.
+/// Removes the file, if there is one, with its description.
 void Recovery::remove(const std::string& path) {
     if (device_.isFile(path)) {
         device_.removeFile(path);
         ++report_.removed;
     } else {
-        device_.removeRecord(folderOf(path), nameOf(path) + kRecordExtension);
+        device_.removeDescription(folderOf(path), nameOf(path) + kDescriptionExtension);
         device_.ledger().setState(path, FileState::Removed);
     }
     removed_.push_back(path);
@@ -506,13 +508,15 @@ bool Recovery::isUsedFolder(const std::string& path) {
     return device_.isSystemWord(path) && !database_.derivedName(kNoSetId).empty();
 }
 
-/// True for a folder with nothing but its own record in it.
+/// True for a folder with nothing but its own description in it.
 bool Recovery::isEmpty(const std::string& path) {
     bool isEmpty = true;
-    device_.listFolder(path, [&](const std::string& name) { isEmpty = isEmpty && name == kRecordFolder; });
-    const std::string records = joinPath(path, kRecordFolder);
-    if (!device_.isFolder(records)) return isEmpty;
-    device_.listFolder(records, [&](const std::string& name) { isEmpty = isEmpty && name == kFolderRecord; });
+    device_.listFolder(path,
+                       [&](const std::string& name) { isEmpty = isEmpty && name == kDescriptionFolder; });
+    const std::string descriptions = joinPath(path, kDescriptionFolder);
+    if (!device_.isFolder(descriptions)) return isEmpty;
+    device_.listFolder(descriptions,
+                       [&](const std::string& name) { isEmpty = isEmpty && name == kFolderDescription; });
     return isEmpty;
 }
 
@@ -521,7 +525,7 @@ void Recovery::removeUnusedFolders() {
     for (const LedgerFolder& folder : device_.ledger().pendingFolders()) {
         if (!folder.was.empty()) continue;
         if (device_.isFolder(folder.path) && !isUsedFolder(folder.path) && isEmpty(folder.path)) {
-            device_.removeRecord(folder.path, kFolderRecord);
+            device_.removeDescription(folder.path, kFolderDescription);
             try {
                 device_.removeFolder(folder.path);
                 continue;

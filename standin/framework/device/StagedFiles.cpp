@@ -86,10 +86,11 @@ void StagedFile::finish(const std::string& item, const std::string& description)
     item_ = item;
     if (!description.empty()) {
         // Where the description stands says where its file is; see Description.h.
-        const bool own = recordField(description, "PhysicalFileName") == path_;
-        record_.emplace(device_, folderOf(path_), partName_);
-        record_->write(own ? withRecordField(description, "PhysicalFileName", nameOf(path_)) : description);
-        record_->send();
+        const bool own = descriptionField(description, "PhysicalFileName") == path_;
+        description_.emplace(device_, folderOf(path_), partName_);
+        description_->write(own ? withDescriptionField(description, "PhysicalFileName", nameOf(path_))
+                                : description);
+        description_->send();
     }
     const int failure = writer_->finish();
     if (failure != 0) device_.fail("write", path_, failure);
@@ -116,7 +117,7 @@ void StagedFile::enter() {
 
 void StagedFile::takeName() {
     const std::string name = nameOf(path_);
-    if (record_) record_->place(name + kRecordExtension);
+    if (description_) description_->place(name + kDescriptionExtension);
     int error = 0;
     if (!replaces_) {
         error = renameWithoutReplacing(folder_.get(), partName_, folder_.get(), name);
@@ -134,7 +135,7 @@ void StagedFile::undo() {
         } else if (before_) {
             device_.ledger().putFile(*before_);
         } else {
-            if (!stands_) device_.removeRecord(folderOf(path_), nameOf(path_) + kRecordExtension);
+            if (!stands_) device_.removeDescription(folderOf(path_), nameOf(path_) + kDescriptionExtension);
             device_.ledger().eraseFile(path_);
         }
     } catch (Poco::Exception&) {
@@ -175,13 +176,14 @@ void StagedFiles::place() {
         file->enter();
         StagedFile& staged = *file;
         flushes.push_back({staged.path_, [&] { return staged.writer_->flush(); }});
-        if (staged.record_) flushes.push_back({staged.path_, [&] { return staged.record_->flush(); }});
+        if (staged.description_)
+            flushes.push_back({staged.path_, [&] { return staged.description_->flush(); }});
         for (Descriptor& folder : staged.left_) flushes.push_back(flushOf(folder, staged.path_));
     }
     if (device_.ledger().speaksOfUnflushedRows()) {
         device_.flushRows();
     } else {
-        flushes.push_back({kRecordFolder, [&] { return flushLedger(device_.ledger()); }});
+        flushes.push_back({kDescriptionFolder, [&] { return flushLedger(device_.ledger()); }});
     }
     waitFor(device_, flushes);
 
@@ -192,8 +194,8 @@ void StagedFiles::place() {
     for (const auto& file : files) {
         const std::string folder = folderOf(file->path_);
         if (folders.insert(folder).second) flushes.push_back(flushOf(file->folder_, file->path_));
-        if (file->record_ && folders.insert(joinPath(folder, kRecordFolder)).second) {
-            flushes.push_back(flushOf(file->record_->folder(), file->path_));
+        if (file->description_ && folders.insert(joinPath(folder, kDescriptionFolder)).second) {
+            flushes.push_back(flushOf(file->description_->folder(), file->path_));
         }
     }
     waitFor(device_, flushes);

@@ -56,7 +56,7 @@ private:
     std::string partName_;
     Descriptor folder_;
     std::unique_ptr<FileWriter> writer_;
-    std::optional<NewRecord> record_;
+    std::optional<NewDescription> description_;
     std::optional<LedgerFile> before_;  // the ledger's row of what stands at the path
     std::vector<Descriptor> left_;      // folders in which an older version made way
     bool entered_ = false;

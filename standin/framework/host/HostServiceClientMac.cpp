@@ -68,7 +68,7 @@ std::string standingCover(Device& device, const std::string& cover) {
 struct HostServiceClientMac::Impl {
     std::shared_ptr<RunDevice> device;
     std::map<long, std::unique_ptr<StagedFile>> files;
-    std::string lastItem;  // the item closed last: the next file without a record is its thumbnail
+    std::string lastItem;  // the item closed last: the next file without a description is its thumbnail
 
     /// The device of the run; the service folder may have changed since the last call.
     RunDevice& current() {
@@ -179,7 +179,7 @@ void HostServiceClientMac::closeFile(long handle, char* metadata, int length, st
 }
 
 void HostServiceClientMac::Impl::close(long handle, const std::string& metadata) {
-    const std::string item = metadata.empty() ? lastItem : recordField(metadata, "ID");
+    const std::string item = metadata.empty() ? lastItem : descriptionField(metadata, "ID");
     file(handle).finish(item, metadata);
     device->staged().add(std::move(files.extract(handle).mapped()));
     if (!metadata.empty()) {
@@ -263,8 +263,8 @@ void HostServiceClientMac::deleteDirectory(std::string path, std::string& comman
     });
 }
 
-void HostServiceClientMac::writeFolderDataXML(std::string root, std::string record, std::string) {
-    const std::string folder = recordField(record, "PhysicalFileName");
+void HostServiceClientMac::writeFolderDataXML(std::string root, std::string description, std::string) {
+    const std::string folder = descriptionField(description, "PhysicalFileName");
     std::string command, result, error;
     answer("RECORD " + folder, command, result, error, false, [&] {
         RunDevice& device = impl_->current();
@@ -272,23 +272,23 @@ void HostServiceClientMac::writeFolderDataXML(std::string root, std::string reco
         Device::checkPath(folder);
         device.staged().place();
         if (!device.isFolder(folder)) return;  // a set without items on the device has no folder
-        const std::string set = recordField(record, "ID");
+        const std::string set = descriptionField(description, "ID");
         const std::string owner = device.ledger().folderOwner(folder);
-        const std::string before = device.readRecord(folder, kFolderRecord);
-        const std::string owned = owner.empty() ? recordField(before, "ID") : owner;
+        const std::string before = device.readDescription(folder, kFolderDescription);
+        const std::string owned = owner.empty() ? descriptionField(before, "ID") : owner;
         // Without any items a set is known here by its title, which another set's folder may have.
         if (!owned.empty() && owned != set) return;
-        if (recordField(record, "LatestUpdatedItem").empty()) {
+        if (descriptionField(description, "LatestUpdatedItem").empty()) {
             // A run that found no photo in the set knows no latest item. What stands there says more.
             for (const char* field : {"LatestUpdatedItem", "LatestUpdatedDate"}) {
-                record = withRecordField(record, field, recordField(before, field));
+                description = withDescriptionField(description, field, descriptionField(before, field));
             }
         }
-        record =
-            withRecordField(record, "CoverImage", standingCover(device, recordField(record, "CoverImage")));
-        if (record != before) writeFolderRecord(device, folder, record);
+        description = withDescriptionField(
+            description, "CoverImage", standingCover(device, descriptionField(description, "CoverImage")));
+        if (description != before) writeFolderDescription(device, folder, description);
     });
-    if (result != kSuccess) RunJournal::instance().folderRecordFailed(folder, error);
+    if (result != kSuccess) RunJournal::instance().folderDescriptionFailed(folder, error);
 }
 
 }  // namespace Norvale_Plugin_Core

@@ -8,14 +8,14 @@
 
 namespace Norvale_Plugin_Core {
 
-std::string ItemDataManager::saveItemData(Template* record) {
-    if (!record) return {};
-    const auto* media = dynamic_cast<const MediaTemplate*>(record);
-    const auto* folder = dynamic_cast<const MediaFolderTemplate*>(record);
+std::string ItemDataManager::saveItemData(Template* description) {
+    if (!description) return {};
+    const auto* media = dynamic_cast<const MediaTemplate*>(description);
+    const auto* folder = dynamic_cast<const MediaFolderTemplate*>(description);
     flickr_standin::DescriptionWriter text(folder ? "folder" : "media");
-    text.field("ID", record->getID());
-    text.field("PhysicalFileName", record->getPhysicalFileName());
-    text.field("DataXMLPath", record->getDataXMLPath());
+    text.field("ID", description->getID());
+    text.field("PhysicalFileName", description->getPhysicalFileName());
+    text.field("DataXMLPath", description->getDataXMLPath());
     if (media) {
         text.field("FileName", media->getFileName());
         text.field("MediaType", media->getMediaType());

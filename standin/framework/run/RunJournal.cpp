@@ -166,7 +166,7 @@ void RunJournal::beginSet(const std::string& title) {
     triedItems_ = 0;
     set_ = title;
     beginItem("", "");
-    recordFailed_ = false;
+    descriptionFailed_ = false;
     listAttempts_ = 0;
     listedItems_ = 0;
     leftOutFrom_ = summary_.failures.size();
@@ -235,10 +235,10 @@ void RunJournal::fileServiceFailed(const std::string& explanation) {
     reason_ = explanation;
 }
 
-void RunJournal::folderRecordFailed(const std::string& folder, const std::string& explanation) {
+void RunJournal::folderDescriptionFailed(const std::string& folder, const std::string& explanation) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (recordFailed_) return;
-    recordFailed_ = true;
+    if (descriptionFailed_) return;
+    descriptionFailed_ = true;
     addFailure(folder, "Its description record could not be written: " + explanation);
 }
 

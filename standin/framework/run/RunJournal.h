@@ -78,7 +78,7 @@ public:
     void fileOpened(const std::string& path);
     void fileServiceFailed(const std::string& explanation);
     /// A folder's description record could not be placed.
-    void folderRecordFailed(const std::string& folder, const std::string& explanation);
+    void folderDescriptionFailed(const std::string& folder, const std::string& explanation);
 
 private:
     RunJournal() = default;
@@ -107,7 +107,7 @@ private:
     std::string lookupFailure_;  // of the item that is being listed
     bool edited_ = false;
     bool downloaded_ = false;
-    bool recordFailed_ = false;  // of the current set's folder
+    bool descriptionFailed_ = false;  // of the current set's folder
     bool setsListed_ = false;
     long sets_ = 0;
     long listedSets_ = 0;          // to their end
