@@ -5,6 +5,7 @@
 
 #include "core/DownloadPhotoSetListActivity.h"
 #include "core/PhotoListSaxHandler.h"
+#include "core/RunLines.h"
 #include "core/RunSupport.h"
 #include "core/StopWatcher.h"
 
@@ -46,7 +47,7 @@ void DownloadPhotoListActivity::runActivity() {
 }
 
 void DownloadPhotoListActivity::tryGettingPhotoList() {
-    tryAttempts("Getting Photo List Attempt - ", "Backup Stopped in tryGettingPhotoList()",
+    tryAttempts(kListAttempt.start.data(), "Backup Stopped in tryGettingPhotoList()",
                 [this](int attempt) { return getPhotoList(attempt) == 1; });
 }
 
@@ -88,8 +89,7 @@ int DownloadPhotoListActivity::getAllPages() {
     const bool isShort = listed > 0 && items > 0 && listed < static_cast<std::size_t>(items);
     // A stop inside the last page is no shortness of the service's.
     if (isShort && !Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->isBackupStopped()) {
-        logFailure("Fewer items listed than announced: " + std::to_string(listed) + " of " +
-                   std::to_string(items));
+        logFailure(kFewerListed.with(std::to_string(listed) + " of " + std::to_string(items)));
     }
     return 1;
 }
@@ -141,7 +141,7 @@ void DownloadPhotoListActivity::sortPhotos() {
         const auto& [updated, photo] = *photos_.begin();
         if (photo.getRawPhotoID() == photoSet_.getCoverImageID() && updated < fromDate_) photos_.clear();
     }
-    logInfo("Available new/updated media to process: " + std::to_string(photos_.size() + videos_.size()));
+    logInfo(kListEnds.with(std::to_string(photos_.size() + videos_.size())));
 }
 
 }  // namespace Norvale_Plugin_Flickr

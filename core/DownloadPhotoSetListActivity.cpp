@@ -4,6 +4,7 @@
 #include <Poco/Net/HTTPResponse.h>
 
 #include "core/PhotosetSaxHandler.h"
+#include "core/RunLines.h"
 #include "core/RunSupport.h"
 #include "core/StopWatcher.h"
 #include "hostapi/CSConfigException.h"
@@ -89,7 +90,7 @@ std::map<std::string, PhotoSet> DownloadPhotoSetListActivity::parseDataV2(std::i
 
 void DownloadPhotoSetListActivity::insertPhotoSets(std::map<std::string, PhotoSet> sets) {
     for (auto& [id, set] : sets) photoSets_.emplace(id, std::move(set));
-    logInfo("Available new/updated photo sets to process: " + std::to_string(photoSets_.size()));
+    logInfo(kSetsListed.with(std::to_string(photoSets_.size())));
 }
 
 }  // namespace Norvale_Plugin_Flickr

@@ -16,6 +16,7 @@
 #include "core/DownloadPhotoSetListActivity.h"
 #include "core/MediaSession.h"
 #include "core/PhotoSetProcessor.h"
+#include "core/RunLines.h"
 #include "core/RunSupport.h"
 #include "core/StopWatcher.h"
 #include "hostapi/HostServiceUsageParams.h"
@@ -211,7 +212,7 @@ int MediaDownloadActivity::downloadMedia(std::string url, long fileHandle, bool 
 
             const Poco::URI address(url);
             if (!MediaSession::supports(address)) {
-                logFailure("Unable to download from an address with scheme \"" + address.getScheme() + "\"");
+                logFailure(kAddressRefused.with("an address with scheme \"" + address.getScheme() + "\""));
                 return DownloadFailed;
             }
             MediaSession session(address, url);
@@ -219,12 +220,13 @@ int MediaDownloadActivity::downloadMedia(std::string url, long fileHandle, bool 
             const HTTPResponse::HTTPStatus status = response.getStatus();
             if (isRedirect(status)) {
                 const std::string location = response.get("location");
-                logFailure("Response Status - " + std::to_string(status) + " Redirecting to - " + location);
+                logFailure(
+                    kStatusRefused.with(std::to_string(status) + std::string(kRedirecting) + location));
                 url = resolve(address, location);
                 continue;
             }
             if (status != HTTPResponse::HTTP_OK) {
-                logFailure("Response Status - " + std::to_string(status));
+                logFailure(kStatusRefused.with(std::to_string(status)));
                 return DownloadFailed;
             }
             const int result = writeFile(session.body(), fileHandle, isMedia, session.contentLength());
@@ -279,7 +281,7 @@ int MediaDownloadActivity::writeFile(std::istream& body, long fileHandle, bool i
     const bool stopped = HostServiceUsageParams::getInstance()->isBackupStopped();
     const bool complete = !body.bad() && (contentLength == -1 ? !stopped : total == contentLength);
     if (!complete) {
-        logFailure("Data written is not the same as content length ");
+        logFailure(kCutShort.with(""));
         deleteFile(fileHandle);
         return DownloadFailed;
     }

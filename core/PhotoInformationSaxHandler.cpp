@@ -2,6 +2,7 @@
 
 #include <Poco/SAX/Attributes.h>
 
+#include "core/RunLines.h"
 #include "core/RunSupport.h"
 
 namespace Norvale_Plugin_Flickr {
@@ -20,7 +21,7 @@ void PhotoInformationSaxHandler::startElement(const Poco::XML::XMLString&,
                                               const Poco::XML::XMLString&,
                                               const Poco::XML::Attributes& attributes) {
     if (localName != "size") return;
-    logInfo("*********************** Photo Started**************************");
+    logInfo(kItemListed.with(""));
     const std::string& label = valueOf(attributes, "label");
     if (photo_.getMediaType() == "photo") readPhotoSize(label, attributes);
     if (photo_.getMediaType() == "video") readVideoSize(label, attributes);

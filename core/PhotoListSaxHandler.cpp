@@ -83,7 +83,7 @@ void PhotoListSaxHandler::startElement(const Poco::XML::XMLString&, const Poco::
     if (stoppedAt("Backup Stopped in PhotoListSaxHandler::startElement()")) return;
 
     if (localName == "photo") {
-        logInfo("*********************** Photo Started**************************");
+        logInfo(kItemListed.with(""));
         photo_.Initialize();
         inPhoto_ = true;
         buffer_.clear();
@@ -167,7 +167,7 @@ void PhotoListSaxHandler::finishPhoto() {
     photo_.setPhotoSet(set_);
     photo_.setPhotoID(photo_.getRawPhotoID() + "_" + set_.getPhotoSetID());
     photo_.setPhotoTitle(photo_.getPhotoTitle() + suffixOf(photo_.getMediaType()));
-    if (refused) return leaveOut(std::string(kItemRefused) + photo_.getPhotoTitle());
+    if (refused) return leaveOut(kItemRefused.with(photo_.getPhotoTitle()));
     if (photo_.getImagePath().empty()) {
         return leaveOut(kItemLeftOut.with(photo_.getPhotoID(), photo_.getPhotoTitle()));
     }

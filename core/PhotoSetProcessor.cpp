@@ -58,7 +58,7 @@ std::multimap<Poco::DateTime, Photo> PhotoSetProcessor::processPhotoSet(
 
 void PhotoSetProcessor::processOneSet(PhotoSet& set, const Poco::DateTime& since, bool& factoryRegistered,
                                       std::multimap<Poco::DateTime, Photo>& videosMet) {
-    logInfo("Processing Photo Set: " + set.getTitle());
+    logInfo(kSetBegins.with(set.getTitle()));
 
     DownloadPhotoListActivity list;
     try {
@@ -129,7 +129,8 @@ PhotoSetProcessor::Change PhotoSetProcessor::changeOf(const Photo& item, const c
     const std::string updated = database_.convertToString(item.getUpdatedDateTime());
     const std::string name = std::string(kind) + " - " + item.getPhotoTitle();
     if (stored == updated) {
-        logInfo(name + " already backed up no change, continuing to next photo");
+        logInfo((kind == std::string_view("Video") ? kVideoUnchanged : kPhotoUnchanged)
+                    .with(item.getPhotoTitle()));
         return Change::None;
     }
     logInfo("Org date -" + stored + " Changed date - " + updated);
@@ -215,7 +216,7 @@ void PhotoSetProcessor::ProcessPhoto(PhotoSet& set, Photo& photo, bool updateExi
             set.setCoverImageName(activity.getCoverImageName());
             set.setCoverImageExtension(activity.getCoverImageExtension());
         }
-        logInfo("Closed socket connection for activity to download photo -" + photo.getPhotoTitle());
+        logInfo(kItemEnds.with(photo.getPhotoTitle()));
         activity.tearDown();
     } catch (Poco::Exception& exception) {
         exceptionHandler_.handleException(

@@ -87,7 +87,7 @@ void PhotosetSaxHandler::endElement(const Poco::XML::XMLString&, const Poco::XML
         set.setResourceTitle(Norvale_Plugin_Core::Utils().NormalizeString(set.getTitle()));
         inPhotoSet_ = false;
         if (!isId(set.getPhotoSetID())) {
-            logFailure(std::string(kSetRefused) + set.getTitle());
+            logFailure(kSetRefused.with(set.getTitle()));
             return;
         }
         sets_.emplace(set.getPhotoSetID(), set);

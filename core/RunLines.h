@@ -1,10 +1,12 @@
-// Lines of the log that tell what becomes of an item. Each begins in a way that stands here once: the core
-// writes with it, and a reader of the log finds it again with it. Titles come from outside and stand last, so
-// that none can pass for another line.
+// Lines of the log that tell what a run does and nothing else tells. Each text stands here once: the core
+// writes with it, and a reader of the log finds it again with it. Titles come from outside: a line is known
+// by its beginning and, where the title is in its middle, by its end as well, so that none can pass for
+// another.
 
 #ifndef CORE_RUNLINES_H
 #define CORE_RUNLINES_H
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -35,6 +37,49 @@ struct RunLine {
     }
 };
 
+/// A line of a fixed beginning, a text or a number, and a fixed end.
+struct TextLine {
+    std::string_view start;
+    std::string_view end = {};
+
+    std::string with(const std::string& text) const { return std::string(start) + text + std::string(end); }
+
+    /// What with() was given, or nothing for another line.
+    std::optional<std::string> read(const std::string& line) const {
+        const std::size_t fixed = start.size() + end.size();
+        if (line.size() < fixed || line.compare(0, start.size(), start) != 0 ||
+            line.compare(line.size() - end.size(), end.size(), end) != 0) {
+            return std::nullopt;
+        }
+        return line.substr(start.size(), line.size() - fixed);
+    }
+};
+
+/// The list of sets is read: how many there are.
+constexpr TextLine kSetsListed{"Available new/updated photo sets to process: "};
+/// A set's turn comes: its title.
+constexpr TextLine kSetBegins{"Processing Photo Set: "};
+/// An attempt to list a set: its number. It lists all items again.
+constexpr TextLine kListAttempt{"Getting Photo List Attempt - "};
+/// An item of the list, or one of its renditions, is read.
+constexpr TextLine kItemListed{"*********************** Photo Started**************************"};
+/// The list has fewer items than it announced: "N of M".
+constexpr TextLine kFewerListed{"Fewer items listed than announced: "};
+/// A set is listed: how many of its items are to be looked at.
+constexpr TextLine kListEnds{"Available new/updated media to process: "};
+/// An item is as it was recorded: its title.
+constexpr TextLine kPhotoUnchanged{"Photo - ", " already backed up no change, continuing to next photo"};
+constexpr TextLine kVideoUnchanged{"Video - ", kPhotoUnchanged.end};
+
+/// An attempt of a transfer fails: the status of the answer, what is wrong with the address, or nothing.
+constexpr TextLine kStatusRefused{"Response Status - "};
+constexpr TextLine kAddressRefused{"Unable to download from "};
+constexpr TextLine kCutShort{"Data written is not the same as content length "};
+/// In the first of these, a redirect that is followed.
+constexpr std::string_view kRedirecting = " Redirecting to - ";
+/// The transfer of an item has ended, well or not: its title.
+constexpr TextLine kItemEnds{"Closed socket connection for activity to download photo -"};
+
 /// The transfer of an item begins: its PhotoID and title.
 constexpr RunLine kItemBegins{"Item to transfer - "};
 
@@ -42,8 +87,8 @@ constexpr RunLine kItemBegins{"Item to transfer - "};
 constexpr RunLine kItemLeftOut{"No rendition to download for item - "};
 
 /// An item or a set is refused for an id that the service cannot have given, in front of its title.
-constexpr std::string_view kItemRefused = "Refused for its id is item - ";
-constexpr std::string_view kSetRefused = "Refused for its id is photo set - ";
+constexpr TextLine kItemRefused{"Refused for its id is item - "};
+constexpr TextLine kSetRefused{"Refused for its id is photo set - "};
 
 /// The service refuses the list of sets: its error code with ":", and its words.
 constexpr RunLine kServiceRefuses{"The service answers with error "};

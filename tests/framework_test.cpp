@@ -17,6 +17,7 @@
 #include <sstream>
 #include <thread>
 
+#include "core/RunLines.h"
 #include "hostapi/CSConfigException.h"
 #include "hostapi/CSNetworkException.h"
 #include "hostapi/DbInterface.h"
@@ -47,6 +48,7 @@
 namespace fs = std::filesystem;
 using namespace Norvale_Plugin_Core;
 using namespace flickr_standin;
+using namespace Norvale_Plugin_Flickr;  // the lines of the log
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -783,56 +785,81 @@ TEST_F(FrameworkTest, TellsWhatBecameOfEachItem) {
         DevLogger::writeLog(line, LogLevelInformation, __FILE__, __LINE__);
     };
     const auto begin = [&](const std::string& id, const std::string& title) {
-        log("Item to transfer - " + id + "_72 " + title);
+        log(kItemBegins.with(id + "_72", title));
     };
-    const auto end = [&](const std::string& name) {
-        log("Closed socket connection for activity to download photo -" + name);
-    };
+    const auto end = [&](const std::string& name) { log(kItemEnds.with(name)); };
     ExceptionHandlerMac handler("Flickr");
     CSNetworkException network("reset", 0);
+    const std::string path = (folder_ / "backup.db").string();
+    BackupDatabase open(path);
+    DbInterface rows;
+    rows.setConnectionString(path);
+    const auto record = [&](const std::string& id, const Poco::DateTime& updated) {
+        return rows.createEntry(id + "_72", "x.jpg", "Trip", id + ".jpg", "Trip", id, "72", updated, updated,
+                                "FlickrPhoto", "jpg", "", "", "");
+    };
+    record("2", Poco::DateTime(2020, 1, 1));
     EXPECT_THAT(journal.summary().errors, ElementsAre("The list of photo sets was not fetched"));
-    log("Available new/updated photo sets to process: 2");
+    log(kSetsListed.with("2"));
     EXPECT_TRUE(journal.summary().complete());
 
-    log("Processing Photo Set: Trip");
-    log("Getting Photo List Attempt - 1");
-    log("*********************** Photo Started**************************");
+    log(kSetBegins.with("Trip"));
+    log(kListAttempt.with("1"));
+    log(kItemListed.with(""));
     handler.handleException(network, "Exception occurred in getPhotoInformation() : reset", 2);
-    log("No rendition to download for item - 80_72 left out at first");
+    log(kItemLeftOut.with("80_72", "left out at first"));
     handler.handleException(network, "Exception occurred in DownloadPhotoListActivity::getPhotoList(): reset",
                             1);
-    log("Getting Photo List Attempt - 2");
+    log(kListAttempt.with("2"));
     for (const char* id : {"81_72", "82_72", "82_72"}) {
-        log("*********************** Photo Started**************************");
+        log(kItemListed.with(""));
         handler.handleException(network, "Exception occurred in getPhotoInformation() : reset", 2);
-        log("No rendition to download for item - " + std::string(id) + " left out");
+        log(kItemLeftOut.with(id, "left out"));
     }
-    log("*********************** Photo Started**************************");
-    log("No rendition to download for item - 83_72 nothing");
-    log("Available new/updated media to process: 9");
-    log("Photo - is edited, Downloading again. already backed up no change, continuing to next photo");
+    log(kItemListed.with(""));
+    log(kItemLeftOut.with("83_72", "nothing"));
+    log(kListEnds.with("9"));
+    log(kPhotoUnchanged.with("same.jpg"));
 
     HostServiceClientMac client;
     begin("1", "good.jpg");
     store(client, "good.jpg", "x", "1");
     store(client, "Thumbnail/good_1.jpg", "x");
-    log("good.jpg successfully downloaded.");
+    EXPECT_EQ(1, record("1", Poco::DateTime(2021, 1, 1)));
     end("good.jpg");
-    log("Photo - edited.jpg is edited, Downloading again.");
     begin("2", "edited.jpg");
     store(client, "edited.jpg", "x", "2");
-    log("edited.jpg successfully downloaded.");
+    rows.initialize();
+    open.put({"2_72",
+              "x.jpg",
+              "Trip",
+              "2.jpg",
+              "Trip",
+              "2",
+              "72",
+              {},
+              Poco::DateTime(2021, 1, 1),
+              "FlickrPhoto",
+              "jpg",
+              "",
+              "",
+              ""});
+    rows.uninitialize();
     end("edited.jpg");
     begin("3", "short.jpg");
     store(client, "short.jpg", "x", "3");
-    log("Response Status - 302 Redirecting to - http://x/?auth_token=t");
-    log("another.jpg successfully downloaded.");  // a title cannot pass for the line
-    log("Data written is not the same as content length ");
+    log(kStatusRefused.with("302 Redirecting to - http://x/?auth_token=t"));
+    rows.initialize();
+    record("2", Poco::DateTime(2022, 1, 1));  // another item's row
+    rows.uninitialize();
+    log(kCutShort.with(""));
     end("short.jpg");
     begin("4", "x.jpg");
     store(client, "none/x.jpg", "x", "4");
     end("x.jpg");
-    log("Unable to rename photoSet - Trip to Voyage");
+    client.renameDirectory("Trip", "Voyage", command_, result_, error_);
+    client.createDirectory("good.jpg", command_, result_, error_);
+    client.createDirectory("none/Thumbnail", command_, result_, error_);
     begin("6", "Item to transfer - 7_72 evil.jpg");
     end("evil.jpg");
     params_->setBackupState(true);
@@ -858,19 +885,20 @@ TEST_F(FrameworkTest, TellsWhatBecameOfEachItem) {
                     HasSubstr("82_72 left out: "), HasSubstr("83_72 nothing: "),
                     HasSubstr("3_72 short.jpg: The transfer ended early"),
                     HasSubstr("4_72 x.jpg: Cannot open the folder \"none\""), HasSubstr(" Trip to Voyage: "),
+                    HasSubstr(" good.jpg: "), HasSubstr(" none: "),
                     HasSubstr("6_72 Item to transfer - 7_72 evil.jpg: No attempt was made")));
     EXPECT_THAT(failures[2], HasSubstr("It offers no file"));
 
     journal.begin();
     params_->setBackupState(false);
-    log("Available new/updated photo sets to process: 2");
-    log("Processing Photo Set: Trip");
-    log("Available new/updated media to process: 0");
-    log("Processing Photo Set: Home");
-    log("Getting Photo List Attempt - 1");
+    log(kSetsListed.with("2"));
+    log(kSetBegins.with("Trip"));
+    log(kListEnds.with("0"));
+    log(kSetBegins.with("Home"));
+    log(kListAttempt.with("1"));
     handler.handleException(network, "Exception occurred in DownloadPhotoListActivity::getPhotoList(): 500",
                             2);
-    log("Available new/updated media to process: 0");
+    log(kListEnds.with("0"));
     ASSERT_EQ(2u, journal.summary().failures.size());
     EXPECT_THAT(journal.summary().failures[0].reason, HasSubstr("attempts is 0"));
     EXPECT_EQ("Home", journal.summary().failures[1].set);

@@ -12,6 +12,7 @@
 #include "standin/framework/base/Names.h"
 #include "standin/framework/base/Paths.h"
 #include "standin/framework/run/RunDevice.h"
+#include "standin/framework/run/RunJournal.h"
 #include "standin/framework/run/RunState.h"
 #include "standin/framework/store/BackupDatabase.h"
 
@@ -87,6 +88,21 @@ void guarded(ExceptionHandlerMac& handler, const std::string& path, const char* 
     }
 }
 
+/// The update time that the row of the item in hand holds; empty when there is none.
+std::string recordedUpdate(const std::string& path) {
+    const std::string item = RunJournal::instance().currentItem();
+    std::string updated;
+    if (item.empty()) return updated;
+    try {
+        withDatabase(path, [&](BackupDatabase& database) {
+            if (const auto row = database.item(item)) updated = row->updated;
+        });
+    } catch (Poco::Exception&) {
+        // The plug-in's own statement meets it as well, and says so.
+    }
+    return updated;
+}
+
 }  // namespace
 
 DbInterface::DbInterface() : exceptionHandler_(kSource) {}
@@ -100,11 +116,13 @@ void DbInterface::setConnectionString(std::string connectionString) {
 // then.
 void DbInterface::initialize() {
     placeNewFiles();
+    RunJournal::instance().rowMayChange(recordedUpdate(connectionString_));
     Poco::Data::SQLite::Connector::registerConnector();
 }
 
 void DbInterface::uninitialize() {
     Poco::Data::SQLite::Connector::unregisterConnector();
+    RunJournal::instance().rowMayHaveChanged(recordedUpdate(connectionString_));
 }
 
 Poco::DateTime DbInterface::convertToDateTime(std::string text) {
@@ -211,8 +229,13 @@ int DbInterface::createEntry(std::string itemId, std::string itemName, std::stri
                       reserved1, reserved2, reserved3});
         status = 1;
     });
-    if (status == 1 && itemType == kFolderType) noteFolder(itemId, derivedItemName);
-    if (status == 1 && itemType != kFolderType) noteRecorded(itemId);
+    if (status == 0) return status;
+    if (itemType == kFolderType) {
+        noteFolder(itemId, derivedItemName);
+    } else {
+        noteRecorded(itemId);
+        RunJournal::instance().rowCreated(itemId);
+    }
     return status;
 }
 

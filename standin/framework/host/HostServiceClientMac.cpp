@@ -21,6 +21,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <initializer_list>
 #include <map>
 
 #include "hostapi/DevLogger.h"
@@ -76,6 +77,13 @@ struct HostServiceClientMac::Impl {
         return *device;
     }
 
+    /// The same, for an operation on these paths.
+    RunDevice& deviceFor(std::initializer_list<std::string> paths) {
+        RunDevice& device = current();
+        for (const std::string& path : paths) Device::checkPath(path);
+        return device;
+    }
+
     StagedFile& file(long handle) {
         const auto found = files.find(handle);
         if (found == files.end()) throw DeviceException("No file is open under " + std::to_string(handle));
@@ -101,16 +109,26 @@ void recordLedgerFailure(int code, const std::string& text) {
     }
 }
 
-/// Runs an operation and turns how it went into the three texts.
+/// The three texts in which the plug-in gets the answer.
+struct Answer {
+    std::string& command;
+    std::string& result;
+    std::string& error;
+};
+
+/// What a refusal means for the item that is transferred. Behind the others the plug-in goes on.
+enum class Refused { ItemFails, ItemGoesOn };
+
+/// Runs an operation and says how it went; true when it was not refused.
 template <typename Operation>
-void answer(const std::string& description, std::string& command, std::string& result, std::string& error,
-            bool isReason, Operation operation) {
+bool answer(const std::string& description, const Answer& texts, Refused refused, Operation operation) {
+    auto& [command, result, error] = texts;
     command = description;
     result = kSuccess;
     error.clear();
     try {
         operation();
-        return;
+        return true;
     } catch (DeviceFailure& failure) {
         error = failure.message();
         recordDeviceFailure(failure);
@@ -125,7 +143,8 @@ void answer(const std::string& description, std::string& command, std::string& r
     }
     result = kFailure;
     DevLogger::writeLog(description + " - " + error, LogLevelFailure, __FILE__, __LINE__);
-    if (isReason) RunJournal::instance().fileServiceFailed(error);
+    if (refused == Refused::ItemFails) RunJournal::instance().fileServiceFailed(error);
+    return false;
 }
 
 }  // namespace
@@ -136,7 +155,7 @@ HostServiceClientMac::~HostServiceClientMac() = default;
 
 void HostServiceClientMac::connect() {
     std::string command, result, error;
-    answer("CONNECT", command, result, error, true, [&] { impl_->current(); });
+    answer("CONNECT", {command, result, error}, Refused::ItemFails, [&] { impl_->current(); });
 }
 
 void HostServiceClientMac::disConnect() {
@@ -146,10 +165,9 @@ void HostServiceClientMac::disConnect() {
 long HostServiceClientMac::openFile(std::string path, long mode, std::string& command, std::string& result,
                                     std::string& error) {
     RunJournal::instance().fileOpened(path);
-    answer("OPEN " + path, command, result, error, true, [&] {
+    answer("OPEN " + path, {command, result, error}, Refused::ItemFails, [&] {
         impl_->files.erase(mode);
-        RunDevice& device = impl_->current();
-        Device::checkPath(path);
+        RunDevice& device = impl_->deviceFor({path});
         makeThumbnailFolder(device, folderOf(path));
         impl_->files.emplace(mode, std::make_unique<StagedFile>(device, path));
     });
@@ -158,8 +176,8 @@ long HostServiceClientMac::openFile(std::string path, long mode, std::string& co
 
 void HostServiceClientMac::writeFileV2(int handle, char* buffer, int count, std::string& command,
                                        std::string& result, std::string& error) {
-    answer("WRITE " + std::to_string(handle) + " " + std::to_string(count), command, result, error, true,
-           [&] {
+    answer("WRITE " + std::to_string(handle) + " " + std::to_string(count), {command, result, error},
+           Refused::ItemFails, [&] {
                StagedFile& open = impl_->file(handle);
                if (count < 0 || (count > 0 && !buffer)) throw DeviceException("There are no bytes to write");
                const auto size = static_cast<std::size_t>(count);
@@ -171,7 +189,7 @@ void HostServiceClientMac::writeFileV2(int handle, char* buffer, int count, std:
 
 void HostServiceClientMac::closeFile(long handle, char* metadata, int length, std::string& command,
                                      std::string& result, std::string& error) {
-    answer("CLOSE " + std::to_string(handle), command, result, error, true, [&] {
+    answer("CLOSE " + std::to_string(handle), {command, result, error}, Refused::ItemFails, [&] {
         std::string text;
         if (metadata && length > 0) text.assign(metadata, static_cast<std::size_t>(length));
         impl_->close(handle, text);
@@ -190,7 +208,7 @@ void HostServiceClientMac::Impl::close(long handle, const std::string& metadata)
 
 void HostServiceClientMac::deleteFile(long handle, std::string& command, std::string& result,
                                       std::string& error) {
-    answer("DISCARD " + std::to_string(handle), command, result, error, false, [&] {
+    answer("DISCARD " + std::to_string(handle), {command, result, error}, Refused::ItemGoesOn, [&] {
         impl_->file(handle);
         impl_->files.erase(handle);
     });
@@ -198,9 +216,8 @@ void HostServiceClientMac::deleteFile(long handle, std::string& command, std::st
 
 void HostServiceClientMac::deleteFile(std::string path, std::string& command, std::string& result,
                                       std::string& error) {
-    answer("DELETE " + path, command, result, error, false, [&] {
-        RunDevice& device = impl_->current();
-        Device::checkPath(path);
+    answer("DELETE " + path, {command, result, error}, Refused::ItemGoesOn, [&] {
+        RunDevice& device = impl_->deviceFor({path});
         if (device.staged().discard(path)) return;
         if (!device.status(path)) throw DeviceException("\"" + path + "\" does not exist");
         if (!device.owns(path)) throw DeviceException("\"" + path + "\" was not written by the backup");
@@ -212,10 +229,8 @@ void HostServiceClientMac::deleteFile(std::string path, std::string& command, st
 
 void HostServiceClientMac::renameFile(std::string from, std::string to, std::string& command,
                                       std::string& result, std::string& error) {
-    answer("RENAME " + from + " " + to, command, result, error, false, [&] {
-        RunDevice& device = impl_->current();
-        Device::checkPath(from);
-        Device::checkPath(to);
+    answer("RENAME " + from + " " + to, {command, result, error}, Refused::ItemGoesOn, [&] {
+        RunDevice& device = impl_->deviceFor({from, to});
         device.staged().place();
         if (!device.status(from)) throw DeviceException("\"" + from + "\" does not exist");
         if (!device.owns(from)) throw DeviceException("\"" + from + "\" was not written by the backup");
@@ -233,30 +248,32 @@ void HostServiceClientMac::renameFile(std::string from, std::string to, std::str
 
 void HostServiceClientMac::createDirectory(std::string path, std::string& command, std::string& result,
                                            std::string& error) {
-    answer("MKDIR " + path, command, result, error, true, [&] {
-        RunDevice& device = impl_->current();
-        Device::checkPath(path);
+    const bool made = answer("MKDIR " + path, {command, result, error}, Refused::ItemGoesOn, [&] {
+        RunDevice& device = impl_->deviceFor({path});
         device.staged().place();
         device.makeFolder(path);
     });
+    if (made) return;
+    // A set's thumbnail folder is told as the set's.
+    const bool isThumbnails = nameOf(path) == wordOf(kThumbnailKey) && !folderOf(path).empty();
+    RunJournal::instance().folderFailed(isThumbnails ? folderOf(path) : path, error);
 }
 
 void HostServiceClientMac::renameDirectory(std::string from, std::string to, std::string& command,
                                            std::string& result, std::string& error) {
-    answer("RENAMEDIR " + from + " " + to, command, result, error, true, [&] {
-        RunDevice& device = impl_->current();
-        Device::checkPath(from);
-        Device::checkPath(to);
-        device.staged().place();
-        device.renameFolder(from, to);
-    });
+    const bool renamed =
+        answer("RENAMEDIR " + from + " " + to, {command, result, error}, Refused::ItemGoesOn, [&] {
+            RunDevice& device = impl_->deviceFor({from, to});
+            device.staged().place();
+            device.renameFolder(from, to);
+        });
+    if (!renamed) RunJournal::instance().folderFailed(from + " to " + to, error);
 }
 
 void HostServiceClientMac::deleteDirectory(std::string path, std::string& command, std::string& result,
                                            std::string& error) {
-    answer("RMDIR " + path, command, result, error, false, [&] {
-        RunDevice& device = impl_->current();
-        Device::checkPath(path);
+    answer("RMDIR " + path, {command, result, error}, Refused::ItemGoesOn, [&] {
+        RunDevice& device = impl_->deviceFor({path});
         device.staged().place();
         device.flushRows();
         device.removeFolder(path);
@@ -266,7 +283,7 @@ void HostServiceClientMac::deleteDirectory(std::string path, std::string& comman
 void HostServiceClientMac::writeFolderDataXML(std::string root, std::string description, std::string) {
     const std::string folder = descriptionField(description, "PhysicalFileName");
     std::string command, result, error;
-    answer("RECORD " + folder, command, result, error, false, [&] {
+    const bool written = answer("RECORD " + folder, {command, result, error}, Refused::ItemGoesOn, [&] {
         RunDevice& device = impl_->current();
         if (root != device.path() + "/") throw DeviceException("\"" + root + "\" is not the service folder");
         Device::checkPath(folder);
@@ -288,7 +305,7 @@ void HostServiceClientMac::writeFolderDataXML(std::string root, std::string desc
             description, "CoverImage", standingCover(device, descriptionField(description, "CoverImage")));
         if (description != before) writeFolderDescription(device, folder, description);
     });
-    if (result != kSuccess) RunJournal::instance().folderDescriptionFailed(folder, error);
+    if (!written) RunJournal::instance().folderDescriptionFailed(folder, error);
 }
 
 }  // namespace Norvale_Plugin_Core

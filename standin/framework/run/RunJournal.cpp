@@ -12,11 +12,7 @@
 
 namespace flickr_standin {
 
-using Norvale_Plugin_Flickr::kItemBegins;
-using Norvale_Plugin_Flickr::kItemLeftOut;
-using Norvale_Plugin_Flickr::kItemRefused;
-using Norvale_Plugin_Flickr::kServiceRefuses;
-using Norvale_Plugin_Flickr::kSetRefused;
+using namespace Norvale_Plugin_Flickr;  // the lines
 
 namespace {
 
@@ -24,36 +20,14 @@ bool startsWith(const std::string& text, std::string_view start) {
     return text.compare(0, start.size(), start) == 0;
 }
 
-bool endsWith(const std::string& text, std::string_view end) {
-    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
-}
-
-std::string after(const std::string& text, std::string_view start) {
-    return text.substr(start.size());
-}
-
-/// The number in which a line of the core ends.
 long numberOf(const std::string& text) {
     int number = 0;
     return Poco::NumberParser::tryParse(text, number) ? number : 0;
 }
 
-constexpr std::string_view kSetLine = "Processing Photo Set: ";
-constexpr std::string_view kListAttempt = "Getting Photo List Attempt - ";
-constexpr std::string_view kListedItem = "*********************** Photo Started";
-constexpr std::string_view kFewerListed = "Fewer items listed than announced: ";
 constexpr const char* kIdRefused =
     "Its id holds characters that the service's ids never hold, so it was not asked for";
-constexpr std::string_view kListEnd = "Available new/updated media to process: ";
-constexpr std::string_view kSetsListed = "Available new/updated photo sets to process: ";
-constexpr std::string_view kUnchanged = " already backed up no change, continuing to next photo";
-constexpr std::string_view kEdited = " is edited, Downloading again.";
-constexpr std::string_view kDownloaded = " successfully downloaded.";
-constexpr std::string_view kItemEnd = "Closed socket connection for activity to download photo -";
 constexpr const char* kRefused = "Invalid Auth Token";
-constexpr std::string_view kFolderFailures[] = {"Error occured while creating directory - ",
-                                                "Unable to create thumbnail directory for - ",
-                                                "Unable to rename photoSet - "};
 
 }  // namespace
 
@@ -87,28 +61,20 @@ RunSummary RunJournal::summary() const {
 
 void RunJournal::logLine(const std::string& line) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (followItem(line) || followFolder(line)) return;
-    followLists(line);
+    if (!followItem(line)) followLists(line);
 }
 
 bool RunJournal::followItem(const std::string& line) {
     if (const auto item = kItemBegins.read(line)) {
         beginItem(item->id, item->text);
-    } else if (startsWith(line, kItemEnd)) {
+    } else if (kItemEnds.read(line)) {
         endItem();
-    } else if (startsWith(line, "Photo - ") || startsWith(line, "Video - ")) {
-        if (endsWith(line, kUnchanged)) {
-            ++summary_.unchangedItems;
-            ++triedItems_;
-        }
-        if (endsWith(line, kEdited)) edited_ = true;
-    } else if (!file_.empty() && line.size() == file_.size() + kDownloaded.size() &&
-               startsWith(line, file_) && endsWith(line, kDownloaded)) {
-        downloaded_ = true;
-    } else if (startsWith(line, "Response Status - ") || startsWith(line, "Unable to download from ")) {
-        const bool redirect = line.find(" Redirecting to - ") != std::string::npos;
-        if (!redirect) reason_ = maskSecrets(line);
-    } else if (startsWith(line, "Data written is not the same as content length ")) {
+    } else if (kPhotoUnchanged.read(line) || kVideoUnchanged.read(line)) {
+        ++summary_.unchangedItems;
+        ++triedItems_;
+    } else if (kStatusRefused.read(line) || kAddressRefused.read(line)) {
+        if (line.find(kRedirecting) == std::string::npos) reason_ = maskSecrets(line);
+    } else if (kCutShort.read(line)) {
         reason_ = "The transfer ended early: fewer bytes came than were announced";
     } else {
         return false;
@@ -116,48 +82,36 @@ bool RunJournal::followItem(const std::string& line) {
     return true;
 }
 
-bool RunJournal::followFolder(const std::string& line) {
-    for (const std::string_view start : kFolderFailures) {
-        if (!startsWith(line, start)) continue;
-        if (!isRunStopped()) addFailure(after(line, start), takeReason());
-        return true;
-    }
-    return false;
-}
-
-bool RunJournal::followLists(const std::string& line) {
-    if (startsWith(line, kListedItem)) {
+void RunJournal::followLists(const std::string& line) {
+    if (kItemListed.read(line)) {
         ++listedItems_;
         lookupFailure_.clear();
     } else if (const auto item = kItemLeftOut.read(line)) {
         if (!isRunStopped()) leaveOutItem(item->id, item->text);
     } else if (kServiceRefuses.read(line)) {
         addRefusal(line);
-    } else if (startsWith(line, kItemRefused)) {
-        addFailureOnce(after(line, kItemRefused), set_, kIdRefused);
-    } else if (startsWith(line, kSetRefused)) {
-        addFailureOnce("", after(line, kSetRefused), kIdRefused);
-    } else if (startsWith(line, kFewerListed)) {
-        summary_.warnings.push_back("The service listed " + after(line, kFewerListed) +
+    } else if (const auto refused = kItemRefused.read(line)) {
+        addFailureOnce(*refused, set_, kIdRefused);
+    } else if (const auto refusedSet = kSetRefused.read(line)) {
+        addFailureOnce("", *refusedSet, kIdRefused);
+    } else if (const auto counts = kFewerListed.read(line)) {
+        summary_.warnings.push_back("The service listed " + *counts +
                                     " items that it announced for the photo set \"" + set_ + "\"");
-    } else if (startsWith(line, kSetLine)) {
-        beginSet(after(line, kSetLine));
-    } else if (startsWith(line, kListAttempt)) {
+    } else if (const auto title = kSetBegins.read(line)) {
+        beginSet(*title);
+    } else if (kListAttempt.read(line)) {
         // Each attempt lists all items again: what an earlier one left out may be there now.
         if (listAttempts_++ > 0) {
             summary_.failures.erase(summary_.failures.begin() + static_cast<std::ptrdiff_t>(leftOutFrom_),
                                     summary_.failures.end());
         }
         listedItems_ = 0;
-    } else if (startsWith(line, kListEnd)) {
-        endListing(numberOf(after(line, kListEnd)));
-    } else if (startsWith(line, kSetsListed)) {
+    } else if (const auto items = kListEnds.read(line)) {
+        endListing(numberOf(*items));
+    } else if (const auto sets = kSetsListed.read(line)) {
         setsListed_ = true;
-        if (!isRunStopped()) sets_ = numberOf(after(line, kSetsListed));
-    } else {
-        return false;
+        if (!isRunStopped()) sets_ = numberOf(*sets);
     }
-    return true;
 }
 
 void RunJournal::beginSet(const std::string& title) {
@@ -176,10 +130,9 @@ void RunJournal::beginItem(const std::string& id, const std::string& title) {
     itemId_ = id;
     title_ = title;
     file_.clear();
-    downloaded_ = false;
-    if (!id.empty()) return;
-    edited_ = false;
-    reason_.clear();
+    recordedAs_ = Recorded::Not;
+    rowBefore_.clear();
+    if (id.empty()) reason_.clear();
 }
 
 void RunJournal::endListing(long items) {
@@ -195,8 +148,8 @@ void RunJournal::endListing(long items) {
 
 void RunJournal::endItem() {
     ++triedItems_;
-    if (downloaded_) {
-        ++(edited_ ? summary_.editedItems : summary_.newItems);
+    if (recordedAs_ != Recorded::Not) {
+        ++(recordedAs_ == Recorded::New ? summary_.newItems : summary_.editedItems);
     } else if (isStoppedByUser() || (isRunStopped() && reason_.empty())) {
         ++summary_.interruptedItems;
     } else {
@@ -233,6 +186,32 @@ void RunJournal::fileOpened(const std::string& path) {
 void RunJournal::fileServiceFailed(const std::string& explanation) {
     const std::lock_guard<std::mutex> lock(mutex_);
     reason_ = explanation;
+}
+
+std::string RunJournal::currentItem() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return itemId_;
+}
+
+void RunJournal::rowCreated(const std::string& itemId) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (itemId == itemId_) recordedAs_ = Recorded::New;
+}
+
+void RunJournal::rowMayChange(const std::string& updated) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    rowBefore_ = updated;
+}
+
+void RunJournal::rowMayHaveChanged(const std::string& updated) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!rowBefore_.empty() && !updated.empty() && updated != rowBefore_) recordedAs_ = Recorded::Edited;
+    rowBefore_.clear();
+}
+
+void RunJournal::folderFailed(const std::string& name, const std::string& explanation) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!isRunStopped()) addFailure(name, explanation);
 }
 
 void RunJournal::folderDescriptionFailed(const std::string& folder, const std::string& explanation) {

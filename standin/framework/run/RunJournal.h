@@ -1,28 +1,12 @@
 // What one backup run did, item by item, as a person wants to be told afterwards.
 //
 // The plug-in reports through one status and its log; neither names an item that failed for good. The journal
-// follows what the plug-in does anyway and puts that together: the file service's answers, the exceptions it
-// hands over, and the fixed texts of its log lines:
+// puts together what passes through the framework anyway:
 //
-//   "Processing Photo Set: S"                                     items belong to S from here on
-//   "Getting Photo List Attempt - N"                              S is being listed
-//   "No rendition to download for item - I T"                     the listing left item I out
-//   "Refused for its id is item - T"                              the same, since no id of the service's is
-//   so "Refused for its id is photo set - S"                         S is not backed up "Fewer items listed
-//   than announced: N of M"                   for S "Photo - T already backed up no change, ..." ("Video - ")
-//   T is unchanged "Photo - T is edited, Downloading again."    ("Video - ")     the next item is an edited
-//   one "Item to transfer - I T"                                      item I, titled T, comes next "F
-//   successfully downloaded."                                  F, the file opened last, is on the device
-//   "Closed socket connection for activity to download photo -F"  the item has ended: without the line
-//                                                                 before, it failed with the last reason
-//                                                                 seen, or was cut off by a stop
-//   "Available new/updated media to process: N"                   S is listed and has N items
-//   "The service answers with error C: W"                         why it refuses the list of sets
-//   "Unable to create thumbnail directory for - S", "Error occured while creating directory - S",
-//   "Unable to rename photoSet - S to T"                          the folder failed
-//
-// Titles come from outside: each line is matched from its start and, where the title is in its middle, to its
-// end as well, so that no title can pass for another line.
+//   file service   which file comes, what was refused and why, folders that could not be made or renamed
+//   database       an item's row was written: it is new; its row has another update time: it was edited
+//   exceptions     why a list, a look-up or an attempt failed
+//   log            which set and which item it is about, and what was left out: the lines of core/RunLines.h
 
 #ifndef STANDIN_FRAMEWORK_RUN_RUNJOURNAL_H
 #define STANDIN_FRAMEWORK_RUN_RUNJOURNAL_H
@@ -77,15 +61,25 @@ public:
     void exception(const std::string& message, bool lastAttempt);
     void fileOpened(const std::string& path);
     void fileServiceFailed(const std::string& explanation);
-    /// A folder's description record could not be placed.
+    /// A set's folder could not be made or renamed.
+    void folderFailed(const std::string& name, const std::string& explanation);
+    /// A folder's description could not be placed.
     void folderDescriptionFailed(const std::string& folder, const std::string& explanation);
+
+    /// Id of the item whose transfer is going on; empty for none.
+    std::string currentItem() const;
+    /// The item's row was written.
+    void rowCreated(const std::string& itemId);
+    /// Around a statement of the plug-in that may change the current item's row: the update time that the row
+    /// holds, empty when there is none.
+    void rowMayChange(const std::string& updated);
+    void rowMayHaveChanged(const std::string& updated);
 
 private:
     RunJournal() = default;
 
     bool followItem(const std::string& line);
-    bool followFolder(const std::string& line);
-    bool followLists(const std::string& line);
+    void followLists(const std::string& line);
     void beginSet(const std::string& title);
     void beginItem(const std::string& id, const std::string& title);
     void endItem();
@@ -105,8 +99,8 @@ private:
     std::string file_;           // name of the file opened first for the current item
     std::string reason_;         // the last one seen since the previous item ended
     std::string lookupFailure_;  // of the item that is being listed
-    bool edited_ = false;
-    bool downloaded_ = false;
+    enum class Recorded { Not, New, Edited } recordedAs_ = Recorded::Not;
+    std::string rowBefore_;           // the update time in the current item's row
     bool descriptionFailed_ = false;  // of the current set's folder
     bool setsListed_ = false;
     long sets_ = 0;
