@@ -311,6 +311,21 @@ TEST_F(CommandTest, StopsOnASignalAndGoesOnNextTime) {
 }
 
 #if !defined(__SANITIZE_ADDRESS__)  // whose runtime wants to be loaded first
+TEST_F(CommandTest, TellsInOneSentenceWhyAnItemsFilesDoNotGetTheirNames) {
+    account_.addItem("", photo("one"));
+    configure();
+    const std::pair<const char*, std::string> fault[] = {
+        {"LD_PRELOAD", FAULTFS},       {"FAULT_UNDER", device()}, {"FAULT_CALLS", "fsync"},
+        {"FAULT_PATH", "Items/.part"}, {"FAULT_AT", "1"},         {"FAULT_HOW", "13"}};
+    for (const auto& [name, value] : fault) ::setenv(name, value.c_str(), 1);
+    const pid_t child = start(runArguments());
+    for (const auto& setting : fault) ::unsetenv(setting.first);
+    EXPECT_EQ(finish(child), 1);
+    EXPECT_THAT(out_, HasSubstr(": Cannot write \"one.jpg\": Permission denied\n"));
+    EXPECT_THAT(out_, Not(HasSubstr("Exception")));
+    EXPECT_EQ(runJson(0)->getValue<int>("new"), 1);
+}
+
 TEST_F(CommandTest, AStopBehindTheRunCountsToo) {
     account_.addItem("", photo("one"));
     configure();

@@ -17,7 +17,7 @@ void ExceptionHandlerMac::handleException(Poco::Exception& exception, std::strin
     DevLogger::writeLog(source_ + ": " + message, LogLevelFailure, __FILE__, __LINE__);
 
     const bool lastAttempt = value >= retryAttempts();
-    RunJournal::instance().exception(message, lastAttempt);
+    if (RunJournal::instance().exception(message, lastAttempt) == RunJournal::Told::Already) return;
     if (dynamic_cast<CSConfigException*>(&exception)) {
         recordCatastrophe(runErrorOf(exception), message);
     } else if (lastAttempt) {

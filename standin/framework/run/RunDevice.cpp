@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "standin/framework/base/Localisation.h"
+#include "standin/framework/run/RunJournal.h"
 #include "standin/framework/run/RunState.h"
 
 namespace flickr_standin {
@@ -88,8 +89,10 @@ void placeNewFiles() {
     if (!device) return;
     try {
         device->staged().place();
-    } catch (DeviceFailure& failure) {
-        recordDeviceFailure(failure);
+    } catch (DeviceException& exception) {
+        const auto* failure = dynamic_cast<const DeviceFailure*>(&exception);
+        if (failure) recordDeviceFailure(*failure);
+        RunJournal::instance().fileServiceFailed(exception.message());
         throw;
     }
 }

@@ -158,7 +158,7 @@ void RunJournal::endItem() {
     beginItem("", "");
 }
 
-void RunJournal::exception(const std::string& message, bool lastAttempt) {
+RunJournal::Told RunJournal::exception(const std::string& message, bool lastAttempt) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const std::string text = maskSecrets(message);
     if (startsWith(message, "Exception occurred in getPhotoInformation()")) {
@@ -171,11 +171,15 @@ void RunJournal::exception(const std::string& message, bool lastAttempt) {
         endItem();
     } else if (startsWith(message, "Exception occurred in Media Download Activity")) {
         reason_ = text;
+    } else if (!reason_.empty() && text.find(reason_) != std::string::npos) {
+        // A row for which the file service could not put the files in place, and said why.
+        return Told::Already;
     } else if (lastAttempt) {
         // The list of sets, the database, a refused authorisation.
         reason_ = text;
         addError(text);
     }
+    return Told::Now;
 }
 
 void RunJournal::fileOpened(const std::string& path) {

@@ -57,8 +57,10 @@ public:
 
     // What the framework's parts report.
     void logLine(const std::string& message);
+    /// Whether a failure is news to the journal, or the file service has told it already in its own words.
+    enum class Told { Now, Already };
     /// lastAttempt: nothing more is tried for what failed.
-    void exception(const std::string& message, bool lastAttempt);
+    Told exception(const std::string& message, bool lastAttempt);
     void fileOpened(const std::string& path);
     void fileServiceFailed(const std::string& explanation);
     /// A set's folder could not be made or renamed.
