@@ -86,7 +86,7 @@ void BundleHost::recover() {
         flickr_standin::recoverBackup(*database, serviceFolder(), "Thumbnail");
 }
 
-std::string BundleHost::libraryProblem(const std::string& culture) {
+std::string BundleHost::backupProblem(const std::string& culture) {
     std::map<std::string, std::string> media;  // path by id in the database
     database->forEachItem([&](const flickr_standin::ItemRow& row) { media[row.id] = row.mediaPath; });
 

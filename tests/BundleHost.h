@@ -30,7 +30,7 @@ public:
 
     /// What is wrong with the library: an item of the account that is not there exactly once and with its
     /// bytes, a file too many. Empty when nothing is.
-    std::string libraryProblem(const std::string& culture = "en");
+    std::string backupProblem(const std::string& culture = "en");
 
     /// As the application does before a run, after one, and before one begins again.
     void recover();

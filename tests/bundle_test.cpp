@@ -87,7 +87,7 @@ TEST_F(BundleTest, BacksUpAndHasNothingToDoNextTime) {
         EXPECT_EQ(outcome.items, 13);
         EXPECT_EQ(items_, 13);
         EXPECT_GT(bytes_, 0);
-        EXPECT_EQ(host_.libraryProblem(culture), "");
+        EXPECT_EQ(host_.backupProblem(culture), "");
 
         host_.sim.clearLog();
         outcome = run();
@@ -157,7 +157,7 @@ TEST_F(BundleTest, StopAndPause) {
     // The stop and the pause cut one item off each; behind its file and before its thumbnail it has been
     // counted, and comes again all the same.
     EXPECT_LE(host_.sim.counts().media, 13 - first + 2) << "more than what was cut off came twice";
-    EXPECT_EQ(host_.libraryProblem(), "");
+    EXPECT_EQ(host_.backupProblem(), "");
 
     // Stopped while it rests.
     for (const auto& set : host_.account.sets()) {
@@ -172,7 +172,7 @@ TEST_F(BundleTest, StopAndPause) {
     stop_ = pause_ = false;
     host_.recover();
     EXPECT_EQ(run().status, 1);
-    EXPECT_EQ(host_.libraryProblem(), "");
+    EXPECT_EQ(host_.backupProblem(), "");
 }
 
 TEST_F(BundleTest, AListenerThatThrowsEndsTheRunFirst) {
@@ -186,7 +186,7 @@ TEST_F(BundleTest, AListenerThatThrowsEndsTheRunFirst) {
     failing_ = pause_ = false;
     host_.recover();
     EXPECT_EQ(run().status, 1);
-    EXPECT_EQ(host_.libraryProblem(), "");
+    EXPECT_EQ(host_.backupProblem(), "");
 }
 
 }  // namespace

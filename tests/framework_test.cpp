@@ -362,9 +362,10 @@ TEST_F(FrameworkTest, ReadsKeywordsFromPairsAndFromCultures) {
         const std::string folder = params_->getValue("FlickrKey");
         EXPECT_EQ(folder, localisedServiceFolderName(culture));
         EXPECT_EQ(folder, Utils().NormalizeString(folder));
-        params_->setKeywords(keywordsForCulture(culture));
+        const std::string word = localisedKeyword(culture, kThumbnailKey);
+        params_->setKeywords("FlickrKey=" + folder + "||ThumbnailKey=" + word + "||");
         EXPECT_EQ(folder, params_->getValue("FlickrKey"));
-        EXPECT_EQ(localisedKeyword(culture, kThumbnailKey), params_->getValue("ThumbnailKey"));
+        EXPECT_EQ(word, params_->getValue("ThumbnailKey"));
     }
     EXPECT_EQ(localisedKeyword("de", "ThumbnailKey"), localisedKeyword("de-AT", "ThumbnailKey"));
     EXPECT_EQ("Thumbnail", localisedKeyword("xx", "ThumbnailKey"));

@@ -173,7 +173,7 @@ int main(int argc, char** argv) {
     for (; done < sequences && problem.empty(); ++done) problem = stress.sequence(done + 1 == sequences);
     if (problem.empty()) {
         host.recover();
-        problem = host.libraryProblem();
+        problem = host.backupProblem();
     }
     std::printf("%ld backups, %ld pauses, %ld stopped, %zu items, %lu downloads\n%s", done, stress.pauses(),
                 stress.stopped(), host.account.items(host.account.sets()[0].id).size(),

@@ -22,8 +22,8 @@ std::string take(char* text) {
     return text == nullptr ? std::string() : std::string(text);
 }
 
-/// Between the listener and the Objective-C half, through which no exception of C++ is to pass: the first one
-/// is kept until the run, which it stops, has ended.
+/// Between the listener and the Objective-C half. No exception of C++ passes there: the first one is kept,
+/// stops the run, and is thrown when it has ended.
 class Relay {
 public:
     explicit Relay(RunListener& listener) : listener_(listener) {}

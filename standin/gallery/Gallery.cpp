@@ -24,7 +24,7 @@
 #include "standin/framework/device/DeviceFiles.h"
 #include "standin/framework/run/Upkeep.h"
 #include "standin/framework/store/BackupDatabase.h"
-#include "standin/gallery/Library.h"
+#include "standin/gallery/Catalogue.h"
 #include "standin/gallery/Page.h"
 
 namespace flickr_gallery {
@@ -201,7 +201,7 @@ private:
 
 class Gallery {
 public:
-    Gallery(Device& device, BackupDatabase* database) : library_(device, database), data_(device) {}
+    Gallery(Device& device, BackupDatabase* database) : catalogue_(device, database), data_(device) {}
 
     GalleryReport write(Reading reading) {
         const std::string page = data_.readPage();
@@ -213,7 +213,7 @@ public:
         readEarlier(page);
         GalleryReport report;
         std::vector<std::string> lines;
-        for (Set& set : library_.sets()) {
+        for (Set& set : catalogue_.sets()) {
             report.items += static_cast<long>(set.items.size());
             report.sets += set.id != kNoSetId;
             if (set.id == kNoSetId && set.items.empty()) continue;
@@ -288,7 +288,7 @@ private:
             if (line != known.end()) {
                 items.push_back(line->second);
             } else {
-                library_.complete(set, item);
+                catalogue_.complete(set, item);
                 items.push_back({item.taken, item.id, itemLine(item)});
             }
         }
@@ -355,7 +355,7 @@ private:
         return page;
     }
 
-    Library library_;
+    Catalogue catalogue_;
     DataFolder data_;
     std::map<std::string, Earlier> earlier_;
 };

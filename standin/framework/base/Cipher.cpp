@@ -47,14 +47,6 @@ int lengthOf(std::size_t length) {
     return static_cast<int>(length);
 }
 
-}  // namespace
-
-void wipe(std::string& text) {
-    text.resize(text.capacity());  // stays where it is
-    OPENSSL_cleanse(text.data(), text.size());
-    text.clear();
-}
-
 std::string deriveKey(const std::string& passPhrase, const std::string& salt) {
     const int rounds = passPhrase.empty() ? kRoundsWithoutPassPhrase : kRounds;
     std::string key(kKeyBytes, '\0');
@@ -63,6 +55,14 @@ std::string deriveKey(const std::string& passPhrase, const std::string& salt) {
                           rounds, EVP_sha256(), static_cast<int>(kKeyBytes), bytes(key)) == 1,
         "derive a key");
     return key;
+}
+
+}  // namespace
+
+void wipe(std::string& text) {
+    text.resize(text.capacity());  // stays where it is
+    OPENSSL_cleanse(text.data(), text.size());
+    text.clear();
 }
 
 Cipher::Cipher(const std::string& passPhrase, const std::string& salt) : key_(deriveKey(passPhrase, salt)) {}

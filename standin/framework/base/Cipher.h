@@ -21,13 +21,11 @@ namespace flickr_standin {
 /// Overwrites the memory of a text that was secret, and empties it.
 void wipe(std::string& text);
 
-/// The 32 bytes of the key for a pass phrase and a salt. Takes tens of milliseconds, on purpose. Throws
-/// Poco::Exception when the library cannot compute it.
-std::string deriveKey(const std::string& passPhrase, const std::string& salt);
-
 /// Seals and opens texts of any bytes with one key. Safe to use from several threads.
 class Cipher {
 public:
+    /// Takes tens of milliseconds, on purpose. Throws Poco::Exception when the library cannot compute the
+    /// key.
     Cipher(const std::string& passPhrase, const std::string& salt);
     /// Overwrites the key.
     ~Cipher();
@@ -41,7 +39,7 @@ public:
     /// changed since.
     std::string decrypt(const std::string& sealed) const;
 
-    /// As deriveKey() gives it.
+    /// The 32 bytes of the key.
     const std::string& key() const { return key_; }
 
 private:

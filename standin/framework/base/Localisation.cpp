@@ -118,13 +118,6 @@ std::vector<std::string> knownCultures() {
     return names;
 }
 
-std::string keywordsForCulture(const std::string& culture) {
-    const Words& words = languageOf(culture).words;
-    std::string text;
-    for (std::size_t i = 0; i < kKeywordCount; ++i) text += std::string(kKeys[i]) + "=" + words[i] + kPairEnd;
-    return text;
-}
-
 std::string localisedKeyword(const std::string& culture, const std::string& key) {
     const auto found = std::find(kKeys.begin(), kKeys.end(), key);
     if (found == kKeys.end()) return {};

@@ -17,11 +17,8 @@ constexpr const char* kThumbnailKey = "ThumbnailKey";
 /// The cultures for which there are words: "de", "en", "fr", "ja".
 std::vector<std::string> knownCultures();
 
-/// "key=value" pairs, each ended by "||", for a culture's name ("de", "de-AT", "de_AT.UTF-8"); English for
-/// one that is not known.
-std::string keywordsForCulture(const std::string& culture);
-
-/// The word of one key in a culture ("ThumbnailKey"); empty for a key that is not known.
+/// The word of one key in a culture, named like "de", "de-AT" or "de_AT.UTF-8"; English for one that is not
+/// known. Empty for a key that is not known.
 std::string localisedKeyword(const std::string& culture, const std::string& key);
 
 /// The service's folder below the application's folder on a device, in a culture: "My Flickr Items".
@@ -31,8 +28,8 @@ std::string localisedServiceFolderName(const std::string& culture);
 /// may change from one run to the next, and with that word for the thumbnail folders.
 NameKeys systemWords(const std::string& thumbnailWord);
 
-/// Reads a text that is either pairs as keywordsForCulture() writes them or the name of a culture. Keys that
-/// it does not give, or gives without a value, have their English words.
+/// Reads a text that is either "key=value" pairs, each ended by "||", or the name of a culture. Keys that it
+/// does not give, or gives without a value, have their English words.
 std::map<std::string, std::string> readKeywords(const std::string& text);
 
 }  // namespace flickr_standin

@@ -1,4 +1,5 @@
-// A thin layer over SQLite: connections and statements that release themselves and throw.
+// A thin layer over SQLite: connections and statements that release themselves and throw. POCO's sessions,
+// which the plug-in uses, prepare every statement anew, and cannot open a file untouched.
 
 #ifndef STANDIN_FRAMEWORK_BASE_SQLITE_H
 #define STANDIN_FRAMEWORK_BASE_SQLITE_H

@@ -13,6 +13,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// Longest text or blob in a row, in bytes.
+constexpr int kLongestValue = 4 << 20;
 // Steps of SQLite's machine between two looks at the stop flag: some tenths of a millisecond.
 constexpr int kSteps = 10000;
 // A statement that is under way when the stop comes is most often about to end.
@@ -76,16 +78,6 @@ int harden(sqlite3* database, char**, const void*) {
     return SQLITE_OK;
 }
 
-}  // namespace
-
-void observeSqlite(const SqliteObserver& wanted) {
-    observer = wanted;
-}
-
-bool isSqliteStopped() {
-    return observer.isStopped && observer.isStopped();
-}
-
 void guardSqlite() {
     static const bool done = [] {
         // SQLite's account of its memory takes a lock for every piece; nothing here asks for it. Too late
@@ -102,6 +94,16 @@ void guardSqlite() {
         return true;
     }();
     (void)done;
+}
+
+}  // namespace
+
+void observeSqlite(const SqliteObserver& wanted) {
+    observer = wanted;
+}
+
+bool isSqliteStopped() {
+    return observer.isStopped && observer.isStopped();
 }
 
 int openGuarded(const std::string& path, sqlite3** database, int flags) {

@@ -19,9 +19,6 @@
 
 namespace flickr_standin {
 
-/// Longest text or blob in a row, in bytes.
-constexpr int kLongestValue = 4 << 20;
-
 /// Who decides about the run that the databases are part of; either may be null.
 struct SqliteObserver {
     bool (*isStopped)();                            ///< statements and waits for locks end soon then
@@ -34,11 +31,9 @@ void observeSqlite(const SqliteObserver& wanted);
 /// What the observer says.
 bool isSqliteStopped();
 
-/// Sets the guard up, once for the process. Connections from before stay as they are.
-void guardSqlite();
-
-/// Opens a connection that the guard lets through whatever is admitted; a link anywhere in the path is
-/// refused. flags and the result as with sqlite3_open_v2.
+/// Sets the guard up, the first time, and opens a connection that the guard lets through whatever is
+/// admitted; a link anywhere in the path is refused. Connections from before stay as they are. flags and the
+/// result as with sqlite3_open_v2.
 int openGuarded(const std::string& path, sqlite3** database, int flags);
 
 /// While it lives sessions of the process can be opened under name, which leads to the file that stood at

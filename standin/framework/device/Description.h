@@ -22,7 +22,8 @@ namespace flickr_standin {
 constexpr const char* kDescriptionExtension = ".xml";
 constexpr const char* kFolderDescription = ".folder.xml";
 
-/// Writes a description field by field.
+/// Writes a description field by field. By hand, so that the same item gives the same bytes with any version
+/// of a library, and a field is found again without reading the whole as XML.
 class DescriptionWriter {
 public:
     /// root: "media" or "folder".

@@ -1,7 +1,8 @@
-// How the bytes of a file get to the device: gathered to large pieces, which a file system takes for hardly
-// more than a small one, and from some size on written by a thread of their own, so that the network does not
-// wait for the disk. What is written is sent to the disk while the file still grows, and at its end: the
-// flush does not wait for all of it.
+// How the bytes of a file get to the device.
+//
+// They are gathered to large pieces: a file system takes one for hardly more than a small one. In a large
+// file a thread writes them: the network does not wait for the disk. The disk begins with them while the file
+// still grows, and with the rest at its end: the flush is short then.
 
 #ifndef STANDIN_FRAMEWORK_DEVICE_FILEWRITER_H
 #define STANDIN_FRAMEWORK_DEVICE_FILEWRITER_H

@@ -8,7 +8,8 @@
 // unchanged item costs. So lines are gathered for up to a quarter of a second. A failure is written at once,
 // with all that came before it, and so is everything when the process ends by itself; a kill can take the
 // last quarter of a second's lines. What the system does not take, on a full disk say, is tried again with
-// the lines that come.
+// the lines that come. POCO's file channel would write every line by itself, or end a kill in the middle of
+// one.
 
 #include "standin/framework/run/Log.h"
 

@@ -5,8 +5,8 @@
 // the sets are listed cheaply first, and what costs the reading of files is read for those items only that
 // are asked for.
 
-#ifndef STANDIN_GALLERY_LIBRARY_H
-#define STANDIN_GALLERY_LIBRARY_H
+#ifndef STANDIN_GALLERY_CATALOGUE_H
+#define STANDIN_GALLERY_CATALOGUE_H
 
 #include <cstdint>
 #include <string>
@@ -48,10 +48,10 @@ struct Set {
     std::vector<Item> items;  ///< by id, listed and not completed
 };
 
-class Library {
+class Catalogue {
 public:
     /// database: none to take everything from the descriptions. Both have to live as long as this.
-    Library(flickr_standin::Device& device, flickr_standin::BackupDatabase* database)
+    Catalogue(flickr_standin::Device& device, flickr_standin::BackupDatabase* database)
         : device_(device), database_(database) {}
 
     /// All sets by title, the items in no set last; their items have id, stamp, title, files, dates of the
@@ -66,7 +66,7 @@ private:
     std::vector<Set> setsOfDatabase();
     std::vector<Set> setsOfDescriptions();
     void listDescriptions(Set& set);
-    void finish(Set& set, const std::string& folderRecord);
+    void finish(Set& set, const std::string& folderDescription);
     bool holds(const std::string& path);
     void measure(const Set& set, Item& item);
 

@@ -1,4 +1,4 @@
-#include "standin/gallery/Library.h"
+#include "standin/gallery/Catalogue.h"
 
 #include <Poco/Exception.h>
 #include <fcntl.h>
@@ -107,7 +107,7 @@ std::string hashOf(const std::string& text) {
     return digits;
 }
 
-std::vector<Set> Library::sets() {
+std::vector<Set> Catalogue::sets() {
     std::vector<Set> sets = database_ ? setsOfDatabase() : setsOfDescriptions();
     std::sort(sets.begin(), sets.end(), [](const Set& a, const Set& b) {
         const bool aLoose = a.id == kNoSetId, bLoose = b.id == kNoSetId;
@@ -117,7 +117,7 @@ std::vector<Set> Library::sets() {
     return sets;
 }
 
-std::vector<Set> Library::setsOfDatabase() {
+std::vector<Set> Catalogue::setsOfDatabase() {
     std::vector<Set> sets;
     std::map<std::string, std::size_t> places;
     for (const FolderRow& row : database_->folders()) {
@@ -153,7 +153,7 @@ std::vector<Set> Library::setsOfDatabase() {
     return sets;
 }
 
-std::vector<Set> Library::setsOfDescriptions() {
+std::vector<Set> Catalogue::setsOfDescriptions() {
     std::vector<Set> sets;
     Set loose;
     loose.id = loose.title = kNoSetId;
@@ -176,7 +176,7 @@ std::vector<Set> Library::setsOfDescriptions() {
 }
 
 /// Lists the items whose descriptions stand in the set's folder and whose files do, too.
-void Library::listDescriptions(Set& set) {
+void Catalogue::listDescriptions(Set& set) {
     const std::string descriptions = joinPath(set.folder, kDescriptionFolder);
     if (!device_.isFolder(descriptions)) return;
     device_.listFolder(descriptions, [&](const std::string& name) {
@@ -197,14 +197,14 @@ void Library::listDescriptions(Set& set) {
 }
 
 /// Sorts the items and takes the digest; the cover is the recorded one, or the first item's thumbnail.
-void Library::finish(Set& set, const std::string& folderRecord) {
+void Catalogue::finish(Set& set, const std::string& folderDescription) {
     std::sort(set.items.begin(), set.items.end(), [](const Item& a, const Item& b) { return a.id < b.id; });
-    std::string text = joined({set.id, set.title, set.folder, folderRecord});
+    std::string text = joined({set.id, set.title, set.folder, folderDescription});
     for (const Item& item : set.items) text += joined({item.id, item.stamp});
     set.digest = hashOf(text);
 
     const auto thumbnail = [&](const Item& item) { return joinPath(set.folder, item.thumbnail); };
-    set.cover = descriptionField(folderRecord, "CoverImage");
+    set.cover = descriptionField(folderDescription, "CoverImage");
     if (!holds(set.cover)) set.cover = set.items.empty() ? std::string() : thumbnail(set.items.front());
     for (const Item& item : set.items) {
         if (thumbnail(item) == set.cover && !item.isVideo) set.coverFile = joinPath(set.folder, item.file);
@@ -212,7 +212,7 @@ void Library::finish(Set& set, const std::string& folderRecord) {
 }
 
 /// True when the path, wherever it comes from, names a file in the service folder.
-bool Library::holds(const std::string& path) {
+bool Catalogue::holds(const std::string& path) {
     try {
         Device::checkPath(path);
         return device_.isFile(path);
@@ -221,7 +221,7 @@ bool Library::holds(const std::string& path) {
     }
 }
 
-void Library::complete(const Set& set, Item& item) {
+void Catalogue::complete(const Set& set, Item& item) {
     const std::string description = device_.readDescription(set.folder, item.file + kDescriptionExtension);
     item.title = preferred(descriptionField(description, "Title"), item.title);
     item.taken = preferred(plainDate(descriptionField(description, "Taken")),
@@ -234,7 +234,7 @@ void Library::complete(const Set& set, Item& item) {
     measure(set, item);
 }
 
-void Library::measure(const Set& set, Item& item) {
+void Catalogue::measure(const Set& set, Item& item) {
     try {
         const std::string path = joinPath(set.folder, item.thumbnail);
         Device::checkPath(path);
