@@ -3,13 +3,16 @@
 #include <Poco/Exception.h>
 #include <Poco/Net/HTTPResponse.h>
 
-#include "core/DownloadPhotoSetListActivity.h"
 #include "core/PhotoListSaxHandler.h"
 #include "core/RunLines.h"
 #include "core/RunSupport.h"
 #include "core/StopWatcher.h"
+#include "hostapi/Conventions.h"
 
 namespace Norvale_Plugin_Flickr {
+
+using Norvale_Plugin_Core::kAnonymousSet;
+using Norvale_Plugin_Core::kSuccess;
 
 namespace {
 
@@ -48,7 +51,7 @@ void DownloadPhotoListActivity::runActivity() {
 
 void DownloadPhotoListActivity::tryGettingPhotoList() {
     tryAttempts(kListAttempt.start.data(), "Backup Stopped in tryGettingPhotoList()",
-                [this](int attempt) { return getPhotoList(attempt) == 1; });
+                [this](int attempt) { return getPhotoList(attempt) == kSuccess; });
 }
 
 int DownloadPhotoListActivity::getPhotoList(int attempt) {
@@ -83,7 +86,7 @@ int DownloadPhotoListActivity::getAllPages() {
         if (status != Poco::Net::HTTPResponse::HTTP_OK) {
             throw Poco::Exception("UNABLE TO DOWNLOAD PHOTOSET", 0);
         }
-        if (anonymous && !namesNew) return 1;
+        if (anonymous && !namesNew) return kSuccess;
     }
     const std::size_t listed = photoMap_.size() + leftOut_;
     const bool isShort = listed > 0 && items > 0 && listed < static_cast<std::size_t>(items);
@@ -91,7 +94,7 @@ int DownloadPhotoListActivity::getAllPages() {
     if (isShort && !Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->isBackupStopped()) {
         logFailure(kFewerListed.with(std::to_string(listed) + " of " + std::to_string(items)));
     }
-    return 1;
+    return kSuccess;
 }
 
 SignedRequest DownloadPhotoListActivity::pageRequest(int page) const {

@@ -9,9 +9,12 @@
 #include "core/StopWatcher.h"
 #include "hostapi/CSConfigException.h"
 #include "hostapi/CSNetworkException.h"
+#include "hostapi/Conventions.h"
 
 namespace Norvale_Plugin_Flickr {
 
+using Norvale_Plugin_Core::kAnonymousSet;
+using Norvale_Plugin_Core::kSuccess;
 using Poco::Net::HTTPResponse;
 
 DownloadPhotoSetListActivity::DownloadPhotoSetListActivity()
@@ -40,14 +43,14 @@ void DownloadPhotoSetListActivity::runActivity() {
 
 void DownloadPhotoSetListActivity::tryGettingPhotoSetList() {
     tryAttempts("Getting PhotoSet List Attempt - ", "Backup Stopped in tryGettingPhotoSetList()",
-                [this](int attempt) { return getPhotoSetList(attempt) == 1; });
+                [this](int attempt) { return getPhotoSetList(attempt) == kSuccess; });
 }
 
 int DownloadPhotoSetListActivity::getPhotoSetList(int attempt) {
     try {
         const SignedRequest request = SignedRequest(access_, "flickr.photosets.getList").addToken();
         const int status = request.send([this](std::istream& body) { insertPhotoSets(parseDataV2(body)); });
-        if (status == HTTPResponse::HTTP_OK) return 1;
+        if (status == HTTPResponse::HTTP_OK) return kSuccess;
 
         const std::string message =
             "UNABLE TO DOWNLOAD PHOTOSET. Response Status - " + std::to_string(status);

@@ -16,9 +16,6 @@
 
 namespace Norvale_Plugin_Flickr {
 
-/// Id and title of the pseudo-set that stands for all items that are in no set.
-constexpr const char* kAnonymousSet = "Anonymous";
-
 /// Lists the photo sets with flickr.photosets.getList, on a thread of Poco's default pool, and adds the
 /// pseudo-set. Call setData(), start(), wait for the pool, stop(), and read the results.
 class DownloadPhotoSetListActivity {

@@ -11,12 +11,14 @@
 #include "core/PhotoSetProcessor.h"
 #include "core/RunSupport.h"
 #include "core/StopWatcher.h"
+#include "hostapi/Conventions.h"
 #include "hostapi/HostServiceClientMac.h"
 #include "hostapi/HostServiceUsageParams.h"
 
 namespace Norvale_Plugin_Flickr {
 
 using Norvale_Plugin_Core::HostServiceUsageParams;
+using Norvale_Plugin_Core::kSuccess;
 using Norvale_Plugin_Core::PluginCore;
 
 namespace {
@@ -25,8 +27,6 @@ constexpr const char* kAsteriskRow = "******************************************
 constexpr const char* kKeywords =
     "HarbourlineKey||FlickrKey||ThumbnailKey||Sun||Mon||Tue||Wed||Thu||Fri||Sat||Jan||Feb||Mar||Apr||May||"
     "Jun||Jul||Aug||Sep||Oct||Nov||Dec||AM||PM||";
-constexpr int kSuccess = 1;
-constexpr int kRunFailed = 511;
 constexpr int kDeviceParameter = 1;
 
 FlickrPluginCore& coreOf(void* core) {
@@ -81,6 +81,49 @@ void reportVideos(const std::multimap<Poco::DateTime, Photo>& videos, char* out)
     }
 }
 
+/// Hands on the host's culture text. It also carries its keywords, so both setters get it.
+void setCulture(const std::string& culture) {
+    HostServiceUsageParams::getInstance()->setKeywords(culture);
+    HostServiceUsageParams::getInstance()->setCulture(culture);
+    logInfo("Flickr KeyWords Received - " + culture);
+}
+
+/// Reads a setting that no run can do without. Returns the configuration's status.
+int readSetting(FlickrPluginCore& plugin, const char* key, std::string& value, char* errorOut) {
+    char text[kTextCapacity] = "";
+    const int status = plugin.getValueString(key, text, errorOut);
+    value = text;
+    return status;
+}
+
+/// Has the photo sets listed. False when they could not be had; the run is closed in the log then.
+bool listSets(const FlickrPluginCore& plugin, const std::string& dataUrl, const Poco::DateTime& since,
+              DownloadPhotoSetListActivity& list) {
+    list.setData(dataUrl, plugin.getAuthToken(), plugin.getApiKey(), plugin.getApiSecret(), since,
+                 plugin.getMediaToBackup());
+    list.start();
+    Poco::ThreadPool::defaultPool().joinAll();
+    list.stop();
+    if (list.getDataTypeBackupStatus()) return true;
+    logInfo("Photos/Videos is not Backedup Successfully.");
+    logInfo("Flickr Backup Finished.");
+    logInfo(kAsteriskRow);
+    return false;
+}
+
+/// Backs the sets up. Returns the videos met.
+std::multimap<Poco::DateTime, Photo> backUpSets(FlickrPluginCore& plugin, const std::string& dataUrl,
+                                                const Poco::DateTime& since,
+                                                std::multimap<std::string, PhotoSet> sets) {
+    std::string name;
+    PhotoSetProcessor processor(name);
+    processor.initialize(plugin.getDBConnectionString(), plugin.getAuthToken(), plugin.getApiKey(),
+                         plugin.getApiSecret(), dataUrl, plugin.getMediaToBackup());
+    std::multimap<Poco::DateTime, Photo> videos = processor.processPhotoSet(std::move(sets), since);
+    plugin.setVideoMap(videos);
+    return videos;
+}
+
 /// The end of a run that got as far as its photo sets: its status, by what the host recorded for it.
 int closeRun(char* errorOut) {
     HostServiceUsageParams* params = HostServiceUsageParams::getInstance();
@@ -100,6 +143,15 @@ int closeRun(char* errorOut) {
             std::to_string(code));
     logInfo(kAsteriskRow);
     return code;
+}
+
+/// The end of a run that an exception ended: its status.
+int closeAfter(Poco::Exception& exception, FlickrPluginCore& plugin, char* errorOut) {
+    plugin.handleException(kServiceName, exception,
+                           "Exception occurred in Backup() : " + exception.displayText());
+    copyText(plugin.getExceptionDetails(), errorOut, kTextCapacity);
+    logInfo(kAsteriskRow);
+    return plugin.getExceptionCode();
 }
 
 }  // namespace
@@ -207,27 +259,22 @@ int backup(void* core, char* dbConnectionString, char* authToken, char* backupFr
            char* mountPoint, bool modeFlag, char* culture, char* errorOut) {
     const auto text = &FlickrPluginCore::ToString;
     FlickrPluginCore& plugin = coreOf(core);
+    HostServiceUsageParams* params = HostServiceUsageParams::getInstance();
     Norvale_Plugin_Core::HostServiceClientMac client;
     client.disConnect();
 
     try {
         logInfo(kAsteriskRow);
         logInfo("Flickr Backup Started.");
-
-        HostServiceUsageParams* params = HostServiceUsageParams::getInstance();
         params->setBackupState(false);
         const StopWatcher watcher;
-        // The host's culture text also carries its keywords, so both setters get it.
-        params->setKeywords(text(culture));
-        params->setCulture(text(culture));
-        logInfo("Flickr KeyWords Received - " + text(culture));
+
+        setCulture(text(culture));
         params->setParams(text(serviceFolder), text(cek), modeFlag, kDeviceParameter, text(mountPoint));
-
-        char value[kTextCapacity] = "";
-        int status = plugin.getValueString("plugin.retryAttempts", value, errorOut);
+        std::string attempts;
+        int status = readSetting(plugin, "plugin.retryAttempts", attempts, errorOut);
         if (status != kSuccess) return status;
-        params->setRetryAttempts(value);
-
+        params->setRetryAttempts(attempts);
         plugin.setAuthToken(text(authToken));
         plugin.setApiKey(text(apiKey));
         plugin.setApiSecret(text(apiSecret));
@@ -238,40 +285,17 @@ int backup(void* core, char* dbConnectionString, char* authToken, char* backupFr
         FlickrDbInterface database;
         DownloadPhotoSetListActivity list;
         const Poco::DateTime since = database.convertToDateTime(text(backupFrom));
-
-        status = plugin.getValueString("plugin.dataUrl", value, errorOut);
+        std::string dataUrl;
+        status = readSetting(plugin, "plugin.dataUrl", dataUrl, errorOut);
         if (status != kSuccess) return status;
-        const std::string dataUrl = value;
 
-        list.setData(dataUrl, plugin.getAuthToken(), plugin.getApiKey(), plugin.getApiSecret(), since,
-                     plugin.getMediaToBackup());
-        list.start();
-        Poco::ThreadPool::defaultPool().joinAll();
-        list.stop();
-        if (!list.getDataTypeBackupStatus()) {
-            logInfo("Photos/Videos is not Backedup Successfully.");
-            logInfo("Flickr Backup Finished.");
-            logInfo(kAsteriskRow);
-            return kRunFailed;
-        }
-
+        if (!listSets(plugin, dataUrl, since, list)) return kRunFailed;
         if (!params->isBackupStopped()) {
-            std::string name;
-            PhotoSetProcessor processor(name);
-            processor.initialize(plugin.getDBConnectionString(), plugin.getAuthToken(), plugin.getApiKey(),
-                                 plugin.getApiSecret(), dataUrl, plugin.getMediaToBackup());
-            const std::multimap<Poco::DateTime, Photo> videos =
-                processor.processPhotoSet(std::move(list).getPhotoSets(), since);
-            plugin.setVideoMap(videos);
-            reportVideos(videos, videoListOut);
+            reportVideos(backUpSets(plugin, dataUrl, since, std::move(list).getPhotoSets()), videoListOut);
         }
         return closeRun(errorOut);
     } catch (Poco::Exception& exception) {
-        plugin.handleException(kServiceName, exception,
-                               "Exception occurred in Backup() : " + exception.displayText());
-        copyText(plugin.getExceptionDetails(), errorOut, kTextCapacity);
-        logInfo(kAsteriskRow);
-        return plugin.getExceptionCode();
+        return closeAfter(exception, plugin, errorOut);
     }
 }
 

@@ -20,6 +20,9 @@
 
 namespace Norvale_Plugin_Flickr {
 
+/// Status of a run that failed where no other status says more.
+constexpr int kRunFailed = 511;
+
 /// Room, in bytes, in the caller's buffer for the video list of backup().
 constexpr std::size_t kVideoListCapacity = 1000;
 /// Room, in bytes, in every other buffer that crosses the entry functions.

@@ -13,7 +13,7 @@
 
 #include <algorithm>
 
-#include "core/DownloadPhotoSetListActivity.h"
+#include "core/FileServiceCall.h"
 #include "core/MediaSession.h"
 #include "core/PhotoSetProcessor.h"
 #include "core/RunLines.h"
@@ -27,13 +27,16 @@
 namespace Norvale_Plugin_Flickr {
 
 using Norvale_Plugin_Core::HostServiceUsageParams;
+using Norvale_Plugin_Core::kAnonymousSet;
 using Norvale_Plugin_Core::Utils;
 using Poco::Net::HTTPResponse;
 
 namespace {
 
-constexpr const char* kFileServiceSuccess = "SUC";
 constexpr const char* kStopLine = "Backup Stopped in downloadMedia()";
+// The two kinds of transfers: the item itself, and its thumbnail.
+constexpr bool kMedia = true;
+constexpr bool kThumbnail = false;
 
 bool isRedirect(HTTPResponse::HTTPStatus status) {
     return status == HTTPResponse::HTTP_MOVED_PERMANENTLY || status == HTTPResponse::HTTP_FOUND ||
@@ -109,16 +112,16 @@ void MediaDownloadActivity::transferItem() {
 
     ItemFiles oldFiles;
     if (updateExisting_) {
-        // Under the names that the last backup gave them; the thumbnail has the extension that was detected
-        // then. Should a rename fail, the download goes ahead: the device keeps the old file until the new
-        // one is complete.
+        // They stand under the names that the last backup gave them, the thumbnail with the extension that
+        // it had then. The download goes ahead when a rename fails: the device keeps the old file until the
+        // new one is complete.
         oldFiles = filesOf(database_.getDerivedItemNamebyID(photo_.getPhotoID()),
                            database_.getImageExtensionByID(photo_.getPhotoID()));
         moveFiles(oldFiles, oldFiles.aside());
     }
 
     const std::string mediaPath = setFolder() + photo_.getPhotoTitle();
-    if (tryDownload(photo_.getImagePath(), mediaPath, true) == DownloadSucceeded) {
+    if (tryDownload(photo_.getImagePath(), mediaPath, kMedia) == DownloadSucceeded) {
         transferThumbnail(listedTitle, oldFiles);
     } else if (updateExisting_) {
         moveFiles(oldFiles.aside(), oldFiles);
@@ -128,7 +131,7 @@ void MediaDownloadActivity::transferItem() {
 void MediaDownloadActivity::transferThumbnail(const std::string& listedTitle, const ItemFiles& oldFiles) {
     const std::string itemType = isVideo() ? "FlickrVideo" : "FlickrPhoto";
     const ItemFiles newFiles = filesOf(photo_.getPhotoTitle(), thumbnailExtension());
-    if (tryDownload(photo_.getThumbnailUrl(), newFiles.thumbnail, false) != DownloadSucceeded) {
+    if (tryDownload(photo_.getThumbnailUrl(), newFiles.thumbnail, kThumbnail) != DownloadSucceeded) {
         // The old files of an edited item stay aside: the next run tries again from there.
         deleteFile(newFiles.media);
         return;
@@ -154,7 +157,7 @@ bool MediaDownloadActivity::recordItem(const std::string& listedTitle, const std
                                  photo_.getPhotoTitle(), photoSet_.getTitle(), photo_.getRawPhotoID(),
                                  photoSet_.getPhotoSetID(), photo_.getUploadDateTime(),
                                  photo_.getUpdatedDateTime(), itemType, photo_.getImageExtension(), "", "",
-                                 "") == 1;
+                                 "") == Norvale_Plugin_Core::kSuccess;
 }
 
 void MediaDownloadActivity::writeFolderDescription() {
@@ -266,11 +269,12 @@ int MediaDownloadActivity::writeFile(std::istream& body, long fileHandle, bool i
             deleteFile(fileHandle);
             return DownloadFailed;
         }
-        std::string command, result, error;
-        client_.writeFileV2(static_cast<int>(fileHandle), block.begin(), static_cast<int>(count), command,
-                            result, error);
-        if (result != kFileServiceSuccess) {
-            logFailure("Command - " + command + "  Result -" + result);
+        const FileServiceAnswer written = askFileService([&](auto&... answer) {
+            client_.writeFileV2(static_cast<int>(fileHandle), block.begin(), static_cast<int>(count),
+                                answer...);
+        });
+        if (!written.isSuccess()) {
+            logFailure("Command - " + written.command + "  Result -" + written.result);
             deleteFile(fileHandle);
             return DownloadFailed;
         }
@@ -339,43 +343,29 @@ std::string MediaDownloadActivity::thumbnailExtension() const {
 }
 
 bool MediaDownloadActivity::openFile(std::string path, long fileHandle) {
-    std::string command, result, error;
-    client_.openFile(path, fileHandle, command, result, error);
-    if (result == kFileServiceSuccess) return true;
-    logFailure("Unable to open file for photo " + path);
-    return false;
+    return fileServiceDoes([&](auto&... answer) { client_.openFile(path, fileHandle, answer...); },
+                           "Unable to open file for photo " + path);
 }
 
 bool MediaDownloadActivity::closeFile(long fileHandle, std::string text, int length) {
-    std::string command, result, error;
-    client_.closeFile(fileHandle, text.data(), length, command, result, error);
-    if (result == kFileServiceSuccess) return true;
-    logFailure("Unable to close file for file pointer - " + std::to_string(fileHandle));
-    return false;
+    return fileServiceDoes(
+        [&](auto&... answer) { client_.closeFile(fileHandle, text.data(), length, answer...); },
+        "Unable to close file for file pointer - " + std::to_string(fileHandle));
 }
 
 bool MediaDownloadActivity::deleteFile(long fileHandle) {
-    std::string command, result, error;
-    client_.deleteFile(fileHandle, command, result, error);
-    if (result == kFileServiceSuccess) return true;
-    logFailure("Unable to delete file for file pointer - " + std::to_string(fileHandle));
-    return false;
+    return fileServiceDoes([&](auto&... answer) { client_.deleteFile(fileHandle, answer...); },
+                           "Unable to delete file for file pointer - " + std::to_string(fileHandle));
 }
 
 bool MediaDownloadActivity::deleteFile(std::string path) {
-    std::string command, result, error;
-    client_.deleteFile(path, command, result, error);
-    if (result == kFileServiceSuccess) return true;
-    logFailure("Unable to open file for photo " + path);
-    return false;
+    return fileServiceDoes([&](auto&... answer) { client_.deleteFile(path, answer...); },
+                           "Unable to open file for photo " + path);
 }
 
 bool MediaDownloadActivity::renameFile(std::string from, std::string to) {
-    std::string command, result, error;
-    client_.renameFile(from, to, command, result, error);
-    if (result == kFileServiceSuccess) return true;
-    logFailure("Unable to rename file for photo " + from);
-    return false;
+    return fileServiceDoes([&](auto&... answer) { client_.renameFile(from, to, answer...); },
+                           "Unable to rename file for photo " + from);
 }
 
 void MediaDownloadActivity::httpRedir(std::string url) {

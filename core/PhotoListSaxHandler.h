@@ -53,8 +53,8 @@ public:
     std::size_t leftOut() const { return leftOut_; }
 
     /// Asks flickr.photos.getSizes for the item's renditions and completes its record. A failure is reported,
-    /// leaves the record as it was and answers false.
-    bool getPhotoInformation(Photo& photo);
+    /// leaves the record as it was and answers false. A benchmark answers from memory instead.
+    virtual bool getPhotoInformation(Photo& photo);
 
     /// Completes the record from the answer. Throws Poco::Exception for one that cannot be read.
     void parsePhotoInformationV2(std::istream& body, Photo& photo);

@@ -8,7 +8,7 @@
 #include <memory>
 
 #include "core/DownloadPhotoListActivity.h"
-#include "core/DownloadPhotoSetListActivity.h"
+#include "core/FileServiceCall.h"
 #include "core/MediaDownloadActivity.h"
 #include "core/RunLines.h"
 #include "core/RunSupport.h"
@@ -19,10 +19,10 @@
 namespace Norvale_Plugin_Flickr {
 
 using Norvale_Plugin_Core::HostServiceUsageParams;
+using Norvale_Plugin_Core::kAnonymousSet;
 
 namespace {
 
-constexpr const char* kFileServiceSuccess = "SUC";
 constexpr const char* kStopLine = "Backup Stopped in Process PhotoSet";
 
 std::string thumbnailFolder() {
@@ -87,19 +87,12 @@ void PhotoSetProcessor::processOneSet(PhotoSet& set, const Poco::DateTime& since
     for (const auto& [updated, listed] : videos) {
         if (stoppedAt(kStopLine)) break;
         Photo video = listed;
-        video.edited_ = false;
-        switch (changeOf(video, "Video")) {
-            case Change::New:
-                logInfo("Video ID - " + video.getPhotoID() + "URL - " + video.getImagePath());
-                ProcessPhoto(set, video, false, false, false, factoryRegistered);
-                break;
-            case Change::Edited:
-                video.edited_ = true;
-                ProcessPhoto(set, video, true, true, false, factoryRegistered);
-                break;
-            case Change::None:
-                break;
+        const Change change = changeOf(video, "Video");
+        if (change == Change::New) {
+            logInfo("Video ID - " + video.getPhotoID() + "URL - " + video.getImagePath());
         }
+        video.edited_ = change == Change::Edited;
+        processItem(set, video, change, factoryRegistered);
         videosMet.emplace(updated, std::move(video));
     }
 
@@ -107,16 +100,7 @@ void PhotoSetProcessor::processOneSet(PhotoSet& set, const Poco::DateTime& since
         if (stoppedAt(kStopLine)) break;
         if (isVideo(listed.getPhotoTitle())) continue;
         Photo photo = listed;
-        switch (changeOf(photo, "Photo")) {
-            case Change::New:
-                ProcessPhoto(set, photo, false, false, false, factoryRegistered);
-                break;
-            case Change::Edited:
-                ProcessPhoto(set, photo, true, true, false, factoryRegistered);
-                break;
-            case Change::None:
-                break;
-        }
+        processItem(set, photo, changeOf(photo, "Photo"), factoryRegistered);
     }
 
     writeSetDescription(set, photos);
@@ -138,6 +122,14 @@ PhotoSetProcessor::Change PhotoSetProcessor::changeOf(const Photo& item, const c
     return Change::Edited;
 }
 
+void PhotoSetProcessor::processItem(PhotoSet& set, Photo& item, Change change, bool& factoryRegistered) {
+    if (change == Change::None) return;
+    const bool updateExisting = change == Change::Edited;
+    const bool titleChanged = updateExisting;
+    const bool titleResolved = false;
+    ProcessPhoto(set, item, updateExisting, titleChanged, titleResolved, factoryRegistered);
+}
+
 void PhotoSetProcessor::writeSetDescription(PhotoSet& set,
                                             const std::multimap<Poco::DateTime, Photo>& photos) {
     if (set.getPhotoSetID() == kAnonymousSet) return;
@@ -157,16 +149,14 @@ int PhotoSetProcessor::isNewPhotoSet(PhotoSet& set, std::string storedName) {
     if (!anonymous) set.setTitle(database_.generateFolderName(set.getTitle(), id));
     const std::string folder = set.getTitle();
 
-    std::string command, result, error;
     client_.connect();
-    client_.createDirectory(folder, command, result, error);
-    if (result != kFileServiceSuccess) logFailure("Error occured while creating directory - " + folder);
+    fileServiceDoes([&](auto&... answer) { client_.createDirectory(folder, answer...); },
+                    "Error occured while creating directory - " + folder);
 
-    client_.createDirectory(anonymous ? thumbnailFolder() : folder + "/" + thumbnailFolder(), command, result,
-                            error);
-    if (result != kFileServiceSuccess) {
-        logFailure("Unable to create thumbnail directory for - " + folder);
-        client_.deleteDirectory(folder, command, result, error);
+    const std::string thumbnails = anonymous ? thumbnailFolder() : folder + "/" + thumbnailFolder();
+    if (!fileServiceDoes([&](auto&... answer) { client_.createDirectory(thumbnails, answer...); },
+                         "Unable to create thumbnail directory for - " + folder)) {
+        askFileService([&](auto&... answer) { client_.deleteDirectory(folder, answer...); });
         return 0;
     }
 
@@ -174,7 +164,7 @@ int PhotoSetProcessor::isNewPhotoSet(PhotoSet& set, std::string storedName) {
     database_.createEntry(id, set.getResourceTitle(), "Flickr", folder, "Flickr", id, "Flickr_ID", now, now,
                           "FlickrFolder", "", "", "", "");
     logInfo("PhotoSet and Thumbnail directory created for photoSet - " + folder);
-    return 1;
+    return Norvale_Plugin_Core::kSuccess;
 }
 
 int PhotoSetProcessor::isPhotoSetRenamed(PhotoSet& set, std::string storedName) {
@@ -186,13 +176,12 @@ int PhotoSetProcessor::isPhotoSetRenamed(PhotoSet& set, std::string storedName) 
 
     set.setTitle(database_.generateFolderName(set.getTitle(), id));
     const std::string oldFolder = database_.getDerivedItemNamebyID(id);
-    std::string command, result, error;
-    client_.renameDirectory(oldFolder, set.getTitle(), command, result, error);
-    if (result != kFileServiceSuccess) {
-        logFailure("Unable to rename photoSet - " + oldFolder + " to " + set.getTitle());
+    const std::string newFolder = set.getTitle();
+    if (!fileServiceDoes([&](auto&... answer) { client_.renameDirectory(oldFolder, newFolder, answer...); },
+                         "Unable to rename photoSet - " + oldFolder + " to " + newFolder)) {
         return PhotoSetRenameFailed;
     }
-    database_.updateContainerTitleV2(id, set.getResourceTitle(), set.getTitle(), storedName,
+    database_.updateContainerTitleV2(id, set.getResourceTitle(), newFolder, storedName,
                                      database_.convertToString(Poco::DateTime()));
     return PhotoSetRenamed;
 }

@@ -62,6 +62,7 @@ private:
     void processOneSet(PhotoSet& set, const Poco::DateTime& since, bool& factoryRegistered,
                        std::multimap<Poco::DateTime, Photo>& videosMet);
     Change changeOf(const Photo& item, const char* kind);
+    void processItem(PhotoSet& set, Photo& item, Change change, bool& factoryRegistered);
     void writeSetDescription(PhotoSet& set, const std::multimap<Poco::DateTime, Photo>& photos);
 
     Norvale_Plugin_Core::HostServiceClientMac client_;

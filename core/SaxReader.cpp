@@ -20,13 +20,13 @@ namespace Norvale_Plugin_Flickr {
 
 namespace {
 
-// Many times the largest answer of the service; a peer that sends more is not the service.
+// Bytes of an answer. The service's largest is many times smaller.
 constexpr std::size_t kMaximumAnswer = 64u << 20;
-// Of one tag, comment or text. The parser looks at an unfinished one again with each piece that it gets,
-// which for large ones would take hours.
+// Bytes of one tag, comment or text. With each piece the parser looks at an unfinished one from its start
+// again: for large ones that takes hours.
 constexpr std::size_t kMaximumToken = 256u << 10;
 constexpr int kMaximumDepth = 64;
-// What the parser takes at a time.
+// Bytes that the parser takes at a time.
 constexpr std::size_t kPiece = 4096;
 
 bool isStopped() {
@@ -95,8 +95,8 @@ void requireModestTokens(const std::string& document) {
     }
 }
 
-/// Gives a document to the parser piece by piece. The parser hands on a text as far as it has it, so a piece
-/// ends inside a text only where that text is larger than a piece.
+/// Gives a document to the parser piece by piece. The parser hands on as much of a text as it has. So a piece
+/// ends before a text that does not fit whole, unless the text is larger than a piece.
 class Pieces : public std::streambuf {
 public:
     /// ended: asked before each piece; true ends the document there.
@@ -127,8 +127,8 @@ private:
     Token token_;  // the one in which the last piece ended
 };
 
-/// Hands the events on until the handler throws, and keeps what it threw: an exception that passes through
-/// the parser's C code leaves the parser in a state in which it is never freed.
+/// Hands the events on until the handler throws, and keeps what it threw. An exception must not pass through
+/// the parser's C code: the parser is never freed then.
 class EventGate : public Poco::XML::DefaultHandler, public Poco::XML::LexicalHandler {
 public:
     explicit EventGate(Poco::XML::ContentHandler& handler) : handler_(handler) {}
@@ -197,8 +197,8 @@ private:
         if (name == "err" && failed_) error_ = value("code") + ": " + value("msg");
     }
 
-    /// Hands on what CDATA sections held. Sections that follow each other are one text: that is how a text
-    /// with the mark that ends a section is written.
+    /// Hands on what CDATA sections held. Sections that follow each other are one text: in this way a text
+    /// can hold the mark that ends a section.
     void endSections() {
         if (section_.empty()) return;
         const std::string text = std::move(section_);

@@ -14,14 +14,17 @@ namespace Norvale_Plugin_Flickr {
 /// Base of the event handlers: takes every event and does nothing with it.
 class SaxReader : public Poco::XML::ContentHandler, public Poco::XML::LexicalHandler {
 public:
-    /// Reads a whole document, handing its events to this handler. Throws Poco::Exception for a document
-    /// that is not well-formed, for one that is no answer of the service (a sign-in page of the network, for
-    /// example), for one that costs more than any answer should, and for one in which the service tells of a
-    /// failure, and whatever the handler throws: what was not listed must not pass for what is not there.
-    /// A stop request ends the reading early, without an exception.
+    /// Reads a whole document and hands its events to this handler. A stop request ends the reading early.
     ///
-    /// characters() gets each CDATA section in one call, and so text without references and line breaks of up
-    /// to 4,000 bytes of UTF-8.
+    /// What was not listed must not pass for what is not there. So Poco::Exception is thrown for a document
+    ///   - that is not well-formed,
+    ///   - that is no answer of the service, but a network's sign-in page, for example,
+    ///   - that costs more than any answer should,
+    ///   - in which the service tells of a failure, unless readsFailure().
+    /// What the handler throws passes through.
+    ///
+    /// characters() gets a CDATA section in one call. It also gets a text in one call, if that has no
+    /// references, no line breaks and at most 4,000 bytes of UTF-8.
     void read(const std::string& document);
 
     /// Whether the handler deals with <rsp stat="fail"> itself.
@@ -54,12 +57,12 @@ private:
     const Poco::XML::Locator* locator_ = nullptr;
 };
 
-/// The body up to its end, or up to where a stop request came. Throws Poco::DataFormatException for a body
-/// that is larger than any answer of the service or that breaks off.
+/// The body up to its end, or up to where a stop request came. Throws Poco::DataFormatException when it is
+/// larger than any answer of the service, or breaks off.
 std::string readWhole(std::istream& body);
 
-/// The whole number that an attribute holds; 0 for an empty one, which the service writes for a size that it
-/// does not know. Throws Poco::Exception for text that is no number.
+/// The whole number that an attribute holds. The service leaves a size empty that it does not know: 0. Throws
+/// Poco::Exception for text that is no number.
 int toInt(const std::string& text);
 
 }  // namespace Norvale_Plugin_Flickr

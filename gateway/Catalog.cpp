@@ -18,7 +18,6 @@ constexpr unsigned kThreads = 2;
 // What was asked for longer ago may have changed.
 constexpr std::chrono::seconds kFresh{60};
 constexpr std::chrono::milliseconds kLook{100};
-constexpr const char* kNoSet = "Anonymous";
 
 template <typename Result>
 Result await(const std::shared_future<Result>& future, const Catalog::Tick& tick) {
@@ -48,7 +47,7 @@ KnownItem knownItem(const ListedItem& listed) {
     item.isVideo = listed.media == "video";
     if (const Rendition* thumbnail = thumbnailOf(listed.renditions)) item.renditions.thumbnail = *thumbnail;
     // The addresses of a video's list entry are those of its still picture.
-    const Rendition* const best = item.isVideo ? nullptr : bestRendition(listed.renditions, false);
+    const Rendition* const best = item.isVideo ? nullptr : bestPicture(listed.renditions);
     if (best != nullptr) item.renditions.best = *best;
     item.settled = best != nullptr && best->label == "Original";
     return item;
@@ -222,7 +221,6 @@ std::string Catalog::accountId(HttpClient& http, const Cancelled& cancelled) {
 
 void Catalog::makePlan(const std::string& setId) {
     errands_.run([this, setId](HttpClient&, const Cancelled& cancelled) {
-        const std::string setName = setId.empty() ? kNoSet : setId;
         std::vector<KnownItemPtr> items;
         {
             const std::lock_guard<std::mutex> lock(mutex_);
@@ -234,11 +232,11 @@ void Catalog::makePlan(const std::string& setId) {
             const std::int64_t updated = secondsOf(item->lastUpdate);
             return updated <= expectation_.fromDate ||
                    !(item->isVideo ? expectation_.videos : expectation_.photos) ||
-                   (expectation_.recorded && expectation_.recorded(item->id, setName, updated));
+                   (expectation_.recorded && expectation_.recorded(item->id, setId, updated));
         };
         items.erase(std::remove_if(items.begin(), items.end(), isLeft), items.end());
         const auto order = [&](const KnownItemPtr& item) {
-            return std::make_tuple(!item->isVideo, secondsOf(item->lastUpdate), item->id + "_" + setName);
+            return std::make_tuple(!item->isVideo, secondsOf(item->lastUpdate), item->id + "_" + setId);
         };
         std::sort(items.begin(), items.end(),
                   [&](const KnownItemPtr& a, const KnownItemPtr& b) { return order(a) < order(b); });
@@ -297,7 +295,8 @@ void Catalog::settle(HttpClient& http, KnownItem& item, const Cancelled& cancell
     }
     const ServiceAnswer answer =
         service_.call(http, "flickr.photos.getSizes", {{"photo_id", item.id}}, cancelled);
-    if (const Rendition* best = bestRendition(answer.sizes, item.isVideo)) item.renditions.best = *best;
+    const Rendition* const best = item.isVideo ? bestVideo(answer.sizes) : bestPicture(answer.sizes);
+    if (best != nullptr) item.renditions.best = *best;
     if (const Rendition* thumbnail = thumbnailOf(answer.sizes)) item.renditions.thumbnail = *thumbnail;
     item.settled = true;
     // The addresses of videos do not last.

@@ -61,8 +61,8 @@ struct Gateway::Parts {
             [this](HttpClient& http, KnownItem& item, const Cancelled& cancelled) {
                 catalog.settle(http, item, cancelled);
             },
-            [this](const KnownItem& item, const std::string& sentence, bool notFound) {
-                if (notFound) store.forget(item.id);
+            [this](const KnownItem& item, const std::string& sentence, Failure::Kind kind) {
+                if (kind == Failure::Kind::NotFound) store.forget(item.id);
                 report("\"" + item.title + "\" (" + item.id + "): " + sentence);
             });
         inward->serve(catalog, *transfers, [this](const std::string& sentence) { report(sentence); });

@@ -27,7 +27,7 @@ using KnownItemPtr = std::shared_ptr<const KnownItem>;
 
 /// Which of the items that are listed the plug-in will fetch. The function is called on other threads.
 struct Expectation {
-    /// Whether an item of a set ("Anonymous": of none) is recorded on the device with that time of change.
+    /// Whether an item of a set (empty: of none) is recorded on the device with that time of change.
     /// Without a function nothing is known, and what is fetched ahead follows what has been asked for.
     std::function<bool(const std::string& itemId, const std::string& setId, std::int64_t lastUpdate)>
         recorded;

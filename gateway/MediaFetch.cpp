@@ -124,10 +124,12 @@ void MediaBody::begin(std::int64_t length) {
     changed_.notify_all();
 }
 
-void MediaBody::fail(bool notFound) {
-    spool_.end(false);
+void MediaBody::fail(Failure::Kind why) {
+    spool_.end(Spool::End::BrokenOff);
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (state_ == State::Waiting) state_ = notFound ? State::NotFound : State::Failed;
+    if (state_ == State::Waiting) {
+        state_ = why == Failure::Kind::NotFound ? State::NotFound : State::Failed;
+    }
     changed_.notify_all();
 }
 

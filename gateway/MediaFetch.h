@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string>
 
+#include "gateway/Failure.h"
 #include "gateway/HttpClient.h"
 #include "gateway/Patience.h"
 #include "gateway/Spool.h"
@@ -24,9 +25,9 @@ public:
 
     /// The body begins. length: -1 when it is not known.
     void begin(std::int64_t length);
-    /// Nothing comes, or no more. notFound: the service does not have it.
-    void fail(bool notFound);
-    void finish() { spool_.end(true); }
+    /// Nothing comes, or no more.
+    void fail(Failure::Kind why);
+    void finish() { spool_.end(Spool::End::Whole); }
     bool isCancelled() const { return cancelled_; }
 
     // The plug-in's side.

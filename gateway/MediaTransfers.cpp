@@ -126,9 +126,9 @@ bool MediaTransfers::nextJob(Job& job) {
 void MediaTransfers::fetch(HttpClient& http, Job& job) {
     MediaBody& body = *job.body;
     const Cancelled cancelled = [&] { return stopping_ || body.isCancelled(); };
-    const auto fail = [&](const std::string& sentence, bool notFound) {
-        if (job.isAsked) report_(job.item, sentence, notFound);
-        body.fail(notFound);
+    const auto fail = [&](const std::string& sentence, Failure::Kind kind) {
+        if (job.isAsked) report_(job.item, sentence, kind);
+        body.fail(kind);
     };
     try {
         const auto source = [&]() -> const std::string& {
@@ -136,16 +136,16 @@ void MediaTransfers::fetch(HttpClient& http, Job& job) {
         };
         if (!job.item.settled && (!job.isThumbnail || source().empty())) settle_(http, job.item, cancelled);
         if (source().empty()) {
-            return fail("The service names no file of it.", true);
+            return fail("The service names no file of it.", Failure::Kind::NotFound);
         }
         fetchMedia(http, source(), patience_, body, retryPause_, cancelled);
         body.finish();
     } catch (CancelledFailure&) {
-        body.fail(false);
+        body.fail(Failure::Kind::Unavailable);
     } catch (Failure& failure) {
-        fail(failure.what(), failure.kind() == Failure::Kind::NotFound);
+        fail(failure.what(), failure.kind());
     } catch (std::exception& exception) {
-        fail(exception.what(), false);
+        fail(exception.what(), Failure::Kind::Unavailable);
     }
 }
 

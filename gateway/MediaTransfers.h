@@ -40,7 +40,8 @@ public:
     /// Failure and CancelledFailure.
     using Settle = std::function<void(HttpClient& http, KnownItem& item, const Cancelled& cancelled)>;
     /// Tells of an item whose file could not be had, when it was asked for.
-    using Report = std::function<void(const KnownItem& item, const std::string& sentence, bool notFound)>;
+    using Report =
+        std::function<void(const KnownItem& item, const std::string& sentence, Failure::Kind kind)>;
 
     MediaTransfers(const TransferLimits& limits, const HttpTrust& trust, RateLimit& rate,
                    const PatienceLimits& patience, Settle settle, Report report);

@@ -45,15 +45,16 @@ std::string listExtras() {
     return extras;
 }
 
-const Rendition* bestRendition(const std::vector<Rendition>& renditions, bool isVideo) {
-    if (isVideo) {
-        for (const char* label : kVideoLabels) {
-            for (const Rendition& each : renditions) {
-                if (each.label == label && !each.source.empty()) return &each;
-            }
+const Rendition* bestVideo(const std::vector<Rendition>& renditions) {
+    for (const char* label : kVideoLabels) {
+        for (const Rendition& each : renditions) {
+            if (each.label == label && !each.source.empty()) return &each;
         }
-        return nullptr;
     }
+    return nullptr;
+}
+
+const Rendition* bestPicture(const std::vector<Rendition>& renditions) {
     const Rendition* best = nullptr;
     for (const Rendition& each : renditions) {
         if (!isPicture(each) || !isWhole(each)) continue;

@@ -29,9 +29,12 @@ const std::vector<AddressExtra>& addressExtras();
 /// The value of "extras" in requests for lists.
 std::string listExtras();
 
-/// Which one is worth keeping: the original, or else the largest of a photo, the best file of a video. Null
-/// when there is none with an address.
-const Rendition* bestRendition(const std::vector<Rendition>& renditions, bool isVideo);
+/// Which one of a photo is worth keeping: the original, or else the largest. Null when there is none with an
+/// address.
+const Rendition* bestPicture(const std::vector<Rendition>& renditions);
+
+/// The same of a video: its best file.
+const Rendition* bestVideo(const std::vector<Rendition>& renditions);
 
 /// The one to show in lists: "Thumbnail", or else the smallest picture. Null when there is none.
 const Rendition* thumbnailOf(const std::vector<Rendition>& renditions);

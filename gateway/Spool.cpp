@@ -78,10 +78,10 @@ bool Spool::store(const char* data, std::size_t size) {
     return true;
 }
 
-void Spool::end(bool whole) {
+void Spool::end(End how) {
     const std::lock_guard<std::mutex> lock(mutex_);
     ended_ = true;
-    whole_ = whole;
+    whole_ = how == End::Whole;
     changed_.notify_all();
 }
 

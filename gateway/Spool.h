@@ -52,8 +52,11 @@ public:
 
     /// Appends, waiting for room. Throws CancelledFailure, and Failure when the file cannot be written.
     void append(const char* data, std::size_t size, const Cancelled& cancelled);
-    /// There will be no more: the body is whole, or it broke off.
-    void end(bool whole);
+    /// How a body ends.
+    enum class End { Whole, BrokenOff };
+
+    /// There will be no more.
+    void end(End how);
 
     /// From now on somebody reads.
     void attachReader();

@@ -4,14 +4,13 @@
 #include <mutex>
 
 #include "core/FlickrPluginCore.h"
+#include "hostapi/Conventions.h"
 
 namespace flickr = Norvale_Plugin_Flickr;
 
 namespace {
 
-constexpr int kSuccess = 1;
-constexpr int kFailed = 511;
-
+static_assert(FlickrCoreSuccess == Norvale_Plugin_Core::kSuccess, "the core answers with it");
 static_assert(FlickrVideoListCapacity == flickr::kVideoListCapacity, "the core writes as much");
 static_assert(FlickrTextCapacity == flickr::kTextCapacity, "the core writes as much");
 
@@ -90,7 +89,8 @@ int FlickrCoreGetText(FlickrCoreText which, char* out, char* error) {
     static_assert(sizeof getters / sizeof *getters == FlickrCoreSupportedDataTypes + 1, "one for each text");
 
     std::lock_guard<std::mutex> lock(core.mutex);
-    if (core.handle == nullptr) return fail(kFailed, "The plug-in has not been initialised.", error);
+    if (core.handle == nullptr)
+        return fail(flickr::kRunFailed, "The plug-in has not been initialised.", error);
     return getters[which](core.handle, out, error);
 }
 
@@ -102,7 +102,7 @@ int FlickrCoreGetProgress(double* count, double* size, char* error) {
 
 int FlickrCoreStop(char* error) {
     std::lock_guard<std::mutex> lock(core.mutex);
-    if (core.handle == nullptr) return kSuccess;
+    if (core.handle == nullptr) return FlickrCoreSuccess;
     return flickr::stopBackup(core.handle, error);
 }
 
@@ -113,7 +113,7 @@ int FlickrCoreBackup(const FlickrBackupArguments* arguments) {
         std::lock_guard<std::mutex> lock(core.mutex);
         handle = core.handle;
     }
-    if (handle == nullptr) return fail(kFailed, "The plug-in has not been initialised.", a.error);
+    if (handle == nullptr) return fail(flickr::kRunFailed, "The plug-in has not been initialised.", a.error);
     // The core is not locked meanwhile: stop requests come from other threads.
     return flickr::backup(handle, text(a.connection), text(a.authToken), text(a.backupFrom), text(a.apiKey),
                           text(a.apiSecret), text(a.dataTypes), a.videoList, text(a.serviceFolder),

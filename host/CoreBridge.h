@@ -15,6 +15,9 @@
 extern "C" {
 #endif
 
+/// Status of a success.
+enum { FlickrCoreSuccess = 1 };
+
 /// Room in bytes in the video list of FlickrCoreBackup(), and in every other buffer.
 enum { FlickrVideoListCapacity = 1000, FlickrTextCapacity = 2048 };
 
@@ -52,7 +55,7 @@ typedef enum {
     FlickrCoreSupportedDataTypes
 } FlickrCoreText;
 
-/// Copies that text into out. Returns 1; otherwise error says what is wrong.
+/// Copies that text into out. Returns FlickrCoreSuccess; otherwise error says what is wrong.
 int FlickrCoreGetText(FlickrCoreText which, char* out, char* error);
 
 /// Items and bytes of the current run. Needs no core.
@@ -78,8 +81,8 @@ typedef struct {
     char* error;  ///< FlickrTextCapacity bytes
 } FlickrBackupArguments;
 
-/// Performs one run on the calling thread and returns its status; 1 is success. Without a core the status is
-/// 511. To be called between FlickrCoreEnter() and FlickrCoreLeave().
+/// Performs one run on the calling thread and returns its status. Without a core it is that of a failed run.
+/// To be called between FlickrCoreEnter() and FlickrCoreLeave().
 int FlickrCoreBackup(const FlickrBackupArguments* arguments);
 
 #ifdef __cplusplus

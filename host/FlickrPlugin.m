@@ -31,7 +31,6 @@ static NSString* const kDetailNotSignedIn = @"110";
 static NSString* const kDetailStopped = @"501";
 
 static const int kKeySize = 256;
-static const int kRunSucceeded = 1;
 static const NSTimeInterval kRequestedInterval = 0.5;
 static const NSTimeInterval kProgressInterval = 1.0;
 
@@ -439,7 +438,7 @@ static NSString* backupFromText(id backupFrom) {
         stopped = m_bIsStopBackup;
     }
 
-    if (status == kRunSucceeded && !stopped) {
+    if (status == FlickrCoreSuccess && !stopped) {
         BackupEventArgs* event = [self eventWithStatus:BackupStatusSucceeded detail:nil];
         [self stopMonitorBandwidth];
         [self endPause];

@@ -61,7 +61,7 @@ protected:
         settings_.patience = {20ms, 200ms, 1500ms, 50ms};
         settings_.expectation.recorded = [this](const std::string& id, const std::string& set,
                                                 std::int64_t updated) {
-            const auto row = database_->item(id + "_" + set);
+            const auto row = database_->item(id + "_" + (set.empty() ? "Anonymous" : set));
             return row && row->updated == Norvale_Plugin_Core::DbInterface().convertToString(
                                               Poco::DateTime(Poco::Timestamp::fromEpochTime(updated)));
         };

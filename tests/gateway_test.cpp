@@ -99,18 +99,16 @@ TEST(Renditions, TheBestIsTakenUnderALabelThatThePluginReads) {
         for (const std::string& label : labels) list.push_back({label, "https://x/" + label, 0, 0});
         return list;
     };
-    EXPECT_EQ(bestRendition(named({"Thumbnail", "Original", "X-Large 6K"}), false)->label, "Original");
-    EXPECT_EQ(bestRendition({{"Large", "l", 1024, 768},
-                             {"Large 2048", "k", 2048, 1536},
-                             {"Medium", "m", 500, 375},
-                             {"Original", "", 9000, 9000},
-                             {"Large Square", "q", 5000, 5000}},
-                            false)
+    EXPECT_EQ(bestPicture(named({"Thumbnail", "Original", "X-Large 6K"}))->label, "Original");
+    EXPECT_EQ(bestPicture({{"Large", "l", 1024, 768},
+                           {"Large 2048", "k", 2048, 1536},
+                           {"Medium", "m", 500, 375},
+                           {"Original", "", 9000, 9000},
+                           {"Large Square", "q", 5000, 5000}})
                   ->label,
               "Large 2048");
-    EXPECT_EQ(bestRendition(named({"Video Player", "360p", "1080p", "Mobile MP4", "Thumbnail"}), true)->label,
-              "1080p");
-    EXPECT_EQ(bestRendition(named({"Video Player", "Thumbnail"}), true), nullptr);
+    EXPECT_EQ(bestVideo(named({"Video Player", "360p", "1080p", "Mobile MP4", "Thumbnail"}))->label, "1080p");
+    EXPECT_EQ(bestVideo(named({"Video Player", "Thumbnail"})), nullptr);
     EXPECT_EQ(
         thumbnailOf({{"Large", "l", 1024, 768}, {"Medium", "m", 500, 375}, {"1080p", "v", 1, 1}})->label,
         "Medium");
@@ -221,7 +219,7 @@ TEST(Spool, KeepsTheOrderThroughMemoryAndFile) {
         for (std::size_t at = 0; at < sent.size(); at += 100000) {
             spool.append(sent.data() + at, std::min<std::size_t>(100000, sent.size() - at), kNever);
         }
-        spool.end(true);
+        spool.end(Spool::End::Whole);
     });
     std::this_thread::sleep_for(50ms);
     spool.attachReader();

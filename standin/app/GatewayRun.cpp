@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "hostapi/Conventions.h"
 #include "hostapi/DbInterface.h"
 #include "standin/app/Configuration.h"
 #include "standin/app/PrivateFile.h"
@@ -45,7 +46,7 @@ flickr_gateway::GatewaySettings settingsOf(const Credentials& credentials, const
     settings.expectation.videos = holds(request.dataTypes, "Videos");
     settings.expectation.recorded = [&database](const std::string& item, const std::string& set,
                                                 std::int64_t updated) {
-        const auto row = database.item(item + "_" + set);
+        const auto row = database.item(item + "_" + (set.empty() ? Norvale_Plugin_Core::kAnonymousSet : set));
         const Poco::DateTime date(Poco::Timestamp::fromEpochTime(updated));
         return row && row->updated == Norvale_Plugin_Core::DbInterface().convertToString(date);
     };

@@ -185,8 +185,8 @@ void serviceAnswer(const std::string& text) {
     } catch (gateway::Failure&) {  // The way in which an unreadable answer is refused.
         return;
     }
-    gateway::bestRendition(answer.sizes, true);
-    const gateway::Rendition* best = gateway::bestRendition(answer.sizes, false);
+    gateway::bestVideo(answer.sizes);
+    const gateway::Rendition* best = gateway::bestPicture(answer.sizes);
     require(best == nullptr || !best->source.empty(), "the best rendition has an address");
     for (const bool inSet : {true, false}) {
         const gateway::ServiceAnswer page = gateway::readAnswer(gateway::pageXml(answer.items, inSet));
