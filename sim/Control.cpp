@@ -3,8 +3,10 @@
 #include <Poco/Exception.h>
 #include <Poco/NumberParser.h>
 
+#include <algorithm>
 #include <atomic>
 #include <ctime>
+#include <memory>
 
 #include "sim/TodayOrders.h"
 
@@ -95,25 +97,25 @@ std::string list(const Account& account) {
 }
 
 /// Keeps an order until a page of a list of items is asked for.
-std::string keepForPage(const Request& order, FlickrSim& sim) {
+std::string keepForPage(const Request& order, const Controls& controls) {
     Request kept;
     if (!parseRequest("GET /sim/" + order.parameter("order") + " HTTP/1.1", kept)) {
         throw Poco::SyntaxException("order has to be an order, encoded");
     }
     kept.parameters["word"] = order.parameter("word");
     const auto isDone = std::make_shared<std::atomic<bool>>(false);
-    sim.onRequest([&sim, kept, isDone, page = order.parameter("page")](const Request& request) {
+    controls.log.onRequest([controls, kept, isDone, page = order.parameter("page")](const Request& request) {
         if (request.kind != Kind::Rest || request.parameter("page") != page || isDone->exchange(true)) return;
-        obey(kept, sim);
+        obey(kept, controls);
     });
     return "kept";
 }
 
-std::string carryOut(const std::string& name, const Request& order, FlickrSim& sim) {
-    Account& account = sim.account();
+std::string carryOut(const std::string& name, const Request& order, const Controls& controls) {
+    Account& account = controls.account;
     const std::time_t now = std::time(nullptr);
     std::string id;
-    if (name == "counts") return toJson(sim.counts());
+    if (name == "counts") return toJson(controls.log.counts());
     if (name == "list") return list(account);
     if (name == "add") return add(order, account, now);
     if (name == "edit") return edit(order, account, now);
@@ -130,17 +132,17 @@ std::string carryOut(const std::string& name, const Request& order, FlickrSim& s
     } else if (name == "delete-set") {
         account.deleteSet(id = setOf(order, "id", account));
     } else if (name == "fault") {
-        sim.faults().add(parseFault(order.parameter("spec")));
+        controls.faults.add(parseFault(order.parameter("spec")));
         id = "added";
     } else if (name == "clear-faults") {
-        sim.faults().clear();
+        controls.faults.clear();
         id = "cleared";
     } else if (name == "reset-counts") {
-        sim.clearLog();
+        controls.log.clear();
         id = "reset";
     } else if (name == "before-page") {
-        id = keepForPage(order, sim);
-    } else if (const auto answer = carryOutToday(name, order, sim)) {
+        id = keepForPage(order, controls);
+    } else if (const auto answer = carryOutToday(name, order, controls.today)) {
         id = *answer;
     } else {
         throw Poco::SyntaxException("there is no order of this name", name);
@@ -150,36 +152,17 @@ std::string carryOut(const std::string& name, const Request& order, FlickrSim& s
 
 }  // namespace
 
-Reply obey(const Request& order, FlickrSim& sim) {
-    if (order.parameter("word") != sim.orderWord()) {
+Reply obey(const Request& order, const Controls& controls) {
+    if (order.parameter("word") != controls.word) {
         return plainReply(403, "An order needs word=WORD, the second line of the ready file.\n");
     }
     try {
-        std::string text = carryOut(order.path.substr(5), order, sim);
+        std::string text = carryOut(order.path.substr(5), order, controls);
         if (text.empty() || text.back() != '\n') text += '\n';
         return plainReply(200, std::move(text));
     } catch (Poco::Exception& exception) {
         return plainReply(400, exception.message() + ".\n");
     }
-}
-
-std::string toJson(const Counts& counts) {
-    std::string json =
-        "{\"rest\":" + std::to_string(counts.rest) + ",\"media\":" + std::to_string(counts.media) +
-        ",\"thumbnails\":" + std::to_string(counts.thumbnails) +
-        ",\"oauth\":" + std::to_string(counts.oauth) + ",\"other\":" + std::to_string(counts.other) +
-        ",\"refused\":" + std::to_string(counts.refused) + ",\"parts\":" + std::to_string(counts.parts) +
-        ",\"connections\":" + std::to_string(counts.connections) + ",\"methods\":{";
-    const char* separator = "";
-    for (const auto& method : counts.methods) {
-        // A client can send any name; only plain ones are worth reporting.
-        const bool plain =
-            method.first.find_first_not_of(
-                "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-") == std::string::npos;
-        json += separator + ('"' + (plain ? method.first : "?")) + "\":" + std::to_string(method.second);
-        separator = ",";
-    }
-    return json + "}}";
 }
 
 }  // namespace flickr_sim

@@ -15,9 +15,8 @@
 //   /sim/fault?spec=TEXT                       one more fault, in the text form of Faults.h
 //   /sim/clear-faults
 //   /sim/reset-counts
-//   /sim/before-page?page=N&order=ORDER        an order (such as delete%3Fid%3D7) that waits until page N of
-//   a
-//                                              list is asked for: a list that changes between two pages
+//   /sim/before-page?page=N&order=ORDER        an order (such as delete%3Fid%3D7) that waits until page N
+//                                              of a list is asked for: a list that changes between two pages
 //
 // TodayOrders.h has those of today's service.
 //
@@ -27,15 +26,27 @@
 #ifndef SIM_CONTROL_H
 #define SIM_CONTROL_H
 
-#include "sim/FlickrSim.h"
+#include <string>
+
+#include "sim/Account.h"
+#include "sim/Faults.h"
+#include "sim/Message.h"
+#include "sim/RequestLog.h"
+#include "sim/TodayApi.h"
 
 namespace flickr_sim {
 
-/// Carries out an order.
-Reply obey(const Request& order, FlickrSim& sim);
+/// What orders act on. All of it outlives the order, and those that it keeps for later.
+struct Controls {
+    const std::string& word;  ///< that every order has to bring
+    Account& account;
+    Faults& faults;
+    RequestLog& log;
+    TodayApi* today;  ///< null without today's side
+};
 
-/// Counts as a JSON object in one line.
-std::string toJson(const Counts& counts);
+/// Carries out an order.
+Reply obey(const Request& order, const Controls& controls);
 
 }  // namespace flickr_sim
 

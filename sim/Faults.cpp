@@ -20,10 +20,6 @@ bool Match::operator()(const Request& request) const {
            (!where || where(request));
 }
 
-Match everything() {
-    return Match();
-}
-
 Match rest(std::string method, std::string itemId) {
     return Match{Kind::Rest, std::move(method), std::move(itemId), "", nullptr};
 }
@@ -50,10 +46,6 @@ Schedule firstTimes(std::uint64_t count) {
 
 Schedule from(std::uint64_t n) {
     return Schedule{n, UINT64_MAX, 1, 1.0};
-}
-
-Schedule atRate(double rate) {
-    return Schedule{1, UINT64_MAX, 1, rate};
 }
 
 namespace fault {
@@ -97,24 +89,24 @@ Action serviceError(int code, std::string message) {
     return body(failAnswer(code, message));
 }
 
-Action dropBeforeHeader(bool reset) {
+Action dropBeforeHeader(Close close) {
     return [=](const Request&, Reply& reply) {
         reply.status = 0;
-        reply.reset = reset;
+        reply.reset = close == Close::Reset;
     };
 }
 
-Action dropInHeader(std::uint64_t bytes, bool reset) {
+Action dropInHeader(std::uint64_t bytes, Close close) {
     return [=](const Request&, Reply& reply) {
         reply.headerLimit = bytes;
-        reply.reset = reset;
+        reply.reset = close == Close::Reset;
     };
 }
 
-Action dropInBody(std::uint64_t bytes, bool reset) {
+Action dropInBody(std::uint64_t bytes, Close close) {
     return [=](const Request&, Reply& reply) {
         reply.bodyLimit = bytes;
-        reply.reset = reset;
+        reply.reset = close == Close::Reset;
     };
 }
 
@@ -204,10 +196,6 @@ Action raw(std::string bytes) {
 
 Action raw(std::function<void(const Request&, Wire&)> writer) {
     return [=](const Request&, Reply& reply) { reply.raw = writer; };
-}
-
-Action call(std::function<void(const Request&)> hook) {
-    return [=](const Request& request, Reply&) { hook(request); };
 }
 
 }  // namespace fault

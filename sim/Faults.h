@@ -44,7 +44,6 @@ struct Match {
     bool operator()(const Request& request) const;
 };
 
-Match everything();
 Match rest(std::string method = "", std::string itemId = "");
 Match media(std::string itemId = "");
 Match thumbnail(std::string itemId = "");
@@ -62,7 +61,6 @@ Schedule always();
 Schedule nth(std::uint64_t n);
 Schedule firstTimes(std::uint64_t count);
 Schedule from(std::uint64_t n);
-Schedule atRate(double rate);
 
 /// What is done to the answer.
 using Action = std::function<void(const Request&, Reply&)>;
@@ -73,11 +71,14 @@ namespace fault {
 Action status(int code);
 /// The service's own error answer: stat="fail" with the code and message, HTTP status 200.
 Action serviceError(int code, std::string message);
+/// How a connection is closed: orderly, or with a reset.
+enum class Close { Orderly, Reset };
+
 /// Closes the connection without an answer, after some bytes of the header, or after some bytes of the body.
-Action dropBeforeHeader(bool reset = false);
-Action dropInHeader(std::uint64_t bytes = 20, bool reset = false);
+Action dropBeforeHeader(Close close = Close::Orderly);
+Action dropInHeader(std::uint64_t bytes = 20, Close close = Close::Orderly);
 /// The announced length stays the true one; a chunked body ends behind a whole chunk, without the last one.
-Action dropInBody(std::uint64_t bytes, bool reset = false);
+Action dropInBody(std::uint64_t bytes, Close close = Close::Orderly);
 /// Announces the true length and sends so many bytes fewer, then closes.
 Action shortBody(std::uint64_t missing);
 /// The first bytes of the body as if they were all of it: length and end are consistent.
@@ -108,8 +109,6 @@ Action hugeHeader(std::uint64_t bytes);
 Action raw(std::string bytes);
 /// Whatever the function writes, then the connection is closed.
 Action raw(std::function<void(const Request&, Wire&)> writer);
-/// Leaves the answer as it is and calls the function before it is sent.
-Action call(std::function<void(const Request&)> hook);
 
 }  // namespace fault
 

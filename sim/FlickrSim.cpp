@@ -79,6 +79,7 @@ FlickrSim::FlickrSim(Account& account, SimOptions options)
     : account_(account),
       options_(std::move(options)),
       orderWord_(randomWord()),
+      log_(options_.keepLog),
       repeatLastPage_(options_.repeatLastPage),
       today_(options_.today ? std::make_unique<TodayApi>(options_.credentials, *options_.today) : nullptr),
       delivery_(options_.delivery) {
@@ -114,14 +115,19 @@ std::string FlickrSim::dataUrl() const {
     return baseUrl() + kRestPath;
 }
 
-std::string FlickrSim::baseUrl(bool https) const {
-    const std::string host = (https ? "https://" : "http://") + options_.address;
-    if (!https) return host + ':' + std::to_string(port());
-    return httpsPort() == 443 ? host : host + ':' + std::to_string(httpsPort());
+std::string FlickrSim::baseUrl(Scheme scheme) const {
+    const bool isHttps = scheme == Scheme::Https;
+    const std::string host = (isHttps ? "https://" : "http://") + options_.address;
+    if (isHttps && httpsPort() == 443) return host;
+    return host + ':' + std::to_string(isHttps ? httpsPort() : port());
 }
 
 std::string FlickrSim::mediaUrl(const std::string& itemId, const std::string& label) const {
-    return baseUrl(today_ || delivery().https) + mediaPath(*account_.item(itemId), label);
+    return baseUrl(mediaScheme()) + mediaPath(*account_.item(itemId), label);
+}
+
+Scheme FlickrSim::mediaScheme() const {
+    return today_ || delivery().https ? Scheme::Https : Scheme::Http;
 }
 
 MediaDelivery FlickrSim::delivery() const {
@@ -134,37 +140,15 @@ void FlickrSim::setDelivery(const MediaDelivery& delivery) {
     delivery_ = delivery;
 }
 
-void FlickrSim::onRequest(std::function<void(const Request&)> hook) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    hook_ = std::move(hook);
-}
-
-Counts FlickrSim::counts() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return counts_;
-}
-
-std::vector<Request> FlickrSim::log() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return log_;
-}
-
-void FlickrSim::clearLog() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    counts_ = Counts();
-    log_.clear();
-    logStart_ = received_ + 1;
-}
-
 void FlickrSim::serve(Wire& wire, Request& request, bool first, bool& keepAlive) {
     classify(request);
     Reply reply;
     if (!request.https && !isOwnHost(request.header("Host"))) {
         reply = plainReply(403, "Only requests to a loopback address are answered.\n");
     } else if (request.kind == Kind::Control) {
-        reply = obey(request, *this);
+        reply = obey(request, {orderWord_, account_, faults_, log_, today_.get()});
     } else {
-        std::function<void(const Request&)> hook = record(request, first);
+        const RequestLog::Hook hook = log_.record(request, first);
         if (hook) hook(request);
         reply = answer(request);
         faults_.apply(request, reply);
@@ -173,7 +157,7 @@ void FlickrSim::serve(Wire& wire, Request& request, bool first, bool& keepAlive)
             compress(reply);
         }
         request.status = reply.raw ? 0 : reply.status;
-        recordStatus(request);
+        log_.recordStatus(request);
     }
     transmit(wire, request, reply, keepAlive);
 }
@@ -190,39 +174,6 @@ void FlickrSim::classify(Request& request) const {
     } else if (parseMediaPath(request.path, request.itemId, request.label)) {
         request.kind = request.label == "Thumbnail" ? Kind::Thumbnail : Kind::Media;
     }
-}
-
-std::function<void(const Request&)> FlickrSim::record(Request& request, bool firstOfConnection) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    request.number = ++received_;
-    if (firstOfConnection) ++counts_.connections;
-    switch (request.kind) {
-        case Kind::Rest:
-            ++counts_.rest;
-            ++counts_.methods[request.method];
-            break;
-        case Kind::Media:
-            ++counts_.media;
-            break;
-        case Kind::Thumbnail:
-            ++counts_.thumbnails;
-            break;
-        case Kind::OAuth:
-            ++counts_.oauth;
-            break;
-        default:
-            ++counts_.other;
-    }
-    if (options_.keepLog) log_.push_back(request);
-    return hook_;
-}
-
-void FlickrSim::recordStatus(const Request& request) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (request.status == 429) ++counts_.refused;
-    if (request.status == 206) ++counts_.parts;
-    if (options_.keepLog && request.number >= logStart_)
-        log_[request.number - logStart_].status = request.status;
 }
 
 Reply FlickrSim::answer(const Request& request) {
@@ -247,15 +198,15 @@ Reply FlickrSim::answer(const Request& request) {
 }
 
 /// Addresses lead back the way by which the request came, through a relay too.
-std::string FlickrSim::addressFor(const Request& request, bool https) const {
+std::string FlickrSim::addressFor(const Request& request, Scheme scheme) const {
     const std::string host = request.header("Host");
-    if (host.empty() || https != request.https) return baseUrl(https);
-    return (https ? "https://" : "http://") + host;
+    const bool isHttps = scheme == Scheme::Https;
+    if (host.empty() || isHttps != request.https) return baseUrl(scheme);
+    return (isHttps ? "https://" : "http://") + host;
 }
 
 Reply FlickrSim::restReply(const Request& request) {
-    RestContext context{account_, options_.credentials, addressFor(request, today_ || delivery().https),
-                        repeatLastPage_};
+    RestContext context{account_, options_.credentials, addressFor(request, mediaScheme()), repeatLastPage_};
     Reply reply;
     if (today_) {
         context.today = true;
@@ -285,10 +236,10 @@ Reply FlickrSim::mediaReply(const Request& request) {
     if (hops > 0) {
         const bool toHttps = how.redirectToHttps && hops == 1;
         const bool relative = how.relativeLocations && !toHttps;
+        const Scheme scheme = toHttps || request.https ? Scheme::Https : Scheme::Http;
         Reply reply = plainReply(how.redirectStatus, "Elsewhere.\n");
-        reply.headers.emplace_back(
-            "Location", (relative ? "" : addressFor(request, toHttps || request.https)) + request.path + '?' +
-                            kHops + '=' + std::to_string(hops - 1));
+        reply.headers.emplace_back("Location", (relative ? "" : addressFor(request, scheme)) + request.path +
+                                                   '?' + kHops + '=' + std::to_string(hops - 1));
         return reply;
     }
     Reply reply;

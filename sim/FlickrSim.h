@@ -14,22 +14,26 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "sim/Account.h"
 #include "sim/Credentials.h"
 #include "sim/Faults.h"
 #include "sim/Message.h"
+#include "sim/RequestLog.h"
 #include "sim/TodayApi.h"
 
 namespace flickr_sim {
 
 class Listener;
+
+/// Of addresses.
+enum class Scheme { Http, Https };
 
 /// How media files are handed out; can be changed at any time.
 struct MediaDelivery {
@@ -57,19 +61,6 @@ struct SimOptions {
     bool keepLog = true;  ///< record every request; off for long runs
 };
 
-/// Requests received, orders to the simulator left out.
-struct Counts {
-    std::uint64_t rest = 0;
-    std::uint64_t media = 0;
-    std::uint64_t thumbnails = 0;
-    std::uint64_t oauth = 0;
-    std::uint64_t other = 0;
-    std::uint64_t refused = 0;  ///< of all of them those answered with status 429
-    std::uint64_t parts = 0;    ///< answered with status 206
-    std::uint64_t connections = 0;
-    std::map<std::string, std::uint64_t> methods;  ///< REST calls by method name
-};
-
 /// A server that runs from construction to destruction, a thread for each connection. All operations can be
 /// called from any thread.
 class FlickrSim {
@@ -88,7 +79,7 @@ public:
     /// "http://127.0.0.1:PORT/services/rest/"
     std::string dataUrl() const;
     /// "http://127.0.0.1:PORT", or the https one; without a slash at the end.
-    std::string baseUrl(bool https = false) const;
+    std::string baseUrl(Scheme scheme = Scheme::Http) const;
     std::uint16_t port() const { return port_; }
     /// 0 without TLS.
     std::uint16_t httpsPort() const { return httpsPort_; }
@@ -98,7 +89,7 @@ public:
     const std::string& authorityPem() const { return authorityPem_; }
     bool isToday() const { return today_ != nullptr; }
     /// "https://127.0.0.1:PORT": below it are /services/rest/ and /services/oauth/ of today's service.
-    std::string serviceUrl() const { return baseUrl(true); }
+    std::string serviceUrl() const { return baseUrl(Scheme::Https); }
     /// Today's side; only with SimOptions::today.
     TodayApi& today() { return *today_; }
     const Credentials& credentials() const { return options_.credentials; }
@@ -112,39 +103,34 @@ public:
 
     /// Calls the function on the thread of the connection for each request (orders to the simulator left out)
     /// before the account is asked: what it changes there shows in the answer. Replaces the former one.
-    void onRequest(std::function<void(const Request&)> hook);
+    void onRequest(RequestLog::Hook hook) { log_.onRequest(std::move(hook)); }
 
-    Counts counts() const;
+    Counts counts() const { return log_.counts(); }
     /// The requests so far in the order of their arrival, when the log is kept.
-    std::vector<Request> log() const;
+    std::vector<Request> log() const { return log_.requests(); }
     /// Empties log and counts.
-    void clearLog();
+    void clearLog() { log_.clear(); }
 
 private:
     void serve(Wire& wire, Request& request, bool firstOfConnection, bool& keepAlive);
     void classify(Request& request) const;
-    std::function<void(const Request&)> record(Request& request, bool firstOfConnection);
-    void recordStatus(const Request& request);
     Reply answer(const Request& request);
     Reply restReply(const Request& request);
-    std::string addressFor(const Request& request, bool https) const;
+    std::string addressFor(const Request& request, Scheme scheme) const;
     Reply mediaReply(const Request& request);
     static void transmit(Wire& wire, const Request& request, const Reply& reply, bool& keepAlive);
     MediaDelivery delivery() const;
+    Scheme mediaScheme() const;
 
     Account& account_;
     const SimOptions options_;
     const std::string orderWord_;
+    RequestLog log_;
     Faults faults_;
     std::atomic<bool> repeatLastPage_;
     const std::unique_ptr<TodayApi> today_;
     mutable std::mutex mutex_;  // guards what follows
     MediaDelivery delivery_;
-    std::function<void(const Request&)> hook_;
-    Counts counts_;
-    std::vector<Request> log_;
-    std::uint64_t received_ = 0;
-    std::uint64_t logStart_ = 1;  // number of the first request in log_
     std::uint16_t port_ = 0;
     std::uint16_t httpsPort_ = 0;
     std::string authorityPem_;

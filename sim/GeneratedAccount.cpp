@@ -112,7 +112,8 @@ void generate(Account& account, const Generation& generation) {
             addItem(id, i, i >= generation.itemsPerSet - videos);
         }
     }
-    for (unsigned i = 0; i < generation.loose; ++i) addItem("", i, false);
+    const bool isVideo = false;
+    for (unsigned i = 0; i < generation.loose; ++i) addItem("", i, isVideo);
 }
 
 }  // namespace flickr_sim

@@ -1,4 +1,7 @@
 // A listening socket on loopback and the threads that serve its connections.
+//
+// The library's HTTP server is not used: faults cut, slow and reset a connection at any byte, and what a
+// client sent is recorded exactly.
 
 #ifndef SIM_LISTENER_H
 #define SIM_LISTENER_H

@@ -10,7 +10,10 @@ namespace flickr_sim {
 
 namespace {
 
-std::string oauthDecode(const std::string& text, bool plusIsBlank) {
+/// What a "+" stands for.
+enum class Plus { Itself, Blank };
+
+std::string oauthDecode(const std::string& text, Plus plus) {
     const auto digit = [](char c) {
         if (c >= '0' && c <= '9') return c - '0';
         c = static_cast<char>(c | 0x20);
@@ -22,7 +25,7 @@ std::string oauthDecode(const std::string& text, bool plusIsBlank) {
             decoded += static_cast<char>(digit(text[at + 1]) * 16 + digit(text[at + 2]));
             at += 2;
         } else {
-            decoded += plusIsBlank && text[at] == '+' ? ' ' : text[at];
+            decoded += plus == Plus::Blank && text[at] == '+' ? ' ' : text[at];
         }
     }
     return decoded;
@@ -67,9 +70,10 @@ void OAuthParameters::addForm(const std::string& form) {
         const std::size_t end = std::min(form.find('&', start), form.size());
         const std::size_t equals = std::min(form.find('=', start), end);
         if (end > start) {
-            pairs_.emplace_back(
-                oauthDecode(form.substr(start, equals - start), true),
-                equals < end ? oauthDecode(form.substr(equals + 1, end - equals - 1), true) : std::string());
+            pairs_.emplace_back(oauthDecode(form.substr(start, equals - start), Plus::Blank),
+                                equals < end
+                                    ? oauthDecode(form.substr(equals + 1, end - equals - 1), Plus::Blank)
+                                    : std::string());
         }
         start = end + 1;
     }
@@ -83,9 +87,9 @@ void OAuthParameters::addHeader(const std::string& authorization) {
         const std::string part = Poco::trim(authorization.substr(start, end - start));
         const std::size_t equals = part.find("=\"");
         if (equals != std::string::npos && part.size() > equals + 2 && part.back() == '"') {
-            const std::string name = oauthDecode(part.substr(0, equals), false);
+            const std::string name = oauthDecode(part.substr(0, equals), Plus::Itself);
             const std::string value = part.substr(equals + 2, part.size() - equals - 3);
-            if (name != "realm") pairs_.emplace_back(name, oauthDecode(value, false));
+            if (name != "realm") pairs_.emplace_back(name, oauthDecode(value, Plus::Itself));
         }
         start = end + 1;
     }

@@ -19,37 +19,20 @@ constexpr std::size_t kSetPage = 500;
 constexpr std::size_t kLoosePage = 100;
 constexpr std::size_t kPageMax = 500;
 
-/// Writes XML text; control characters that XML cannot hold are left out.
+/// Writes XML text; control characters that XML cannot hold are left out. The library's writer is not used:
+/// answers have the service's own line breaks and references.
 class Xml {
 public:
     Xml& raw(const char* text) {
         out_ += text;
         return *this;
     }
-    Xml& text(const std::string& text, bool inAttribute = false) {
-        for (const char c : text) {
-            if (c == '&') {
-                out_ += "&amp;";
-            } else if (c == '<') {
-                out_ += "&lt;";
-            } else if (c == '>') {
-                out_ += "&gt;";
-            } else if (c == '"') {
-                out_ += "&quot;";
-            } else if (c == '\r' || (inAttribute && (c == '\n' || c == '\t'))) {
-                // A reader would turn these into blanks or line ends.
-                out_ += "&#" + std::to_string(static_cast<int>(c)) + ';';
-            } else if (static_cast<unsigned char>(c) >= 0x20 || c == '\n' || c == '\t') {
-                out_ += c;
-            }
-        }
-        return *this;
-    }
+    Xml& text(const std::string& text) { return escaped(text, Place::Text); }
     Xml& attribute(const char* name, const std::string& value) {
         out_ += ' ';
         out_ += name;
         out_ += "=\"";
-        text(value, true);
+        escaped(value, Place::Attribute);
         out_ += '"';
         return *this;
     }
@@ -61,6 +44,27 @@ public:
     void reserve(std::size_t size) { out_.reserve(size); }
 
 private:
+    enum class Place { Text, Attribute };
+
+    Xml& escaped(const std::string& text, Place place) {
+        for (const char c : text) {
+            if (c == '&') {
+                out_ += "&amp;";
+            } else if (c == '<') {
+                out_ += "&lt;";
+            } else if (c == '>') {
+                out_ += "&gt;";
+            } else if (c == '"') {
+                out_ += "&quot;";
+            } else if (c == '\r' || (place == Place::Attribute && (c == '\n' || c == '\t'))) {
+                // A reader would turn these into blanks or line ends.
+                out_ += "&#" + std::to_string(static_cast<int>(c)) + ';';
+            } else if (static_cast<unsigned char>(c) >= 0x20 || c == '\n' || c == '\t') {
+                out_ += c;
+            }
+        }
+        return *this;
+    }
     std::string out_;
 };
 
@@ -165,8 +169,12 @@ private:
     std::vector<const Address*> addresses_;
 };
 
-void writePhotos(Xml& xml, const Account::Page& page, bool inSet, const Extras& extras,
+/// The two lists of items write them a little differently.
+enum class List { OfSet, OfNoSet };
+
+void writePhotos(Xml& xml, const Account::Page& page, List list, const Extras& extras,
                  const RestContext& context) {
+    const bool inSet = list == List::OfSet;
     xml.reserve(page.items.size() * 1024 + 1024);
     for (const Account::ItemPtr& item : page.items) {
         xml.raw("\n<photo").attribute("id", item->id);
@@ -240,7 +248,7 @@ std::string photosetsGetPhotos(const Request& call, const RestContext& context) 
     xml.attribute("page", paging.page).attribute("per_page", paging.perPage);
     xml.attribute("perpage", paging.perPage).attribute("pages", pages);
     xml.attribute("title", page.set.title).attribute("total", page.total).raw(">");
-    writePhotos(xml, page, true, Extras(call), context);
+    writePhotos(xml, page, List::OfSet, Extras(call), context);
     return xml.raw("\n</photoset>\n</rsp>\n").take();
 }
 
@@ -259,7 +267,7 @@ std::string photosGetNotInSet(const Request& call, const RestContext& context) {
         .attribute("page", paging.page)
         .attribute("pages", pages);
     xml.attribute("perpage", paging.perPage).attribute("total", page.total).raw(">");
-    writePhotos(xml, page, false, Extras(call), context);
+    writePhotos(xml, page, List::OfNoSet, Extras(call), context);
     return xml.raw("\n</photos>\n</rsp>\n").take();
 }
 

@@ -39,22 +39,23 @@ std::string setLimits(const Request& order, TodayApi& today) {
 
 }  // namespace
 
-std::optional<std::string> carryOutToday(const std::string& name, const Request& order, FlickrSim& sim) {
+std::optional<std::string> carryOutToday(const std::string& name, const Request& order, TodayApi* today) {
     static const std::set<std::string> kNames = {"sign-in", "expire-tokens", "clock", "limits"};
     if (kNames.count(name) == 0) return std::nullopt;
-    if (!sim.isToday()) throw Poco::SyntaxException("only today's service (--today) takes this order", name);
-    TodayApi& today = sim.today();
-    if (name == "limits") return setLimits(order, today);
+    if (today == nullptr) {
+        throw Poco::SyntaxException("only today's service (--today) takes this order", name);
+    }
+    if (name == "limits") return setLimits(order, *today);
     if (name == "sign-in") {
-        return today.oauth().decide(order.parameter("oauth_token"), order.parameter("answer") != "deny");
+        return today->oauth().decide(order.parameter("oauth_token"), order.parameter("answer") != "deny");
     }
     if (name == "clock") {
         std::int64_t offset = 0;
         take(order, "offset", INT32_MIN, offset);
-        today.oauth().setClockOffset(offset);
+        today->oauth().setClockOffset(offset);
         return "set";
     }
-    today.oauth().expireTokens();
+    today->oauth().expireTokens();
     return "expired";
 }
 

@@ -14,12 +14,14 @@
 #include <optional>
 #include <string>
 
-#include "sim/FlickrSim.h"
+#include "sim/Message.h"
+#include "sim/TodayApi.h"
 
 namespace flickr_sim {
 
-/// Carries out the order of that name and gives its answer; none when it is no such order.
-std::optional<std::string> carryOutToday(const std::string& name, const Request& order, FlickrSim& sim);
+/// Carries out the order of that name and gives its answer; none when it is no such order. Throws
+/// Poco::SyntaxException when there is no today.
+std::optional<std::string> carryOutToday(const std::string& name, const Request& order, TodayApi* today);
 
 }  // namespace flickr_sim
 

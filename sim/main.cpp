@@ -14,7 +14,6 @@
 #include <filesystem>
 #include <iostream>
 
-#include "sim/Control.h"
 #include "sim/FlickrSim.h"
 #include "sim/FolderAccount.h"
 #include "sim/GeneratedAccount.h"
@@ -241,7 +240,7 @@ int run(Settings& settings) {
         if (!file.empty()) writeFile(file, credentialsText(sim, settings.authorityFile, signedIn));
     }
     std::cout << sim.dataUrl() << std::endl;
-    if (sim.httpsPort() != 0) std::cout << sim.baseUrl(true) << std::endl;
+    if (sim.httpsPort() != 0) std::cout << sim.baseUrl(Scheme::Https) << std::endl;
     if (!settings.readyFile.empty()) {
         writeFile(settings.readyFile, sim.dataUrl() + '\n' + sim.orderWord() + '\n' +
                                           (sim.isToday() ? sim.serviceUrl() + '\n' : ""));

@@ -44,7 +44,9 @@ for (let hill = 0; hill < 4; ++hill) {
   pen.fillStyle = `hsl(${hue + 180 + hill * 12} 35% ${46 - hill * 11}%)`;
   pen.beginPath();
   pen.moveTo(0, h);
-  for (let x = 0; x <= w + 8; x += 8) pen.lineTo(x, h * (0.5 + hill * 0.12 + 0.08 * Math.sin(x / w * wave * 6 + turn)));
+  for (let x = 0; x <= w + 8; x += 8) {
+    pen.lineTo(x, h * (0.5 + hill * 0.12 + 0.08 * Math.sin(x / w * wave * 6 + turn)));
+  }
   pen.lineTo(w, h);
   pen.fill();
 }
@@ -89,7 +91,8 @@ class Gallery(unittest.TestCase):
         (photos / SETS[0] / "Film.webm").write_bytes(base64.b64decode(cls.browser.run(FILM)))
         shutil.copytree(sys.argv[1], cls.work / "flickr-backup.app")
         cls.sim = subprocess.Popen(
-            [sys.argv[2], "--photos", photos, "--exit-with-parent", "--print-credentials-file", cls.work / "served.ini",
+            [sys.argv[2], "--photos", photos, "--exit-with-parent",
+             "--print-credentials-file", cls.work / "served.ini",
              "--ready-file", cls.work / "ready"], stdout=subprocess.DEVNULL)
         cls.addClassCleanup(cls.sim.wait)
         cls.addClassCleanup(cls.sim.terminate)
@@ -107,7 +110,8 @@ class Gallery(unittest.TestCase):
 
     @classmethod
     def flickr(cls, *arguments):
-        done = subprocess.run([cls.work / "flickr-backup.app" / "flickr-backup", *arguments], capture_output=True, text=True,
+        program = cls.work / "flickr-backup.app" / "flickr-backup"
+        done = subprocess.run([program, *arguments], capture_output=True, text=True,
                               env={**os.environ, "XDG_CONFIG_HOME": cls.work, "XDG_STATE_HOME": cls.work})
         if done.returncode:
             raise AssertionError(done.stdout + done.stderr)
@@ -143,7 +147,8 @@ class Gallery(unittest.TestCase):
         return self.browser.run("return document.querySelector(arguments[0])?.innerText", selector)
 
     def texts(self, selector):
-        return self.browser.run("return [...document.querySelectorAll(arguments[0])].map((n) => n.textContent)", selector)
+        return self.browser.run("return [...document.querySelectorAll(arguments[0])].map((n) => n.textContent)",
+                                selector)
 
     def summary(self, expected):
         self.browser.wait("document.getElementById('summary').textContent.startsWith(arguments[0])", expected)
@@ -252,7 +257,8 @@ class Gallery(unittest.TestCase):
         self.browser.wait("document.getElementById('viewer').open")
         # Nothing ran, nothing came from elsewhere, and nothing could: not even what is put into the page.
         outside = self.browser.run("""
-            return performance.getEntriesByType('resource').map((e) => e.name).filter((n) => !n.startsWith('file:'))""")
+            return performance.getEntriesByType('resource').map((e) => e.name)
+                .filter((n) => !n.startsWith('file:'))""")
         self.assertEqual(outside, [])
         refused = self.browser.run("""
             const refused = [];

@@ -146,13 +146,12 @@ TEST_F(GatewayTest, BacksUpAWholeAccountWithFewRequests) {
     account_.addItem("", photo("Q&A [1] ]]>"));
     serveToday();
     std::atomic<int> atATime{0}, most{0};
-    sim_->faults().add(flickr_sim::everything(), flickr_sim::always(),
-                       fault::call([&](const flickr_sim::Request& r) {
-                           if (r.kind == flickr_sim::Kind::Rest) return;
-                           most = std::max<int>(most, ++atATime);
-                           std::this_thread::sleep_for(10ms);
-                           --atATime;
-                       }));
+    sim_->faults().add({}, flickr_sim::always(), [&](const flickr_sim::Request& r, flickr_sim::Reply&) {
+        if (r.kind == flickr_sim::Kind::Rest) return;
+        most = std::max<int>(most, ++atATime);
+        std::this_thread::sleep_for(10ms);
+        --atATime;
+    });
     EXPECT_EQ(runThrough().status, 1);
     EXPECT_THAT(problems_, IsEmpty());
     expectComplete();

@@ -182,7 +182,7 @@ TEST_F(Run, KeepsTheOldVersionWhenATransferFails) {
         {"status 404 for the thumbnail", fault::status(404), true},
         {"dropped before the header", fault::dropBeforeHeader(), false},
         {"dropped in the header", fault::dropInHeader(), false},
-        {"reset in the body", fault::dropInBody(100, true), false},
+        {"reset in the body", fault::dropInBody(100, fault::Close::Reset), false},
         {"body too short", fault::shortBody(1), false},
         {"chunked body that breaks off",
          [](const Request& r, Reply& reply) {

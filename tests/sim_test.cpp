@@ -277,8 +277,8 @@ TEST_F(Sim, DeliversInEveryWay) {
     EXPECT_THAT(get(url).header,
                 AllOf(StartsWith("HTTP/1.1 307"), HasSubstr("Location: " + path + "?hops=1")));
     EXPECT_THAT(get(url + "?hops=1").header,
-                HasSubstr("Location: " + sim_->baseUrl(true) + path + "?hops=0\r\n"));
-    EXPECT_TRUE(get(sim_->baseUrl(true) + path + "?hops=0").body == content.text());
+                HasSubstr("Location: " + sim_->baseUrl(Scheme::Https) + path + "?hops=0\r\n"));
+    EXPECT_TRUE(get(sim_->baseUrl(Scheme::Https) + path + "?hops=0").body == content.text());
 
     // Two requests in one go, over a connection that stays open for them.
     sim_->clearLog();
@@ -304,7 +304,7 @@ TEST_F(Sim, MisbehavesAsTold) {
         {"status", fault::status(429), StartsWith("HTTP/1.1 429 "),
          "<html><body><h1>429 Too Many Requests</h1></body></html>\n"},
         {"drop", fault::dropBeforeHeader(), IsEmpty(), ""},
-        {"reset", fault::dropBeforeHeader(true), "RESET", ""},
+        {"reset", fault::dropBeforeHeader(fault::Close::Reset), "RESET", ""},
         {"header", fault::dropInHeader(12), "HTTP/1.1 200", ""},
         {"cut", fault::dropInBody(4), HasSubstr("Content-Length: 10\r\n"), "0123"},
         {"short", fault::shortBody(1), HasSubstr("Content-Length: 10\r\n"), "012345678"},
