@@ -136,15 +136,15 @@ def first(bench, line, trip, megabits, items, size, rounds, goal, each_goal):
         bench.fresh("ours"), bench.fresh("curl")
     case = f"first backup, {items:,} photos of " + (f"{size // KIB} KiB" if size < MIB else f"{size / 1e6:.0f} MB")
     case += f" with thumbnails, {trip} ms" + (f", {megabits} Mbit/s" if megabits else "")
-    figures = (f"for an item: ours {milliseconds(runs['ours'], items)}, four curls {milliseconds(runs['four'], items)}, "
-               f"one curl {milliseconds(runs['one'], few)}")
+    figures = (f"for an item: ours {milliseconds(runs['ours'], items)}, "
+               f"four curls {milliseconds(runs['four'], items)}, one curl {milliseconds(runs['one'], few)}")
     if megabits:
         figures += "; " + ", ".join(f"{name} {spread([size * items * 8 / r.wall / 1e6 for r in runs[key]])} Mbit/s"
                                     for name, key in (("ours", "ours"), ("four curls", "four")))
     bench.row(case, "curl --parallel-max 4", ratios(runs["ours"], runs["four"]), goal, figures)
     if each_goal:
-        bench.row(case + ": time for an item", f"{each_goal} ms", [r.wall / items * 1000 / each_goal
-                                                                 for r in runs["ours"]], 1.0, figures)
+        shares = [r.wall / items * 1000 / each_goal for r in runs["ours"]]
+        bench.row(case + ": time for an item", f"{each_goal} ms", shares, 1.0, figures)
     peak(bench, case, runs["ours"])
     return min(r.wall for r in runs["ours"]) / items
 

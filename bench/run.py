@@ -29,6 +29,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 # What the simulated service accepts.
 KEY, SECRET, TOKEN = "demo0key0for0the0simulated0flickr", "demo0secret", "demo-token-1"
 
+
 class Bench:
     """The directory and the processes of one call, and the table's rows."""
 
@@ -286,7 +287,8 @@ def sets(bench):
 
 def micro(bench, name, time_kind, *options):
     """Runs a program of Google Benchmark; times in ns by case, each {contender: [times]}."""
-    result = run(bench.program(name), *options, "--benchmark_format=json", "--benchmark_enable_random_interleaving=true",
+    result = run(bench.program(name), *options, "--benchmark_format=json",
+                 "--benchmark_enable_random_interleaving=true",
                  f"--benchmark_repetitions={3 if bench.quick else 5}")
     times = {}
     for entry in json.loads(result.output[result.output.index("{"):])["benchmarks"]:
@@ -347,7 +349,8 @@ def count_instructions(bench, command):
 
 
 CASES = {case.__name__.replace("_", "-"): case for case in
-         (first, unchanged, video, redirects, scaling, sets, parsers, store, distance, instructions, gallery, slow_disk)}
+         (first, unchanged, video, redirects, scaling, sets, parsers, store, distance, instructions, gallery,
+          slow_disk)}
 
 
 def machine():
@@ -360,7 +363,8 @@ def machine():
     system = re.search(r'PRETTY_NAME="(.*)"', pathlib.Path("/etc/os-release").read_text())
     return (f"{os.cpu_count()} × {cpu.group(1) if cpu else platform.machine()}, "
             f"{int(memory.group(1)) / MIB:.0f} GiB of memory, {system.group(1)}, "
-            f"Linux {'.'.join(platform.release().split('.')[:2])}, {' '.join(output('curl', '--version').split()[:2])}, "
+            f"Linux {'.'.join(platform.release().split('.')[:2])}, "
+            f"{' '.join(output('curl', '--version').split()[:2])}, "
             f"{' '.join(output('wget', '--version').split()[:3])}, load before the start {os.getloadavg()[0]:.1f}")
 
 

@@ -134,7 +134,8 @@ def main():
     parser.add_argument("--build", required=True)
     parser.add_argument("--kills", type=int, help="so many moments of each kind; all when left out")
     parser.add_argument("--faults", type=int, help="the same for failing calls; 0: none")
-    parser.add_argument("--twice", type=int, default=20, help="runs that are killed again while they put things in order")
+    parser.add_argument("--twice", type=int, default=20,
+                        help="runs that are killed again while they put things in order")
     parser.add_argument("--case", help="one case, as it is printed")
     options = parser.parse_args()
 
@@ -142,7 +143,8 @@ def main():
         bench = Bench(work, options.build)
         if options.case:
             case = eval(options.case)
-            rig.finish("one case", rig.each([case], lambda c: (kill if c[1] in ("before", "after", "torn") else fail)(bench, c)))
+            again = kill if case[1] in ("before", "after", "torn") else fail
+            rig.finish("one case", rig.each([case], lambda c: again(bench, c)))
         kills, faults, failures = [], [], 0
         for name in "first", "second":
             trace = bench.calls(name)

@@ -47,7 +47,8 @@ def call(program, *arguments, patience=PATIENCE):
     """Runs the program, tells it to stop when it does not end by itself, and looks at how it went."""
     global slowest_stop
     with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err:
-        process = subprocess.Popen([program.binary, *map(str, arguments)], stdin=subprocess.DEVNULL, stdout=out, stderr=err)
+        process = subprocess.Popen([program.binary, *map(str, arguments)], stdin=subprocess.DEVNULL, stdout=out,
+                                   stderr=err)
         told, memory = None, 0
         began = time.monotonic()
         while process.poll() is None:
@@ -61,14 +62,16 @@ def call(program, *arguments, patience=PATIENCE):
             time.sleep(0.01)
         seconds = time.monotonic() - (told or began)
         out.seek(0), err.seek(0)
-        run = rig.Run(process.returncode, out.read().decode(errors="replace"), err.read().decode(errors="replace"), seconds)
+        run = rig.Run(process.returncode, out.read().decode(errors="replace"), err.read().decode(errors="replace"),
+                      seconds)
     if told is not None:
         slowest_stop = max(slowest_stop, seconds)
         rig.require(seconds < service.STOP_LIMIT, f"{arguments[0]}: does not stop")
     # What only reads has nothing to end properly.
     ends = (0, 1, 2, 3, 130) if arguments[0] == "run" or told is None else (0, 1, 2, 3, 130, -signal.SIGINT)
     rig.require(run.status in ends, f"{arguments[0]}: no proper end: {run}")
-    rig.require(run.status not in (1, 2, 3) or run.told() or run.out.strip(), f"{arguments[0]}: failed without a word: {run}")
+    rig.require(run.status not in (1, 2, 3) or run.told() or run.out.strip(),
+                f"{arguments[0]}: failed without a word: {run}")
     rig.require(memory < MEMORY, f"{arguments[0]}: takes {memory >> 10} MiB of memory")
     return run
 
@@ -136,7 +139,8 @@ def check_device(bench, prepare):
             run = call(bench.late, command, "--device", world.device, *more)
             world.require_untouched(command)
             shown = run.out + run.err if "--json" not in more else run.err
-            rig.require(not re.search(r"[\x00-\x08\x0b-\x1f\x7f]", shown.replace("\r", "")), f"control characters shown: {shown!r}")
+            rig.require(not re.search(r"[\x00-\x08\x0b-\x1f\x7f]", shown.replace("\r", "")),
+                        f"control characters shown: {shown!r}")
     finally:
         world.remove()
 
@@ -162,7 +166,8 @@ def each_text(name, table, column, key, value, variant):
         database = open_database(world, name)
         # A file or folder that stands in the service folder itself: from there HOME leads out.
         first = {"files": "WHERE folder = 1", "folders": "WHERE parent = 1"}.get(table, "")
-        where = f"WHERE ({key}) = (SELECT {key} FROM {table} {first} ORDER BY {key} LIMIT 1)" if variant != "all" else ""
+        only = f"WHERE ({key}) = (SELECT {key} FROM {table} {first} ORDER BY {key} LIMIT 1)"
+        where = only if variant != "all" else ""
         try:
             if variant in ("pending", "stale") and table == "files":
                 pending = {"pending": 1, "stale": 2}[variant]
@@ -181,7 +186,8 @@ def each_text(name, table, column, key, value, variant):
 def row_cases(bench):
     for name in LEDGER, "backup.db":
         database = sqlite3.connect(bench.first / name)
-        tables = [row[0] for row in database.execute("SELECT name FROM sqlite_master WHERE type = 'table' ORDER BY name")]
+        named = database.execute("SELECT name FROM sqlite_master WHERE type = 'table' ORDER BY name")
+        tables = [row[0] for row in named]
         for table in tables:
             columns = list(database.execute(f"PRAGMA table_info({table})"))
             key = ", ".join(column[1] for column in columns if column[5])
@@ -221,7 +227,8 @@ def schema_cases():
                 name, f"ALTER TABLE {table} ADD COLUMN more TEXT DEFAULT 'x'")
             yield f"{short} {table} with an index on an expression", script(
                 name, f"CREATE INDEX x ON {table} (abs(1))")
-        yield f"{short} table parts", script(name, f"CREATE TABLE parts (name TEXT); INSERT INTO parts VALUES ('{PRECIOUS}')")
+        yield f"{short} table parts", script(
+            name, f"CREATE TABLE parts (name TEXT); INSERT INTO parts VALUES ('{PRECIOUS}')")
         yield f"{short} another version", script(name, "PRAGMA user_version = 99")
         yield f"{short} words of a virtual table", script(name, "CREATE VIRTUAL TABLE x USING fts4(a)")
         yield f"{short} super-journal", super_journal(name)
@@ -231,7 +238,7 @@ def schema_cases():
     yield "folder that is its own parent", script(LEDGER, """
         INSERT INTO folders (id, parent, name, pending) VALUES (901, 901, 'a', 1);
         INSERT INTO files VALUES (901, 'x.jpg', 'nobody', 1, '', 'y.jpg', 1)""")
-    yield "a million folders deep", script(LEDGER, f"""
+    yield "a million folders deep", script(LEDGER, """
         WITH RECURSIVE c (i) AS (SELECT 1000 UNION ALL SELECT i + 1 FROM c WHERE i < 101000)
         INSERT INTO folders (id, parent, name, pending) SELECT i + 1, i, 'a', 1 FROM c""")
     for size in 64, 512, 4096:
@@ -352,7 +359,8 @@ class Listener:
 
 
 ORDER = "SET pwned 1"
-BREAKS = {"line feed": "&#10;", "return and line feed": "&#13;&#10;", "return": "&#13;", "encoded": "%0d%0a", "encoded twice": "%250a",
+BREAKS = {"line feed": "&#10;", "return and line feed": "&#13;&#10;", "return": "&#13;",
+          "encoded": "%0d%0a", "encoded twice": "%250a",
           "wide": "&#x10a;", "separator": "&#x2028;", "next line": "&#x85;", "white space": " HTTP/1.1&#10;"}
 PARTS = {"query": "http://{0}/x?a={1}{2}{1}", "path": "http://{0}/{1}{2}{1}", "user": "http://a{1}{2}{1}@{0}/x",
          "host": "http://{0}{1}{2}{1}/x", "fragment": "http://{0}/x#a{1}{2}{1}", "port": "http://{0}{1}{2}/x",
@@ -366,7 +374,8 @@ def check_address(work, build, case):
     try:
         address = PARTS[part].format(listener.address, BREAKS[line_break], ORDER)
         base = stage.service.base
-        sizes = service.Account.sizes_xml(base, "1").replace(f'"{base}/{kind}/1"', f'"{escape(address).replace("&amp;", "&")}"')
+        named = escape(address).replace("&amp;", "&")
+        sizes = service.Account.sizes_xml(base, "1").replace(f'"{base}/{kind}/1"', f'"{named}"')
         sizes = service.http(sizes)
         stage.service.answer = lambda method, key, target: sizes if (method, key) == ("getSizes", "1") else None
         run = call_stage(stage)
@@ -403,7 +412,8 @@ HUGES = {
     "CDATA": ("getPhotos", ">d<", lambda: f'><![CDATA[{"x" * HUGE}]]><'),
     "unclosed CDATA": ("getPhotos", ">d<", lambda: f'><![CDATA[{"x" * HUGE}'),
     "name of an element": ("getPhotos", "<photoset>", lambda: f'<photoset><{"x" * HUGE}/>'),
-    "attributes": ("getPhotos", "<photoset>", lambda: "<photoset " + " ".join(f'a{i}="b"' for i in range(HUGE // 12)) + ">"),
+    "attributes": ("getPhotos", "<photoset>",
+                   lambda: "<photoset " + " ".join(f'a{i}="b"' for i in range(HUGE // 12)) + ">"),
     "elements": ("getPhotos", "<photoset>", lambda: "<photoset>" + "<a/>" * (HUGE // 4)),
     "document type": ("getPhotos", "<rsp", lambda: f'<!DOCTYPE rsp [<!ENTITY a "{"x" * HUGE}">]><rsp'),
     "set's title": ("getList", "<title>Trip", lambda: f'<title>{"x" * HUGE}'),
@@ -429,7 +439,8 @@ def check_huge(work, build, name):
         stage.close()
 
 
-IDS = ["methodflickr.photos.deletephoto_id123", "1&method=flickr.photos.delete", "1=2", "a b", "../x", "9;x", "é", "1+1", "%31",
+IDS = ["methodflickr.photos.deletephoto_id123", "1&method=flickr.photos.delete",
+       "1=2", "a b", "../x", "9;x", "é", "1+1", "%31",
        "x" * 5000 + ".", "'", "1\u202e", "1.2"]
 # The service's own letters: nothing else is asked for.
 PLAIN = re.compile(r"[A-Za-z0-9@_-]+")
@@ -485,7 +496,8 @@ def main():
                            for part in PARTS for line in BREAKS for kind in "mt"},
                           lambda case: check_address(work, options.build, case)),
             "huge": ({f"huge {name}": name for name in HUGES}, lambda case: check_huge(work, options.build, case)),
-            "ids": ({f"id of {kind} {strange[:40]!r}": (kind, strange) for kind in ("set", "item", "cover") for strange in IDS},
+            "ids": ({f"id of {kind} {strange[:40]!r}": (kind, strange)
+                     for kind in ("set", "item", "cover") for strange in IDS},
                     lambda case: check_id(work, options.build, case))}
         for kind in options.kinds.split(","):
             cases, check = kinds[kind]

@@ -26,7 +26,8 @@ class FileSystem:
 # exfat-fuse wants a block device of root.
 KINDS = (FileSystem("exfat", ["mkfs.exfat"], ["fsck.exfat", "-y"], ["mount.exfat-fuse"],
                     ["mkfs.exfat", "fsck.exfat", "mount.exfat-fuse"], True),
-         FileSystem("ntfs", ["mkntfs", "-F", "-Q", "-q"], ["ntfsfix"], ["ntfs-3g"], ["mkntfs", "ntfsfix", "ntfs-3g"], False))
+         FileSystem("ntfs", ["mkntfs", "-F", "-Q", "-q"], ["ntfsfix"], ["ntfs-3g"],
+                    ["mkntfs", "ntfsfix", "ntfs-3g"], False))
 
 
 def call(*arguments):

@@ -99,7 +99,8 @@ def clocks(work, build, _):
         rig.require(process.returncode == 0, f"{name}: {out} {err}")
         rig.State(device).require_equal(expected)
         again = program.backup(device)
-        rig.require(again.status == 0 and again.summary["new"] + again.summary["edited"] == 0, f"{name}, again: {again}")
+        rig.require(again.status == 0 and again.summary["new"] + again.summary["edited"] == 0,
+                    f"{name}, again: {again}")
     sim.stop()
 
 

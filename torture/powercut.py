@@ -63,7 +63,8 @@ class Event:
     """One call. node is what it is about; folder and name where it stands then, source and before where it stood."""
 
     def __init__(self, kind, node, folder=None, name="", source=None, before="", offset=0, data=b"", grows=False):
-        self.kind, self.node, self.folder, self.name, self.source, self.before = kind, node, folder, name, source, before
+        self.kind, self.node, self.folder, self.name = kind, node, folder, name
+        self.source, self.before = source, before
         self.offset, self.data, self.grows = offset, data, grows
 
 
@@ -94,7 +95,8 @@ class Record:
 
     def _load(self, folder, path):
         for entry in os.scandir(path):
-            node = Node(entry.is_dir(follow_symlinks=False), b"" if entry.is_dir() else pathlib.Path(entry).read_bytes())
+            content = b"" if entry.is_dir() else pathlib.Path(entry).read_bytes()
+            node = Node(entry.is_dir(follow_symlinks=False), content)
             self.names[folder][entry.name] = node
             self.sizes[node] = len(node.data)
             if node.is_folder:
@@ -220,7 +222,8 @@ class Cut:
     def _keep_names(self, names, blocks):
         self.blocks = blocks
         events = self.record.events
-        doubtful = [i for i in range(self.at) if (events[i].kind in NAMES or (events[i].kind == "cut" and self.model == "journal"))
+        doubtful = [i for i in range(self.at)
+                    if (events[i].kind in NAMES or (events[i].kind == "cut" and self.model == "journal"))
                     and i not in self.safe]
         if self.chance is None:
             return self.safe | set(doubtful)
@@ -337,7 +340,8 @@ class Walk:
         same = {row["ItemId"] for row in rig.rows_of(start) if times[row["ItemId"]] == row.get("ItemUpdatedOn")} \
             if early else set()
         held = rig.files_of(start)
-        paths = [f"{rig.SERVICE}/{file['path']}{file['name']}" for file in rig.ledger_of(start) if file["item"] in same] \
+        paths = [f"{rig.SERVICE}/{file['path']}{file['name']}"
+                 for file in rig.ledger_of(start) if file["item"] in same] \
             if early else []
         self.untouched = {path: held[path] for path in paths if held.get(path) in self.expected.files.values()}
 
@@ -403,11 +407,15 @@ class Walks:
         return self.walk("change", self.backed, program)
 
     def format(self):
-        """Edited items whose thumbnails, or all of them, have another format. They come from a service of their own."""
+        """Edited items whose thumbnails, or all of them, have another format.
+
+        They come from a service of their own.
+        """
         account = service.make_account()
         early, late = service.Stage(self.work, self.build, account), service.Stage(self.work, self.build, account)
         edited = service.http(account.photos_xml("7", 1800000000))
-        answers = {("getPhotos", "7"): edited, ("thumb", "1"): service.http(png(1)), ("media", "1"): service.http(png(2)),
+        answers = {("getPhotos", "7"): edited,
+                   ("thumb", "1"): service.http(png(1)), ("media", "1"): service.http(png(2)),
                    ("thumb", "2"): service.http(png(3))}
         late.service.answer = lambda kind, key, target: answers.get((kind, key))
         succeed(early.program.backup(early.device))
@@ -562,7 +570,8 @@ def main():
         explorer = Explorer(work, options.build)
         if options.case:
             rig.finish("one state", rig.each([eval(options.case)], explorer.check))
-        print(f"seed {options.seed}; a state that fails is repeated by --case with what stands behind FAILED", flush=True)
+        print(f"seed {options.seed}; a state that fails is repeated by --case with what stands behind FAILED",
+              flush=True)
         names, failures = [], 0
         for name in options.walks.split(","):
             try:

@@ -114,12 +114,12 @@ class Program:
     # Without the gallery, which is tried by itself: it can be made anew at any time and follows the run. Devices
     # are made anew at the paths of others.
     def backup(self, device, **options):
-        return self.call("run", "--device", device, "--credentials", self.credentials, "--json", "--no-gallery", "--new",
-                         **options)
+        return self.call("run", "--device", device, "--credentials", self.credentials, "--json", "--no-gallery",
+                         "--new", **options)
 
     def start_backup(self, device, **options):
-        return self.start("run", "--device", device, "--credentials", self.credentials, "--json", "--no-gallery", "--new",
-                         **options)
+        return self.start("run", "--device", device, "--credentials", self.credentials, "--json", "--no-gallery",
+                          "--new", **options)
 
     def verify(self, device):
         return self.call("verify", "--device", device)
@@ -240,7 +240,6 @@ class State:
             mine, theirs = getattr(self, name), getattr(other, name)
             different = [pair for pair in zip(mine, theirs) if pair[0] != pair[1]]
             require(mine == theirs, f"the {name} differ, {len(mine)} and {len(theirs)}: {different[:2]}")
-
 
     def contents(self):
         """For each item the bytes of its media and of its thumbnails, whatever their names."""

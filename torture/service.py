@@ -21,7 +21,8 @@ STOP_LIMIT = 3.0  # seconds from the request to the end, on a busy machine; what
 
 def media(seed, size=3000):
     """Bytes that begin like a picture and repeat nowhere."""
-    return b"\xff\xd8\xff\xe0" + b"".join(zlib.crc32(b"%d %d" % (seed, i)).to_bytes(4, "big") for i in range(size // 4))
+    words = (zlib.crc32(b"%d %d" % (seed, i)).to_bytes(4, "big") for i in range(size // 4))
+    return b"\xff\xd8\xff\xe0" + b"".join(words)
 
 
 def http(body, status="200 OK", *headers, length=None):
@@ -47,7 +48,8 @@ class Account:
     def photos_xml(self, set_id, updated=1700000000):
         text = "".join(f'<photo id={quoteattr(i)} title={quoteattr(title)} dateupload="1700000000" '
                        f'lastupdate="{updated}" datetaken="2023-11-14 22:13:20" media="photo" tags="a b">'
-                       f'<description>d</description></photo>' for i, title in self.sets.get(set_id, ("", {}))[1].items())
+                       f'<description>d</description></photo>'
+                       for i, title in self.sets.get(set_id, ("", {}))[1].items())
         return f'<?xml version="1.0"?><rsp stat="ok"><photoset>{text}</photoset></rsp>'
 
     @staticmethod
@@ -98,7 +100,8 @@ class Service:
                 special = self.answer(kind, key, target)
                 if special is not None:
                     self.reached.set()
-                for part in [special] if isinstance(special, bytes) else special or [self.regular(kind, key, parameters)]:
+                parts = [special] if isinstance(special, bytes) else special
+                for part in parts or [self.regular(kind, key, parameters)]:
                     if isinstance(part, (int, float)):
                         time.sleep(part)
                     else:
@@ -142,7 +145,8 @@ def chunked(*parts):
 ENTITY_BOMB = "<!DOCTYPE r [" + '<!ENTITY a0 "ha">' + "".join(
     f'<!ENTITY a{i} "{f"&a{i - 1};" * 10}">' for i in range(1, 12)) + "]><rsp stat=\"ok\"><photosets><photoset " \
     "id=\"9\"><title>&a11;</title></photoset></photosets></rsp>"
-OUTSIDE_ENTITY = '<!DOCTYPE r [<!ENTITY x SYSTEM "file:///etc/hostname"><!ENTITY % y SYSTEM "http://127.0.0.1:1/">%y;' \
+OUTSIDE_ENTITY = '<!DOCTYPE r [<!ENTITY x SYSTEM "file:///etc/hostname">' \
+                 '<!ENTITY % y SYSTEM "http://127.0.0.1:1/">%y;' \
     ']><rsp stat="ok"><photosets><photoset id="9"><title>&x;</title></photoset></photosets></rsp>'
 
 
@@ -158,7 +162,8 @@ def xml_cases():
     yield "outside-entity", http(OUTSIDE_ENTITY)
     yield "deep", http("<a>" * 200000 + "</a>" * 200000)
     yield "unclosed-deep", http("<a>" * 2000000)
-    yield "doubled-attribute", http(good.replace("<photo ", '<photo id="1" ').replace("<photoset", '<photoset a="1" a="1"'))
+    doubled = good.replace("<photo ", '<photo id="1" ').replace("<photoset", '<photoset a="1" a="1"')
+    yield "doubled-attribute", http(doubled)
     yield "huge-attribute", http(good.replace("one", "x" * 3000000))
     yield "huge-text", http(good.replace(">d<", ">" + "x" * 3000000 + "<"))
     yield "long-attribute", http(good.replace("one", "x" * 5000000)[:-40])
@@ -191,33 +196,42 @@ def odd_cases():
     """Well-formed answers with something missing, doubled or out of place: (point, name, answer)."""
     account, base = make_account(), "http://127.0.0.1:1"
     photos = account.photos_xml("7")
-    for attribute in ' id="1"', ' title="one"', ' media="photo"', ' lastupdate="1700000000"', ' datetaken="2023-11-14 22:13:20"', \
+    for attribute in ' id="1"', ' title="one"', ' media="photo"', ' lastupdate="1700000000"', \
+            ' datetaken="2023-11-14 22:13:20"', \
             ' dateupload="1700000000"', ' tags="a b"':
         yield "getPhotos", f"without{attribute}", photos.replace(attribute, "", 1)
-    for old, new in {'media="photo"': 'media="audio"', 'id="1"': 'id=""', 'title="one"': 'title="two"', 'id="2"': 'id="1"',
-                     '1700000000"': '-1"', 'lastupdate="1700000000"': 'lastupdate="soon"', "2023-11-14": "never"}.items():
+    for old, new in {'media="photo"': 'media="audio"', 'id="1"': 'id=""',
+                     'title="one"': 'title="two"', 'id="2"': 'id="1"',
+                     '1700000000"': '-1"', 'lastupdate="1700000000"': 'lastupdate="soon"',
+                     "2023-11-14": "never"}.items():
         yield "getPhotos", f"{old} as {new}", photos.replace(old, new, 1)
     yield "getPhotos", "one item of two", photos[:photos.index("<photo id")] + photos[photos.rindex("<photo id"):]
     yield "getPhotos", "no items", photos[:photos.index("<photo id")] + "</photoset></rsp>"
     yield "getPhotos", "no list", '<rsp stat="ok"/>'
     yield "getPhotos", "tags without end", photos.replace('tags="a b"', f'tags="{"x " * 100000}"', 1)
     yield "getPhotos", "attributes turned round", re.sub(
-        r"<photo ([^>]*)>", lambda tag: "<photo " + " ".join(reversed(re.findall(r'\w+="[^"]*"', tag[1]))) + ">", photos)
+        r"<photo ([^>]*)>",
+        lambda tag: "<photo " + " ".join(reversed(re.findall(r'\w+="[^"]*"', tag[1]))) + ">", photos)
     sizes = account.sizes_xml(base, "1")
-    for name, text in {"no sizes": '<rsp stat="ok"><sizes/></rsp>', "no sources": re.sub(r'source="[^"]*"', 'source=""', sizes),
-                       "no labels": re.sub(r'label="[^"]*"', "", sizes), "no thumbnail": sizes.replace("Thumbnail", "Square"),
+    for name, text in {"no sizes": '<rsp stat="ok"><sizes/></rsp>',
+                       "no sources": re.sub(r'source="[^"]*"', 'source=""', sizes),
+                       "no labels": re.sub(r'label="[^"]*"', "", sizes),
+                       "no thumbnail": sizes.replace("Thumbnail", "Square"),
                        "width of no number": sizes.replace('width="2"', 'width="wide"'), "no list": '<rsp stat="ok"/>',
                        "source is no address": re.sub(r'source="[^"]*"', 'source="../../etc/passwd"', sizes),
-                       "source of another kind": re.sub(r'source="[^"]*"', 'source="file:///etc/passwd"', sizes)}.items():
+                       "source of another kind": re.sub(r'source="[^"]*"', 'source="file:///etc/passwd"',
+                                                        sizes)}.items():
         yield "getSizes", name, text
     sets = account.sets_xml()
     yield "getList", "a set's id is missing", sets.replace('id="7" ', "")
     yield "getList", "id that signs another call", sets.replace('id="7"', 'id="methodflickr.photos.deletephoto_id1"')
     yield "getPhotos", "id that signs another call", photos.replace('id="1"', 'id="1methodflickr.photos.delete"')
-    yield "getSizes", "address with lines", re.sub(r'source="[^"]*"', 'source="http://127.0.0.1:1/?x&#13;&#10;SET pwned 1"', sizes)
+    lines = 'source="http://127.0.0.1:1/?x&#13;&#10;SET pwned 1"'
+    yield "getSizes", "address with lines", re.sub(r'source="[^"]*"', lines, sizes)
     yield "getList", "a set twice", sets.replace('id="8"', 'id="7"')
     yield "getList", "counts are no numbers", sets.replace('photos="2"', 'photos="many"')
-    yield "getList", "counts are huge", sets.replace('photos="2"', 'photos="2147483647" ').replace('videos="0"', 'videos="2147483647"', 1)
+    huge = sets.replace('photos="2"', 'photos="2147483647" ').replace('videos="0"', 'videos="2147483647"', 1)
+    yield "getList", "counts are huge", huge
     yield "getList", "counts are negative", sets.replace('photos="2"', 'photos="-5"')
 
 
@@ -240,12 +254,15 @@ def media_cases():
             "cut-chunk": [b"1000\r\n", half], "no-last-chunk": [b"%x\r\n" % len(body), body, b"\r\n"],
             "negative-chunk": [b"-5\r\nhello\r\n0\r\n\r\n"], "huge-chunk": [b"ffffffffffffffff\r\n", body],
             "word-chunk": [b"hello\r\n", body], "short-chunk": [b"5\r\n", body, b"\r\n0\r\n\r\n"],
-            "endless-extension": [b"5;", b"x" * 100000, b"\r\nhello\r\n0\r\n\r\n"], "empty-size": [b"\r\n\r\n\r\n"]}.items():
+            "endless-extension": [b"5;", b"x" * 100000, b"\r\nhello\r\n0\r\n\r\n"],
+            "empty-size": [b"\r\n\r\n\r\n"]}.items():
         yield name, chunked(*parts), "bad"
-    yield "chunks", chunked(b"1\r\n", body[:1], b"\r\n%X ;a=b\r\n" % (len(body) - 1), body[1:], b"\r\n0\r\nX: y\r\n\r\n"), "good"
+    second = b"\r\n%X ;a=b\r\n" % (len(body) - 1)
+    yield "chunks", chunked(b"1\r\n", body[:1], second, body[1:], b"\r\n0\r\nX: y\r\n\r\n"), "good"
     yield "single-bytes", chunked(*(b"1\r\n%c\r\n" % byte for byte in body), b"0\r\n\r\n"), "good"
     for location in ("ftp://127.0.0.1/x", "file:///etc/passwd", "javascript:alert(1)", "//", "http://", "http:///x",
-                     "http://127.0.0.1:1/", "http://a%0d%0aX:%20y/", "http://127.0.0.1:99999/", "https://127.0.0.1:1/x", "http://[::1", "",
+                     "http://127.0.0.1:1/", "http://a%0d%0aX:%20y/", "http://127.0.0.1:99999/",
+                     "https://127.0.0.1:1/x", "http://[::1", "",
                      "data:,x", "http://\u0000/", "http://256.1.1.1/", "http://a b/", "?" * 20000):
         yield f"redirect {location[:30]!r}", http("", "302 Found", f"Location: {location}"), "bad"
     yield "redirect-without-location", http("", "302 Found"), "bad"
@@ -291,8 +308,13 @@ def full_listener():
 def endless_cases():
     """What goes on until the user stops it: the point, and the answer."""
     header = b"HTTP/1.1 200 OK\r\nContent-Length: 1000000000\r\n\r\n"
-    loop = lambda kind, key, target: http("", "302 Found", f"Location: {target}")
-    chain = lambda kind, key, target: http("", "302 Found", f"Location: /m/1?{time.monotonic_ns()}")
+
+    def loop(kind, key, target):
+        return http("", "302 Found", f"Location: {target}")
+
+    def chain(kind, key, target):
+        return http("", "302 Found", f"Location: /m/1?{time.monotonic_ns()}")
+
     yield "slow media", "media", lambda *_: forever(header + media(1, 100), b"x", 0.3)
     yield "slow chunks", "media", lambda *_: forever(chunked(), b"1\r\nx\r\n", 0.3)
     yield "slow chunk size", "media", lambda *_: forever(chunked(b"1;"), b"y", 0.3)
@@ -315,10 +337,13 @@ def endless_cases():
 AWKWARD = [
     "../escape", "../../../../escape", "/etc/escape", "..", ".", "", "C:\\escape", "\\\\host\\share", "a/../../escape",
     "x" * 4000, "\u65e5" * 1500, "abc\u202egpj.exe", "same", "SAME", "Same", "caf\u00e9", "cafe\u0301", "a", "a_Old",
-    "a_old", "a_Old_Old", "_Old", "a.jpg", "Thumbnail", "thumbnail", "Anonymous", ".records", ".part-1", ".backup.lock",
+    "a_old", "a_Old_Old", "_Old", "a.jpg", "Thumbnail", "thumbnail", "Anonymous",
+    ".records", ".part-1", ".backup.lock",
     "backup.db", "CON", "nul.jpg", "a. ", "trailing.", "tab\there", "line\nfeed", "\ufeff", "\u0000".strip("\0"),
-    "%2e%2e%2fescape", "same", "\u0130", "i\u0307", "\u00df", "ss", "-rf", "$(touch escape)", "'; DROP TABLE backupmetadata; --"]
-AWKWARD_IDS = ["../x", "/etc/x", "..", "9/../../x", "C:x", "\u202e1", "a b", "'", "x" * 150, "\u65e5", "1", "CON", "a\tb", "%2e"]
+    "%2e%2e%2fescape", "same", "\u0130", "i\u0307", "\u00df", "ss", "-rf", "$(touch escape)",
+    "'; DROP TABLE backupmetadata; --"]
+AWKWARD_IDS = ["../x", "/etc/x", "..", "9/../../x", "C:x", "\u202e1", "a b", "'", "x" * 150,
+               "\u65e5", "1", "CON", "a\tb", "%2e"]
 
 
 def make_account():
@@ -332,7 +357,8 @@ class Stage:
         self.service = Service(account)
         credentials = pathlib.Path(work) / "hostile.ini"
         if not credentials.exists():
-            credentials.write_text("api_key = key-0123456789\napi_secret = secret-0123456789\ntoken = token-0123456789\n")
+            credentials.write_text("api_key = key-0123456789\napi_secret = secret-0123456789\n"
+                                   "token = token-0123456789\n")
             credentials.chmod(0o600)
         self.program = rig.Program(work, build, f"{self.service.base}/services/rest/", credentials)
         self.outer = pathlib.Path(work) / f"outer-{self.program.folder.name}"
@@ -351,7 +377,8 @@ class Stage:
 
     def check_places(self):
         """Only the service's folder and the stand-in's own files were touched."""
-        rig.require(sorted(path.name for path in self.outer.iterdir()) == ["device", "victim"], "something beside the device")
+        rig.require(sorted(path.name for path in self.outer.iterdir()) == ["device", "victim"],
+                    "something beside the device")
         rig.require((self.outer / "victim").read_text() == "precious", "a file beside the device changed")
         names = {path.name for path in self.device.iterdir()}
         rig.require(names <= {"Brightkettle", ".backup.lock", "backup.db", "backup.db-wal", "backup.db-shm"},
@@ -360,7 +387,8 @@ class Stage:
     def items(self):
         """Recorded items and the bytes of their media."""
         found = {}
-        for row in rig.query(self.device / "backup.db", "SELECT * FROM backupmetadata WHERE ItemType != 'FlickrFolder'"):
+        for row in rig.query(self.device / "backup.db",
+                             "SELECT * FROM backupmetadata WHERE ItemType != 'FlickrFolder'"):
             folder = "" if row["OriginalContainerId"] == "Anonymous" else row["DerivedContainerName"]
             path = self.device / rig.SERVICE / folder / row["DerivedItemName"]
             found[row["ItemId"]] = path.read_bytes() if path.is_file() else None
@@ -396,7 +424,8 @@ def check_xml(work, build, case):
         rig.require(stage.service.reached.is_set(), "the case was not reached")
         missing = {key: value for key, value in stage.expected().items() if stage.items().get(key) != value} \
             if (stage.device / "backup.db").exists() else stage.expected()
-        rig.require(not missing or run.status in (1, 3) or name in ONLY_WARNED and run.summary["warnings"] or name in UNSEEN,
+        rig.require(not missing or run.status in (1, 3) or name in UNSEEN
+                    or name in ONLY_WARNED and run.summary["warnings"],
                     f"missing and not told: {sorted(missing)}\n{run}")
         spoilt = {"getList": 4, "getPhotos": 2, "getNotInSet": 1, "getSizes": 1}[point]
         rig.require(len(missing) <= spoilt, f"others are missing too: {sorted(missing)}\n{run}")
@@ -415,7 +444,8 @@ def check_media(work, build, case):
         rig.require(stage.service.reached.is_set(), "the case was not reached")
         items, expected = stage.items(), stage.expected()
         others = {key: value for key, value in expected.items() if key != "1_7"}
-        rig.require(all(items.get(key) == value for key, value in others.items()), f"others are missing: {sorted(items)}")
+        rig.require(all(items.get(key) == value for key, value in others.items()),
+                    f"others are missing: {sorted(items)}")
         if worth == "bad":
             rig.require("1_7" not in items and run.status == 1, f"taken for a whole file: {run}")
         if worth == "good":
@@ -510,7 +540,8 @@ def check_names(work, build, case):
         rig.require(len(keys) == len(set(keys)), "names that are equal but for their case")
         # Every one is edited: each then has an "_Old" beside it for a while.
         edited = {name: http(account.photos_xml(name, 1800000000)) for name in account.sets}
-        stage.service.answer = lambda kind, key, target: edited.get(key) if kind in ("getPhotos", "getNotInSet") else None
+        stage.service.answer = lambda kind, key, target: (
+            edited.get(key) if kind in ("getPhotos", "getNotInSet") else None)
         require_all(stage.backup(timeout=300))
     finally:
         stage.close()
@@ -528,7 +559,8 @@ def main():
         return [cases[i - 1] for i in rig.spread(len(cases), options.cases)]
 
     odd = [(point, name, http(text)) for point, name, text in odd_cases()]
-    xml = chosen(odd + [(point, *case) for point in ("getList", "getPhotos", "getNotInSet", "getSizes") for case in xml_cases()])
+    points = ("getList", "getPhotos", "getNotInSet", "getSizes")
+    xml = chosen(odd + [(point, *case) for point in points for case in xml_cases()])
     bodies = chosen([(point, *case) for point in ("media", "thumb") for case in media_cases()])
     edits = chosen([(point, *case) for point in ("media", "thumb") for case in media_cases()])
     stops = chosen(list(endless_cases()))
