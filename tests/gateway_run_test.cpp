@@ -333,6 +333,13 @@ TEST_F(GatewayTest, GetsThroughWhatTheServiceDoes) {
     EXPECT_EQ(runThrough().status, 1);
     EXPECT_GT(sim_->counts().refused, 0u);
     expectComplete();
+
+    clean();
+    settings_.bytesPerSecond = 3 << 20;
+    const auto began = std::chrono::steady_clock::now();
+    EXPECT_EQ(runThrough().status, 1);
+    EXPECT_GT(std::chrono::steady_clock::now() - began, 450ms) << "for 5 files of 300,000 bytes";
+    expectComplete();
 }
 
 TEST_F(GatewayTest, SaysWhatItCannotHelp) {

@@ -3,12 +3,16 @@
 #include <Poco/Net/HTTPClientSession.h>
 #include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPResponse.h>
+#include <Poco/Net/ServerSocket.h>
+#include <Poco/Net/SocketAddress.h>
+#include <Poco/Net/StreamSocket.h>
 #include <Poco/URI.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -18,6 +22,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "sim/FlickrSim.h"
 #include "sim/TodayApi.h"
@@ -34,6 +39,52 @@ std::string read(const std::string& path) {
     std::ifstream file(path);
     return std::string(std::istreambuf_iterator<char>(file), {});
 }
+
+/// A proxy that leads wherever it is asked to.
+class Proxy {
+public:
+    Proxy() : listening_(std::async(std::launch::async, [this] { listen(); })) {}
+    ~Proxy() { stopping_ = true; }  // the futures wait for their ends
+
+    std::string address() const { return "http://" + socket_.address().toString(); }
+    int connections() const { return connections_; }
+
+private:
+    using Socket = Poco::Net::StreamSocket;
+
+    void listen() {
+        std::vector<std::future<void>> passing;
+        while (!stopping_) {
+            if (!socket_.poll(Poco::Timespan(0, 50000), Socket::SELECT_READ)) continue;
+            passing.push_back(std::async(std::launch::async,
+                                         [this, client = socket_.acceptConnection()] { pass(client); }));
+        }
+    }
+
+    void pass(Socket client) {
+        std::string head;
+        for (char c; head.find("\r\n\r\n") == std::string::npos && client.receiveBytes(&c, 1) == 1;)
+            head += c;
+        if (head.compare(0, 8, "CONNECT ") != 0) return;
+        Socket server(Poco::Net::SocketAddress(head.substr(8, head.find(' ', 8) - 8)));
+        ++connections_;
+        const std::string answer = "HTTP/1.1 200 OK\r\n\r\n";
+        client.sendBytes(answer.data(), static_cast<int>(answer.size()));
+        const auto forward = [](Socket& from, Socket& to) {
+            char bytes[4096];
+            if (!from.poll(Poco::Timespan(0, 1000), Socket::SELECT_READ)) return true;
+            const int size = from.receiveBytes(bytes, sizeof bytes);
+            return size > 0 && to.sendBytes(bytes, size) == size;
+        };
+        while (!stopping_ && forward(client, server) && forward(server, client)) {
+        }
+    }
+
+    Poco::Net::ServerSocket socket_{Poco::Net::SocketAddress("127.0.0.1", 0)};
+    std::atomic<int> connections_{0};
+    std::atomic<bool> stopping_{false};
+    std::future<void> listening_;
+};
 
 class LoginTest : public testing::Test {
 protected:
@@ -78,6 +129,18 @@ protected:
     }
     std::string out() const { return read(folder_ + "/out"); }
     std::string err() const { return read(folder_ + "/err"); }
+
+    /// As the user's state has them for the hour.
+    std::size_t callsCounted() const {
+        std::size_t sum = 0;
+        for (const auto& entry : fs::directory_iterator(folder_ + "/state/flickr-backup")) {
+            if (entry.path().filename().string().find("requests-") != 0) continue;
+            std::ifstream file(entry.path());
+            std::string next, minute, count;
+            for (file >> next >> count; file >> minute >> count;) sum += std::stoul(count);
+        }
+        return sum;
+    }
 
     void waitFor(const std::string& text) const {
         while (out().find(text) == std::string::npos) {
@@ -133,6 +196,28 @@ TEST_F(LoginTest, SignsInBacksUpAndSignsOut) {
     EXPECT_THAT(out(), HasSubstr("\"unchanged\":3"));
     EXPECT_EQ(sim_->counts().rest, 4u) << "sets, a page, and two of the items in no set";
     EXPECT_EQ(command("verify --device device"), 0) << out() << err();
+
+    // Two at once share the hour's calls, and one of them goes through a proxy.
+    fs::create_directory(folder_ + "/second");
+    sim_->clearLog();
+    const std::size_t before = callsCounted();
+    const Proxy proxy;
+    ::setenv("https_proxy", proxy.address().c_str(), 1);
+    auto second = std::async(std::launch::async, [&] { return command("run --device second"); });
+    while (proxy.connections() == 0) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    ::unsetenv("https_proxy");
+    EXPECT_EQ(command("run --device device"), 0) << out() << err();
+    EXPECT_EQ(second.get(), 0) << out() << err();
+    EXPECT_EQ(callsCounted() - before, sim_->counts().rest);
+    EXPECT_EQ(read(folder_ + "/second/Brightkettle/My Flickr Items/Tom & Jerry/b.jpg"),
+              read(service + "Tom & Jerry/b.jpg"));
+
+    // What a power cut has left of the account's name tells nothing.
+    for (const std::string& left : {std::string(), std::string(30, '\0'), std::string("123")}) {
+        std::ofstream(service + ".records/.account") << left;
+        EXPECT_EQ(command("run --device device"), 0) << err();
+        EXPECT_THAT(read(service + ".records/.account"), HasSubstr(sim_->credentials().userId + " "));
+    }
 
     // Problems are told in the service's words.
     sim_->faults().add(parseFault("kind=rest,error=105"));

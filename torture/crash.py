@@ -136,8 +136,10 @@ def main():
     parser.add_argument("--faults", type=int, help="the same for failing calls; 0: none")
     parser.add_argument("--twice", type=int, default=20,
                         help="runs that are killed again while they put things in order")
+    parser.add_argument("--today", action="store_true", help="runs go through the gateway")
     parser.add_argument("--case", help="one case, as it is printed")
     options = parser.parse_args()
+    rig.TODAY = options.today
 
     with rig.work_folder("crash") as work:
         bench = Bench(work, options.build)
@@ -162,7 +164,7 @@ def main():
                            for n in rig.spread(len(trace), options.faults, seed=len(faults))]
         failures += rig.each(kills, lambda case: kill(bench, case))
         failures += rig.each(faults, lambda case: fail(bench, case))
-        rig.finish("killed and failing", failures, kills=len(kills), failing_calls=len(faults))
+        rig.finish("killed and failing" + ", through the gateway" * options.today, failures, kills=len(kills), failing_calls=len(faults))
 
 
 if __name__ == "__main__":

@@ -563,8 +563,10 @@ def main():
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--models", default=",".join(MODELS), help="only these")
     parser.add_argument("--walks", default=",".join(Walks.ALL), help="only these")
+    parser.add_argument("--today", action="store_true", help="runs go through the gateway")
     parser.add_argument("--case", help="one state, as it is printed")
     options = parser.parse_args()
+    rig.TODAY = options.today
 
     with rig.work_folder("powercut") as work:
         explorer = Explorer(work, options.build)
@@ -582,7 +584,7 @@ def main():
                 print(f"FAILED the walk {name}, without any cut: {failure}", flush=True)
         cases = explorer.cases(names, options.models.split(","), options.states, options.again, options.seed)
         failures += rig.each(cases, explorer.check)
-    rig.finish("power cuts", failures, states=len(explorer.seen), cut_again=explorer.twice, walks=len(names))
+    rig.finish("power cuts" + ", through the gateway" * options.today, failures, states=len(explorer.seen), cut_again=explorer.twice, walks=len(names))
 
 
 if __name__ == "__main__":

@@ -67,7 +67,7 @@ int openAccountFile(const std::string& serviceFolder, int flags) {
     return file;
 }
 
-/// The first word of the file; empty when there is none.
+/// The first word of the file; empty when there is none, or when a power cut has left no whole one.
 std::string accountOn(const std::string& serviceFolder) {
     const int file = openAccountFile(serviceFolder, O_RDONLY | O_NONBLOCK);
     if (file < 0) return std::string();
@@ -75,7 +75,7 @@ std::string accountOn(const std::string& serviceFolder) {
     const ssize_t size = ::read(file, text, sizeof text);
     ::close(file);
     const std::string line(text, size > 0 ? static_cast<std::size_t>(size) : 0);
-    return line.substr(0, line.find_first_of(" \n"));
+    return line.find(' ') == std::string::npos ? std::string() : line.substr(0, line.find(' '));
 }
 
 }  // namespace
@@ -136,7 +136,6 @@ void tieToAccount(const DeviceLayout& layout, const Credentials& credentials) {
                           ", and the credentials are those of " + credentials.userId +
                           "; sign in as the other, or use another device.");
     }
-    // A name that is cut off by a power cut is read as none: the id comes first, and in one piece.
     const int file = openAccountFile(layout.serviceFolder, O_WRONLY | O_CREAT | O_TRUNC);
     if (file < 0) return;
     const std::string line = credentials.userId + " " + credentials.userName + "\n";
