@@ -260,7 +260,8 @@ TEST_F(GatewayTest, FetchesAheadWithoutExpectationAfterTwoItemsInARow) {
     std::this_thread::sleep_for(300ms);
     EXPECT_EQ(sim_->counts().media + sim_->counts().thumbnails, 2u) << "two, but not in a row";
     fetch(10, "media");
-    for (int i = 0; i < 200 && sim_->counts().thumbnails < 20; ++i) std::this_thread::sleep_for(20ms);
+    const auto fetched = [&] { return sim_->counts().media + sim_->counts().thumbnails; };
+    for (int i = 0; i < 3000 && fetched() < 42; ++i) std::this_thread::sleep_for(20ms);
     EXPECT_EQ(sim_->counts().thumbnails, 20u) << "all that follow";
     EXPECT_EQ(sim_->counts().media, 22u);
 }
