@@ -127,23 +127,34 @@ bool DownloadPhotoListActivity::parseDataV2(std::istream& body) {
 }
 
 void DownloadPhotoListActivity::sortPhotos() {
+    long ofOtherKind = 0, notUpdated = 0;
     for (auto& [id, photo] : photoMap_) {
         const Poco::DateTime updated = photo.getUpdatedDateTime();
         const std::string mediaType = photo.getMediaType();
         if (updated > fromDate_) {
-            if (mediaToBackup_ != "all" && mediaToBackup_ != mediaType) continue;
+            if (mediaToBackup_ != "all" && mediaToBackup_ != mediaType) {
+                ++ofOtherKind;
+                continue;
+            }
             if (mediaType == "photo") photos_.emplace(updated, std::move(photo));
             if (mediaType == "video") videos_.emplace(updated, std::move(photo));
         } else if (photo.getRawPhotoID() == photoSet_.getCoverImageID()) {
             photos_.emplace(updated, std::move(photo));
+        } else {
+            ++notUpdated;
         }
     }
     photoMap_.clear();
 
     if (photos_.size() == 1) {
         const auto& [updated, photo] = *photos_.begin();
-        if (photo.getRawPhotoID() == photoSet_.getCoverImageID() && updated < fromDate_) photos_.clear();
+        if (photo.getRawPhotoID() == photoSet_.getCoverImageID() && updated < fromDate_) {
+            photos_.clear();
+            ++notUpdated;
+        }
     }
+    if (notUpdated > 0) logInfo(kLeftOutByDate.with(std::to_string(notUpdated)));
+    if (ofOtherKind > 0) logInfo(kLeftOutByKind.with(std::to_string(ofOtherKind)));
     logInfo(kListEnds.with(std::to_string(photos_.size() + videos_.size())));
 }
 

@@ -3,6 +3,8 @@
 #include <Poco/Exception.h>
 #include <Poco/Net/HTTPResponse.h>
 
+#include <algorithm>
+
 #include "core/PhotosetSaxHandler.h"
 #include "core/RunLines.h"
 #include "core/RunSupport.h"
@@ -92,7 +94,12 @@ std::map<std::string, PhotoSet> DownloadPhotoSetListActivity::parseDataV2(std::i
 }
 
 void DownloadPhotoSetListActivity::insertPhotoSets(std::map<std::string, PhotoSet> sets) {
-    for (auto& [id, set] : sets) photoSets_.emplace(id, std::move(set));
+    long announced = 0;
+    for (auto& [id, set] : sets) {
+        announced += std::max(0, set.getNumberOfPhotos());
+        photoSets_.emplace(id, std::move(set));
+    }
+    logInfo(kItemsAnnounced.with(std::to_string(announced)));
     logInfo(kSetsListed.with(std::to_string(photoSets_.size())));
 }
 

@@ -161,6 +161,7 @@ void PhotoListSaxHandler::leaveOut(const std::string& line) {
 void PhotoListSaxHandler::finishPhoto() {
     if (namedIds_.size() == kMostItems) throw Poco::DataFormatException("the page of items has no end");
     namedIds_.push_back(photo_.getRawPhotoID());
+    logInfo(kItemNamed.with(photo_.getRawPhotoID(), photo_.getPhotoTitle()));
     const bool refused = !isId(photo_.getRawPhotoID());
     if (!refused) getPhotoInformation(photo_);
     photo_.setPhotoSetID(set_.getPhotoSetID());

@@ -59,6 +59,7 @@ std::multimap<Poco::DateTime, Photo> PhotoSetProcessor::processPhotoSet(
 void PhotoSetProcessor::processOneSet(PhotoSet& set, const Poco::DateTime& since, bool& factoryRegistered,
                                       std::multimap<Poco::DateTime, Photo>& videosMet) {
     logInfo(kSetBegins.with(set.getTitle()));
+    logInfo(kSetAnnounced.with(std::to_string(set.getNumberOfPhotos())));
 
     DownloadPhotoListActivity list;
     try {

@@ -90,6 +90,19 @@ constexpr RunLine kItemLeftOut{"No rendition to download for item - "};
 constexpr TextLine kItemRefused{"Refused for its id is item - "};
 constexpr TextLine kSetRefused{"Refused for its id is photo set - "};
 
+/// All sets are listed: how many items the service announces for them, without those in no set.
+constexpr TextLine kItemsAnnounced{"Items announced for all photo sets: "};
+/// The same for one set, when its list begins; 0 for the items in no set.
+constexpr TextLine kSetAnnounced{"Items announced for the photo set: "};
+
+/// The list names an item: its id as the service has it, and its title.
+constexpr RunLine kItemNamed{"Listed item - "};
+
+/// A set is listed: how many of its items were not updated since the first day, or are of a kind that is not
+/// to be backed up.
+constexpr TextLine kLeftOutByDate{"Items left out for their date: "};
+constexpr TextLine kLeftOutByKind{"Items left out for their kind: "};
+
 /// The service refuses the list of sets: its error code with ":", and its words.
 constexpr RunLine kServiceRefuses{"The service answers with error "};
 

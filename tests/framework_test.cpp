@@ -2,6 +2,7 @@
 
 #include <Poco/Buffer.h>
 #include <Poco/Data/DataException.h>
+#include <Poco/InflatingStream.h>
 #include <Poco/Thread.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -428,12 +429,32 @@ TEST_F(FrameworkTest, WritesOneLineForEachCallAndNoSecrets) {
     EXPECT_THAT(read(log), testing::EndsWith(" Started, ***; ***=***&x='***' runs ***-*** Photos\n"))
         << "a short secret is masked as a value, not within a word";
 
-    for (int i = 0; i < 2000; ++i) {
+    setLogDetail(LogDetail::Normal);
+    for (const char* detail :
+         {"*********************** Photo Started**************************", "Listed item - 1 a",
+          "Photo - a already backed up no change, continuing to next photo"}) {
+        DevLogger::writeLog(detail, LogLevelInformation, "x", 1);
+    }
+    DevLogger::writeLog("******", LogLevelInformation, "/home/me/build/../core/y.cpp", 3);
+    DevLogger::writeLog("told", LogLevelFailure, "x", 1);
+    EXPECT_THAT(read(log),
+                testing::ContainsRegex(" Photos\n[^\n]* INFO core/y.cpp:3 [*]{6}\n[^\n]* x:1 told\n$"));
+    setLogDetail(LogDetail::Failures);
+    DevLogger::writeLog("not a failure", LogLevelInformation, "x", 1);
+    setLogDetail(LogDetail::Everything);
+
+    for (int i = 0; i < 4000; ++i) {
         DevLogger::writeLog(std::string(20000, 'x'), LogLevelInformation, nullptr, 0);
     }
     EXPECT_LE(fs::file_size(log), 10u << 20);
-    EXPECT_LE(fs::file_size(log + ".2"), 10u << 20);
-    EXPECT_FALSE(fs::exists(log + ".3"));
+    EXPECT_TRUE(fs::exists(log + ".4.gz"));
+    for (const char* other : {".5.gz", ".1", ".1.gz.part"}) EXPECT_FALSE(fs::exists(log + other)) << other;
+    std::ifstream compressed(log + ".1.gz", std::ios::binary);
+    Poco::InflatingInputStream older(compressed, Poco::InflatingStreamBuf::STREAM_GZIP);
+    const std::string text(std::istreambuf_iterator<char>(older), {});
+    EXPECT_GT(text.size(), 9u << 20);
+    EXPECT_LE(text.size(), 10u << 20);
+    EXPECT_EQ(text.back(), '\n');
     nameLogFile((folder_ / "none" / "x.log").string());
     DevLogger::writeLog("dropped", LogLevelInformation, "x", 1);
     setLogSecrets({});

@@ -42,6 +42,15 @@ DeviceLock::DeviceLock(const std::string& directory) {
                               " cannot be locked: " + std::strerror(error));
 }
 
+bool DeviceLock::isHeld(const std::string& directory) {
+    const std::string path = directory + "/" + kLockName;
+    const int file = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (file < 0) return false;
+    const bool held = ::flock(file, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    ::close(file);
+    return held;
+}
+
 DeviceLock::~DeviceLock() {
     ::close(descriptor_);
 }

@@ -18,6 +18,9 @@ public:
     DeviceLock(const DeviceLock&) = delete;
     DeviceLock& operator=(const DeviceLock&) = delete;
 
+    /// Whether somebody holds the directory. Nothing is changed, and what cannot be looked at counts as free.
+    static bool isHeld(const std::string& directory);
+
 private:
     int descriptor_;
 };

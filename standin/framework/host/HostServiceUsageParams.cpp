@@ -6,6 +6,7 @@
 #include "standin/framework/base/Text.h"
 #include "standin/framework/run/RunDevice.h"
 #include "standin/framework/run/RunJournal.h"
+#include "standin/framework/run/RunProgress.h"
 #include "standin/framework/run/RunState.h"
 
 namespace Norvale_Plugin_Core {
@@ -28,6 +29,7 @@ void HostServiceUsageParams::setBackupState(bool stopped) {
     flickr_standin::closeRunDevice();
     flickr_standin::beginRun();
     flickr_standin::RunJournal::instance().begin();
+    flickr_standin::RunProgress::instance().begin();
 }
 
 bool HostServiceUsageParams::isBackupStopped() {

@@ -2,7 +2,8 @@
 //
 //   2024-03-01T12:00:00.123Z INFO core/PhotoSetProcessor.cpp:57 Processing Photo Set: Trip
 //
-// When the file has grown past its limit it becomes NAME.1, and a former NAME.1 becomes NAME.2.
+// Before the file grows past its limit it becomes NAME.1.gz, the former NAME.1.gz becomes NAME.2.gz, and so
+// on.
 //
 // A run writes a dozen lines for each item, and a call of the system for each would be a tenth of what an
 // unchanged item costs. So lines are gathered for up to a quarter of a second. A failure is written at once,
@@ -13,20 +14,27 @@
 
 #include "standin/framework/run/Log.h"
 
+#include <Poco/DeflatingStream.h>
+#include <Poco/Exception.h>
+#include <Poco/StreamCopier.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <fstream>
 #include <mutex>
+#include <string_view>
 #include <system_error>
 #include <thread>
 
+#include "core/RunLines.h"
 #include "standin/framework/base/Text.h"
 #include "standin/framework/run/Secrets.h"
 
@@ -34,10 +42,53 @@ namespace flickr_standin {
 
 namespace {
 
+constexpr int kOlderLogs = 4;
 constexpr off_t kLargestLog = 10 * 1024 * 1024;
 constexpr std::size_t kUsualPrefix = 128;
 constexpr std::size_t kMostGathered = 64 * 1024;
 constexpr std::chrono::milliseconds kGatheringTime{250};
+
+/// Writes a compressed copy, whole or not at all.
+bool compress(const std::string& path, const std::string& compressed) {
+    const std::string part = compressed + ".part";
+    try {
+        const int file = ::open(part.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+        if (file < 0) return false;
+        ::close(file);
+        std::ifstream from(path, std::ios::binary);
+        std::ofstream to(part, std::ios::binary);
+        Poco::DeflatingOutputStream deflated(to, Poco::DeflatingStreamBuf::STREAM_GZIP);
+        Poco::StreamCopier::copyStream(from, deflated);
+        deflated.close();
+        to.close();
+        if (from.bad() || !deflated || !to) throw Poco::WriteFileException(part);
+    } catch (Poco::Exception&) {
+        ::unlink(part.c_str());
+        return false;
+    }
+    return std::rename(part.c_str(), compressed.c_str()) == 0;
+}
+
+/// Lines that come for every element of a list and for every unchanged item.
+bool isDetail(const std::string& message) {
+    using namespace Norvale_Plugin_Flickr;
+    constexpr std::string_view kElement = "***********************";
+    const bool isElement = message.compare(0, kElement.size(), kElement) == 0 &&
+                           message.find_first_not_of('*') != std::string::npos;
+    return isElement || kItemNamed.read(message) || kPhotoUnchanged.read(message) ||
+           kVideoUnchanged.read(message);
+}
+
+/// The file and its folder: what is above them is where somebody once built the program.
+std::string_view sourceOf(const char* path) {
+    const std::string_view text = path == nullptr ? "-" : path;
+    const std::size_t file = text.rfind('/');
+    if (file == std::string_view::npos || file == 0) return text;
+    const std::size_t folder = text.rfind('/', file - 1);
+    return folder == std::string_view::npos ? text : text.substr(folder + 1);
+}
+
+std::atomic<LogDetail> logDetail{LogDetail::Everything};
 
 class Log {
 public:
@@ -101,10 +152,14 @@ private:
 
     void rotate() {
         close();
-        std::rename((path_ + ".1").c_str(), (path_ + ".2").c_str());
-        std::rename(path_.c_str(), (path_ + ".1").c_str());
+        for (int number = kOlderLogs; number > 1; --number) {
+            std::rename(older(number - 1).c_str(), older(number).c_str());
+        }
+        if (compress(path_, older(1))) ::unlink(path_.c_str());
         open();
     }
+
+    std::string older(int number) const { return path_ + "." + std::to_string(number) + ".gz"; }
 
     /// Whole lines in one call, so that those of several processes do not mix. What the system does not take
     /// waits for the next call, so that no line is glued to the half of another; when it becomes too much
@@ -182,6 +237,10 @@ void nameLogFile(const std::string& path) {
     Log::theLog().name(path);
 }
 
+void setLogDetail(LogDetail detail) {
+    logDetail = detail;
+}
+
 void flushLogFile() {
     Log::theLog().flush();
 }
@@ -189,11 +248,15 @@ void flushLogFile() {
 void writeLogLine(LogLine kind, std::string message, const char* sourceFile, int line) {
     Log& log = Log::theLog();
     if (!log.isOpen()) return;
+    if (kind != LogLine::Failure) {
+        if (logDetail == LogDetail::Failures) return;
+        if (logDetail == LogDetail::Normal && isDetail(message)) return;
+    }
     const std::string shown = oneLine(maskSecrets(std::move(message)));
     std::string text;
     text.reserve(shown.size() + kUsualPrefix);
     appendTime(text);
-    text.append(kind == LogLine::Failure ? " FAIL " : " INFO ").append(sourceFile ? sourceFile : "-");
+    text.append(kind == LogLine::Failure ? " FAIL " : " INFO ").append(sourceOf(sourceFile));
     text.append(":").append(std::to_string(line)).append(" ").append(shown).append("\n");
     log.add(text, kind == LogLine::Failure);
 }

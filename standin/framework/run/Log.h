@@ -7,9 +7,17 @@
 
 namespace flickr_standin {
 
-/// Sends the developer log to the file at path from now on. It grows to at most 10 MiB; two older ones are
-/// kept beside it.
+/// Sends the developer log to the file at path from now on. Before it grows past 10 MiB it is turned over: it
+/// becomes NAME.1.gz, what had that name NAME.2.gz, and so on up to NAME.4.gz.
 void nameLogFile(const std::string& path);
+
+/// Which lines the file gets; at first all.
+enum class LogDetail {
+    Failures,
+    Normal,  ///< without those that come for every element of a list and every unchanged item
+    Everything
+};
+void setLogDetail(LogDetail detail);
 
 enum class LogLine { Failure, Information };
 

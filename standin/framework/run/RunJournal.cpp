@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <string_view>
+#include <utility>
 
 #include "core/RunLines.h"
 #include "standin/framework/base/Names.h"
@@ -84,7 +85,6 @@ bool RunJournal::followItem(const std::string& line) {
 
 void RunJournal::followLists(const std::string& line) {
     if (kItemListed.read(line)) {
-        ++listedItems_;
         lookupFailure_.clear();
     } else if (const auto item = kItemLeftOut.read(line)) {
         if (!isRunStopped()) leaveOutItem(item->id, item->text);
@@ -95,6 +95,7 @@ void RunJournal::followLists(const std::string& line) {
     } else if (const auto refusedSet = kSetRefused.read(line)) {
         addFailureOnce("", *refusedSet, kIdRefused);
     } else if (const auto counts = kFewerListed.read(line)) {
+        ++summary_.shortLists;
         summary_.warnings.push_back("The service listed " + *counts +
                                     " items that it announced for the photo set \"" + set_ + "\"");
     } else if (const auto title = kSetBegins.read(line)) {
@@ -105,7 +106,6 @@ void RunJournal::followLists(const std::string& line) {
             summary_.failures.erase(summary_.failures.begin() + static_cast<std::ptrdiff_t>(leftOutFrom_),
                                     summary_.failures.end());
         }
-        listedItems_ = 0;
     } else if (const auto items = kListEnds.read(line)) {
         endListing(numberOf(*items));
     } else if (const auto sets = kSetsListed.read(line)) {
@@ -122,7 +122,6 @@ void RunJournal::beginSet(const std::string& title) {
     beginItem("", "");
     descriptionFailed_ = false;
     listAttempts_ = 0;
-    listedItems_ = 0;
     leftOutFrom_ = summary_.failures.size();
 }
 
@@ -141,19 +140,36 @@ void RunJournal::endListing(long items) {
     setItems_ = items;
     if (listAttempts_ == 0) {
         addFailure("", "The list of its items was not fetched: the number of attempts is 0");
-    } else if (listedItems_ == 0 && set_ != kNoSetId && summary_.failures.size() == leftOutFrom_) {
-        summary_.warnings.push_back("The service listed no items for the photo set \"" + set_ + "\"");
     }
+}
+
+void RunJournal::keepSettled(bool keep) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    keepsSettled_ = keep;
+    settled_.clear();
+}
+
+std::vector<SettledItem> RunJournal::takeSettled() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return std::exchange(settled_, {});
+}
+
+void RunJournal::settle(SettledItem::Outcome outcome, const std::string& reason) {
+    if (keepsSettled_) settled_.push_back({outcome, itemId_, title_, set_, reason});
 }
 
 void RunJournal::endItem() {
     ++triedItems_;
     if (recordedAs_ != Recorded::Not) {
         ++(recordedAs_ == Recorded::New ? summary_.newItems : summary_.editedItems);
+        settle(recordedAs_ == Recorded::New ? SettledItem::Outcome::New : SettledItem::Outcome::Edited);
     } else if (isStoppedByUser() || (isRunStopped() && reason_.empty())) {
         ++summary_.interruptedItems;
+        settle(SettledItem::Outcome::CutOff);
     } else {
-        addFailure(file_.empty() ? title_ : file_, takeReason(), itemId_);
+        const std::string reason = takeReason();
+        settle(SettledItem::Outcome::Failed, reason);
+        addFailure(file_.empty() ? title_ : file_, reason, itemId_);
     }
     beginItem("", "");
 }

@@ -28,6 +28,16 @@ struct Failure {
     bool onDevice = false;  ///< an earlier version is; the journal itself does not know
 };
 
+/// An item that was begun and has ended.
+struct SettledItem {
+    enum class Outcome { New, Edited, Failed, CutOff };
+    Outcome outcome;
+    std::string id;  ///< the item's PhotoID, as in its row
+    std::string title;
+    std::string set;
+    std::string reason;  ///< of a failure
+};
+
 struct RunSummary {
     long newItems = 0;
     long editedItems = 0;
@@ -35,6 +45,7 @@ struct RunSummary {
     long interruptedItems = 0;  ///< begun, and cut off by a stop
     long untriedItems = 0;      ///< listed, and the run ended before their turn came
     long untriedSets = 0;       ///< the run ended before all of their items were listed
+    long shortLists = 0;        ///< lists that held fewer items than the service announced
     double bytes = 0;           ///< written to the device
     std::vector<Failure> failures;
     std::vector<std::string>
@@ -54,6 +65,10 @@ public:
 
     /// The run as it stands, at its end or before.
     RunSummary summary() const;
+
+    /// Whether items are remembered as they are settled, for takeSettled(), which gives each once.
+    void keepSettled(bool keep);
+    std::vector<SettledItem> takeSettled();
 
     // What the framework's parts report.
     void logLine(const std::string& message);
@@ -85,6 +100,7 @@ private:
     void beginSet(const std::string& title);
     void beginItem(const std::string& id, const std::string& title);
     void endItem();
+    void settle(SettledItem::Outcome outcome, const std::string& reason = "");
     void endListing(long items);
     void leaveOutItem(const std::string& id, const std::string& title);
     void addRefusal(const std::string& line);
@@ -94,6 +110,8 @@ private:
     std::string takeReason();
 
     mutable std::mutex mutex_;
+    bool keepsSettled_ = false;
+    std::vector<SettledItem> settled_;
     RunSummary summary_;
     std::string set_;
     std::string itemId_;  // of the current item
@@ -110,7 +128,6 @@ private:
     long setItems_ = 0;            // of the current set
     long triedItems_ = 0;          // of these
     int listAttempts_ = 0;         // for the current set
-    long listedItems_ = 0;         // by the current attempt
     std::size_t leftOutFrom_ = 0;  // the first failure that the current attempt may have added
 };
 
