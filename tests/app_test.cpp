@@ -2,7 +2,7 @@
 
 #include <Poco/Exception.h>
 #include <Poco/JSON/Object.h>
-#include <Poco/JSON/Parser.h>
+#include <Poco/JSON/Stringifier.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
@@ -282,17 +282,64 @@ TEST(FormatTest, WritesForPeopleAndKeepsTerminalsSafe) {
     EXPECT_EQ(printable("\u00e9\u65e5\U0001f600"), "\u00e9\u65e5\U0001f600");
     EXPECT_EQ(printable("\u202egpj\u0085\xff"), "?gpj?_");
 
-    std::ostringstream plain, terminal;
+    EXPECT_EQ(columnsIn("a\u00e9\u65e5"), 4u);
+    EXPECT_EQ(cutColumns("\u65e5\u65e5\u65e5\u65e5", 7), "\u65e5\u65e5...");
+    EXPECT_EQ(cutColumns("abc", 2), "..");
+}
+
+TEST(ProgressTest, SaysWhatMattersMostInTheColumnsThatThereAre) {
+    using Phase = flickr_standin::RunMoment::Phase;
+    ProgressState sets, listing, copying, waiting;
+    listing.moment = {Phase::Listing, "Trip to the sea", 340, 512, 1, 5120, ""};
+    copying.moment = {Phase::Items, "Anonymous", 0, 0, 1340, 5120, "\u5915\u713c\u3051.jpg"};
+    copying.bytes = 1.2e9;
+    copying.rate = 4.5e6;
+    copying.secondsLeft = 700;
+    waiting = copying;
+    waiting.note = "The service asks us to wait: 45 s";
+    const struct {
+        const ProgressState& state;
+        std::size_t columns;
+        const char* text;
+    } kCases[] = {
+        {sets, 80, "Listing the photo sets"},
+        {listing, 79, "1 of 5,120 items, Listing Trip to the sea: 340 of 512"},
+        {listing, 29, "Listing Trip t...: 340 of 512"},
+        {copying, 199,
+         "1,340 of 5,120 items, 1.2 GB, 4.5 MB/s, 12 min left, items in no set: \u5915\u713c\u3051.jpg"},
+        {copying, 79,
+         "1,340 of 5,120 items, 1.2 GB, 4.5 MB/s, 12 min left, items in no set: \u5915\u713c\u3051..."},
+        {copying, 29, "1,340/5,120, items in no s..."},
+        {copying, 8, "1,340..."},
+        {waiting, 79, "1,340 of 5,120 items, 4.5 MB/s, 12 min left, The service asks us to wait: 45 s"},
+        {waiting, 29, "The service asks us to wai..."},
+    };
+    for (const auto& expected : kCases) {
+        EXPECT_EQ(progressText(expected.state, expected.columns), expected.text) << expected.columns;
+        EXPECT_LE(columnsIn(progressText(expected.state, expected.columns)), expected.columns);
+    }
+
+    Pace pace;
+    EXPECT_LT(pace.secondsFor(10), 0);
+    for (int second = 0; second <= 20; ++second) pace.add(second, second * 1e6, second * 2L);
+    EXPECT_EQ(pace.rate(), 1e6);
+    EXPECT_EQ(pace.secondsFor(100), 50);
+    for (int second = 21; second <= 30; ++second) pace.add(second, 2e7, 40);
+    EXPECT_EQ(pace.rate(), 0) << "nothing comes any more";
+
+    std::ostringstream none, lines, inPlace;
     {
-        ProgressLine lines(plain, false), inPlace(terminal, true);
-        for (ProgressLine* line : {&lines, &inPlace}) {
-            line->show(1, 1, 5000);
-            line->show(3, 2, 9000, "stopping");
+        ProgressLine off(none, ProgressStyle::None), plain(lines, ProgressStyle::Lines),
+            terminal(inPlace, ProgressStyle::InPlace);
+        for (ProgressLine* line : {&off, &plain, &terminal}) {
+            for (const double elapsed : {1.0, 2.0, 12.0}) line->show(elapsed, sets, 80);
+            line->message("Paused.");
         }
     }
-    EXPECT_EQ(plain.str(), "1 item, 5.0 kB, 5.0 kB/s, 1.0 s\n2 items, 9.0 kB, 2.0 kB/s, 3.0 s, stopping\n");
-    EXPECT_EQ(terminal.str(),
-              "\r\033[K1 item, 5.0 kB, 5.0 kB/s, 1.0 s\r\033[K2 items, 9.0 kB, 2.0 kB/s, 3.0 s, stopping\n");
+    EXPECT_EQ(none.str(), "Paused.\n");
+    EXPECT_EQ(lines.str(), "Listing the photo sets\nListing the photo sets\nPaused.\n");
+    const std::string shown = "\r\033[KListing the photo sets";
+    EXPECT_EQ(inPlace.str(), shown + shown + shown + "\r\033[KPaused.\n");
 }
 
 TEST(SummaryTest, CallsARunCompleteOnlyWhenNothingFailed) {
@@ -313,6 +360,11 @@ TEST(SummaryTest, CallsARunCompleteOnlyWhenNothingFailed) {
     list.done.errors = {"The database is locked"};
     status.outcome = {511, "511", "Error text", false};
     stopped.outcome = {1, "501", "", true};
+    report.leftOutByDate = 12;
+    report.leftOutByKind = 1;
+    report.goneItems = 3;
+    RunReport nothing;
+    nothing.done.errors = {"127.0.0.1:1 refuses the connection"};
     const struct {
         const RunReport& report;
         int exit;
@@ -320,9 +372,9 @@ TEST(SummaryTest, CallsARunCompleteOnlyWhenNothingFailed) {
     } kCases[] = {
         {item, 1, "Not backed up (2):\n  \"a?b.jpg\" (5_72) in \"Trip\": The service answered 503\n",
          "failed", "failures",
-         R"([{"id":"5_72","name":"a\nb.jpg","onDevice":false,"reason":"The service answered 503","set":"Trip"},)"
-         R"({"id":"6_72","name":"c.jpg","onDevice":true,"reason":"It answered 503","set":"Trip"},)"
-         R"({"id":"","name":"","onDevice":false,"reason":"No list","set":"Anonymous"}])"},
+         R"([{"id":"5_72","name":"a\nb.jpg","set":"Trip","reason":"The service answered 503","onDevice":false},)"
+         R"({"id":"6_72","name":"c.jpg","set":"Trip","reason":"It answered 503","onDevice":true},)"
+         R"({"id":"","name":"","set":"Anonymous","reason":"No list","onDevice":false}])"},
         {item, 1, "perhaps not as it is now (1):\n  \"c.jpg\" (6_72) in \"Trip\": It answered 503\n",
          "failed", "kept", "1"},
         {item, 1, "  not tried  11 items, and all of 1 further set\n", "failed", "untried", "11"},
@@ -331,16 +383,23 @@ TEST(SummaryTest, CallsARunCompleteOnlyWhenNothingFailed) {
         {status, 1, "Errors:\n  Error text\n", "failed", "errors", R"(["Error text"])"},
         {stopped, 130, "Backup stopped", "stopped", "errors", "[]"},
         {report, 0, "/media/usb?[2J/Brightkettle/My Flickr Items\n", "success", "bytes", "5000000000"},
+        {report, 0, "  left out   12 items by --from, 1 item by --media\n", "success", "leftOutByKind", "1"},
+        {report, 0, "\n3 items are no longer at the service; they stay here\n", "success", "gone", "3"},
+        {nothing, 3, "ended after 0.0 s.\nErrors:\n  127.0.0.1:1 refuses the connection\n", "failed",
+         "exitStatus", "3"},
     };
     for (const auto& c : kCases) {
         EXPECT_EQ(exitStatus(c.report), c.exit) << c.text;
         EXPECT_THAT(summaryText(c.report), HasSubstr(c.text));
         EXPECT_EQ(summaryText(c.report).find("Backup complete") == 0, c.exit == 0) << c.text;
-        const auto json =
-            Poco::JSON::Parser().parse(summaryJson(c.report)).extract<Poco::JSON::Object::Ptr>();
-        EXPECT_EQ(json->getValue<std::string>("result"), c.result);
+        const Poco::JSON::Object json = summaryJson(c.report);
+        EXPECT_EQ(json.getValue<std::string>("result"), c.result);
+        EXPECT_EQ(isWorthTelling(c.report, Talk::Quiet, true), c.exit != 0);
+        EXPECT_EQ(isWorthTelling(c.report, Talk::Normal, false), c.exit != 0);
+        EXPECT_TRUE(isWorthTelling(c.report, Talk::Normal, true));
+        EXPECT_TRUE(isWorthTelling(c.report, Talk::Verbose, false));
         std::ostringstream member;
-        Poco::JSON::Stringifier::stringify(json->get(c.member), member);
+        Poco::JSON::Stringifier::stringify(json.get(c.member), member);
         EXPECT_EQ(member.str(), c.json);
     }
 }

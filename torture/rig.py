@@ -55,6 +55,8 @@ class Run:
         summary = self.summary
         if summary is None:
             return [self.err.strip()] if self.err.strip() else []
+        if "error" in summary:  # not done at all
+            return [summary["error"]]
         named = [f'{f["set"]}/{f["name"]}: {f["reason"]}' for f in summary["failures"]]
         return named + summary["errors"]
 

@@ -1,5 +1,7 @@
 #include "standin/app/CommandLine.h"
 
+#include "standin/app/Commands.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <vector>
@@ -42,11 +44,9 @@ std::string nearest(const std::string& word, const std::vector<std::string>& can
     return best;
 }
 
-std::vector<std::string> commandsOf(const CLI::App& program) {
+std::vector<std::string> namesOf(const std::vector<const CLI::App*>& commands) {
     std::vector<std::string> names;
-    for (const CLI::App* command : program.get_subcommands([](const CLI::App*) { return true; })) {
-        names.push_back(command->get_name());
-    }
+    for (const CLI::App* command : commands) names.push_back(command->get_name());
     return names;
 }
 
@@ -60,6 +60,14 @@ std::vector<std::string> optionsOf(const CLI::App& command) {
 
 }  // namespace
 
+std::vector<const CLI::App*> commandsOf(const CLI::App& program) {
+    return program.get_subcommands([](const CLI::App* command) { return !command->get_group().empty(); });
+}
+
+void addJsonOption(CLI::App& command, CommandContext& context) {
+    command.add_flag("--json", context.json, "Print what comes of it as one JSON object");
+}
+
 std::string explain(const CLI::App& program, const CLI::ParseError& error) {
     const std::vector<CLI::App*> given = program.get_subcommands();
     const CLI::App& command = given.empty() ? program : *given.front();
@@ -67,11 +75,19 @@ std::string explain(const CLI::App& program, const CLI::ParseError& error) {
         "; see flickr-backup " + (given.empty() ? "" : command.get_name() + " ") + "--help.";
 
     std::vector<std::string> unknown = command.remaining();
+    if (!given.empty()) {
+        const std::vector<std::string> before = program.remaining();
+        unknown.insert(unknown.end(), before.begin(), before.end());
+    }
+    if (unknown.empty() && error.get_name() == "ArgumentMismatch") {
+        const std::string text = error.what();
+        return "The option " + text.substr(0, text.find(':')) + " needs a value" + help;
+    }
     if (unknown.empty()) return error.what() + help;
     const auto isOption = [](const std::string& word) { return word.size() > 1 && word[0] == '-'; };
     const std::string word = unknown.front();
     if (given.empty() && !isOption(word)) {
-        const std::string meant = nearest(word, commandsOf(program));
+        const std::string meant = nearest(word, namesOf(commandsOf(program)));
         return "There is no command \"" + word + "\"" +
                (meant.empty() ? help : "; did you mean " + meant + "?");
     }

@@ -5,8 +5,12 @@
 
 #include <CLI/CLI.hpp>
 #include <string>
+#include <vector>
 
 namespace flickr_app {
+
+/// The commands that a user is told of.
+std::vector<const CLI::App*> commandsOf(const CLI::App& program);
 
 /// One sentence about the error in which parsing by the program ended: what is wrong, what may have been
 /// meant, and whose --help tells more.

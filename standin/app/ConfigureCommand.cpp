@@ -8,12 +8,16 @@
 #include "standin/app/Configuration.h"
 #include "standin/app/Credentials.h"
 #include "standin/app/Format.h"
+#include "standin/app/Json.h"
 #include "standin/app/Profile.h"
 #include "standin/app/Refusal.h"
 #include "standin/app/ServiceCheck.h"
+#include "standin/framework/base/Text.h"
 
 namespace flickr_app {
 namespace {
+
+using flickr_standin::validUtf8;
 
 /// What is empty or 0 was not named, and stays as it is.
 struct Options {
@@ -36,7 +40,8 @@ Configuration formerConfiguration(const std::string& path, const Options& option
     }
 }
 
-void configure(const Options& options, const Profile& profile) {
+void configure(const Options& options, const CommandContext& context) {
+    const Profile& profile = context.profile;
     if (!options.dataUrl.empty()) checkDataUrl(options.dataUrl);
     profile.prepare();
     const std::string path = profile.configurationFile();
@@ -60,17 +65,27 @@ void configure(const Options& options, const Profile& profile) {
         throw UsageError("The service's address is not known yet; give it with --data-url.");
     }
     writeConfiguration(path, configuration);
+    const std::string service =
+        credentials.isOfToday() ? credentials.userName + ", signed in" : configuration.dataUrl;
+    const std::string answer = options.check ? askService(configuration, credentials) : "";
+    if (context.json) {
+        Poco::JSON::Object object = jsonReport("configure", "success");
+        object.set("configuration", validUtf8(path));
+        object.set("credentials", validUtf8(file));
+        object.set("service", validUtf8(service));
+        object.set("attempts", configuration.retryAttempts);
+        if (options.check) object.set("answer", validUtf8(answer));
+        return printJson(std::cout, object);
+    }
     std::cout << "Configured: " << printable(path) << "\n  credentials  " << printable(file)
-              << "\n  service      "
-              << (credentials.isOfToday() ? printable(credentials.userName) + ", signed in"
-                                          : printable(configuration.dataUrl))
-              << "\n  attempts     " << configuration.retryAttempts << std::endl;
-    if (options.check) std::cout << askService(configuration, credentials) << std::endl;
+              << "\n  service      " << printable(service) << "\n  attempts     "
+              << configuration.retryAttempts << std::endl;
+    if (options.check) std::cout << answer << std::endl;
 }
 
 }  // namespace
 
-void addConfigureCommand(CLI::App& program, Profile& profile, int& status) {
+void addConfigureCommand(CLI::App& program, CommandContext& context) {
     auto options = std::make_shared<Options>();
     CLI::App* command = program.add_subcommand("configure", "Set the service's address, key and secret");
     command
@@ -85,7 +100,8 @@ void addConfigureCommand(CLI::App& program, Profile& profile, int& status) {
     command->add_option("--credentials", options->credentials, "File with api_key, api_secret and token")
         ->type_name("FILE");
     command->add_flag("--check", options->check, "Ask the service whether it can be used so");
-    profile.addOptions(*command);
+    addJsonOption(*command, context);
+    context.profile.addOptions(*command);
     command->footer(
         std::string(
             "What is not named stays as it is. \"flickr-backup run\" reads the same credentials file.\n"
@@ -99,9 +115,9 @@ void addConfigureCommand(CLI::App& program, Profile& profile, int& status) {
         "Example:\n"
         "  flickr-backup configure --data-url http://api.example.net/services/rest/ "
         "--credentials ~/.flickr.ini");
-    command->callback([options, &profile, &status] {
-        configure(*options, profile);
-        status = ExitSuccess;
+    command->callback([options, &context] {
+        configure(*options, context);
+        context.status = ExitSuccess;
     });
 }
 

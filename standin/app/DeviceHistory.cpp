@@ -46,6 +46,21 @@ std::string fileOf(const std::string& device) {
 
 }  // namespace
 
+Poco::JSON::Array jsonRuns(const std::vector<PastRun>& runs) {
+    Poco::JSON::Array list;
+    for (const PastRun& run : runs) {
+        Poco::JSON::Object entry(Poco::JSON_PRESERVE_KEY_ORDER);
+        for (const auto& [name, member] : kTexts) {
+            if (!(run.*member).empty()) entry.set(name, run.*member);
+        }
+        for (const auto& [name, member] : kNumbers) {
+            if (!run.ended.empty()) entry.set(name, run.*member);
+        }
+        list.add(entry);
+    }
+    return list;
+}
+
 DeviceHistory::DeviceHistory(const std::string& device) : device_(device), file_(fileOf(device)) {
     std::ifstream stream(file_);
     if (!stream) return;
@@ -85,20 +100,9 @@ std::string DeviceHistory::end(PastRun run) {
 
 std::string DeviceHistory::save() const {
     if (file_.empty()) return "";
-    Poco::JSON::Array list;
-    for (const PastRun& run : runs_) {
-        Poco::JSON::Object entry(Poco::JSON_PRESERVE_KEY_ORDER);
-        for (const auto& [name, member] : kTexts) {
-            if (!(run.*member).empty()) entry.set(name, run.*member);
-        }
-        for (const auto& [name, member] : kNumbers) {
-            if (!run.ended.empty()) entry.set(name, run.*member);
-        }
-        list.add(entry);
-    }
     Poco::JSON::Object object(Poco::JSON_PRESERVE_KEY_ORDER);
     object.set("device", flickr_standin::validUtf8(device_));
-    object.set("runs", list);
+    object.set("runs", jsonRuns(runs_));
     std::ostringstream text;
     object.stringify(text);
     makePrivateFolder(file_.substr(0, file_.rfind('/')));

@@ -12,6 +12,9 @@
 #ifndef STANDIN_APP_DEVICEHISTORY_H
 #define STANDIN_APP_DEVICEHISTORY_H
 
+#include <Poco/JSON/Array.h>
+
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -31,6 +34,9 @@ struct PastRun {
     std::int64_t untriedSets = 0;
     std::int64_t bytes = 0;
 };
+
+/// As the file and "status --json" have them.
+Poco::JSON::Array jsonRuns(const std::vector<PastRun>& runs);
 
 /// How many runs are kept.
 constexpr std::size_t kMostPastRuns = 100;

@@ -2,6 +2,7 @@
 
 #include <Poco/NumberFormatter.h>
 #include <Poco/UTF8Encoding.h>
+#include <utf8proc.h>
 
 #include <cmath>
 #include <iterator>
@@ -16,6 +17,19 @@ bool isControl(int character) {
            character == 0x61c || character == 0x200e || character == 0x200f ||  // direction marks
            (character >= 0x2028 && character <= 0x202e) ||                      // line ends, embeddings
            (character >= 0x2066 && character <= 0x2069);                        // isolates
+}
+
+/// Of valid UTF-8, by its first byte.
+std::size_t bytesOfCharacter(char start) {
+    const unsigned char first = static_cast<unsigned char>(start);
+    return first < 0x80 ? 1 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
+}
+
+int columnsOfCharacter(const char* start) {
+    utf8proc_int32_t character = 0;
+    utf8proc_iterate(reinterpret_cast<const utf8proc_uint8_t*>(start),
+                     static_cast<utf8proc_ssize_t>(bytesOfCharacter(*start)), &character);
+    return utf8proc_charwidth(character);
 }
 
 }  // namespace
@@ -38,10 +52,14 @@ std::string formatDuration(double seconds) {
     return std::to_string(whole / 3600) + " h " + Poco::NumberFormatter::format0(whole / 60 % 60, 2) + " min";
 }
 
+std::string formatNumber(long number) {
+    std::string text = std::to_string(number);
+    for (int at = static_cast<int>(text.size()) - 3; at > 0; at -= 3) text.insert(at, ",");
+    return text;
+}
+
 std::string formatCount(long count, const std::string& noun) {
-    std::string number = std::to_string(count);
-    for (int at = static_cast<int>(number.size()) - 3; at > 0; at -= 3) number.insert(at, ",");
-    return number + " " + noun + (count == 1 ? "" : "s");
+    return formatNumber(count) + " " + noun + (count == 1 ? "" : "s");
 }
 
 std::string printable(const std::string& text) {
@@ -50,8 +68,7 @@ std::string printable(const std::string& text) {
     std::string line;
     std::size_t at = 0;
     while (at < valid.size()) {
-        const unsigned char first = static_cast<unsigned char>(valid[at]);
-        const std::size_t length = first < 0x80 ? 1 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
+        const std::size_t length = bytesOfCharacter(valid[at]);
         const int character = utf8.convert(reinterpret_cast<const unsigned char*>(valid.data()) + at);
         if (isControl(character)) {
             line += '?';
@@ -61,6 +78,25 @@ std::string printable(const std::string& text) {
         at += length;
     }
     return line;
+}
+
+std::size_t columnsIn(const std::string& text) {
+    std::size_t columns = 0;
+    for (std::size_t at = 0; at < text.size(); at += bytesOfCharacter(text[at])) {
+        columns += static_cast<std::size_t>(columnsOfCharacter(&text[at]));
+    }
+    return columns;
+}
+
+std::string cutColumns(const std::string& text, std::size_t columns) {
+    if (columnsIn(text) <= columns) return text;
+    const std::string end = std::string("...").substr(0, columns);
+    std::size_t at = 0;
+    for (std::size_t used = end.size(); at < text.size(); at += bytesOfCharacter(text[at])) {
+        used += static_cast<std::size_t>(columnsOfCharacter(&text[at]));
+        if (used > columns) break;
+    }
+    return text.substr(0, at) + end;
 }
 
 }  // namespace flickr_app

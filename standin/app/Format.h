@@ -13,12 +13,21 @@ std::string formatBytes(double bytes);
 /// "4.2 s", "3 min 05 s", "2 h 07 min".
 std::string formatDuration(double seconds);
 
+/// "12,345".
+std::string formatNumber(long number);
+
 /// "1 item", "12,345 items".
 std::string formatCount(long count, const std::string& noun);
 
 /// The text as one line that cannot steer a terminal or turn the direction of what follows: valid UTF-8, with
 /// "?" for every control character and direction mark.
 std::string printable(const std::string& text);
+
+/// How many columns of a terminal the text takes; East Asian characters take two.
+std::size_t columnsIn(const std::string& text);
+
+/// The text in no more than so many columns, with "..." at its end when it is cut.
+std::string cutColumns(const std::string& text, std::size_t columns);
 
 }  // namespace flickr_app
 

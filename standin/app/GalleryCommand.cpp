@@ -1,3 +1,4 @@
+#include <cstdint>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -5,8 +6,10 @@
 #include "standin/app/Commands.h"
 #include "standin/app/DeviceLayout.h"
 #include "standin/app/Format.h"
+#include "standin/app/Json.h"
 #include "standin/app/LibraryOptions.h"
 #include "standin/app/Refusal.h"
+#include "standin/framework/base/Text.h"
 #include "standin/framework/device/DeviceLock.h"
 #include "standin/framework/store/BackupDatabase.h"
 #include "standin/gallery/Gallery.h"
@@ -18,13 +21,13 @@ struct Options : LibraryOptions {
     bool anew = false;
 };
 
-int makeGallery(const Options& options) {
+int makeGallery(const Options& options, bool json) {
     using flickr_gallery::Reading;
     const DeviceLayout layout = backupToShow(options.device, options.database);
     const auto lock = beforehand([&] { return flickr_standin::DeviceLock(layout.device); });
     std::unique_ptr<flickr_standin::BackupDatabase> database;
     if (layout.databasePath.empty()) {
-        std::cout << "There is no database; the gallery is made from the description records.\n";
+        std::cerr << "There is no database; the gallery is made from the description records.\n";
     } else {
         database = beforehand([&] {
             return std::make_unique<flickr_standin::BackupDatabase>(
@@ -34,6 +37,15 @@ int makeGallery(const Options& options) {
     const auto report =
         flickr_gallery::writeGallery(layout.serviceFolder, layout.thumbnailWord, database.get(),
                                      options.anew ? Reading::Everything : Reading::Changes);
+    if (json) {
+        Poco::JSON::Object object = jsonReport("gallery", "success");
+        object.set("items", std::int64_t{report.items});
+        object.set("sets", std::int64_t{report.sets});
+        object.set("written", std::int64_t{report.written});
+        object.set("page", flickr_standin::validUtf8(report.page));
+        printJson(std::cout, object);
+        return ExitSuccess;
+    }
     std::cout << formatCount(report.items, "item") << ", " << formatCount(report.sets, "set") << "; "
               << (report.written ? formatCount(report.written, "file") + " written"
                                  : "the gallery was up to date")
@@ -44,10 +56,11 @@ int makeGallery(const Options& options) {
 
 }  // namespace
 
-void addGalleryCommand(CLI::App& program, int& status) {
+void addGalleryCommand(CLI::App& program, CommandContext& context) {
     auto options = std::make_shared<Options>();
     CLI::App* command = program.add_subcommand("gallery", "Write a page that shows the backup in a browser");
     addLibraryOptions(*command, *options);
+    addJsonOption(*command, context);
     command->add_flag("--anew", options->anew,
                       "Read all records and thumbnails again, not only what changed");
     command->footer(std::string("Each run does so at its end. The page needs no network and no server.\n") +
@@ -55,7 +68,7 @@ void addGalleryCommand(CLI::App& program, int& status) {
                     "\n"
                     "Example:\n"
                     "  flickr-backup gallery --device /media/usb");
-    command->callback([options, &status] { status = makeGallery(*options); });
+    command->callback([options, &context] { context.status = makeGallery(*options, context.json); });
 }
 
 }  // namespace flickr_app

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "standin/app/Format.h"
+#include "standin/app/Json.h"
 
 namespace flickr_app {
 
@@ -21,6 +22,13 @@ void printDisagreements(std::ostream& out, const flickr_standin::BackupReport& r
     list("Altered since it was backed up", report.altered);
     list("On the device, but not recorded", report.unrecorded);
     list("Description records that are missing or cannot be read", report.descriptions);
+}
+
+void addDisagreements(Poco::JSON::Object& object, const flickr_standin::BackupReport& report) {
+    object.set("missing", jsonArray(report.missing));
+    object.set("altered", jsonArray(report.altered));
+    object.set("unrecorded", jsonArray(report.unrecorded));
+    object.set("descriptions", jsonArray(report.descriptions));
 }
 
 }  // namespace flickr_app

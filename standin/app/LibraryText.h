@@ -3,6 +3,8 @@
 #ifndef STANDIN_APP_LIBRARYTEXT_H
 #define STANDIN_APP_LIBRARYTEXT_H
 
+#include <Poco/JSON/Object.h>
+
 #include <ostream>
 
 #include "standin/framework/device/BackupCheck.h"
@@ -11,6 +13,9 @@ namespace flickr_app {
 
 /// Lists missing, altered and unrecorded files and unusable records, or says that there are none.
 void printDisagreements(std::ostream& out, const flickr_standin::BackupReport& report);
+
+/// The same as members of a JSON object: "missing", "altered", "unrecorded" and "descriptions".
+void addDisagreements(Poco::JSON::Object& object, const flickr_standin::BackupReport& report);
 
 }  // namespace flickr_app
 

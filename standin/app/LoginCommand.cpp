@@ -15,12 +15,16 @@
 #include "standin/app/Configuration.h"
 #include "standin/app/Credentials.h"
 #include "standin/app/GatewayRun.h"
+#include "standin/app/Json.h"
 #include "standin/app/Profile.h"
 #include "standin/app/Refusal.h"
 #include "standin/app/SignInPage.h"
+#include "standin/framework/base/Text.h"
 
 namespace flickr_app {
 namespace {
+
+using flickr_standin::validUtf8;
 
 constexpr std::chrono::seconds kTimeForThePage{600};
 const flickr_gateway::Cancelled kNever = [] { return false; };
@@ -94,12 +98,13 @@ bool openInBrowser(const std::string& address) {
            WEXITSTATUS(status) == 0;
 }
 
-flickr_gateway::SignedIn signIn(const Credentials& credentials, bool noBrowser) {
+/// out: for the address of the page.
+flickr_gateway::SignedIn signIn(const Credentials& credentials, bool noBrowser, std::ostream& out) {
     const ServicePlace place = placeOf(credentials);
     flickr_gateway::SignIn attempt(place.addresses, place.trust, credentials.apiKey, credentials.apiSecret);
     if (noBrowser) {
         attempt.begin("oob", kNever);
-        std::cout << attempt.page() << std::endl;
+        out << attempt.page() << std::endl;
         return attempt.finish(ask("Open this address, allow the program to read, and enter the code: "),
                               kNever);
     }
@@ -111,20 +116,20 @@ flickr_gateway::SignedIn signIn(const Credentials& credentials, bool noBrowser) 
     } else {
         std::cerr << "Open this address in a browser on this machine, and allow the program to read:"
                   << std::endl;
-        std::cout << attempt.page() << std::endl;
+        out << attempt.page() << std::endl;
     }
     const std::string verifier = page.await(attempt.requestToken(), kTimeForThePage);
     if (verifier.empty()) throw Poco::RuntimeException("The program was not allowed to read the account.");
     return attempt.finish(verifier, kNever);
 }
 
-void login(const std::string& file, const Options& options) {
+void login(const std::string& file, const Options& options, bool json) {
     Credentials credentials = readWhatThereIs(file);
     if (!options.ca.empty()) credentials.ca = std::filesystem::absolute(options.ca);
     completeApplication(credentials);
     flickr_gateway::SignedIn signedIn;
     try {
-        signedIn = signIn(credentials, options.noBrowser);
+        signedIn = signIn(credentials, options.noBrowser, json ? std::cerr : std::cout);
     } catch (flickr_gateway::Failure& failure) {
         throw CannotBegin(failure.what());
     }
@@ -135,16 +140,32 @@ void login(const std::string& file, const Options& options) {
                              {"user_id", signedIn.userId},
                              {"user_name", signedIn.userName},
                              {"ca", credentials.ca}});
+    if (json) {
+        Poco::JSON::Object object = jsonReport("login", "success");
+        object.set("userId", validUtf8(signedIn.userId));
+        object.set("userName", validUtf8(signedIn.userName));
+        object.set("credentials", validUtf8(file));
+        return printJson(std::cout, object);
+    }
     std::cout << "Signed in as " << signedIn.userName << " (" << signedIn.userId << "), to read only.\n"
               << "Credentials: " << file << std::endl;
 }
 
-void logout(const std::string& file) {
-    if (readWhatThereIs(file).token.empty()) {
+void logout(const std::string& file, bool json) {
+    const bool wasSignedIn = !readWhatThereIs(file).token.empty();
+    if (wasSignedIn) {
+        changeCredentials(file, {{"token", ""}, {"token_secret", ""}, {"user_id", ""}, {"user_name", ""}});
+    }
+    if (json) {
+        Poco::JSON::Object object = jsonReport("logout", "success");
+        object.set("wasSignedIn", wasSignedIn);
+        object.set("credentials", validUtf8(file));
+        return printJson(std::cout, object);
+    }
+    if (!wasSignedIn) {
         std::cout << "Nobody is signed in." << std::endl;
         return;
     }
-    changeCredentials(file, {{"token", ""}, {"token_secret", ""}, {"user_id", ""}, {"user_name", ""}});
     std::cout << "Signed out: the token is removed from " << file
               << ".\nTo withdraw the permission as well, see https://www.flickr.com/services/auth/list.gne"
               << std::endl;
@@ -160,14 +181,15 @@ void addCredentialsOption(CLI::App& command, Options& options) {
 
 }  // namespace
 
-void addLoginCommand(CLI::App& program, Profile& profile, int& status) {
+void addLoginCommand(CLI::App& program, CommandContext& context) {
     auto options = std::make_shared<Options>();
     CLI::App* command = program.add_subcommand("login", "Sign in to the service, to read only");
     addCredentialsOption(*command, *options);
     command->add_option("--ca", options->ca, "Authorities to trust instead of the system's; kept in the file")
         ->check(CLI::ExistingFile)
         ->type_name("FILE");
-    profile.addOptions(*command);
+    addJsonOption(*command, context);
+    context.profile.addOptions(*command);
     command->add_flag("--no-browser", options->noBrowser,
                       "Print the service's address, and read the code that it shows from standard input");
     command->footer(
@@ -178,21 +200,22 @@ void addLoginCommand(CLI::App& program, Profile& profile, int& status) {
         "\n"
         "Example:\n"
         "  flickr-backup login && flickr-backup run --device /media/usb");
-    command->callback([options, &profile, &status] {
-        login(credentialsFileFor(profile, options->credentials), *options);
-        status = ExitSuccess;
+    command->callback([options, &context] {
+        login(credentialsFileFor(context.profile, options->credentials), *options, context.json);
+        context.status = ExitSuccess;
     });
 }
 
-void addLogoutCommand(CLI::App& program, Profile& profile, int& status) {
+void addLogoutCommand(CLI::App& program, CommandContext& context) {
     auto options = std::make_shared<Options>();
     CLI::App* command = program.add_subcommand("logout", "Remove the sign-in from this machine");
     addCredentialsOption(*command, *options);
-    profile.addOptions(*command);
+    addJsonOption(*command, context);
+    context.profile.addOptions(*command);
     command->footer(kExitStatuses);
-    command->callback([options, &profile, &status] {
-        logout(credentialsFileFor(profile, options->credentials));
-        status = ExitSuccess;
+    command->callback([options, &context] {
+        logout(credentialsFileFor(context.profile, options->credentials), context.json);
+        context.status = ExitSuccess;
     });
 }
 

@@ -1,5 +1,7 @@
 #include "standin/app/ProgramArguments.h"
 
+#include <fcntl.h>
+
 #include <cstdlib>
 #include <cstring>
 
@@ -16,6 +18,11 @@ bool isUtf8(const char* text) {
 
 /// Runs before the initialisation of any library and so uses no state of one.
 void lookOver(int argc, char** argv, char** environment) {
+    // Else the first files that are opened would be written to as output.
+    for (int stream = 0; stream <= 2; ++stream) {
+        if (::fcntl(stream, F_GETFD) >= 0) continue;
+        ::open("/dev/null", stream == 1 ? O_RDONLY : O_RDWR);  // output that goes nowhere is an error
+    }
     given = static_cast<char**>(std::calloc(static_cast<std::size_t>(argc) + 1, sizeof *given));
     if (given == nullptr) std::abort();
     for (int i = 0; i < argc; ++i) {

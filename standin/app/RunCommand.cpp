@@ -1,14 +1,11 @@
 #include <Poco/DateTime.h>
 #include <Poco/NumberParser.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <filesystem>
-#include <functional>
 #include <iostream>
 #include <iterator>
 #include <memory>
@@ -24,17 +21,20 @@
 #include "standin/app/DeviceLayout.h"
 #include "standin/app/Format.h"
 #include "standin/app/GatewayRun.h"
+#include "standin/app/Json.h"
 #include "standin/app/PerformRun.h"
 #include "standin/app/Profile.h"
-#include "standin/app/ProgressLine.h"
 #include "standin/app/Reason.h"
 #include "standin/app/Refusal.h"
+#include "standin/app/RunDisplay.h"
 #include "standin/app/Summary.h"
 #include "standin/framework/base/Cipher.h"
 #include "standin/framework/base/Text.h"
 #include "standin/framework/device/DeviceFiles.h"
 #include "standin/framework/device/DeviceLock.h"
+#include "standin/framework/run/Log.h"
 #include "standin/framework/run/RunJournal.h"
+#include "standin/framework/run/RunProgress.h"
 #include "standin/framework/run/Secrets.h"
 #include "standin/framework/run/Upkeep.h"
 #include "standin/framework/store/BackupDatabase.h"
@@ -44,6 +44,7 @@ namespace flickr_app {
 namespace {
 
 using flickr_standin::BackupDatabase;
+using flickr_standin::LogDetail;
 using Clock = std::chrono::steady_clock;
 
 struct Options {
@@ -55,106 +56,19 @@ struct Options {
     std::string culture;
     std::string database = kDefaultDatabase;
     std::string pauseWhen;
-    bool json = false;
+    std::string logLevel = "normal";
+    bool events = false;
+    bool quiet = false;
+    bool verbose = false;
     GatewayOptions gateway;
     bool shared = false;
     bool noGallery = false;
     bool isNew = false;
 };
 
-volatile std::sig_atomic_t stopSignals = 0;
-volatile std::sig_atomic_t pauseSignal = 0;
-
-/// While this lives SIGINT, SIGTERM and SIGHUP are counted, and SIGUSR1 and SIGUSR2 set and clear the wish
-/// for a pause; the run sees to the rest.
-class RunSignals {
-public:
-    RunSignals() {
-        stopSignals = 0;
-        pauseSignal = 0;
-        struct sigaction action {};
-        action.sa_handler = [](int signal) {
-            if (signal == SIGUSR1 || signal == SIGUSR2) {
-                pauseSignal = signal == SIGUSR1;
-            } else {
-                stopSignals = stopSignals + 1;
-            }
-        };
-        action.sa_flags = SA_RESTART;
-        ::sigemptyset(&action.sa_mask);
-        for (std::size_t i = 0; i < std::size(kSignals); ++i) {
-            ::sigaction(kSignals[i], &action, &earlier_[i]);
-            // What nohup has the program ignore stays ignored.
-            if (kSignals[i] == SIGHUP && earlier_[i].sa_handler == SIG_IGN)
-                ::sigaction(SIGHUP, &earlier_[i], nullptr);
-        }
-    }
-    ~RunSignals() {
-        for (std::size_t i = 0; i < std::size(kSignals); ++i) ::sigaction(kSignals[i], &earlier_[i], nullptr);
-    }
-    RunSignals(const RunSignals&) = delete;
-    RunSignals& operator=(const RunSignals&) = delete;
-
-private:
-    static constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGUSR1, SIGUSR2};
-    struct sigaction earlier_[std::size(kSignals)] = {};
-};
-
 double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
-
-/// Shows a run's progress, and passes on the wishes to pause and to stop.
-class Terminal : public RunListener {
-public:
-    /// pauseWhen: while that file is there the run pauses; empty for none. beforeResume is called while a
-    /// run that paused is still at rest.
-    /// waitText: what the run waits for, asked with each line.
-    Terminal(ProgressLine& line, std::string pauseWhen, std::function<void()> beforeResume,
-             std::function<std::string()> waitText)
-        : line_(line),
-          pauseWhen_(std::move(pauseWhen)),
-          beforeResume_(std::move(beforeResume)),
-          waitText_(std::move(waitText)) {}
-
-    void progress(double items, double bytes) override {
-        items_ = items;
-        bytes_ = bytes;
-        show(stopsSeen_ ? "stopping" : waitText_());
-    }
-
-    bool stopRequested() override {
-        const int signals = stopSignals;
-        if (signals != stopsSeen_) {
-            line_.message(stopsSeen_ == 0 ? "Stopping: an item that is being transferred is discarded."
-                                          : "Stopping already; please wait.");
-            stopsSeen_ = signals;
-        }
-        return signals > 0;
-    }
-
-    bool pauseRequested() override {
-        std::error_code ignored;
-        return pauseSignal != 0 || (!pauseWhen_.empty() && std::filesystem::exists(pauseWhen_, ignored));
-    }
-
-    void paused(bool isPaused) override {
-        if (!isPaused) beforeResume_();
-        show(isPaused ? "paused" : "resuming");
-    }
-
-private:
-    void show(const std::string& note) { line_.show(secondsSince(start_), items_, bytes_, note); }
-
-    ProgressLine& line_;
-    const std::string pauseWhen_;
-    const std::function<void()> beforeResume_;
-    const std::function<std::string()> waitText_;
-    const Clock::time_point start_ = Clock::now();
-    int stopsSeen_ = 0;
-    double items_ = 0;
-    double bytes_ = 0;
-};
 
 void readDate(const std::string& text, RunRequest& request) {
     int year = 0, month = 0, day = 0;
@@ -288,6 +202,25 @@ void makePlain(flickr_standin::RunSummary& summary) {
     for (auto& failure : summary.failures) failure.reason = plainReason(failure.reason);
 }
 
+/// Items that are recorded and that the service did not list; none when a list was not complete.
+long goneItems(BackupDatabase& database, const RunReport& report) {
+    const flickr_standin::RunSummary& done = report.done;
+    const bool listsFailed = std::any_of(done.failures.begin(), done.failures.end(),
+                                         [](const auto& failure) { return failure.id.empty(); });
+    if (report.outcome.stopped || listsFailed || !done.errors.empty() || done.untriedSets > 0 ||
+        done.shortLists > 0)
+        return 0;
+    long gone = 0;
+    const auto& listed = flickr_standin::RunProgress::instance();
+    database.forEachItem([&](const flickr_standin::ItemRow& item) {
+        const std::string ofSet = "_" + item.setId;
+        const std::size_t end = item.id.size() - std::min(item.id.size(), ofSet.size());
+        if (item.id.compare(end, std::string::npos, ofSet) == 0 && !listed.wasListed(item.id.substr(0, end)))
+            ++gone;
+    });
+    return gone;
+}
+
 PastRun pastRun(const RunReport& report) {
     PastRun run;
     run.result = resultName(report);
@@ -301,13 +234,18 @@ PastRun pastRun(const RunReport& report) {
     return run;
 }
 
-int run(const Options& options, const Profile& profile) {
+int run(const Options& options, const CommandContext& context) {
+    const Profile& profile = context.profile;
+    const Talk talk = options.quiet ? Talk::Quiet : options.verbose ? Talk::Verbose : Talk::Normal;
     // The databases, and what the loaded object makes, are made with the process's mask.
     if (!options.shared) ::umask(077);
     flickr_standin::shareDevices(options.shared);
     RunRequest request;
     readDate(options.from, request);
     request.dataTypes = dataTypesOf(options.media);
+    flickr_standin::setLogDetail(options.logLevel == "all"        ? LogDetail::Everything
+                                 : options.logLevel == "failures" ? LogDetail::Failures
+                                                                  : LogDetail::Normal);
     profile.prepare();
     profile.use();
     const Credentials credentials = credentialsFor(options, profile);
@@ -349,16 +287,20 @@ int run(const Options& options, const Profile& profile) {
     const Clock::time_point start = Clock::now();
     long newItems = 0, editedItems = 0;  // of the passes before a pause
     {
-        ProgressLine line(std::cerr, ::isatty(STDERR_FILENO));
-        const auto beforeResume = [&] {
+        DisplaySettings settings;
+        settings.talk = talk;
+        settings.events = options.events;
+        settings.pauseWhen = options.pauseWhen;
+        settings.beforeResume = [&] {
             const auto pass = flickr_standin::RunJournal::instance().summary();
             newItems += pass.newItems;
             editedItems += pass.editedItems;
             recover();
         };
-        Terminal terminal(line, options.pauseWhen, beforeResume,
-                          [&] { return gateway ? gateway->waitText() : std::string(); });
-        report.outcome = performRun(request, terminal);
+        settings.waitText = [&] { return gateway ? gateway->waitText() : std::string(); };
+        RunDisplay display(std::move(settings));
+        report.outcome = performRun(request, display);
+        display.tellItems();
         flickr_standin::wipe(request.authToken);
     }
     report.done = flickr_standin::RunJournal::instance().summary();
@@ -371,16 +313,17 @@ int run(const Options& options, const Profile& profile) {
     }
     try {
         recover();
+        report.goneItems = goneItems(database, report);
         markKept(database, layout, report.done);
         // A stop that comes only now ends what follows.
-        if (stopSignals == 0) addDamage(database, layout, report.done);
+        if (!RunSignals::isStopWanted()) addDamage(database, layout, report.done);
     } catch (Poco::Exception& exception) {
         report.done.errors.push_back(exception.message());
     }
-    if (!options.noGallery && !report.outcome.stopped && stopSignals == 0) {
+    if (!options.noGallery && !report.outcome.stopped && !RunSignals::isStopWanted()) {
         updateGallery(database, layout, report.done);
     }
-    if (stopSignals > 0 && exitStatus(report) == ExitSuccess) report.outcome.stopped = true;
+    if (RunSignals::isStopWanted() && exitStatus(report) == ExitSuccess) report.outcome.stopped = true;
     report.seconds = secondsSince(start);
     makePlain(report.done);
     notes.push_back(history.end(pastRun(report)));
@@ -388,13 +331,20 @@ int run(const Options& options, const Profile& profile) {
         if (!note.empty()) report.done.warnings.push_back(std::move(note));
     }
 
-    std::cout << (options.json ? summaryJson(report) : summaryText(report)) << std::flush;
+    const auto progress = flickr_standin::RunProgress::instance().leftOut();
+    report.leftOutByDate = progress.byDate;
+    report.leftOutByKind = progress.byKind;
+    if (context.json || options.events) {
+        printJson(std::cout, summaryJson(report, options.events));
+    } else if (isWorthTelling(report, talk, ::isatty(STDOUT_FILENO))) {
+        std::cout << summaryText(report) << std::flush;
+    }
     return exitStatus(report);
 }
 
 }  // namespace
 
-void addRunCommand(CLI::App& program, Profile& profile, int& status) {
+void addRunCommand(CLI::App& program, CommandContext& context) {
     auto options = std::make_shared<Options>();
     CLI::App* command = program.add_subcommand("run", "Back up what is new or changed");
     command->add_option("--device", options->device, "Directory to which the backup goes")
@@ -440,13 +390,24 @@ void addRunCommand(CLI::App& program, Profile& profile, int& status) {
                      "Fetch no more than so many bytes in a second, as in 2MiB")
         ->transform(CLI::AsSizeValue(false))
         ->type_name("RATE");
+    command
+        ->add_option("--log-level", options->logLevel,
+                     "What the log gets: failures, normal (nothing for unchanged items) or all")
+        ->check(CLI::IsMember({"failures", "normal", "all"}))
+        ->type_name("LEVEL")
+        ->capture_default_str();
     command->add_flag("--shared", options->shared,
                       "Let other users of the machine read what is written, as far as the umask allows it");
     command->add_flag("--no-gallery", options->noGallery, "Leave the page that shows the backup as it is");
     command->add_flag("--new", options->isNew,
                       "Begin a new backup where an earlier one stood that is not there any more");
-    command->add_flag("--json", options->json, "Print the summary as one JSON object");
-    profile.addOptions(*command);
+    addJsonOption(*command, context);
+    command->add_flag("--json-progress", options->events,
+                      "Print what happens as lines of JSON, the summary last");
+    auto* verbose = command->add_flag("--verbose", options->verbose,
+                                      "Tell each item, and how far the run is every five minutes");
+    command->add_flag("--quiet", options->quiet, "Tell failures only")->excludes(verbose);
+    context.profile.addOptions(*command);
     command->footer(
         std::string(
             "Progress goes to standard error, the summary to standard output. SIGINT (Ctrl-C), SIGTERM and\n"
@@ -456,7 +417,7 @@ void addRunCommand(CLI::App& program, Profile& profile, int& status) {
         "\n"
         "Example:\n"
         "  flickr-backup run --device /media/usb --from 2015-06-01");
-    command->callback([options, &profile, &status] { status = run(*options, profile); });
+    command->callback([options, &context] { context.status = run(*options, context); });
 }
 
 }  // namespace flickr_app

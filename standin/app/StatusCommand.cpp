@@ -9,11 +9,15 @@
 #include <vector>
 
 #include "standin/app/Commands.h"
+#include "standin/app/DeviceHistory.h"
 #include "standin/app/DeviceLayout.h"
 #include "standin/app/Format.h"
+#include "standin/app/Json.h"
 #include "standin/app/LibraryOptions.h"
 #include "standin/app/LibraryText.h"
 #include "standin/app/Refusal.h"
+#include "standin/framework/base/Text.h"
+#include "standin/framework/device/DeviceLock.h"
 #include "standin/framework/device/ItemFiles.h"
 #include "standin/framework/run/Upkeep.h"
 #include "standin/framework/store/BackupDatabase.h"
@@ -45,47 +49,153 @@ std::string titleOf(const FolderRow& folder) {
     return title;
 }
 
-int showStatus(const LibraryOptions& options) {
-    const DeviceLayout layout = existingBackup(options.device, options.database);
-    BackupDatabase database =
-        beforehand([&] { return BackupDatabase(layout.databasePath, BackupDatabase::Missing::Refuse); });
+/// One line about a run.
+std::string runText(const PastRun& run, bool lasts) {
+    std::string text = run.began.substr(0, 10) + " " + run.began.substr(11, 5) + "  ";
+    if (run.ended.empty()) return text + (lasts ? "is going on" : "was cut off before its end");
+    text += run.result == "success" ? "complete" : run.result == "stopped" ? "stopped" : "NOT complete";
+    text += ": " + formatNumber(run.newItems) + " new, " + formatNumber(run.editedItems) + " edited, " +
+            formatNumber(run.unchangedItems) + " unchanged, " + formatBytes(static_cast<double>(run.bytes));
+    return text;
+}
 
-    const std::vector<FolderRow> folders = database.folders();
-    const auto sizes = sizesByFolder(database, layout);
+/// What the last run that ended left to do; empty for nothing.
+std::string toDoText(const PastRun& run) {
+    std::vector<std::string> parts;
+    if (run.failures > 0) parts.push_back(formatCount(run.failures, "failure") + " to mend");
+    if (run.untriedItems > 0) parts.push_back(formatCount(run.untriedItems, "item") + " not tried");
+    if (run.untriedSets > 0) parts.push_back(formatCount(run.untriedSets, "set") + " not listed to the end");
+    std::string text;
+    for (const std::string& part : parts) text += (text.empty() ? "" : ", ") + part;
+    return text;
+}
+
+/// The run that ended last; none when none did.
+const PastRun* lastEnded(const std::vector<PastRun>& runs) {
+    const auto found =
+        std::find_if(runs.rbegin(), runs.rend(), [](const PastRun& run) { return !run.ended.empty(); });
+    return found == runs.rend() ? nullptr : &*found;
+}
+
+struct SetLine {
+    FolderRow folder;
+    std::uintmax_t bytes;
+};
+
+/// What "status" tells.
+struct Status {
+    DeviceLayout layout;
+    std::vector<SetLine> sets;
     long items = 0;
     std::uintmax_t bytes = 0;
+    bool isInUse = false;  ///< a run, or another command that wants the device for itself
+    std::vector<PastRun> runs;
+    flickr_standin::BackupReport report;  ///< empty while the device is in use
+
+    bool runLasts() const { return isInUse && !runs.empty() && runs.back().ended.empty(); }
+};
+
+Status statusOf(const LibraryOptions& options) {
+    Status status;
+    status.layout = existingBackup(options.device, options.database);
+    status.isInUse = flickr_standin::DeviceLock::isHeld(status.layout.device);
+    status.runs = DeviceHistory(status.layout.device).runs();
+    BackupDatabase database = beforehand(
+        [&] { return BackupDatabase(status.layout.databasePath, BackupDatabase::Missing::Refuse); });
+    const auto sizes = sizesByFolder(database, status.layout);
+    for (const FolderRow& folder : database.folders()) {
+        const auto found = sizes.find(folder.deviceName);
+        status.sets.push_back({folder, found == sizes.end() ? 0 : found->second});
+        status.items += folder.items;
+        status.bytes += status.sets.back().bytes;
+    }
+    // What is on its way is neither recorded nor missing.
+    if (!status.isInUse) {
+        status.report =
+            flickr_standin::compareBackup(database, status.layout.serviceFolder, status.layout.thumbnailWord);
+    }
+    return status;
+}
+
+void printStatus(const Status& status) {
+    constexpr std::size_t kShownRuns = 5;
     std::cout << std::setw(8) << "Items" << std::setw(12) << "Size"
               << "  " << std::left << std::setw(21) << "Last update (UTC)" << std::right << "Set\n";
-    for (const FolderRow& folder : folders) {
-        const auto found = sizes.find(folder.deviceName);
-        const std::uintmax_t size = found == sizes.end() ? 0 : found->second;
-        items += folder.items;
-        bytes += size;
-        std::cout << std::setw(8) << folder.items << std::setw(12) << formatBytes(static_cast<double>(size))
+    for (const auto& [folder, bytes] : status.sets) {
+        std::cout << std::setw(8) << folder.items << std::setw(12) << formatBytes(static_cast<double>(bytes))
                   << "  " << std::left << std::setw(21)
                   << (folder.updated.empty() ? "-" : printable(folder.updated)) << std::right
                   << titleOf(folder) << "\n";
     }
-    std::cout << formatCount(items, "item") << ", " << formatBytes(static_cast<double>(bytes)) << " in "
-              << printable(layout.serviceFolder) << "\n";
-
-    const auto report = flickr_standin::compareBackup(database, layout.serviceFolder, layout.thumbnailWord);
-    printDisagreements(std::cout, report);
+    std::cout << formatCount(status.items, "item") << ", " << formatBytes(static_cast<double>(status.bytes))
+              << " in " << printable(status.layout.serviceFolder) << "\n";
+    if (!status.runs.empty()) std::cout << "Last runs (UTC):\n";
+    const std::size_t first = status.runs.size() - std::min(status.runs.size(), kShownRuns);
+    for (std::size_t i = first; i < status.runs.size(); ++i) {
+        const bool isLast = i + 1 == status.runs.size();
+        std::cout << "  " << runText(status.runs[i], isLast && status.isInUse) << "\n";
+    }
+    const PastRun* const ended = lastEnded(status.runs);
+    const std::string toDo = ended != nullptr && !status.runLasts() ? toDoText(*ended) : "";
+    if (!toDo.empty()) std::cout << "Still to do: " << toDo << "\n";
+    if (status.isInUse) {
+        std::cout << (status.runLasts() ? "A backup is going on" : "Another command uses the device")
+                  << "; database and device are compared when it has ended.\n";
+    } else {
+        printDisagreements(std::cout, status.report);
+    }
     std::cout << std::flush;
-    return report.agrees() ? ExitSuccess : ExitFailure;
+}
+
+void printStatusJson(const Status& status, int exitStatus) {
+    using flickr_standin::validUtf8;
+    Poco::JSON::Object object = jsonReport("status", exitStatus == ExitSuccess ? "success" : "failed");
+    object.set("folder", validUtf8(status.layout.serviceFolder));
+    object.set("database", validUtf8(status.layout.databasePath));
+    object.set("items", std::int64_t{status.items});
+    object.set("bytes", static_cast<std::uint64_t>(status.bytes));
+    object.set("inUse", status.isInUse);
+    object.set("running", status.runLasts());
+    Poco::JSON::Array sets;
+    for (const auto& [folder, bytes] : status.sets) {
+        Poco::JSON::Object entry(Poco::JSON_PRESERVE_KEY_ORDER);
+        entry.set("id", validUtf8(folder.id));
+        entry.set("title", validUtf8(folder.serviceName));
+        entry.set("folder", validUtf8(folder.deviceName));
+        entry.set("items", std::int64_t{folder.items});
+        entry.set("bytes", static_cast<std::uint64_t>(bytes));
+        entry.set("updated", validUtf8(folder.updated));
+        sets.add(entry);
+    }
+    object.set("sets", sets);
+    object.set("runs", jsonRuns(status.runs));
+    addDisagreements(object, status.report);
+    printJson(std::cout, object);
+}
+
+int showStatus(const LibraryOptions& options, bool json) {
+    const Status status = statusOf(options);
+    const int exitStatus = status.report.agrees() ? ExitSuccess : ExitFailure;
+    if (json) {
+        printStatusJson(status, exitStatus);
+    } else {
+        printStatus(status);
+    }
+    return exitStatus;
 }
 
 }  // namespace
 
-void addStatusCommand(CLI::App& program, int& status) {
+void addStatusCommand(CLI::App& program, CommandContext& context) {
     auto options = std::make_shared<LibraryOptions>();
     CLI::App* command = program.add_subcommand("status", "List what is backed up on a device");
     addLibraryOptions(*command, *options);
+    addJsonOption(*command, context);
     command->footer(std::string(kExitStatuses) +
                     "\n"
                     "Example:\n"
                     "  flickr-backup status --device /media/usb");
-    command->callback([options, &status] { status = showStatus(*options); });
+    command->callback([options, &context] { context.status = showStatus(*options, context.json); });
 }
 
 }  // namespace flickr_app

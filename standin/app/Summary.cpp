@@ -1,8 +1,5 @@
 #include "standin/app/Summary.h"
 
-#include <Poco/JSON/Array.h>
-#include <Poco/JSON/Object.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <sstream>
@@ -10,6 +7,7 @@
 #include <vector>
 
 #include "standin/app/Format.h"
+#include "standin/app/Json.h"
 #include "standin/app/Refusal.h"
 #include "standin/framework/base/Names.h"
 #include "standin/framework/base/Text.h"
@@ -52,6 +50,41 @@ long keptItems(const flickr_standin::RunSummary& done) {
                          [](const auto& failure) { return failure.onDevice; });
 }
 
+/// What became of how many items, and where they are.
+std::string countsText(const RunReport& report) {
+    const flickr_standin::RunSummary& done = report.done;
+    std::ostringstream text;
+    text << "  new        " << formatCount(done.newItems, "item") << "\n"
+         << "  edited     " << formatCount(done.editedItems, "item") << "\n"
+         << "  unchanged  " << formatCount(done.unchangedItems, "item") << "\n";
+    if (const long kept = keptItems(done); kept > 0) {
+        text << "  kept       " << formatCount(kept, "item") << " as an earlier run backed "
+             << (kept == 1 ? "it" : "them") << " up\n";
+    }
+    const auto both = [&](const std::string& one, const char* between, const std::string& other) {
+        text << one << (!one.empty() && !other.empty() ? between : "") << other << "\n";
+    };
+    const auto orNothing = [](long count, const std::string& words) { return count > 0 ? words : ""; };
+    if (report.leftOutByDate || report.leftOutByKind) {
+        text << "  left out   ";
+        both(orNothing(report.leftOutByDate, formatCount(report.leftOutByDate, "item") + " by --from"), ", ",
+             orNothing(report.leftOutByKind, formatCount(report.leftOutByKind, "item") + " by --media"));
+    }
+    if (done.untriedItems || done.untriedSets) {
+        text << "  not tried  ";
+        both(orNothing(done.untriedItems, formatCount(done.untriedItems, "item")), ", and ",
+             orNothing(done.untriedSets, "all of " + formatCount(done.untriedSets, "further set")));
+    }
+    if (done.interruptedItems) text << "  cut off    " << formatCount(done.interruptedItems, "item") << "\n";
+    text << "  written    " << formatBytes(done.bytes) << "\n"
+         << "  files      " << printable(report.serviceFolder) << "\n";
+    if (const long gone = report.goneItems; gone > 0) {
+        text << formatCount(gone, "item") << (gone == 1 ? " is" : " are") << " no longer at the service; "
+             << (gone == 1 ? "it stays" : "they stay") << " here\n";
+    }
+    return text.str();
+}
+
 }  // namespace
 
 int exitStatus(const RunReport& report) {
@@ -69,6 +102,12 @@ const char* resultName(const RunReport& report) {
     return status == ExitSuccess ? "success" : status == ExitStopped ? "stopped" : "failed";
 }
 
+bool isWorthTelling(const RunReport& report, Talk talk, bool onTerminal) {
+    const bool isComplete = exitStatus(report) == ExitSuccess;
+    if (talk == Talk::Quiet) return !isComplete;
+    return !isComplete || talk == Talk::Verbose || onTerminal || !report.done.warnings.empty();
+}
+
 std::string summaryText(const RunReport& report) {
     const flickr_standin::RunSummary& done = report.done;
     const int status = exitStatus(report);
@@ -78,24 +117,8 @@ std::string summaryText(const RunReport& report) {
              : status == ExitCannotBegin ? "Backup could NOT begin, and ended"
                                          : "Backup NOT complete")
          << " after " << formatDuration(report.seconds) << ".\n";
-    text << "  new        " << formatCount(done.newItems, "item") << "\n"
-         << "  edited     " << formatCount(done.editedItems, "item") << "\n"
-         << "  unchanged  " << formatCount(done.unchangedItems, "item") << "\n";
+    if (status != ExitCannotBegin) text << countsText(report);
     const long kept = keptItems(done), lost = static_cast<long>(done.failures.size()) - kept;
-    if (kept) {
-        text << "  kept       " << formatCount(kept, "item") << " as an earlier run backed "
-             << (kept == 1 ? "it" : "them") << " up\n";
-    }
-    if (done.untriedItems || done.untriedSets) {
-        text << "  not tried  ";
-        if (done.untriedItems) text << formatCount(done.untriedItems, "item");
-        if (done.untriedItems && done.untriedSets) text << ", and ";
-        if (done.untriedSets) text << "all of " << formatCount(done.untriedSets, "further set");
-        text << "\n";
-    }
-    if (done.interruptedItems) text << "  cut off    " << formatCount(done.interruptedItems, "item") << "\n";
-    text << "  written    " << formatBytes(done.bytes) << "\n"
-         << "  files      " << printable(report.serviceFolder) << "\n";
 
     const auto listFailures = [&](const char* title, long count, bool onDevice) {
         if (count > 0) text << title << " (" << count << "):\n";
@@ -118,14 +141,9 @@ std::string summaryText(const RunReport& report) {
     return text.str();
 }
 
-std::string summaryJson(const RunReport& report) {
+Poco::JSON::Object summaryJson(const RunReport& report, bool asEvent) {
     using flickr_standin::validUtf8;
     const flickr_standin::RunSummary& done = report.done;
-    const auto array = [](const std::vector<std::string>& lines) {
-        Poco::JSON::Array values;
-        for (const std::string& line : lines) values.add(validUtf8(line));
-        return values;
-    };
     Poco::JSON::Array failures;
     for (const auto& failure : done.failures) {
         Poco::JSON::Object entry(Poco::JSON_PRESERVE_KEY_ORDER);
@@ -136,29 +154,31 @@ std::string summaryJson(const RunReport& report) {
         entry.set("onDevice", failure.onDevice);
         failures.add(entry);
     }
-    Poco::JSON::Object object(Poco::JSON_PRESERVE_KEY_ORDER);
-    object.set("result", resultName(report));
+    Poco::JSON::Object object = jsonReport("run", resultName(report));
+    if (asEvent) object.set("event", "summary");
+    object.set("exitStatus", exitStatus(report));
     object.set("status", report.outcome.status);
     object.set("detail", report.outcome.detail);
-    object.set("new", std::int64_t{done.newItems});
-    object.set("edited", std::int64_t{done.editedItems});
-    object.set("unchanged", std::int64_t{done.unchangedItems});
-    object.set("interrupted", std::int64_t{done.interruptedItems});
-    object.set("kept", std::int64_t{keptItems(done)});
-    object.set("untried", std::int64_t{done.untriedItems});
-    object.set("untriedSets", std::int64_t{done.untriedSets});
-    object.set("bytes", static_cast<std::int64_t>(done.bytes));
+    const std::pair<const char*, long> numbers[] = {{"new", done.newItems},
+                                                    {"edited", done.editedItems},
+                                                    {"unchanged", done.unchangedItems},
+                                                    {"interrupted", done.interruptedItems},
+                                                    {"kept", keptItems(done)},
+                                                    {"leftOutByDate", report.leftOutByDate},
+                                                    {"leftOutByKind", report.leftOutByKind},
+                                                    {"untried", done.untriedItems},
+                                                    {"untriedSets", done.untriedSets},
+                                                    {"gone", report.goneItems},
+                                                    {"bytes", static_cast<long>(done.bytes)}};
+    for (const auto& [name, number] : numbers) object.set(name, std::int64_t{number});
     object.set("seconds", report.seconds);
     object.set("failures", failures);
-    object.set("errors", array(errorsOf(report)));
-    object.set("warnings", array(done.warnings));
+    object.set("errors", jsonArray(errorsOf(report)));
+    object.set("warnings", jsonArray(done.warnings));
     object.set("folder", validUtf8(report.serviceFolder));
     object.set("database", validUtf8(report.database));
     object.set("log", validUtf8(report.log));
-    std::ostringstream text;
-    object.stringify(text);
-    text << "\n";
-    return text.str();
+    return object;
 }
 
 }  // namespace flickr_app

@@ -3,9 +3,12 @@
 #ifndef STANDIN_APP_SUMMARY_H
 #define STANDIN_APP_SUMMARY_H
 
+#include <Poco/JSON/Object.h>
+
 #include <string>
 
 #include "standin/app/PerformRun.h"
+#include "standin/app/RunDisplay.h"
 #include "standin/framework/run/RunJournal.h"
 
 namespace flickr_app {
@@ -18,6 +21,9 @@ struct RunReport {
     std::string serviceFolder;  ///< where the files are
     std::string database;
     std::string log;
+    long leftOutByDate = 0;  ///< listed, and not updated since --from
+    long leftOutByKind = 0;  ///< listed, and of a kind that --media does not name
+    long goneItems = 0;      ///< backed up, and no longer at the service
 };
 
 /// Success only when the plug-in says so and nothing failed for good; see ExitStatus.
@@ -26,21 +32,15 @@ int exitStatus(const RunReport& report);
 /// "success", "failed" or "stopped".
 const char* resultName(const RunReport& report);
 
+/// Whether the text belongs on standard output: of a complete run only on a terminal, or when asked for, and
+/// never when there is nothing but success to tell to one who wants failures only.
+bool isWorthTelling(const RunReport& report, Talk talk, bool onTerminal);
+
 /// Several lines, each ended.
 std::string summaryText(const RunReport& report);
 
-/// One JSON object in one line, ended. Its members:
-///   result          "success", "failed" or "stopped"
-///   status, detail  as the plug-in and the host give them
-///   new, edited, unchanged, interrupted   numbers of items
-///   kept            of the failures that left an item as an earlier run backed it up
-///   untried, untriedSets   listed items, and sets not listed to their end, before whose turn the run ended
-///   bytes, seconds
-///   failures        [{"id", "name", "set", "reason", "onDevice"}]   what was to be backed up and is not, or
-///                   not as it is now; id is that of the item's row, empty for a folder or list
-///   errors, warnings   [text]
-///   folder, database, log   paths
-std::string summaryJson(const RunReport& report);
+/// The members are described in docs/output.schema.json. asEvent: as the last of a run's events.
+Poco::JSON::Object summaryJson(const RunReport& report, bool asEvent = false);
 
 }  // namespace flickr_app
 

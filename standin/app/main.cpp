@@ -3,6 +3,8 @@
 #include <Poco/Exception.h>
 #include <signal.h>
 
+#include <cerrno>
+#include <cstring>
 #include <exception>
 #include <iostream>
 #include <string>
@@ -10,17 +12,60 @@
 #include "standin/app/CommandLine.h"
 #include "standin/app/Commands.h"
 #include "standin/app/Format.h"
-#include "standin/app/Profile.h"
+#include "standin/app/Json.h"
 #include "standin/app/ProgramArguments.h"
 #include "standin/app/Refusal.h"
+#include "standin/app/Version.h"
 
 namespace {
 
-int fail(const std::string& sentence, int status) {
-    const std::string line = flickr_app::printable(sentence);
-    const bool ended = !line.empty() && std::string(".!?").find(line.back()) != std::string::npos;
-    std::cerr << "flickr-backup: " << line << (ended ? "" : ".") << std::endl;
+bool wantsJson() {
+    for (char** argument = flickr_app::programArguments(); *argument != nullptr; ++argument) {
+        const std::string text = *argument;
+        if (text == "--json" || text == "--json-progress") return true;
+    }
+    return false;
+}
+
+/// A sentence to standard error, and with --json an object to standard output.
+int fail(const CLI::App& program, const std::string& sentence, int status) {
+    std::string line = flickr_app::printable(sentence);
+    if (line.empty() || std::string(".!?").find(line.back()) == std::string::npos) line += '.';
+    std::cerr << "flickr-backup: " << line << std::endl;
+    if (wantsJson()) {
+        const auto commands = program.get_subcommands();
+        auto object = flickr_app::jsonReport(commands.empty() ? "" : commands.front()->get_name(), "refused");
+        object.set("exitStatus", status);
+        object.set("error", line);
+        flickr_app::printJson(std::cout, object);
+    }
     return status;
+}
+
+/// The status, or that of an output that could not be written: a full disk, a closed descriptor.
+int finish(int status) {
+    std::cout.flush();
+    if (std::cout) return status;
+    std::cerr << "flickr-backup: The output cannot be written: " << std::strerror(errno) << "." << std::endl;
+    return status == flickr_app::ExitSuccess ? flickr_app::ExitFailure : status;
+}
+
+int perform(CLI::App& program, const flickr_app::CommandContext& context, int argc) {
+    try {
+        program.parse(argc, flickr_app::programArguments());
+        return context.status;
+    } catch (const CLI::Success& help) {  // --help, --version
+        return program.exit(help);
+    } catch (const CLI::ParseError& error) {
+        return fail(program, flickr_app::explain(program, error), flickr_app::ExitUsage);
+    } catch (const flickr_app::Refusal& error) {
+        return fail(program, error.what(), error.status());
+    } catch (const Poco::Exception& error) {
+        return fail(program, error.message().empty() ? error.displayText() : error.message(),
+                    flickr_app::ExitFailure);
+    } catch (const std::exception& error) {
+        return fail(program, error.what(), flickr_app::ExitFailure);
+    }
 }
 
 }  // namespace
@@ -30,30 +75,14 @@ int main(int argc, char**) {
     ::signal(SIGPIPE, SIG_IGN);  // of the service or of whoever reads the output
     CLI::App program("Backs up the photos and videos of a Flickr account to a directory.", "flickr-backup");
     program.require_subcommand(1);
-    program.set_version_flag("--version", FLICKR_BACKUP_VERSION);
+    program.set_version_flag("--version", flickr_app::versionText);
     program.footer(std::string("flickr-backup COMMAND --help tells more.\n") + flickr_app::kExitStatuses);
-    flickr_app::Profile profile;
-    int status = flickr_app::ExitUsage;
-    flickr_app::addLoginCommand(program, profile, status);
-    flickr_app::addLogoutCommand(program, profile, status);
-    flickr_app::addConfigureCommand(program, profile, status);
-    flickr_app::addRunCommand(program, profile, status);
-    flickr_app::addStatusCommand(program, status);
-    flickr_app::addVerifyCommand(program, status);
-    flickr_app::addGalleryCommand(program, status);
-    flickr_app::addInfoCommand(program, profile, status);
-    try {
-        program.parse(argc, flickr_app::programArguments());
-        return status;
-    } catch (const CLI::Success& help) {  // --help, --version
-        return program.exit(help);
-    } catch (const CLI::ParseError& error) {
-        return fail(flickr_app::explain(program, error), flickr_app::ExitUsage);
-    } catch (const flickr_app::Refusal& error) {
-        return fail(error.what(), error.status());
-    } catch (const Poco::Exception& error) {
-        return fail(error.message().empty() ? error.displayText() : error.message(), flickr_app::ExitFailure);
-    } catch (const std::exception& error) {
-        return fail(error.what(), flickr_app::ExitFailure);
+    flickr_app::CommandContext context;
+    for (const auto add :
+         {flickr_app::addLoginCommand, flickr_app::addLogoutCommand, flickr_app::addConfigureCommand,
+          flickr_app::addRunCommand, flickr_app::addStatusCommand, flickr_app::addVerifyCommand,
+          flickr_app::addGalleryCommand, flickr_app::addInfoCommand, flickr_app::addCompletionCommand}) {
+        add(program, context);
     }
+    return finish(perform(program, context, argc));
 }
