@@ -13,6 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -20,6 +21,7 @@
 #include <fstream>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <vector>
 
@@ -43,8 +45,8 @@ using namespace flickr_standin;
 
 namespace {
 
-long callsLeft = -1;  // calls that still succeed; -1 for all
-int failure = 0;      // error number of the calls after them; 0 to be killed
+std::atomic<long> callsLeft{-1};  // calls that still succeed; -1 for all
+int failure = 0;                  // error number of the calls after them; 0 to be killed
 bool haveFailed = false;
 
 // Under a sanitizer each run takes its time: fewer moments are tried.
@@ -54,13 +56,19 @@ constexpr long kStep = 7;
 constexpr long kStep = 1;
 #endif
 
+/// Held while a database is copied: no kill of another thread's cuts that short.
+std::mutex copying;
+
 bool fails() {
     if (callsLeft < 0) return false;
     if (callsLeft > 0) {
         --callsLeft;
         return false;
     }
-    if (failure == 0) ::kill(::getpid(), SIGKILL);
+    if (failure == 0) {
+        const std::lock_guard<std::mutex> lock(copying);
+        ::kill(::getpid(), SIGKILL);
+    }
     haveFailed = true;
     errno = failure;
     return true;
@@ -87,6 +95,7 @@ fs::path onDisk;
 /// Keeps the database that the file belongs to as it stands: it was flushed.
 int flushed(int file, int result) {
     if (onDisk.empty() || result != 0) return result;
+    const std::lock_guard<std::mutex> lock(copying);
     std::string path(4096, '\0');
     const ssize_t length =
         ::readlink(("/proc/self/fd/" + std::to_string(file)).c_str(), path.data(), path.size());
