@@ -48,7 +48,7 @@ def call(program, *arguments, patience=PATIENCE):
     global slowest_stop
     with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err:
         process = subprocess.Popen([program.binary, *map(str, arguments)], stdin=subprocess.DEVNULL, stdout=out,
-                                   stderr=err)
+                                   stderr=err, env=program.environment())
         told, memory = None, 0
         began = time.monotonic()
         while process.poll() is None:
@@ -391,7 +391,7 @@ def check_address(work, build, case):
 
 def call_stage(stage, patience=PATIENCE):
     run = call(stage.program, "run", "--device", stage.device, "--credentials", stage.program.credentials, "--json",
-               patience=patience)
+               "--new", patience=patience)
     stage.check_places()
     return run
 

@@ -24,6 +24,9 @@ def soak(work, build, runs):
     sim = small_sim(work, build)
     program = rig.Program(work, build, sim.url, sim.credentials)
     shutil.copy(pathlib.Path(build) / "torture/soak", program.folder)
+    # It has no user's settings: the plug-in finds its configuration beside itself.
+    for configuration in (program.folder / "config").rglob("Flickr_plugin_config.xml"):
+        shutil.copy(configuration, program.folder / "Resources/Plugins")
     device = pathlib.Path(work) / "soaked"
     device.mkdir()
     token = dict(line.split(" = ") for line in sim.credentials.read_text().splitlines())["token"]
@@ -162,7 +165,7 @@ HONEST = [  # a fault, how the run ends, and what its summary has to say
     ("item=53000000001,kind=media,redirect=ftp://x/", 1, ["IMG_0001.jpg", "ftp"]),
     ("kind=media,nth=1,status=503", 0, []),  # mended by the second attempt
     ("method=flickr.photosets.getList,status=401", 3, ["401"]),
-    ("method=flickr.photosets.getList,error=98", 1, ["Invalid Auth Token"]),
+    ("method=flickr.photosets.getList,error=98", 3, ["Invalid Auth Token"]),
     ("method=flickr.photosets.getList,status=500", 3, ["500"]),
     ("method=flickr.photosets.getPhotos,error=105", 1, ["Set 0001", "105"]),
     ("method=flickr.photosets.getPhotos,malformed=1", 1, ["Set 0001"]),

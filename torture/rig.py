@@ -94,11 +94,15 @@ class Program:
         other.user = user
         return other
 
+    def environment(self, **more):
+        """With settings and a log of its own, whoever runs it."""
+        return dict(os.environ, XDG_CONFIG_HOME=str(self.folder / "config"),
+                    XDG_STATE_HOME=str(self.folder / "state"), **more)
+
     def start(self, *arguments, faults=None, env=None):
         for count in self.state.glob("requests-*"):  # more runs than an hour's calls are enough for
             count.unlink(missing_ok=True)
-        environment = dict(os.environ, XDG_CONFIG_HOME=str(self.folder / "config"),
-                           XDG_STATE_HOME=str(self.folder / "state"), **(env or {}))
+        environment = self.environment(**(env or {}))
         if faults:
             preload = [environment.get("LD_PRELOAD"), str(self.faults)]
             environment["LD_PRELOAD"] = ":".join(filter(None, preload))
