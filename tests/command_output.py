@@ -5,67 +5,26 @@ Called with the application folder, flickr-sim and the schema."""
 import fcntl
 import json
 import os
-import pathlib
 import pty
 import re
-import shutil
 import struct
 import subprocess
 import sys
-import tempfile
 import termios
 import time
 import unittest
 
-try:
-    import jsonschema
-except ImportError:
-    sys.exit(77)
+from command_rig import Rig
 
-APP, SIM, SCHEMA = sys.argv.pop(1), sys.argv.pop(1), sys.argv.pop(1)
 QUOTES = "''"  # an empty word
 
 
-class Output(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        work = tempfile.TemporaryDirectory()
-        cls.addClassCleanup(work.cleanup)
-        cls.work = pathlib.Path(work.name)
-        shutil.copytree(APP, cls.work / "flickr-backup.app")
-        cls.sim = subprocess.Popen([SIM, "--generate", "2x3", "--videos", "0", "--loose", "2", "--exit-with-parent", "--ready-file", cls.work / "ready",
-                                    "--print-credentials-file", cls.work / "c.ini", "--fault", "kind=media,slow=20000/250"],
-                                   stdout=subprocess.DEVNULL)
-        cls.addClassCleanup(cls.sim.wait)
-        cls.addClassCleanup(cls.sim.terminate)
-        while not (cls.work / "ready").exists() or len((cls.work / "ready").read_text().split()) < 2:
-            time.sleep(0.05)
-        cls.url = (cls.work / "ready").read_text().split()[0]
-        cls.schema = json.loads(pathlib.Path(SCHEMA).read_text())
-        jsonschema.Draft7Validator.check_schema(cls.schema)
-        assert cls.call("configure", "--data-url", cls.url, "--credentials", cls.work / "c.ini").returncode == 0
-
-    @classmethod
-    def environment(cls, **more):
-        return {**os.environ, "XDG_CONFIG_HOME": str(cls.work / "config"), "XDG_STATE_HOME": str(cls.work / "state"),
-                "LSAN_OPTIONS": "print_suppressions=0", **more}
-
-    @classmethod
-    def call(cls, *arguments, **options):
-        return subprocess.run([cls.work / "flickr-backup.app/flickr-backup", *map(str, arguments)], text=True,
-                              env=cls.environment(), stdin=subprocess.DEVNULL,
-                              **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options})
-
-    def device(self, name):
-        path = self.work / name
-        path.mkdir(exist_ok=True)
-        return path
-
+class Output(Rig):
     def on_terminal(self, columns, *arguments, **environment):
         """What the terminal gets, by exit status."""
         ours, theirs = pty.openpty()
         fcntl.ioctl(theirs, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
-        process = subprocess.Popen([self.work / "flickr-backup.app/flickr-backup", *map(str, arguments)], stdin=theirs,
+        process = subprocess.Popen([self.program(), *map(str, arguments)], stdin=theirs,
                                    stdout=theirs, stderr=theirs, env=self.environment(**environment))
         os.close(theirs)
         text = b""
@@ -118,17 +77,9 @@ class Output(unittest.TestCase):
                 done = self.call(*command, stdout=full)
                 self.assertIn("The output cannot be written: No space left on device.", done.stderr, command)
                 self.assertNotEqual(done.returncode, 0)
-        closed = subprocess.run(["sh", "-c", 'exec "$0" info >&-', self.work / "flickr-backup.app/flickr-backup"],
+        closed = subprocess.run(["sh", "-c", 'exec "$0" info >&-', self.program()],
                                 env=self.environment(), stderr=subprocess.PIPE, text=True)
         self.assertEqual(closed.returncode, 1, closed.stderr)
-
-    def check(self, kind, line):
-        return self.check_object(kind, json.loads(line))
-
-    def check_object(self, kind, value):
-        jsonschema.validate(value, {**self.schema, "$ref": "#/definitions/" + kind})
-        jsonschema.validate(value, self.schema)
-        return value
 
     def test_json_follows_the_schema(self):
         device = self.device("json")
@@ -181,7 +132,7 @@ class Output(unittest.TestCase):
 
     def test_status_knows_the_run_that_goes_on(self):
         device = self.device("going")
-        with subprocess.Popen([self.work / "flickr-backup.app/flickr-backup", "run", "--device", device],
+        with subprocess.Popen([self.program(), "run", "--device", device],
                               env=self.environment()) as run:
             while not list(device.rglob("*.jpg")):
                 time.sleep(0.05)

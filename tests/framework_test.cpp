@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -799,6 +800,20 @@ TEST_F(FrameworkTest, LetsOneRunAtATimeUseADevice) {
     ::wait(nullptr);
     EXPECT_EQ("", refusal()) << "the holder was killed";
     EXPECT_THROW(DeviceLock((folder_ / "none").string()), Poco::Exception);
+
+    // Readers keep a run waiting, and a run keeps readers off.
+    auto reader = DeviceLock::forReading(folder_.string());
+    EXPECT_TRUE(DeviceLock::forReading(folder_.string()) && reader);
+    std::atomic<bool> isHeld{false};
+    std::thread run([&] {
+        const DeviceLock lock(folder_.string());
+        isHeld = true;
+        EXPECT_FALSE(DeviceLock::forReading(folder_.string()));
+    });
+    EXPECT_FALSE(isHeld);
+    reader.reset();
+    run.join();
+    EXPECT_TRUE(DeviceLock::forReading((folder_ / "none").string())) << "nothing to lock";
 }
 
 TEST_F(FrameworkTest, TellsWhatBecameOfEachItem) {

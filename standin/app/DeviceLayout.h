@@ -11,6 +11,8 @@
 
 #include <string>
 
+#include "standin/framework/device/BackupReading.h"
+
 namespace flickr_app {
 
 constexpr const char* kDefaultDatabase = "backup.db";
@@ -22,6 +24,8 @@ struct DeviceLayout {
     std::string databasePath;   ///< absolute
     std::string serviceFolder;
     bool holdsBackup = false;  ///< there is something in the service folder
+
+    flickr_standin::BackupPlace place() const { return {device, databasePath, serviceFolder, thumbnailWord}; }
 };
 
 /// The service folder of a culture on a device.

@@ -137,9 +137,14 @@ std::size_t columnsOf(int descriptor) {
 }
 
 void ProgressLine::show(double elapsed, const ProgressState& state, std::size_t columns) {
-    if (style_ == ProgressStyle::None) return;
     // A terminal breaks a line that fills its last column.
-    const std::string line = progressText(state, columns > 1 ? columns - 1 : 1);
+    if (style_ != ProgressStyle::None)
+        show(elapsed, progressText(state, std::max<std::size_t>(columns, 2) - 1), columns);
+}
+
+void ProgressLine::show(double elapsed, const std::string& text, std::size_t columns) {
+    if (style_ == ProgressStyle::None) return;
+    const std::string line = cutColumns(text, std::max<std::size_t>(columns, 2) - 1);
     if (style_ == ProgressStyle::InPlace) {
         out_ << "\r\033[K" << line << std::flush;
         standing_ = true;

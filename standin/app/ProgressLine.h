@@ -68,6 +68,7 @@ public:
     ProgressLine& operator=(const ProgressLine&) = delete;
 
     void show(double elapsed, const ProgressState& state, std::size_t columns);
+    void show(double elapsed, const std::string& text, std::size_t columns);
 
     /// A message on a line of its own.
     void message(const std::string& text);

@@ -49,6 +49,12 @@ public:
     explicit CannotBegin(const std::string& sentence) : Refusal(sentence, ExitCannotBegin) {}
 };
 
+/// A signal ended a command that only looks.
+class Stopped : public Refusal {
+public:
+    Stopped() : Refusal("Stopped", ExitStopped) {}
+};
+
 /// Does what comes before a command's work: a Poco::Exception out of it becomes CannotBegin.
 template <typename Action>
 auto beforehand(Action action) {

@@ -27,6 +27,7 @@
 #include "standin/app/Reason.h"
 #include "standin/app/Refusal.h"
 #include "standin/app/RunDisplay.h"
+#include "standin/app/Signals.h"
 #include "standin/app/Summary.h"
 #include "standin/framework/base/Cipher.h"
 #include "standin/framework/base/Text.h"
@@ -257,7 +258,7 @@ int run(const Options& options, const CommandContext& context) {
     request.authToken = credentials.token;
     request.culture = layout.culture;
 
-    const RunSignals signals;
+    const Signals signals;
     const auto lock = beforehand([&] { return flickr_standin::DeviceLock(layout.device); });
     BackupDatabase database = beforehand([&] { return BackupDatabase(layout.databasePath); });
     refuseLostFiles(database, layout);
@@ -316,14 +317,14 @@ int run(const Options& options, const CommandContext& context) {
         report.goneItems = goneItems(database, report);
         markKept(database, layout, report.done);
         // A stop that comes only now ends what follows.
-        if (!RunSignals::isStopWanted()) addDamage(database, layout, report.done);
+        if (!Signals::isStopWanted()) addDamage(database, layout, report.done);
     } catch (Poco::Exception& exception) {
         report.done.errors.push_back(exception.message());
     }
-    if (!options.noGallery && !report.outcome.stopped && !RunSignals::isStopWanted()) {
+    if (!options.noGallery && !report.outcome.stopped && !Signals::isStopWanted()) {
         updateGallery(database, layout, report.done);
     }
-    if (RunSignals::isStopWanted() && exitStatus(report) == ExitSuccess) report.outcome.stopped = true;
+    if (Signals::isStopWanted() && exitStatus(report) == ExitSuccess) report.outcome.stopped = true;
     report.seconds = secondsSince(start);
     makePlain(report.done);
     notes.push_back(history.end(pastRun(report)));

@@ -1,20 +1,18 @@
 #include "standin/app/RunDisplay.h"
 
 #include <Poco/JSON/Object.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdint>
 #include <filesystem>
 #include <iostream>
-#include <iterator>
 #include <system_error>
 #include <utility>
 
 #include "standin/app/Format.h"
 #include "standin/app/Reason.h"
+#include "standin/app/Signals.h"
 #include "standin/framework/base/Names.h"
 #include "standin/framework/base/Text.h"
 #include "standin/framework/run/RunProgress.h"
@@ -29,10 +27,6 @@ using flickr_standin::SettledItem;
 using flickr_standin::validUtf8;
 
 constexpr double kReportSeconds = 300;
-constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGUSR1, SIGUSR2};
-
-volatile std::sig_atomic_t stopSignals = 0;
-volatile std::sig_atomic_t pauseSignal = 0;
 
 const char* outcomeName(SettledItem::Outcome outcome) {
     switch (outcome) {
@@ -74,41 +68,6 @@ ProgressStyle styleFor(Talk talk) {
 
 }  // namespace
 
-struct RunSignals::Earlier {
-    struct sigaction actions[std::size(kSignals)] = {};
-};
-
-RunSignals::RunSignals() : earlier_(std::make_unique<Earlier>()) {
-    stopSignals = 0;
-    pauseSignal = 0;
-    struct sigaction action {};
-    action.sa_handler = [](int signal) {
-        if (signal == SIGUSR1 || signal == SIGUSR2) {
-            pauseSignal = signal == SIGUSR1;
-        } else {
-            stopSignals = stopSignals + 1;
-        }
-    };
-    action.sa_flags = SA_RESTART;
-    ::sigemptyset(&action.sa_mask);
-    for (std::size_t i = 0; i < std::size(kSignals); ++i) {
-        struct sigaction& earlier = earlier_->actions[i];
-        ::sigaction(kSignals[i], &action, &earlier);
-        // What nohup has the program ignore stays ignored.
-        if (kSignals[i] == SIGHUP && earlier.sa_handler == SIG_IGN) ::sigaction(SIGHUP, &earlier, nullptr);
-    }
-}
-
-RunSignals::~RunSignals() {
-    for (std::size_t i = 0; i < std::size(kSignals); ++i) {
-        ::sigaction(kSignals[i], &earlier_->actions[i], nullptr);
-    }
-}
-
-bool RunSignals::isStopWanted() {
-    return stopSignals > 0;
-}
-
 RunDisplay::RunDisplay(DisplaySettings settings)
     : settings_(std::move(settings)),
       line_(std::cerr, styleFor(settings_.talk), ::isatty(STDERR_FILENO) ? 10 : kReportSeconds) {
@@ -127,7 +86,7 @@ void RunDisplay::progress(double, double bytes) {
 
 bool RunDisplay::stopRequested() {
     tellItems();
-    const int signals = stopSignals;
+    const int signals = Signals::stops();
     if (signals != stopsSeen_) {
         message(stopsSeen_ == 0 ? "Stopping: an item that is being transferred is discarded."
                                 : "Stopping already; please wait.");
@@ -138,7 +97,7 @@ bool RunDisplay::stopRequested() {
 
 bool RunDisplay::pauseRequested() {
     std::error_code ignored;
-    return pauseSignal != 0 ||
+    return Signals::isPauseWanted() ||
            (!settings_.pauseWhen.empty() && std::filesystem::exists(settings_.pauseWhen, ignored));
 }
 

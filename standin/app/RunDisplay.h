@@ -21,22 +21,6 @@ enum class Talk {
     Verbose  ///< and each item, and the summary wherever it goes
 };
 
-/// While this lives SIGINT, SIGTERM and SIGHUP are counted, and SIGUSR1 and SIGUSR2 set and clear the wish
-/// for a pause; the run sees to the rest.
-class RunSignals {
-public:
-    RunSignals();
-    ~RunSignals();
-    RunSignals(const RunSignals&) = delete;
-    RunSignals& operator=(const RunSignals&) = delete;
-
-    static bool isStopWanted();
-
-private:
-    struct Earlier;
-    std::unique_ptr<Earlier> earlier_;
-};
-
 /// What the display is made with.
 struct DisplaySettings {
     Talk talk = Talk::Normal;

@@ -16,16 +16,19 @@
 #include "standin/app/LibraryOptions.h"
 #include "standin/app/LibraryText.h"
 #include "standin/app/Refusal.h"
+#include "standin/app/Signals.h"
 #include "standin/framework/base/Text.h"
-#include "standin/framework/device/DeviceLock.h"
+#include "standin/framework/device/BackupCheck.h"
+#include "standin/framework/device/BackupReading.h"
 #include "standin/framework/device/ItemFiles.h"
-#include "standin/framework/run/Upkeep.h"
 #include "standin/framework/store/BackupDatabase.h"
 
 namespace flickr_app {
 namespace {
 
 using flickr_standin::BackupDatabase;
+using flickr_standin::BackupReading;
+using flickr_standin::Contents;
 using flickr_standin::FolderRow;
 
 /// Bytes of media and thumbnails by device folder.
@@ -98,22 +101,23 @@ struct Status {
 Status statusOf(const LibraryOptions& options) {
     Status status;
     status.layout = existingBackup(options.device, options.database);
-    status.isInUse = flickr_standin::DeviceLock::isHeld(status.layout.device);
     status.runs = DeviceHistory(status.layout.device).runs();
-    BackupDatabase database = beforehand(
-        [&] { return BackupDatabase(status.layout.databasePath, BackupDatabase::Missing::Refuse); });
-    const auto sizes = sizesByFolder(database, status.layout);
-    for (const FolderRow& folder : database.folders()) {
-        const auto found = sizes.find(folder.deviceName);
-        status.sets.push_back({folder, found == sizes.end() ? 0 : found->second});
-        status.items += folder.items;
-        status.bytes += status.sets.back().bytes;
-    }
-    // What is on its way is neither recorded nor missing.
-    if (!status.isInUse) {
-        status.report =
-            flickr_standin::compareBackup(database, status.layout.serviceFolder, status.layout.thumbnailWord);
-    }
+    const Signals signals;
+    BackupReading reading = beforehand([&] { return BackupReading(status.layout.place()); });
+    status.isInUse = reading.isInUse();
+    reading.read([&] {
+        const auto sizes = sizesByFolder(reading.database(), status.layout);
+        for (const FolderRow& folder : reading.database().folders()) {
+            const auto found = sizes.find(folder.deviceName);
+            status.sets.push_back({folder, found == sizes.end() ? 0 : found->second});
+            status.items += folder.items;
+            status.bytes += status.sets.back().bytes;
+        }
+        // What is on its way is neither recorded nor missing.
+        if (status.isInUse) return;
+        status.report = flickr_standin::checkBackup(reading.database(), reading.device(), Contents::SizesOnly,
+                                                    [](const auto&) { throwIfStopped(); });
+    });
     return status;
 }
 

@@ -12,34 +12,71 @@
 #include "standin/app/Json.h"
 #include "standin/app/LibraryOptions.h"
 #include "standin/app/LibraryText.h"
+#include "standin/app/ProgressLine.h"
 #include "standin/app/Refusal.h"
+#include "standin/app/Signals.h"
 #include "standin/framework/base/Text.h"
+#include "standin/framework/device/BackupCheck.h"
+#include "standin/framework/device/BackupReading.h"
 #include "standin/framework/device/DeviceLock.h"
-#include "standin/framework/run/Upkeep.h"
 #include "standin/framework/store/BackupDatabase.h"
 
 namespace flickr_app {
 namespace {
 
 using flickr_standin::BackupDatabase;
+using flickr_standin::BackupReading;
+using flickr_standin::BackupReport;
+using flickr_standin::DeviceLock;
 using Clock = std::chrono::steady_clock;
+
+/// How far a check is, on a terminal.
+class CheckDisplay {
+public:
+    explicit CheckDisplay(BackupDatabase& database) : line_(std::cerr, styleOf(STDERR_FILENO)) {
+        for (const auto& folder : database.folders()) files_ += kFilesOfItem * folder.items;
+    }
+
+    void show(const BackupReport& report) {
+        const double elapsed = std::chrono::duration<double>(Clock::now() - start_).count();
+        if (elapsed < next_) return;
+        next_ = elapsed + kSeconds;
+        line_.show(elapsed,
+                   formatNumber(report.files) + " of " + formatCount(files_, "file") + ", " +
+                       formatBytes(static_cast<double>(report.bytes)) + " read",
+                   columnsOf(STDERR_FILENO));
+    }
+
+private:
+    static constexpr long kFilesOfItem = 2;  // the item's own, and its thumbnail
+    static constexpr double kSeconds = 0.5;
+
+    ProgressLine line_;
+    const Clock::time_point start_ = Clock::now();
+    double next_ = 0;
+    long files_ = 0;
+};
 
 int verify(const LibraryOptions& options, bool json) {
     const DeviceLayout layout = existingBackup(options.device, options.database);
-    const auto lock = beforehand([&] { return flickr_standin::DeviceLock(layout.device); });
-    BackupDatabase database =
-        beforehand([&] { return BackupDatabase(layout.databasePath, BackupDatabase::Missing::Refuse); });
-    const std::string problem = database.integrityProblem();
-
-    const bool terminal = ::isatty(STDERR_FILENO);
-    Clock::time_point next = Clock::now();
-    const auto report = flickr_standin::verifyBackup(
-        database, layout.serviceFolder, layout.thumbnailWord, [&](std::uint64_t bytes) {
-            if (!terminal || Clock::now() < next) return;
-            next = Clock::now() + std::chrono::seconds(1);
-            std::cerr << "\r\033[K" << formatBytes(static_cast<double>(bytes)) << " read" << std::flush;
-        });
-    if (terminal) std::cerr << "\r\033[K" << std::flush;
+    const auto lock = DeviceLock::forReading(layout.device);
+    if (!lock) {
+        throw CannotBegin("A backup to " + layout.device +
+                          " is going on; wait until it has finished, or stop it.");
+    }
+    const Signals signals;
+    BackupReading reading = beforehand([&] { return BackupReading(layout.place()); });
+    std::string problem;
+    BackupReport report;
+    reading.read([&] {
+        problem = reading.database().integrityProblem();
+        CheckDisplay display(reading.database());
+        report = flickr_standin::checkBackup(reading.database(), reading.device(),
+                                             flickr_standin::Contents::Read, [&](const BackupReport& found) {
+                                                 throwIfStopped();
+                                                 display.show(found);
+                                             });
+    });
 
     const bool agrees = report.agrees() && problem.empty();
     if (json) {

@@ -8,9 +8,13 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <cstring>
 #include <optional>
 #include <vector>
 
+#include "standin/framework/base/Descriptor.h"
+#include "standin/framework/base/Paths.h"
 #include "standin/framework/base/SqliteGuard.h"
 
 namespace flickr_standin {
@@ -86,6 +90,34 @@ void requirePlainFiles(const std::string& path) {
         if (beside && (!S_ISREG(beside->st_mode) || beside->st_nlink > 1)) {
             refuse(path, "cannot be used: " + path + ending + " is a link or no file, move it away");
         }
+    }
+}
+
+void refuseUnfinishedChange(const std::string& path) {
+    if (!hasUnfinishedChange(path)) return;
+    refuse(path, "was left in the middle of a change by another program (" + path +
+                     "-journal): open it with that program, or move both away");
+}
+
+/// False when there is no such file.
+bool copyFile(const std::string& from, const std::string& to) {
+    const auto fail = [&](const char* what, int error) {
+        throw Poco::FileException("The database file " + from + " cannot be " + what + ": " +
+                                  std::strerror(error));
+    };
+    constexpr std::size_t kBlockSize = 1 << 20;
+    const Descriptor source(::open(from.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!source.isOpen() && errno == ENOENT) return false;
+    if (!source.isOpen()) fail("read", errno);
+    const Descriptor target(::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!target.isOpen()) fail(("copied to " + to).c_str(), errno);
+    std::vector<char> block(kBlockSize);
+    for (;;) {
+        const ssize_t count = ::read(source.get(), block.data(), block.size());
+        if (count == 0) return true;
+        if (count < 0) fail("read", errno);
+        const int error = writeAll(target, block.data(), static_cast<std::size_t>(count));
+        if (error != 0) fail(("copied to " + to).c_str(), error);
     }
 }
 
@@ -272,10 +304,7 @@ bool inspectDatabase(const std::string& path, const Schema& schema,
     requirePlainFiles(path);
     const auto standing = statusOf(path);
     if (!standing || standing->st_size == 0) return false;
-    if (hasUnfinishedChange(path)) {
-        refuse(path, "was left in the middle of a change by another program (" + path +
-                         "-journal): open it with that program, or move both away");
-    }
+    refuseUnfinishedChange(path);
     const bool hadIndex = statusOf(path + "-shm").has_value();
     try {
         SqliteFile file(path, SqliteFile::Open::Untouched);
@@ -295,6 +324,15 @@ bool inspectDatabase(const std::string& path, const Schema& schema,
         throw;
     }
     return false;
+}
+
+std::string copyDatabase(const std::string& path, const std::string& folder) {
+    requirePlainFiles(path);
+    refuseUnfinishedChange(path);
+    const std::string copy = joinPath(folder, nameOf(path));
+    if (!copyFile(path, copy)) throw Poco::NotFoundException("The database " + path + " does not exist");
+    copyFile(path + "-wal", copy + "-wal");
+    return copy;
 }
 
 void flushWriteAheadLog(const std::string& path) {

@@ -111,6 +111,11 @@ struct Schema {
 bool inspectDatabase(const std::string& path, const Schema& schema,
                      const std::function<void(SqliteFile&)>& checkRows);
 
+/// Copies the database at path into another folder, with its log, so that it can be read where nothing may be
+/// written beside it; gives the copy's path. Nobody may write to the database meanwhile. A link, a pipe or a
+/// change that another program left unfinished is refused as inspectDatabase() does.
+std::string copyDatabase(const std::string& path, const std::string& folder);
+
 /// Puts what was committed to the database at path on the disk. Its connections, which flush only now and
 /// then, need not know.
 void flushWriteAheadLog(const std::string& path);

@@ -38,8 +38,7 @@ bool isDescriptionOf(const std::string& text, const std::string& id) {
 
 class BackupCheck {
 public:
-    BackupCheck(BackupDatabase& database, Device& device, Contents contents,
-                const std::function<void(std::uint64_t)>& progress)
+    BackupCheck(BackupDatabase& database, Device& device, Contents contents, const CheckProgress& progress)
         : database_(database),
           device_(device),
           readContents_(contents == Contents::Read),
@@ -94,7 +93,7 @@ private:
         } else if (readContents_ && checksumOf(path) != entry->checksum) {
             report_.altered.push_back(path);
         }
-        if (progress_) progress_(report_.bytes);
+        if (progress_) progress_(report_);
         return true;
     }
 
@@ -134,7 +133,10 @@ private:
 
     std::string checksumOf(const std::string& path) {
         Checksum checksum;
-        device_.readFile(path, [&](const char* data, std::size_t size) { checksum.update(data, size); });
+        device_.readFile(path, [&](const char* data, std::size_t size) {
+            checksum.update(data, size);
+            if (progress_) progress_(report_);
+        });
         return checksum.text();
     }
 
@@ -165,7 +167,7 @@ private:
     BackupDatabase& database_;
     Device& device_;
     const bool readContents_;
-    const std::function<void(std::uint64_t)>& progress_;
+    const CheckProgress& progress_;
     std::unordered_map<std::string, Descriptor> folders_;
     std::unordered_set<std::string> recorded_;
     BackupReport report_;
@@ -174,7 +176,7 @@ private:
 }  // namespace
 
 BackupReport checkBackup(BackupDatabase& database, Device& device, Contents contents,
-                         const std::function<void(std::uint64_t)>& progress) {
+                         const CheckProgress& progress) {
     return BackupCheck(database, device, contents, progress).run();
 }
 

@@ -35,14 +35,17 @@ struct BackupReport {
     }
 };
 
+/// Told what a check has found so far.
+using CheckProgress = std::function<void(const BackupReport&)>;
+
 /// Whether a check reads the files; without, only those of another size count as altered.
 enum class Contents { Read, SizesOnly };
 
-/// All paths are relative to the service folder, sorted. progress, when given, is called after each file with
-/// the bytes seen so far; it may throw to end the check. Throws Poco::Exception with a sentence when the
+/// All paths are relative to the service folder, sorted. progress, when given, is called after each file,
+/// and often in a large one; it may throw to end the check. Throws Poco::Exception with a sentence when the
 /// database or the device cannot be read.
 BackupReport checkBackup(BackupDatabase& database, Device& device, Contents contents,
-                         const std::function<void(std::uint64_t)>& progress = {});
+                         const CheckProgress& progress = {});
 
 }  // namespace flickr_standin
 

@@ -21,7 +21,6 @@ namespace flickr_standin {
 
 namespace {
 
-constexpr const char* kLedgerName = ".ledger.db";
 constexpr std::size_t kMostWaiting = 64;  // old versions, until rows are flushed for them
 constexpr std::size_t kReadSize = 1 << 20;
 constexpr std::size_t kLongestDescription = 1 << 20;
@@ -42,10 +41,12 @@ void flushNameOf(const Descriptor& folder, const Descriptor& parent) {
     if (::fsync(parent.get()) == 0) known.insert({status.st_dev, status.st_ino});
 }
 
-/// The service folder, made when it is missing. The folder on which it stands is resolved once, to its real
+enum class WhenMissing { Make, Refuse };
+
+/// The service folder. The folder on which it stands is resolved once, to its real
 /// path, which gets its own part and is given back in real; below it no link is followed.
 Descriptor openServiceFolder(const std::string& serviceFolder, const std::string& mountPoint,
-                             std::string& real) {
+                             WhenMissing whenMissing, std::string& real) {
     if (serviceFolder.empty()) throw DeviceException("No folder on a backup device has been named");
     const bool below =
         !mountPoint.empty() && serviceFolder.compare(0, mountPoint.size() + 1, mountPoint + "/") == 0;
@@ -66,6 +67,9 @@ Descriptor openServiceFolder(const std::string& serviceFolder, const std::string
         if (!isPlainName(name)) throw DeviceException("The folder " + serviceFolder + " cannot be used");
         Descriptor next = openBelow(current.get(), name, O_RDONLY);
         if (!next.isOpen() && errno == ENOENT) {
+            if (whenMissing == WhenMissing::Refuse) {
+                throw DeviceException("There is no backup at " + serviceFolder);
+            }
             if (::mkdirat(current.get(), name.c_str(), folderMode()) != 0 && errno != EEXIST) {
                 throw DeviceException("The folder " + real + " cannot be made: " + std::strerror(errno));
             }
@@ -76,7 +80,7 @@ Descriptor openServiceFolder(const std::string& serviceFolder, const std::string
                                   (isLinkOrFile(errno) ? "a symbolic link or a file stands in its place"
                                                        : std::strerror(errno)));
         }
-        flushNameOf(next, current);
+        if (whenMissing == WhenMissing::Make) flushNameOf(next, current);
         current = std::move(next);
     }
     return current;
@@ -105,8 +109,17 @@ Device::Device(const std::string& serviceFolder, const std::string& mountPoint, 
     : path_(serviceFolder),
       thumbnailWord_(std::move(thumbnailWord)),
       systemWords_(systemWords(thumbnailWord_)),
-      root_(openServiceFolder(serviceFolder, mountPoint, realPath_)),
+      root_(openServiceFolder(serviceFolder, mountPoint, WhenMissing::Make, realPath_)),
       ledger_(preparedLedgerPath(root_.get(), realPath_)) {
+    ::fstat(root_.get(), &identity_);
+}
+
+Device::Device(const std::string& serviceFolder, std::string thumbnailWord, const Elsewhere& elsewhere)
+    : path_(serviceFolder),
+      thumbnailWord_(std::move(thumbnailWord)),
+      systemWords_(systemWords(thumbnailWord_)),
+      root_(openServiceFolder(serviceFolder, "", WhenMissing::Refuse, realPath_)),
+      ledger_(elsewhere.ledger) {
     ::fstat(root_.get(), &identity_);
 }
 

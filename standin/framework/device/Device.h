@@ -20,6 +20,9 @@
 
 namespace flickr_standin {
 
+/// Name of the ledger among the descriptions of the service folder.
+constexpr const char* kLedgerName = ".ledger.db";
+
 /// The service folder with its ledger. Paths are relative to it, in the form of HostServiceClientMac; every
 /// step of one is opened without following symbolic links. What fails is thrown as DeviceException, and as
 /// DeviceFailure when the device is full, gone or read-only.
@@ -29,6 +32,13 @@ public:
     /// lead to it; the mount point itself, or without one the parent folder, has to exist: a device that is
     /// not there is not replaced by a folder on another one. thumbnailWord names the folders of thumbnails.
     Device(const std::string& serviceFolder, const std::string& mountPoint, std::string thumbnailWord);
+
+    /// Opens a service folder that is there, to be read only: nothing is made, and the ledger is a copy, or a
+    /// new one, that lies elsewhere.
+    struct Elsewhere {
+        std::string ledger;  ///< path
+    };
+    Device(const std::string& serviceFolder, std::string thumbnailWord, const Elsewhere& elsewhere);
 
     /// To be called at the end of a use: puts what was put off on the disk, so that the ledger, closed,
     /// vouches for all that the disk holds. Where that fails the next use is to look for what this one left.

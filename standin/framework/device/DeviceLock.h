@@ -1,9 +1,13 @@
-// Keeps two runs off one device.
+// Keeps two runs off one device, and runs off one that is read.
 
 #ifndef STANDIN_FRAMEWORK_DEVICE_DEVICELOCK_H
 #define STANDIN_FRAMEWORK_DEVICE_DEVICELOCK_H
 
+#include <memory>
 #include <string>
+#include <utility>
+
+#include "standin/framework/base/Descriptor.h"
 
 namespace flickr_standin {
 
@@ -11,18 +15,18 @@ namespace flickr_standin {
 /// file ".backup.lock" there: one that a crashed process held is free at once. The empty file stays.
 class DeviceLock {
 public:
-    /// Throws Poco::Exception with a sentence for the user when another run holds the directory, and when the
-    /// directory is missing or cannot be written.
+    /// Throws Poco::Exception with a sentence for the user when another run holds the directory, when it is
+    /// read for longer than some seconds, and when it is missing or cannot be written.
     explicit DeviceLock(const std::string& directory);
-    ~DeviceLock();
-    DeviceLock(const DeviceLock&) = delete;
-    DeviceLock& operator=(const DeviceLock&) = delete;
 
-    /// Whether somebody holds the directory. Nothing is changed, and what cannot be looked at counts as free.
-    static bool isHeld(const std::string& directory);
+    /// Keeps runs off, and lets others read; none when a run holds the directory. Nothing is written: where
+    /// there is no lock, or it cannot be opened, nothing is held.
+    static std::unique_ptr<DeviceLock> forReading(const std::string& directory);
 
 private:
-    int descriptor_;
+    explicit DeviceLock(Descriptor file) : file_(std::move(file)) {}
+
+    Descriptor file_;
 };
 
 }  // namespace flickr_standin

@@ -15,8 +15,7 @@ namespace flickr_standin {
 namespace {
 
 BackupReport check(BackupDatabase& database, const std::string& serviceFolder,
-                   const std::string& thumbnailWord, Contents contents,
-                   const std::function<void(std::uint64_t)>& progress) {
+                   const std::string& thumbnailWord, Contents contents, const CheckProgress& progress) {
     const std::string folder = withoutEndSlash(serviceFolder);
     struct stat status = {};
     if (::stat(folder.c_str(), &status) != 0) {
@@ -52,8 +51,7 @@ RecoveryReport recoverBackup(BackupDatabase& database, const std::string& servic
 }
 
 BackupReport verifyBackup(BackupDatabase& database, const std::string& serviceFolder,
-                          const std::string& thumbnailWord,
-                          const std::function<void(std::uint64_t)>& progress) {
+                          const std::string& thumbnailWord, const CheckProgress& progress) {
     return check(database, serviceFolder, thumbnailWord, Contents::Read, progress);
 }
 

@@ -25,8 +25,7 @@ RecoveryReport recoverBackup(BackupDatabase& database, const std::string& servic
 
 /// checkBackup() there, for a folder that has to be there.
 BackupReport verifyBackup(BackupDatabase& database, const std::string& serviceFolder,
-                          const std::string& thumbnailWord,
-                          const std::function<void(std::uint64_t)>& progress = {});
+                          const std::string& thumbnailWord, const CheckProgress& progress = {});
 /// The same without reading contents.
 BackupReport compareBackup(BackupDatabase& database, const std::string& serviceFolder,
                            const std::string& thumbnailWord);
