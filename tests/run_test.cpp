@@ -3,6 +3,7 @@
 
 #include <Poco/Exception.h>
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <filesystem>
@@ -170,6 +171,53 @@ TEST_F(Run, FollowsEditsRenamesAndNewItems) {
     const auto after = device();
     run();
     EXPECT_EQ(device(), after);
+}
+
+TEST_F(Run, GivesFilesAndDescriptionsTheDatesOfTheService) {
+    struct {
+        const char *title, *taken;
+        std::time_t uploaded, written;
+        const char* fields;
+    } const cases[] = {
+        {"dawn & dusk", "2017-01-13 02:40:00", kOld, 1484264400,
+         "  <Title>dawn &amp; dusk</Title>\n  <Taken>2017-01-13T02:40:00</Taken>\n"
+         "  <Uploaded>2023-11-14T22:13:20Z</Uploaded>\n</media>\n"},
+        {"Dawn & dusk", "1958-07-01 00:00:00", kOld, -363063600,
+         "  <Title>Dawn &amp; dusk</Title>\n  <Taken>1958-07-01T00:00:00</Taken>\n"
+         "  <Uploaded>2023-11-14T22:13:20Z</Uploaded>\n</media>\n"},
+        {"never.jpg", "no date", kOld + 1, kOld + 1,
+         "  <Title>never.jpg</Title>\n  <Uploaded>2023-11-14T22:13:21Z</Uploaded>\n</media>\n"},
+    };
+    setenv("TZ", "EAST-3", 1);
+    trip_ = account_.addSet("Trip");
+    std::vector<std::string> ids;
+    for (const auto& item : cases) {
+        ids.push_back(account_.addItem(trip_, photo(item.title, kOld)));
+        account_.change(ids.back(), [&](Item& changed) {
+            changed.taken = item.taken;
+            changed.uploaded = item.uploaded;
+        });
+    }
+    serve();
+    const auto check = [&](const std::string& ending) {
+        for (std::size_t i = 0; i < ids.size(); ++i) {
+            const auto name = rows("SELECT DerivedItemName FROM backupmetadata WHERE ItemId = '" + ids[i] +
+                                   "_" + trip_ + "'");
+            ASSERT_EQ(name.size(), 1u);
+            struct stat status = {};
+            ASSERT_EQ(stat((service_ + "/Trip/" + name[0]).c_str(), &status), 0) << name[0];
+            EXPECT_EQ(status.st_mtime, cases[i].written) << name[0];
+            std::string fields = cases[i].fields;
+            fields.insert(fields.find("</Title>"), ending);
+            EXPECT_THAT(read("Trip/.records/" + name[0] + ".xml"), EndsWith(fields));
+        }
+    };
+    EXPECT_EQ(run().status, 1);
+    check("");
+    // Rows and times of an older build: an edit brings them.
+    for (const std::string& id : ids) account_.retitle(id, account_.item(id)->title + " again", kNew);
+    EXPECT_EQ(run().status, 1);
+    check(" again");
 }
 
 TEST_F(Run, KeepsTheOldVersionWhenATransferFails) {

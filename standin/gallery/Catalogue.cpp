@@ -87,12 +87,6 @@ std::string takenDate(const std::string& text) {
     return date == std::string(kEpoch) ? std::string() : date;
 }
 
-/// The title without the extension that the plug-in puts to it.
-std::string withoutExtension(const std::string& name) {
-    const NameParts parts = splitName(name);
-    return parts.extension == ".jpg" || parts.extension == ".mp4" ? parts.base : name;
-}
-
 /// A field of a description when the description has it, otherwise what is known without it.
 std::string preferred(const std::string& fromRecord, const std::string& known) {
     return fromRecord.empty() ? known : fromRecord;
@@ -135,7 +129,7 @@ std::vector<Set> Catalogue::setsOfDatabase() {
         if (row.folder != set.folder) return;  // a rename that is not settled: the next run sees to it
         Item item;
         item.id = row.id;
-        item.title = withoutExtension(row.name);
+        item.title = withoutMediaExtension(row.name);
         item.file = nameOf(row.mediaPath);
         const std::string thumbnail = thumbnailPath(row, device_.thumbnailWord());
         item.thumbnail = thumbnail.substr(row.folder.empty() ? 0 : row.folder.size() + 1);
@@ -187,7 +181,8 @@ void Catalogue::listDescriptions(Set& set) {
         Item item;
         item.id = descriptionField(description, "ID");
         if (item.id.empty()) return;
-        item.title = withoutExtension(descriptionField(description, "FileName"));
+        item.title = preferred(descriptionField(description, "Title"),
+                               withoutMediaExtension(descriptionField(description, "FileName")));
         item.file = parts.base;
         item.thumbnail = descriptionField(description, "ThumbnailName");
         item.isVideo = descriptionField(description, "MediaType") == "video";
@@ -223,7 +218,6 @@ bool Catalogue::holds(const std::string& path) {
 
 void Catalogue::complete(const Set& set, Item& item) {
     const std::string description = device_.readDescription(set.folder, item.file + kDescriptionExtension);
-    item.title = preferred(descriptionField(description, "Title"), item.title);
     item.taken = preferred(plainDate(descriptionField(description, "Taken")),
                            takenDate(descriptionField(description, "DateTaken")));
     item.uploaded = preferred(plainDate(descriptionField(description, "Uploaded")), item.uploaded);

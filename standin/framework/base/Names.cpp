@@ -155,6 +155,11 @@ NameParts splitName(const std::string& name) {
     return {name.substr(0, dot), name.substr(dot)};
 }
 
+std::string withoutMediaExtension(const std::string& title) {
+    const NameParts parts = splitName(title);
+    return parts.extension == ".jpg" || parts.extension == ".mp4" ? parts.base : title;
+}
+
 std::string asideName(const std::string& name) {
     const NameParts parts = splitName(name);
     return parts.base + kAsideSuffix + parts.extension;

@@ -63,6 +63,9 @@ struct NameParts {
 };
 NameParts splitName(const std::string& name);
 
+/// An item's title without the extension that the plug-in puts to it.
+std::string withoutMediaExtension(const std::string& title);
+
 /// The name under which the plug-in puts a file aside while a new version comes: "a_Old.jpg".
 std::string asideName(const std::string& name);
 

@@ -55,6 +55,10 @@ std::string unescaped(std::string text) {
     return text;
 }
 
+std::string element(const std::string& name, const std::string& value) {
+    return "  <" + name + ">" + escaped(value) + "</" + name + ">\n";
+}
+
 /// Where the value of a field stands in a description, looked for from a position on: its first byte and its
 /// length.
 std::pair<std::string::size_type, std::string::size_type> find(const std::string& description,
@@ -75,7 +79,7 @@ DescriptionWriter::DescriptionWriter(const char* root)
     : root_(root), text_("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<" + root_ + ">\n") {}
 
 void DescriptionWriter::field(const std::string& name, const std::string& value) {
-    text_ += "  <" + name + ">" + escaped(value) + "</" + name + ">\n";
+    text_ += element(name, value);
 }
 
 void DescriptionWriter::list(const std::string& name, const std::string& entry,
@@ -110,6 +114,12 @@ std::string withDescriptionField(const std::string& description, const std::stri
     const auto [begin, length] = find(description, field);
     if (begin == std::string::npos) return description;
     return std::string(description).replace(begin, length, escaped(value));
+}
+
+std::string withNewField(const std::string& description, const std::string& field, const std::string& value) {
+    const std::string::size_type end = description.rfind("</");
+    if (end == std::string::npos) return description;
+    return std::string(description).insert(end, element(field, value));
 }
 
 }  // namespace flickr_standin

@@ -48,6 +48,9 @@ std::vector<std::string> descriptionValues(const std::string& description, const
 std::string withDescriptionField(const std::string& description, const std::string& field,
                                  const std::string& value);
 
+/// The description with one more field behind its others.
+std::string withNewField(const std::string& description, const std::string& field, const std::string& value);
+
 }  // namespace flickr_standin
 
 #endif

@@ -1,6 +1,7 @@
 #include "standin/framework/device/FileWriter.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -41,6 +42,11 @@ int FileWriter::finish() {
     endThread();
     if (error_ == 0) send();
     return error_;
+}
+
+void FileWriter::setTime(std::time_t time) {
+    const timespec times[] = {{0, UTIME_OMIT}, {time, 0}};
+    ::futimens(file_.get(), times);  // the bytes matter more than their date
 }
 
 int FileWriter::flush() {

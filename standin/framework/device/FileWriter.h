@@ -10,6 +10,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <mutex>
 #include <queue>
 #include <string>
@@ -36,6 +37,8 @@ public:
 
     /// Writes what is left; the disk begins with it.
     int finish();
+    /// Gives the finished file a modification time, where the file system can hold it.
+    void setTime(std::time_t time);
     /// The finished file is on the disk afterwards. May be called from another thread.
     int flush();
 

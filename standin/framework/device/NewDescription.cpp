@@ -39,10 +39,6 @@ void NewDescription::write(const std::string& text) {
     if (error != 0) fail(error);
 }
 
-void NewDescription::send() {
-    ::sync_file_range(file_.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
-}
-
 int NewDescription::flush() {
     return ::fdatasync(file_.get()) == 0 ? 0 : errno;
 }

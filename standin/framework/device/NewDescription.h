@@ -22,8 +22,6 @@ public:
     NewDescription& operator=(const NewDescription&) = delete;
 
     void write(const std::string& text);
-    /// The disk begins with it, so that the flush does not take long.
-    void send();
     /// Its text is on the disk afterwards: 0, or an error number. May be called from another thread.
     int flush();
     void place(const std::string& name);

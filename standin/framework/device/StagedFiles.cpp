@@ -84,19 +84,24 @@ StagedFile::~StagedFile() {
 
 void StagedFile::finish(const std::string& item, const std::string& description) {
     item_ = item;
-    if (!description.empty()) {
-        // Where the description stands says where its file is; see Description.h.
-        const bool own = descriptionField(description, "PhysicalFileName") == path_;
-        description_.emplace(device_, folderOf(path_), partName_);
-        description_->write(own ? withDescriptionField(description, "PhysicalFileName", nameOf(path_))
-                                : description);
-        description_->send();
-    }
+    // Where the description stands says where its file is; see Description.h.
+    const bool own = descriptionField(description, "PhysicalFileName") == path_;
+    text_ = own ? withDescriptionField(description, "PhysicalFileName", nameOf(path_)) : description;
     const int failure = writer_->finish();
     if (failure != 0) device_.fail("write", path_, failure);
     if (device_.status(path_) && !device_.owns(path_, item_)) {
         throw DeviceException("Cannot write \"" + path_ + "\": something else stands there already");
     }
+}
+
+void StagedFile::describe(const ItemDetails& details) {
+    if (text_.empty()) return;
+    if (details.item == item_) {
+        text_ = withDetails(text_, details);
+        if (const auto time = modificationTime(details)) writer_->setTime(*time);
+    }
+    description_.emplace(device_, folderOf(path_), partName_);
+    description_->write(text_);
 }
 
 /// The ledger's row says whose the file is before it has its name.
@@ -163,7 +168,7 @@ bool StagedFiles::discard(const std::string& path) {
     return found;
 }
 
-void StagedFiles::place() {
+void StagedFiles::place(const ItemDetails& details) {
     std::vector<std::unique_ptr<StagedFile>> files;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
@@ -173,6 +178,7 @@ void StagedFiles::place() {
 
     std::vector<Flush> flushes;
     for (const auto& file : files) {
+        file->describe(details);
         file->enter();
         StagedFile& staged = *file;
         flushes.push_back({staged.path_, [&] { return staged.writer_->flush(); }});

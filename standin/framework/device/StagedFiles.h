@@ -1,9 +1,10 @@
 // New files between their last byte and their name. A disk that people plug in takes 10 to 50 ms for a flush:
 // what has to be on it before an item's row is written goes there together, in two waits for the whole item:
 //
-//   add      Trip/.part-PID-N holds all bytes, Trip/.records/.part-PID-N the description; the disk has begun
-//            to write them
-//   place    the ledger's rows are entered as pending
+//   add      Trip/.part-PID-N holds all bytes; the disk has begun to write them
+//   place    Trip/.records/.part-PID-N holds the description, with what is known of the item by now; the file
+//            gets its modification time
+//            the ledger's rows are entered as pending
 //            wait 1: the files, their descriptions, the ledger, and folders that a rename has left
 //            descriptions and files take their names
 //            wait 2: the folders that hold the names
@@ -22,6 +23,7 @@
 
 #include "standin/framework/device/Device.h"
 #include "standin/framework/device/FileWriter.h"
+#include "standin/framework/device/ItemDetails.h"
 #include "standin/framework/device/NewDescription.h"
 
 namespace flickr_standin {
@@ -39,13 +41,15 @@ public:
     const std::string& path() const { return path_; }
     FileWriter& writer() { return *writer_; }
 
-    /// All bytes are there: writes what is left of them and, unless it is empty, the description beside.
-    /// Throws a DeviceException, also when somebody else's file stands at the path.
+    /// All bytes are there: writes what is left of them. The description, unless it is empty, is written
+    /// beside when the file is about to take its name. Throws a DeviceException, also when somebody else's
+    /// file stands at the path.
     void finish(const std::string& item, const std::string& description);
 
 private:
     friend class StagedFiles;
 
+    void describe(const ItemDetails& details);
     void enter();
     void takeName();
     void undo();
@@ -53,6 +57,7 @@ private:
     Device& device_;
     std::string path_;
     std::string item_;
+    std::string text_;  // of the description; empty for none
     std::string partName_;
     Descriptor folder_;
     std::unique_ptr<FileWriter> writer_;
@@ -79,9 +84,10 @@ public:
     /// Gives the file up; false when there is none of that path.
     bool discard(const std::string& path);
 
-    /// Every file takes its name; everything about them is on the disk then. Throws a DeviceException for the
-    /// first that cannot; files without a name are given up then.
-    void place();
+    /// Every file takes its name; everything about them is on the disk then, those of the details' item with
+    /// what these tell. Throws a DeviceException for the first that cannot; files without a name are given up
+    /// then.
+    void place(const ItemDetails& details = {});
 
 private:
     Device& device_;

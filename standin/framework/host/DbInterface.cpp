@@ -7,6 +7,8 @@
 #include <cctype>
 #include <cstdio>
 #include <functional>
+#include <mutex>
+#include <optional>
 
 #include "standin/framework/base/Localisation.h"
 #include "standin/framework/base/Names.h"
@@ -88,19 +90,51 @@ void guarded(ExceptionHandlerMac& handler, const std::string& path, const char* 
     }
 }
 
-/// The update time that the row of the item in hand holds; empty when there is none.
-std::string recordedUpdate(const std::string& path) {
-    const std::string item = RunJournal::instance().currentItem();
-    std::string updated;
-    if (item.empty()) return updated;
+/// The item's row, if it has one.
+std::optional<ItemRow> recorded(const std::string& path, const std::string& item) {
+    std::optional<ItemRow> row;
+    if (item.empty()) return row;
     try {
-        withDatabase(path, [&](BackupDatabase& database) {
-            if (const auto row = database.item(item)) updated = row->updated;
-        });
+        withDatabase(path, [&](BackupDatabase& database) { row = database.item(item); });
     } catch (Poco::Exception&) {
         // The plug-in's own statement meets it as well, and says so.
     }
-    return updated;
+    return row;
+}
+
+/// The update time that the row of the item in hand holds; empty when there is none.
+std::string recordedUpdate(const std::string& path) {
+    const auto row = recorded(path, RunJournal::instance().currentItem());
+    return row ? row->updated : std::string();
+}
+
+/// What has passed through here of the item in hand: a title when its name was made, the date taken when its
+/// description was. For several threads.
+class ItemInHand {
+public:
+    void begin(const std::string& item, const std::string& title) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        details_ = {};
+        details_.item = item;
+        details_.title = withoutMediaExtension(title);
+    }
+    void setTaken(const Poco::DateTime& date) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        details_.taken = date;
+    }
+    ItemDetails details() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return details_;
+    }
+
+private:
+    std::mutex mutex_;
+    ItemDetails details_;
+};
+
+ItemInHand& itemInHand() {
+    static ItemInHand item;
+    return item;
 }
 
 }  // namespace
@@ -115,7 +149,11 @@ void DbInterface::setConnectionString(std::string connectionString) {
 // Also what comes before the statements with which an item's row is changed: its new files are on the disk by
 // then.
 void DbInterface::initialize() {
-    placeNewFiles();
+    ItemDetails details = itemInHand().details();
+    if (const auto row = recorded(connectionString_, details.item)) {
+        details.uploaded = convertToDateTime(row->created);
+    }
+    placeNewFiles(details);
     RunJournal::instance().rowMayChange(recordedUpdate(connectionString_));
     Poco::Data::SQLite::Connector::registerConnector();
 }
@@ -142,6 +180,7 @@ std::string DbInterface::convertToString(Poco::DateTime date) {
 }
 
 std::string DbInterface::createFormattedDate(Poco::DateTime date) {
+    itemInHand().setTaken(date);
     static constexpr const char* kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
     static constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                               "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
@@ -158,6 +197,7 @@ std::string DbInterface::createLatestUpdatedItemDate(Poco::DateTime date) {
 
 std::string DbInterface::generateFileName(std::string title, std::string containerName,
                                           std::string containerId, std::string itemId) {
+    itemInHand().begin(itemId, title);
     const bool atRoot = containerId == kNoSetId;
     const NameKeys reserved = systemWords(wordOf(kThumbnailKey));
     const auto candidate = [&](long number) { return itemName(title, itemId, number, reserved); };
@@ -223,7 +263,9 @@ int DbInterface::createEntry(std::string itemId, std::string itemName, std::stri
                              std::string reserved3) {
     int status = 0;
     guarded(exceptionHandler_, connectionString_, "createEntry", [&](BackupDatabase& database) {
-        placeNewFiles();
+        ItemDetails details = itemInHand().details();
+        details.uploaded = createdOn;
+        placeNewFiles(details);
         database.put({itemId, itemName, itemContainerName, derivedItemName, derivedContainerName,
                       originalItemId, originalContainerId, createdOn, updatedOn, itemType, imageExtension,
                       reserved1, reserved2, reserved3});

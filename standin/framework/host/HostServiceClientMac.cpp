@@ -3,7 +3,7 @@
 //
 //   openFile     the ledger is marked as in use, then Trip/.part-PID-N is made
 //   writeFileV2  bytes go there, see FileWriter.h
-//   closeFile    the description is written beside, under the same temporary name
+//   closeFile    the rest of the bytes; the description waits for what the item's row will say
 //
 // Then the file counts as one of its name for every operation. It takes the name together with the item's
 // other files, see StagedFiles.h: when the item's row is about to be written, or an operation needs it under

@@ -80,7 +80,7 @@ void closeRunDevice() {
     if (last) last->finish();
 }
 
-void placeNewFiles() {
+void placeNewFiles(const ItemDetails& details) {
     std::shared_ptr<RunDevice> device;
     {
         const std::lock_guard<std::mutex> lock(sharedDevice().mutex);
@@ -88,7 +88,7 @@ void placeNewFiles() {
     }
     if (!device) return;
     try {
-        device->staged().place();
+        device->staged().place(details);
     } catch (DeviceException& exception) {
         const auto* failure = dynamic_cast<const DeviceFailure*>(&exception);
         if (failure) recordDeviceFailure(*failure);
