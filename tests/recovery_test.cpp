@@ -17,6 +17,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -89,11 +90,40 @@ std::string standing(int folder, const char* name) {
     return name;
 }
 
+/// Folders in which a name of the file service's own was given up, or a folder removed, and that were not
+/// flushed since; and how often the ledger was written before they were. It would speak of what a power cut
+/// undoes.
+std::set<ino_t> unflushedFolders;
+bool isRunning = false;  // the test itself removes folders as well
+long writtenTooEarly = 0;
+
+ino_t inodeOf(int file) {
+    struct stat status = {};
+    return ::fstat(file, &status) == 0 ? status.st_ino : 0;
+}
+
+void noteGivenUp(int folder, bool isDone) {
+    const std::lock_guard<std::mutex> lock(copying);
+    if (isDone && isRunning) unflushedFolders.insert(inodeOf(folder));
+}
+
+void noteWritten(int file) {
+    const std::lock_guard<std::mutex> lock(copying);
+    if (unflushedFolders.empty()) return;
+    char path[4096] = {};
+    if (::readlink(("/proc/self/fd/" + std::to_string(file)).c_str(), path, sizeof path - 1) < 0) return;
+    if (std::string(path).find(".ledger.db-wal") != std::string::npos) ++writtenTooEarly;
+}
+
 /// Where copies of the databases as they are on the disk are kept, for power cuts; empty for none.
 fs::path onDisk;
 
 /// Keeps the database that the file belongs to as it stands: it was flushed.
 int flushed(int file, int result) {
+    {
+        const std::lock_guard<std::mutex> lock(copying);
+        if (result == 0 && !unflushedFolders.empty()) unflushedFolders.erase(inodeOf(file));
+    }
     if (onDisk.empty() || result != 0) return result;
     const std::lock_guard<std::mutex> lock(copying);
     std::string path(4096, '\0');
@@ -119,12 +149,14 @@ extern "C" {
 // SQLite's own name for it, whatever this program calls it.
 ssize_t narrowPwrite(int file, const void* data, size_t size, off_t at) asm("pwrite");
 ssize_t narrowPwrite(int file, const void* data, size_t size, off_t at) {
+    noteWritten(file);
     return fails() ? -1 : ::syscall(SYS_pwrite64, file, data, size, at);
 }
 ssize_t write(int file, const void* data, size_t size) {
     return file > 2 && fails() ? -1 : ::syscall(SYS_write, file, data, size);
 }
 ssize_t pwrite64(int file, const void* data, size_t size, off64_t at) {
+    noteWritten(file);
     return fails() ? -1 : ::syscall(SYS_pwrite64, file, data, size, at);
 }
 int fsync(int file) {
@@ -138,8 +170,10 @@ int mkdirat(int folder, const char* name, mode_t mode) {
                    : static_cast<int>(::syscall(SYS_mkdirat, folder, standing(folder, name).c_str(), mode));
 }
 int unlinkat(int folder, const char* name, int flags) {
-    return fails() ? -1
-                   : static_cast<int>(::syscall(SYS_unlinkat, folder, standing(folder, name).c_str(), flags));
+    if (fails()) return -1;
+    const long result = ::syscall(SYS_unlinkat, folder, standing(folder, name).c_str(), flags);
+    noteGivenUp(folder, result == 0 && flags == AT_REMOVEDIR && std::strcmp(name, ".records") != 0);
+    return static_cast<int>(result);
 }
 int fstatat(int folder, const char* name, struct stat* status, int flags) noexcept {
     return static_cast<int>(::syscall(SYS_newfstatat, folder, standing(folder, name).c_str(), status, flags));
@@ -148,13 +182,16 @@ int renameat(int from, const char* name, int to, const char* newName) {
     if (fails()) return -1;
     const std::string source = standing(from, name), target = standing(to, newName);
     const bool same = source == target;
-    return static_cast<int>(
-        ::syscall(SYS_renameat, from, source.c_str(), to, same ? newName : target.c_str()));
+    const long result = ::syscall(SYS_renameat, from, source.c_str(), to, same ? newName : target.c_str());
+    noteGivenUp(from, result == 0 && std::strncmp(name, ".kept-", 6) == 0);
+    return static_cast<int>(result);
 }
 int renameat2(int from, const char* name, int to, const char* newName, unsigned flags) {
-    return fails() ? -1
-                   : static_cast<int>(::syscall(SYS_renameat2, from, standing(from, name).c_str(), to,
-                                                standing(to, newName).c_str(), flags));
+    if (fails()) return -1;
+    const long result = ::syscall(SYS_renameat2, from, standing(from, name).c_str(), to,
+                                  standing(to, newName).c_str(), flags);
+    noteGivenUp(from, result == 0 && std::strncmp(name, ".kept-", 6) == 0);
+    return static_cast<int>(result);
 }
 int openat(int folder, const char* name, int flags, ...) {
     va_list arguments;
@@ -391,6 +428,8 @@ protected:
         folder_ = ::mkdtemp(pattern.data());
     }
     ~RecoveryTest() override {
+        EXPECT_EQ(0, writtenTooEarly) << "the ledger speaks of names that the disk does not know";
+        writtenTooEarly = 0;
         params_->release();
         fs::remove_all(folder_);
     }
@@ -411,6 +450,7 @@ protected:
         params_->setParams(service(), "", true, 1, (folder_ / "device").string());
         params_->setRetryAttempts("1");
         BackupDatabase database(databasePath());
+        isRunning = true;
         if (limitRecovery) callsLeft = calls;
         recoverBackup(database, service(), params_->getValue(kThumbnailKey));
         callsLeft = limitRecovery ? -1 : calls;
@@ -420,6 +460,8 @@ protected:
         callsLeft = -1;
         params_->getErrorDetails(errorCode_, errorText_);
         recoverBackup(database, service(), params_->getValue(kThumbnailKey));
+        isRunning = false;
+        unflushedFolders.clear();
     }
 
     /// The same in a process that may be killed; whether it was.
@@ -724,6 +766,35 @@ TEST_F(RecoveryTest, FilesOfTheUsersStayAndTheEditedItemKeepsItsOldVersion) {
             for (const auto& [name, content] : after) EXPECT_EQ(name.npos, name.find(".kept-")) << moment;
             if (HasFailure()) return;
         }
+    }
+}
+
+// An edit that changes no byte of the file, and a power cut that leaves both descriptions: the row says which
+// of them is right.
+TEST_F(RecoveryTest, OfTwoDescriptionsOfOneFileTheOneWithTheRowsDateStays) {
+    for (const char* recorded : {"2020-01-01 00:00:00", "2021-01-01 00:00:00"}) {
+        newDevice();
+        run({{"72", "Trip", {{"1_72", "a.jpg", "2021-01-01 00:00:00"}}}});
+        params_->release();
+        const std::string described = state()["Trip/.records/a.jpg.xml"];
+        for (const auto& [name, date] : {std::pair("a_Old.jpg.xml", "2020-01-01T00:00:00Z"),
+                                         std::pair("a.jpg.xml", "2021-01-01T00:00:00Z")}) {
+            std::ofstream(fs::path(service()) / "Trip/.records" / name)
+                << withDescriptionField(described, "DateUpdated", date);
+        }
+        SqliteFile((fs::path(service()) / ".records/.ledger.db").string(), SqliteFile::Open::Existing)
+            .execute(
+                "INSERT INTO files SELECT folder, 'a_Old.jpg', item, size, checksum, 'a.jpg', 1 FROM files "
+                "WHERE name = 'a.jpg'; UPDATE files SET pending = 1 WHERE name = 'a.jpg'");
+        SqliteFile(databasePath(), SqliteFile::Open::Existing)
+            .execute((std::string("UPDATE backupmetadata SET ItemUpdatedOn = '") + recorded +
+                      "' WHERE ItemId = '1_72'")
+                         .c_str());
+        expectSound(recorded);
+        auto after = state();
+        EXPECT_EQ(std::string(recorded).substr(0, 4),
+                  descriptionField(after["Trip/.records/a.jpg.xml"], "DateUpdated").substr(0, 4));
+        EXPECT_EQ(0u, after.count("Trip/.records/a_Old.jpg.xml")) << recorded;
     }
 }
 

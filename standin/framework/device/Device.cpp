@@ -345,6 +345,8 @@ void Device::removeFolder(const std::string& path) {
         }
         fail("remove the folder", path, errno);
     }
+    // A folder that is back after a power cut, and that no row knows, would keep a set from its name.
+    if (::fsync(parent.get()) != 0) fail("remove the folder", path, errno);
     ledger_.forgetFolder(path);
 }
 
@@ -389,6 +391,7 @@ void Device::removeFlushed(const std::string& path, const std::optional<LedgerFi
             fail("remove", path, errno);
         }
         moveDescription(kept, path);
+        flushFolder(folderOf(path));
         ledger_.moveFile(kept, path, "");
         return;
     }
@@ -487,10 +490,12 @@ void Device::putFileAside(const std::string& from, const std::string& to) {
     moveDescription(from, to);
 }
 
-// The file goes first: until its row has followed, it is found from what the row says of where it was.
+// The file goes first: until its row has followed, it is found from what the row says of where it was. Under
+// a name of the file service's own it is found from there only, so the disk has to know the new one before.
 void Device::renameFile(const std::string& from, const std::string& to) {
     moveFileOnly(from, to);
     moveDescription(from, to);
+    if (isOwnName(nameOf(from), kKeptPrefix)) flushFolder(folderOf(to));
     ledger_.moveFile(from, to, "");
 }
 

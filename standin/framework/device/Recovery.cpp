@@ -67,7 +67,8 @@ private:
     void settleWritten(const LedgerFile& file, const std::optional<ItemRow>& row);
     void recordExtension(const ItemRow& row, const std::string& extension);
     void settleThumbnail(const LedgerFile& file, const ItemRow& row);
-    void settleReturned(const LedgerFile& aside, const std::string& path);
+    void settleReturned(const LedgerFile& aside, const std::string& path, const std::optional<ItemRow>& row);
+    bool describesRow(const std::string& path, const std::optional<ItemRow>& row);
     void keepThumbnail(const LedgerFile& file, const ItemRow& row);
     bool hasMedia(const ItemRow& row);
     std::string thumbnailOf(const ItemRow& row, const std::string& except);
@@ -303,7 +304,7 @@ void Recovery::settleAside(const LedgerFile& file, const std::optional<ItemRow>&
     const std::string before = joinPath(folderOf(file.path), file.was);
     const bool foreign = device_.owns(before, file.item) && !isUnchanged(file);
     if (!device_.isFile(file.path) || foreign) {
-        settleReturned(file, before);
+        settleReturned(file, before, row);
         device_.ledger().eraseFile(file.path);
     } else if (row && hasNewVersion(file, *row)) {
         remove(file.path);
@@ -315,13 +316,19 @@ void Recovery::settleAside(const LedgerFile& file, const std::optional<ItemRow>&
 
 /// A file that its row says stands aside, and that does not: it was never moved, or is back already, or is
 /// gone. What stands at path may also be a newer version of it.
-void Recovery::settleReturned(const LedgerFile& aside, const std::string& path) {
+void Recovery::settleReturned(const LedgerFile& aside, const std::string& path,
+                              const std::optional<ItemRow>& row) {
     Ledger& ledger = device_.ledger();
     const auto current = ledger.file(path);
     const std::string checksum = device_.isFile(path) ? checksumOf(path) : std::string();
     const bool same = !checksum.empty() && checksum == aside.checksum;
     if (same && (!current || current->item == aside.item)) {
-        device_.moveDescription(aside.path, path);
+        // An edit of the title or a tag leaves the bytes as they were.
+        if (describesRow(path, row)) {
+            device_.removeDescription(folderOf(path), nameOf(aside.path) + kDescriptionExtension);
+        } else {
+            device_.moveDescription(aside.path, path);
+        }
         ledger.moveFile(aside.path, path, "");
         return;
     }
@@ -329,6 +336,15 @@ void Recovery::settleReturned(const LedgerFile& aside, const std::string& path) 
     if (checksum.empty() || !device_.owns(path, aside.item)) return;
     if (!current) ledger.putFile({path, aside.item, 0, "", "", FileState::PendingOlder});
     if (current && checksum != current->checksum) ledger.setState(path, FileState::PendingOlder);
+}
+
+/// True when the description of the file at path is of the version that the item's row records.
+bool Recovery::describesRow(const std::string& path, const std::optional<ItemRow>& row) {
+    if (!row || path != row->mediaPath) return false;
+    std::string updated = descriptionField(
+        device_.readDescription(folderOf(path), nameOf(path) + kDescriptionExtension), "DateUpdated");
+    std::replace(updated.begin(), updated.end(), 'T', ' ');
+    return updated == row->updated + "Z";
 }
 
 /// True when the file on the device is the one that its row describes.
