@@ -1,6 +1,8 @@
 #!/usr/bin/env python3
 """What the commands that look at a backup, and those that mend one, make of it."""
+import csv
 import hashlib
+import pathlib
 import signal
 import sqlite3
 import subprocess
@@ -34,7 +36,8 @@ class Backups(Rig):
             target = copy.with_name(copy.name + ending)
             target.write_bytes(source.read_bytes() if source.exists() else b"")
         with sqlite3.connect(copy) as database:
-            return database.execute("SELECT COUNT(*) FROM backupmetadata WHERE ItemType <> 'FlickrFolder'").fetchone()[0]
+            query = "SELECT COUNT(*) FROM backupmetadata WHERE ItemType <> 'FlickrFolder'"
+            return database.execute(query).fetchone()[0]
 
     def killed_run(self, device, files=20):
         """A run that is killed when it has put so many files there."""
@@ -62,6 +65,61 @@ class Backups(Rig):
             done = self.call(command, "--device", device)
             self.assertEqual(done.returncode, 3, done)
             self.assertIn(f"The database {device.resolve()}/backup.db is not a SQLite database", done.stderr)
+        self.assertEqual(self.leftovers(), [])
+
+    def find(self, device, *arguments):
+        done = self.call("find", "--device", device, *arguments, "--json")
+        return self.check("find", done.stdout)["items"]
+
+    def test_finds_and_exports_what_is_known(self):
+        device = self.device("found")
+        self.assertEqual(self.call("run", "--device", device).returncode, 0)
+        everything = self.find(device)
+        self.assertEqual(len(everything), 62)
+        one = everything[0]
+        for words, expected in [
+                (["UBER den dachern"], lambda item: item["title"] == "Über den Dächern"),
+                (["uber", "été"], lambda item: item["title"] == "Über den Dächern" and item["set"].startswith("Été")),
+                (["закат"], lambda item: item["title"].startswith("Закат")),
+                (["N0001"], lambda item: "n0001" in item["tags"]),
+                (["taken & KEPT <here>"], lambda item: "<here>" in item["description"]),
+                (["no such thing"], lambda item: False),
+                ([one["photoId"]], lambda item: item["id"] == one["id"]),
+                ([one["photoId"][:-1]], lambda item: False),
+                ([one["setId"]], lambda item: item["setId"] == one["setId"]),
+                (["--taken", "2017"], lambda item: True),
+                (["--taken", "2017-07-13..2017-07-13"], lambda item: item["taken"].startswith("2017-07-13")),
+                (["--taken", "2017-07-14.."], lambda item: item["taken"] >= "2017-07-14"),
+                (["--taken", "..2016"], lambda item: False)]:
+            self.assertEqual(self.find(device, *words), [item for item in everything if expected(item)], words)
+
+        file = self.work / "table.csv"
+        done = self.call("export", "--device", device, "--output", file, "--json")
+        self.assertEqual(self.check("export", done.stdout)["items"], 62)
+        self.assertEqual(self.call("export", "--device", device, "--csv", text=False).stdout, file.read_bytes())
+        self.assertEqual(file.read_bytes().count(b"\r\n"), 63)
+        with open(file, newline="", encoding="utf-8") as lines:
+            table = list(csv.DictReader(lines))
+        service = self.service(device).resolve()
+        columns = {"id": "id", "photo_id": "photoId", "set": "set", "title": "title", "kind": "kind",
+                   "taken": "taken", "description": "description"}
+        for row, item in zip(table, everything):
+            for column, member in columns.items():
+                self.assertEqual(row[column], item[member])
+            self.assertEqual((row["tags"], str(service / row["file"])), (";".join(item["tags"]), item["path"]))
+            self.assertEqual(int(row["size"]), (service / row["file"]).stat().st_size)
+
+        missing = pathlib.Path(one["path"])
+        missing.unlink()
+        paths = self.call("find", "--device", device, one["setId"], "--null").stdout
+        others = {item["path"] for item in everything[1:] if item["setId"] == one["setId"]}
+        self.assertEqual(set(paths.split("\0")), others | {""})
+        self.assertIn(f"{missing} (missing on the device)", self.call("find", "--device", device, one["id"]).stdout)
+        (device / "backup.db").unlink()
+        self.assertEqual({item["id"] for item in self.find(device)}, {item["id"] for item in everything} - {one["id"]})
+        for arguments in [["find", "--taken", "17"], ["find", "--taken", ".."], ["find", "--null", "--json"],
+                          ["export", "--json"]]:
+            self.assertEqual(self.call(*arguments, "--device", device).returncode, 2, arguments)
         self.assertEqual(self.leftovers(), [])
 
 

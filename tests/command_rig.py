@@ -51,9 +51,8 @@ class Rig(unittest.TestCase):
 
     @classmethod
     def call(cls, *arguments, **options):
-        return subprocess.run([cls.program(), *map(str, arguments)], text=True, env=cls.environment(),
-                              stdin=subprocess.DEVNULL,
-                              **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options})
+        return subprocess.run([cls.program(), *map(str, arguments)], env=cls.environment(), stdin=subprocess.DEVNULL,
+                              **{"text": True, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options})
 
     def device(self, name):
         path = self.work / name

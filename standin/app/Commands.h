@@ -36,6 +36,10 @@ void addRunCommand(CLI::App& program, CommandContext& context);
 void addStatusCommand(CLI::App& program, CommandContext& context);
 /// "verify": compares every file with what is recorded.
 void addVerifyCommand(CLI::App& program, CommandContext& context);
+/// "find": finds items and their files.
+void addFindCommand(CLI::App& program, CommandContext& context);
+/// "export": what is known of each item, as a table.
+void addExportCommand(CLI::App& program, CommandContext& context);
 /// "gallery": writes a page that shows the backup.
 void addGalleryCommand(CLI::App& program, CommandContext& context);
 /// "info": shows what the plug-in says about itself.

@@ -46,7 +46,12 @@ int fail(const CLI::App& program, const std::string& sentence, int status) {
 int finish(int status) {
     std::cout.flush();
     if (std::cout) return status;
-    std::cerr << "flickr-backup: The output cannot be written: " << std::strerror(errno) << "." << std::endl;
+    // What failed may be long ago: a further line fails for the same reason.
+    std::cout.clear();
+    errno = 0;
+    std::cout << std::endl;
+    std::cerr << "flickr-backup: The output cannot be written"
+              << (errno == 0 ? std::string() : std::string(": ") + std::strerror(errno)) << "." << std::endl;
     return status == flickr_app::ExitSuccess ? flickr_app::ExitFailure : status;
 }
 
@@ -81,7 +86,8 @@ int main(int argc, char**) {
     for (const auto add :
          {flickr_app::addLoginCommand, flickr_app::addLogoutCommand, flickr_app::addConfigureCommand,
           flickr_app::addRunCommand, flickr_app::addStatusCommand, flickr_app::addVerifyCommand,
-          flickr_app::addGalleryCommand, flickr_app::addInfoCommand, flickr_app::addCompletionCommand}) {
+          flickr_app::addFindCommand, flickr_app::addExportCommand, flickr_app::addGalleryCommand,
+          flickr_app::addInfoCommand, flickr_app::addCompletionCommand}) {
         add(program, context);
     }
     return finish(perform(program, context, argc));

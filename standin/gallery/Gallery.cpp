@@ -20,11 +20,12 @@
 #include "standin/framework/base/Names.h"
 #include "standin/framework/base/Paths.h"
 #include "standin/framework/base/Text.h"
+#include "standin/framework/device/Catalogue.h"
 #include "standin/framework/device/Device.h"
 #include "standin/framework/device/DeviceFiles.h"
 #include "standin/framework/run/Upkeep.h"
 #include "standin/framework/store/BackupDatabase.h"
-#include "standin/gallery/Catalogue.h"
+#include "standin/gallery/ImageShape.h"
 #include "standin/gallery/Page.h"
 
 namespace flickr_gallery {
@@ -91,12 +92,32 @@ std::vector<std::string> firstStrings(const std::string& line, std::size_t count
     return strings;
 }
 
-std::string itemLine(const Item& item) {
+/// Of the item's thumbnail, whose name is taken away when it cannot be read.
+ImageShape shapeOfThumbnail(Device& device, const Set& set, Item& item) {
+    try {
+        const std::string path = joinPath(set.folder, item.thumbnail);
+        Device::checkPath(path);
+        const Descriptor folder = device.openFolder(folderOf(path));
+        Descriptor file = openRegular(folder.get(), nameOf(path));
+        const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(
+            file.isOpen() ? ::fdopen(file.get(), "rb") : nullptr, &std::fclose);
+        if (stream) {
+            file.release();
+            return imageShape(stream.get());
+        }
+    } catch (DeviceException&) {
+        // The same as a thumbnail that is not there.
+    }
+    item.thumbnail.clear();
+    return {};
+}
+
+std::string itemLine(const Item& item, const ImageShape& shape) {
     std::string tags;
     for (const std::string& tag : item.tags) tags += (tags.empty() ? "" : ",") + scriptString(tag);
     std::string line = "[";
     for (const std::string* text : {&item.id, &item.stamp, &item.taken}) line += scriptString(*text) + ",";
-    line += std::to_string(item.width) + "," + std::to_string(item.height) + ",";
+    line += std::to_string(shape.width) + "," + std::to_string(shape.height) + ",";
     for (const std::string* text :
          {&item.title, &item.file, &item.thumbnail, &item.uploaded, &item.updated}) {
         line += scriptString(*text) + ",";
@@ -201,7 +222,8 @@ private:
 
 class Gallery {
 public:
-    Gallery(Device& device, BackupDatabase* database) : catalogue_(device, database), data_(device) {}
+    Gallery(Device& device, BackupDatabase* database)
+        : device_(device), catalogue_(device, database), data_(device) {}
 
     GalleryReport write(Reading reading) {
         const std::string page = data_.readPage();
@@ -214,6 +236,8 @@ public:
         GalleryReport report;
         std::vector<std::string> lines;
         for (Set& set : catalogue_.sets()) {
+            const auto isElsewhere = [](const Item& item) { return !item.isPlaced; };
+            set.items.erase(std::remove_if(set.items.begin(), set.items.end(), isElsewhere), set.items.end());
             report.items += static_cast<long>(set.items.size());
             report.sets += set.id != kNoSetId;
             if (set.id == kNoSetId && set.items.empty()) continue;
@@ -289,7 +313,8 @@ private:
                 items.push_back(line->second);
             } else {
                 catalogue_.complete(set, item);
-                items.push_back({item.taken, item.id, itemLine(item)});
+                const ImageShape shape = shapeOfThumbnail(device_, set, item);
+                items.push_back({item.taken, item.id, itemLine(item, shape)});
             }
         }
         std::sort(items.begin(), items.end(), [](const Line& a, const Line& b) {
@@ -355,6 +380,7 @@ private:
         return page;
     }
 
+    Device& device_;
     Catalogue catalogue_;
     DataFolder data_;
     std::map<std::string, Earlier> earlier_;

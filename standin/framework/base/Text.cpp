@@ -1,9 +1,13 @@
 #include "standin/framework/base/Text.h"
 
+#include <Poco/Ascii.h>
 #include <utf8proc.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <utility>
 
 namespace flickr_standin {
 
@@ -39,6 +43,30 @@ std::string escaped(utf8proc_int32_t character) {
 
 bool isAscii(const std::string& text) {
     return std::none_of(text.begin(), text.end(), [](unsigned char c) { return c >= 0x80; });
+}
+
+std::string searchKey(const std::string& text) {
+    std::string key = text;
+    if (isAscii(text)) {
+        std::transform(key.begin(), key.end(), key.begin(),
+                       [](char c) { return static_cast<char>(Poco::Ascii::toLower(c)); });
+        return key;
+    }
+    utf8proc_uint8_t* folded = nullptr;
+    const auto options = static_cast<utf8proc_option_t>(
+        UTF8PROC_STABLE | UTF8PROC_COMPAT | UTF8PROC_DECOMPOSE | UTF8PROC_CASEFOLD | UTF8PROC_STRIPMARK);
+    const utf8proc_ssize_t length =
+        utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(text.data()),
+                     static_cast<utf8proc_ssize_t>(text.size()), &folded, options);
+    const std::unique_ptr<utf8proc_uint8_t, decltype(&std::free)> owner(folded, &std::free);
+    if (length < 0) return searchKey(validUtf8(text));
+    key.assign(reinterpret_cast<const char*>(folded), static_cast<std::size_t>(length));
+    // Letters that no rule of Unicode takes apart, and that a keyboard may not have.
+    for (const auto& [letter, plain] :
+         {std::pair("ł", "l"), {"ø", "o"}, {"đ", "d"}, {"æ", "ae"}, {"œ", "oe"}}) {
+        for (std::size_t at = 0; (at = key.find(letter, at)) != std::string::npos;) key.replace(at, 2, plain);
+    }
+    return key;
 }
 
 std::string withoutCharacters(const std::string& text, bool (*isUnwanted)(std::int32_t character)) {

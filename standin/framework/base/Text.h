@@ -24,6 +24,10 @@ bool isAscii(const std::string& text);
 /// The text without white space at its begin and end.
 std::string trimmed(std::string text);
 
+/// The text without what a search overlooks: case, accents, and the forms of one letter ("Straße" and
+/// "STRASSE", "Łódź" and "lodz"). The gallery's page compares the same way.
+std::string searchKey(const std::string& text);
+
 /// The text as valid UTF-8 on one line: control characters, line and paragraph separators, the characters
 /// that turn the direction of writing and bytes that are no UTF-8 are written as \n, \x1b or \u{202e}, and
 /// a backslash as two. Texts of more than 16 KiB are cut, which the end says.

@@ -1,43 +1,42 @@
-// What a gallery shows: the sets and items of a backup.
+// What there is in a backup, and what is known of it: its sets and items.
 //
-// The backup database tells which there are, their titles and when they were uploaded; the description
-// descriptions beside the media tell the rest. Without a database the descriptions tell it all. Either way
+// The backup database tells which there are, their titles and when they were uploaded; the descriptions
+// beside the media tell the rest. Without a database the descriptions tell it all. Either way
 // the sets are listed cheaply first, and what costs the reading of files is read for those items only that
 // are asked for.
 
-#ifndef STANDIN_GALLERY_CATALOGUE_H
-#define STANDIN_GALLERY_CATALOGUE_H
+#ifndef STANDIN_FRAMEWORK_DEVICE_CATALOGUE_H
+#define STANDIN_FRAMEWORK_DEVICE_CATALOGUE_H
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
 namespace flickr_standin {
+
 class BackupDatabase;
 class Device;
-}  // namespace flickr_standin
-
-namespace flickr_gallery {
 
 /// A hash of the text, 16 hexadecimal digits (XXH3). It tells versions apart and protects against nobody.
 std::string hashOf(const std::string& text);
 
+/// An item of a set.
 struct Item {
     std::string id;     ///< photo id, "_", set id
     std::string stamp;  ///< hash of what is listed of the item: changes when anything of it may have changed
     std::string title;
     std::string file;       ///< in the set's folder
     std::string thumbnail;  ///< relative to the set's folder; empty when there is none
-    int width = 0;          ///< of the thumbnail, pixels; 0 when it is not known
-    int height = 0;
-    std::string taken;     ///< "YYYY-MM-DD hh:mm:ss" as the camera says; empty when it is not known
-    std::string uploaded;  ///< the same form, UTC
+    std::string taken;      ///< "YYYY-MM-DD hh:mm:ss" as the camera says; empty when it is not known
+    std::string uploaded;   ///< the same form, UTC
     std::string updated;
     bool isVideo = false;
+    bool isPlaced = true;  ///< false: a rename of the set is not settled, and may not have reached the item
     std::string description;
     std::vector<std::string> tags;
 };
 
+/// A set with its items; their paths are those of its folder.
 struct Set {
     std::string id;  ///< "Anonymous" for the items in no set
     std::string title;
@@ -51,15 +50,13 @@ struct Set {
 class Catalogue {
 public:
     /// database: none to take everything from the descriptions. Both have to live as long as this.
-    Catalogue(flickr_standin::Device& device, flickr_standin::BackupDatabase* database)
-        : device_(device), database_(database) {}
+    Catalogue(Device& device, BackupDatabase* database) : device_(device), database_(database) {}
 
     /// All sets by title, the items in no set last; their items have id, stamp, title, files, dates of the
     /// service and kind. Throws Poco::Exception when database or device cannot be read.
     std::vector<Set> sets();
 
-    /// Fills in what the item's description and its thumbnail's header tell. What is missing or damaged stays
-    /// as it is.
+    /// Fills in what the item's description tells. What is missing or damaged stays as it is.
     void complete(const Set& set, Item& item);
 
 private:
@@ -68,12 +65,11 @@ private:
     void listDescriptions(Set& set);
     void finish(Set& set, const std::string& folderDescription);
     bool holds(const std::string& path);
-    void measure(const Set& set, Item& item);
 
-    flickr_standin::Device& device_;
-    flickr_standin::BackupDatabase* database_;
+    Device& device_;
+    BackupDatabase* database_;
 };
 
-}  // namespace flickr_gallery
+}  // namespace flickr_standin
 
 #endif

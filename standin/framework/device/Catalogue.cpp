@@ -1,14 +1,12 @@
-#include "standin/gallery/Catalogue.h"
+#include "standin/framework/device/Catalogue.h"
 
 #include <Poco/Exception.h>
-#include <fcntl.h>
 #include <xxhash.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
-#include <memory>
 
 #include "standin/framework/base/Localisation.h"
 #include "standin/framework/base/Names.h"
@@ -17,11 +15,8 @@
 #include "standin/framework/device/Device.h"
 #include "standin/framework/device/ItemFiles.h"
 #include "standin/framework/store/BackupDatabase.h"
-#include "standin/gallery/ImageShape.h"
 
-namespace flickr_gallery {
-
-using namespace flickr_standin;
+namespace flickr_standin {
 
 namespace {
 
@@ -126,8 +121,8 @@ std::vector<Set> Catalogue::setsOfDatabase() {
         const auto place = places.find(row.setId);
         if (place == places.end()) return;
         Set& set = sets[place->second];
-        if (row.folder != set.folder) return;  // a rename that is not settled: the next run sees to it
         Item item;
+        item.isPlaced = row.folder == set.folder;
         item.id = row.id;
         item.title = withoutMediaExtension(row.name);
         item.file = nameOf(row.mediaPath);
@@ -225,29 +220,6 @@ void Catalogue::complete(const Set& set, Item& item) {
     item.description = descriptionField(description, "Description");
     item.tags = descriptionValues(description, "Tag");
     item.thumbnail = preferred(descriptionField(description, "ThumbnailName"), item.thumbnail);
-    measure(set, item);
 }
 
-void Catalogue::measure(const Set& set, Item& item) {
-    try {
-        const std::string path = joinPath(set.folder, item.thumbnail);
-        Device::checkPath(path);
-        const Descriptor folder = device_.openFolder(folderOf(path));
-        Descriptor file(
-            ::openat(folder.get(), nameOf(path).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-        const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(
-            file.isOpen() ? ::fdopen(file.get(), "rb") : nullptr, &std::fclose);
-        if (!stream) {
-            item.thumbnail.clear();
-            return;
-        }
-        file.release();
-        const ImageShape shape = imageShape(stream.get());
-        item.width = shape.width;
-        item.height = shape.height;
-    } catch (DeviceException&) {
-        item.thumbnail.clear();
-    }
-}
-
-}  // namespace flickr_gallery
+}  // namespace flickr_standin
