@@ -11,17 +11,17 @@ FLUSH_MS = 20
 
 
 class Disk:
-    """Lets programs of a bench run on a disk with slow flushes."""
+    """Lets programs of a bench run on a disk with slow flushes. Only the device is on it: the user's own files, the
+    history of runs among them, are on the machine's."""
 
     def __init__(self, bench):
         self.notes = bench.directory / "waits"
         self.faults = str(bench.program("libfaultfs.so"))
-        self.directory = str(bench.directory.resolve())
 
-    def run(self, delay, backup):
-        """Runs it; gives its seconds and its waits."""
+    def run(self, delay, device, backup):
+        """Runs a backup to the device; gives its seconds and its waits."""
         self.notes.unlink(missing_ok=True)
-        settings = {"LD_PRELOAD": self.faults, "FAULT_UNDER": self.directory, "FAULT_WAITS": str(self.notes)}
+        settings = {"LD_PRELOAD": self.faults, "FAULT_UNDER": str(device.resolve()), "FAULT_WAITS": str(self.notes)}
         if delay:
             settings["FAULT_FLUSH_MS"] = str(delay)
         os.environ.update(settings)
@@ -49,19 +49,21 @@ def slow_disk(bench):
         ours, floor, edited = {0: [], FLUSH_MS: []}, {0: [], FLUSH_MS: []}, []
         for _ in range(rounds):
             for delay in ours:
-                ours[delay].append(disk.run(delay, lambda: bench.first_backup("ours", items)))
-                floor[delay].append(disk.run(delay, lambda: bench.floor(url, bench.fresh("floor"))))
-            device = max(bench.directory.glob("ours*"), key=lambda path: path.stat().st_mtime)
+                device = bench.fresh("ours", keep=True)
+                ours[delay].append(disk.run(delay, device, lambda: bench.backup(device, new=items)))
+                plain = bench.fresh("floor")
+                floor[delay].append(disk.run(delay, plain, lambda: bench.floor(url, plain)))
             with sqlite3.connect(device / "backup.db") as rows:
                 ids = [row[0] for row in rows.execute("SELECT OriginalItemId FROM backupmetadata "
                                                       "WHERE ItemType = 'FlickrPhoto' LIMIT ?", (edits,))]
             for number in ids:
                 order(url, word, "edit", id=number)
-            edited.append(disk.run(FLUSH_MS, lambda: bench.backup(device, edited=edits, unchanged=items - edits)))
+            edited.append(disk.run(FLUSH_MS, device,
+                                   lambda: bench.backup(device, edited=edits, unchanged=items - edits)))
     with bench.service(1, unchanged, "--item-bytes", 1) as url:
-        bench.first_backup("unchanged", unchanged)
-        device = max(bench.directory.glob("unchanged*"), key=lambda path: path.stat().st_mtime)
-        still = [disk.run(FLUSH_MS, lambda: bench.backup(device, unchanged=unchanged)) for _ in range(rounds)]
+        device = bench.fresh("unchanged", keep=True)
+        bench.backup(device, new=unchanged)
+        still = [disk.run(FLUSH_MS, device, lambda: bench.backup(device, unchanged=unchanged)) for _ in range(rounds)]
 
     def each(runs, count, index, factor=1):
         return [run[index] / count * factor for run in runs]

@@ -63,9 +63,7 @@ int DownloadPhotoListActivity::getPhotoList(int attempt) {
     } catch (Poco::Exception& exception) {
         logFailure("Unable to downlod / parse / sort photo list - " + exception.displayText());
         exceptionHandler_.handleException(
-            exception,
-            "Exception occurred in DownloadPhotoListActivity::getPhotoList(): " + exception.displayText(),
-            attempt);
+            exception, std::string(kListFails) + "::getPhotoList(): " + exception.displayText(), attempt);
         return 0;
     }
 }

@@ -96,8 +96,7 @@ void MediaDownloadActivity::runActivity() {
         if (!stoppedAt("Backup Stopped in MediaDownloadActivity")) transferItem();
     } catch (Poco::Exception& exception) {
         exceptionHandler_.handleException(
-            exception, "Exception occurred in Media Download Activity : " + exception.displayText(),
-            retryAttempts());
+            exception, std::string(kTransferFails) + " : " + exception.displayText(), retryAttempts());
     }
     client_.disConnect();
 }
@@ -110,7 +109,7 @@ void MediaDownloadActivity::transferItem() {
                                                         photoSet_.getPhotoSetID(), photo_.getPhotoID()));
     }
 
-    ItemFiles oldFiles;
+    ItemPaths oldFiles;
     if (updateExisting_) {
         // They stand under the names that the last backup gave them, the thumbnail with the extension that
         // it had then. The download goes ahead when a rename fails: the device keeps the old file until the
@@ -128,9 +127,9 @@ void MediaDownloadActivity::transferItem() {
     }
 }
 
-void MediaDownloadActivity::transferThumbnail(const std::string& listedTitle, const ItemFiles& oldFiles) {
+void MediaDownloadActivity::transferThumbnail(const std::string& listedTitle, const ItemPaths& oldFiles) {
     const std::string itemType = isVideo() ? "FlickrVideo" : "FlickrPhoto";
-    const ItemFiles newFiles = filesOf(photo_.getPhotoTitle(), thumbnailExtension());
+    const ItemPaths newFiles = filesOf(photo_.getPhotoTitle(), thumbnailExtension());
     if (tryDownload(photo_.getThumbnailUrl(), newFiles.thumbnail, kThumbnail) != DownloadSucceeded) {
         // The old files of an edited item stay aside: the next run tries again from there.
         deleteFile(newFiles.media);
@@ -241,8 +240,7 @@ int MediaDownloadActivity::downloadMedia(std::string url, long fileHandle, bool 
         return 0;
     } catch (Poco::Exception& exception) {
         exceptionHandler_.handleException(
-            exception,
-            "Exception occurred in Media Download Activity - downloadMedia(): " + exception.displayText(),
+            exception, std::string(kTransferFails) + " - downloadMedia(): " + exception.displayText(),
             attempt);
         return 0;
     }
@@ -309,21 +307,21 @@ std::string MediaDownloadActivity::metadataText() {
     return Norvale_Plugin_Core::ItemDataManager().saveItemData(&record);
 }
 
-void MediaDownloadActivity::moveFiles(const ItemFiles& from, const ItemFiles& to) {
+void MediaDownloadActivity::moveFiles(const ItemPaths& from, const ItemPaths& to) {
     renameFile(from.media, to.media);
     renameFile(from.thumbnail, to.thumbnail);
 }
 
-void MediaDownloadActivity::deleteFiles(const ItemFiles& files) {
+void MediaDownloadActivity::deleteFiles(const ItemPaths& files) {
     deleteFile(files.media);
     deleteFile(files.thumbnail);
 }
 
-MediaDownloadActivity::ItemFiles MediaDownloadActivity::ItemFiles::aside() const {
+MediaDownloadActivity::ItemPaths MediaDownloadActivity::ItemPaths::aside() const {
     return {asideName(media), asideName(thumbnail)};
 }
 
-MediaDownloadActivity::ItemFiles MediaDownloadActivity::filesOf(const std::string& fileName,
+MediaDownloadActivity::ItemPaths MediaDownloadActivity::filesOf(const std::string& fileName,
                                                                 const std::string& thumbnailExtension) const {
     return {setFolder() + fileName,
             setFolder() + thumbnailFolder_ + "/" + thumbnailName(fileName, thumbnailExtension)};

@@ -76,22 +76,22 @@ public:
 
 private:
     /// Where an item's two files stand, and where they stand aside.
-    struct ItemFiles {
+    struct ItemPaths {
         std::string media;
         std::string thumbnail;
 
-        ItemFiles aside() const;
+        ItemPaths aside() const;
     };
 
     void transferItem();
-    void transferThumbnail(const std::string& listedTitle, const ItemFiles& oldFiles);
+    void transferThumbnail(const std::string& listedTitle, const ItemPaths& oldFiles);
     bool recordItem(const std::string& listedTitle, const std::string& itemType);
     void writeFolderDescription();
     std::string metadataText();
 
-    void moveFiles(const ItemFiles& from, const ItemFiles& to);
-    void deleteFiles(const ItemFiles& files);
-    ItemFiles filesOf(const std::string& fileName, const std::string& thumbnailExtension) const;
+    void moveFiles(const ItemPaths& from, const ItemPaths& to);
+    void deleteFiles(const ItemPaths& files);
+    ItemPaths filesOf(const std::string& fileName, const std::string& thumbnailExtension) const;
     std::string setFolder() const;
     std::string thumbnailName(const std::string& fileName, const std::string& extension) const;
     std::string thumbnailExtension() const;

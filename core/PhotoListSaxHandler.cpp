@@ -194,8 +194,7 @@ bool PhotoListSaxHandler::getPhotoInformation(Photo& photo) {
     } catch (Poco::Exception& exception) {
         logFailure("Unable to downlod / parse / sort photo list - " + exception.displayText());
         Norvale_Plugin_Core::ExceptionHandlerMac(kServiceName)
-            .handleException(exception,
-                             "Exception occurred in getPhotoInformation() : " + exception.displayText(),
+            .handleException(exception, std::string(kRenditionsFail) + " : " + exception.displayText(),
                              retryAttempts());
         return false;
     }

@@ -70,8 +70,7 @@ void PhotoSetProcessor::processOneSet(PhotoSet& set, const Poco::DateTime& since
         list.stop();
     } catch (Poco::Exception& exception) {
         exceptionHandler_.handleException(
-            exception, "Exception occurred in DownloadPhotoListActivity() : " + exception.displayText(),
-            retryAttempts());
+            exception, std::string(kListFails) + "() : " + exception.displayText(), retryAttempts());
     }
     const std::multimap<Poco::DateTime, Photo> videos = std::move(list).getVideos();
     const std::multimap<Poco::DateTime, Photo> photos = std::move(list).getPhotos();
@@ -209,8 +208,8 @@ void PhotoSetProcessor::ProcessPhoto(PhotoSet& set, Photo& photo, bool updateExi
         logInfo(kItemEnds.with(photo.getPhotoTitle()));
         activity.tearDown();
     } catch (Poco::Exception& exception) {
-        exceptionHandler_.handleException(
-            exception, "Exception occurred in ProcessPhoto():" + exception.displayText(), retryAttempts());
+        exceptionHandler_.handleException(exception, std::string(kItemFails) + ":" + exception.displayText(),
+                                          retryAttempts());
     }
 }
 

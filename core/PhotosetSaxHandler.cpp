@@ -31,7 +31,7 @@ void PhotosetSaxHandler::startElement(const Poco::XML::XMLString&, const Poco::X
         if (attributes.getLength() > 0 && attributes.getValue(0) == "fail") {
             Norvale_Plugin_Core::CSConfigException refused(0);
             Norvale_Plugin_Core::ExceptionHandlerMac(kServiceName)
-                .handleException(refused, "Invalid Auth Token", retryAttempts());
+                .handleException(refused, std::string(kSignInRefused), retryAttempts());
         }
     } else if (localName == "photoset") {
         logInfo("*********************** Photoset Started**************************");

@@ -106,6 +106,14 @@ constexpr TextLine kLeftOutByKind{"Items left out for their kind: "};
 /// The service refuses the list of sets: its error code with ":", and its words.
 constexpr RunLine kServiceRefuses{"The service answers with error "};
 
+/// How the message of an exception begins that is handed to the host: what it ends.
+constexpr std::string_view kListFails = "Exception occurred in DownloadPhotoListActivity";
+constexpr std::string_view kRenditionsFail = "Exception occurred in getPhotoInformation()";
+constexpr std::string_view kItemFails = "Exception occurred in ProcessPhoto()";
+constexpr std::string_view kTransferFails = "Exception occurred in Media Download Activity";
+/// The whole message when the service refuses the list of sets.
+constexpr std::string_view kSignInRefused = "Invalid Auth Token";
+
 }  // namespace Norvale_Plugin_Flickr
 
 #endif

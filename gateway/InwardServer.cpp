@@ -70,8 +70,8 @@ std::string signatureOf(const std::string& secret, const Query& query) {
 }  // namespace
 
 struct InwardServer::Server {
-    Server(std::uint16_t port, milliseconds sign)
-        : sign(sign), socket(Poco::Net::SocketAddress("127.0.0.1", port)) {}
+    Server(std::uint16_t port, milliseconds signOfLife)
+        : sign(signOfLife), socket(Poco::Net::SocketAddress("127.0.0.1", port)) {}
 
     const milliseconds sign;
     Poco::Net::ServerSocket socket;

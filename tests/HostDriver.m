@@ -307,7 +307,7 @@ int HostRunLoop(Host* unused, double seconds, int (*done)(void* context), void* 
     BOOL isDone = NO;
     while (!isDone && [end timeIntervalSinceNow] > 0) {
         NSAutoreleasePool* inner = [[NSAutoreleasePool alloc] init];
-        isDone = done != NULL ? done(context) : ![host isRunning];
+        isDone = done != NULL ? done(context) != 0 : ![host isRunning];
         [[NSRunLoop mainRunLoop] runMode:NSDefaultRunLoopMode
                               beforeDate:[NSDate dateWithTimeIntervalSinceNow:0.002]];
         if (!isDone) [NSThread sleepForTimeInterval:0.001];  // a loop without timers returns at once

@@ -86,10 +86,12 @@ class Output(Rig):
         for status, kind, command in [
                 (0, "configure", ["configure", "--check"]), (0, "run", ["run", "--device", device]),
                 (0, "status", ["status", "--device", device]), (0, "verify", ["verify", "--device", device]),
-                (0, "gallery", ["gallery", "--device", device]), (0, "info", ["info"]), (0, "logout", ["logout", "--profile", "x"]),
+                (0, "gallery", ["gallery", "--device", device]), (0, "info", ["info"]),
+                (0, "logout", ["logout", "--profile", "x"]),
                 (3, "refused", ["run", "--device", device / "none"]), (2, "refused", ["run", "--nothing"]),
                 (2, "refused", ["rnu"]), (3, "refused", ["status", "--device", self.work]),
-                (2, "refused", ["configure", "--data-url", "x"]), (2, "refused", ["login", "--credentials", self.work / "new.ini"]),
+                (2, "refused", ["configure", "--data-url", "x"]),
+                (2, "refused", ["login", "--credentials", self.work / "new.ini"]),
                 (3, "run", ["run", "--device", device, "--config", self.broken()])]:
             done = self.call(*command, "--json")
             self.assertEqual(done.returncode, status, done)
@@ -119,15 +121,17 @@ class Output(Rig):
 
     def test_shells_complete_what_the_command_knows(self):
         script = self.call("completion", "bash").stdout
-        for words, expected in [("ru", "run"), ("run --dev", "--device"), ("run --media vid", "videos"), ("status --ve", ""),
-                                ("run --log-level a", "all"), ("completion f", "fish"), ("", "login logout configure")]:
+        for words, expected in [("ru", "run"), ("run --dev", "--device"), ("run --media vid", "videos"),
+                                ("status --ve", ""), ("run --log-level a", "all"), ("completion f", "fish"),
+                                ("", "login logout configure")]:
             done = subprocess.run(["bash", "-c", script + f"COMP_WORDS=(flickr-backup {words or QUOTES}); "
                                    "COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _flickr_backup; echo ${COMPREPLY[@]}"],
                                   capture_output=True, text=True)
             self.assertEqual(done.stderr, "")
             self.assertTrue(done.stdout.startswith(expected), (words, done.stdout))
         self.assertIn("-l log-level -r -a 'failures normal all'", self.call("completion", "fish").stdout)
-        self.assertIn("'--device[Directory that holds the backup]:DIR:_directories'", self.call("completion", "zsh").stdout)
+        self.assertIn("'--device[Directory that holds the backup]:DIR:_directories'",
+                      self.call("completion", "zsh").stdout)
         self.assertRegex(self.call("--version").stdout, r"^flickr-backup \d+\.\d+\.\d+\nwith POCO .*SQLite 3\..*curl")
 
     def test_status_knows_the_run_that_goes_on(self):

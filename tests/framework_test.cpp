@@ -449,13 +449,32 @@ TEST_F(FrameworkTest, WritesOneLineForEachCallAndNoSecrets) {
     }
     EXPECT_LE(fs::file_size(log), 10u << 20);
     EXPECT_TRUE(fs::exists(log + ".4.gz"));
-    for (const char* other : {".5.gz", ".1", ".1.gz.part"}) EXPECT_FALSE(fs::exists(log + other)) << other;
+    for (const char* other : {".5.gz", ".1", ".0.gz", ".0.gz.part"})
+        EXPECT_FALSE(fs::exists(log + other)) << other;
     std::ifstream compressed(log + ".1.gz", std::ios::binary);
     Poco::InflatingInputStream older(compressed, Poco::InflatingStreamBuf::STREAM_GZIP);
     const std::string text(std::istreambuf_iterator<char>(older), {});
     EXPECT_GT(text.size(), 9u << 20);
     EXPECT_LE(text.size(), 10u << 20);
     EXPECT_EQ(text.back(), '\n');
+
+    // A log that cannot be compressed grows on, and the older ones stay; one that another process has turned
+    // over is begun anew.
+    const std::string foreign = log + ".0.gz.part";
+    fs::create_directory(foreign);
+    const auto olderSize = fs::file_size(log + ".4.gz");
+    const auto fill = [] {
+        for (int i = 0; i < 600; ++i)
+            DevLogger::writeLog(std::string(20000, 'x'), LogLevelInformation, "x", 0);
+    };
+    fill();
+    EXPECT_GT(fs::file_size(log), 10u << 20);
+    EXPECT_EQ(olderSize, fs::file_size(log + ".4.gz"));
+    fs::remove(foreign);
+    fs::rename(log, log + ".elsewhere");
+    fill();
+    EXPECT_LE(fs::file_size(log), 10u << 20);
+
     nameLogFile((folder_ / "none" / "x.log").string());
     DevLogger::writeLog("dropped", LogLevelInformation, "x", 1);
     setLogSecrets({});

@@ -164,7 +164,8 @@ def main():
                            for n in rig.spread(len(trace), options.faults, seed=len(faults))]
         failures += rig.each(kills, lambda case: kill(bench, case))
         failures += rig.each(faults, lambda case: fail(bench, case))
-        rig.finish("killed and failing" + ", through the gateway" * options.today, failures, kills=len(kills), failing_calls=len(faults))
+        rig.finish("killed and failing" + ", through the gateway" * options.today, failures,
+                   kills=len(kills), failing_calls=len(faults))
 
 
 if __name__ == "__main__":

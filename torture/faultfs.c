@@ -39,7 +39,8 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-#define REAL(name) ((__typeof__(&name))dlsym(RTLD_NEXT, #name))
+// __extension__: ISO C knows no way from the address of an object, which dlsym gives, to a function.
+#define REAL(name) (__extension__(__typeof__(&name)) dlsym(RTLD_NEXT, #name))
 
 enum { GO_ON = 0, KILL_AFTER = -1, KILL_TORN = -2 };  // above 0: fail with that errno
 

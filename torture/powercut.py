@@ -584,7 +584,8 @@ def main():
                 print(f"FAILED the walk {name}, without any cut: {failure}", flush=True)
         cases = explorer.cases(names, options.models.split(","), options.states, options.again, options.seed)
         failures += rig.each(cases, explorer.check)
-    rig.finish("power cuts" + ", through the gateway" * options.today, failures, states=len(explorer.seen), cut_again=explorer.twice, walks=len(names))
+    rig.finish("power cuts" + ", through the gateway" * options.today, failures,
+               states=len(explorer.seen), cut_again=explorer.twice, walks=len(names))
 
 
 if __name__ == "__main__":

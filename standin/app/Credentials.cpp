@@ -22,18 +22,12 @@
 #include "standin/app/PrivateFile.h"
 #include "standin/app/Refusal.h"
 #include "standin/framework/base/Cipher.h"
+#include "standin/framework/base/Descriptor.h"
 
 namespace flickr_app {
 namespace {
 
 constexpr off_t kLargestFile = 64 * 1024;
-
-struct Descriptor {
-    int value;
-    ~Descriptor() {
-        if (value >= 0) ::close(value);
-    }
-};
 
 void forbidCoreFiles() {
     const rlimit none = {0, 0};
@@ -44,9 +38,9 @@ void forbidCoreFiles() {
 /// The file's text. Looks at owner and permissions of the file that is read, and not at what has the name by
 /// then. A pipe is refused and not waited for.
 std::string readPrivateFile(const std::string& path) {
-    const Descriptor file{::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)};
+    const flickr_standin::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status {};
-    if (file.value < 0 || ::fstat(file.value, &status) != 0) {
+    if (!file.isOpen() || ::fstat(file.get(), &status) != 0) {
         throw CannotBegin("The credentials file " + path + " cannot be read: " + std::strerror(errno) + ".");
     }
     if (S_ISDIR(status.st_mode)) {
@@ -70,7 +64,7 @@ std::string readPrivateFile(const std::string& path) {
     std::string text(static_cast<std::size_t>(status.st_size), '\0');
     std::size_t done = 0;
     while (done < text.size()) {
-        const ssize_t count = ::read(file.value, &text[done], text.size() - done);
+        const ssize_t count = ::read(file.get(), &text[done], text.size() - done);
         if (count < 0 && errno == EINTR) continue;
         if (count < 0) {
             throw CannotBegin("The credentials file " + path + " cannot be read: " + std::strerror(errno) +

@@ -2,6 +2,7 @@
 
 #include <Poco/DateTimeFormat.h>
 #include <Poco/DateTimeFormatter.h>
+#include <Poco/DateTimeParser.h>
 #include <Poco/DigestEngine.h>
 #include <Poco/Exception.h>
 #include <Poco/JSON/Array.h>
@@ -73,6 +74,11 @@ DeviceHistory::DeviceHistory(const std::string& device) : device_(device), file_
             PastRun run;
             for (const auto& [name, member] : kTexts) run.*member = entry->optValue<std::string>(name, "");
             for (const auto& [name, member] : kNumbers) run.*member = entry->optValue<std::int64_t>(name, 0);
+            int zone = 0;
+            Poco::DateTime began;
+            // A file that somebody changed: what is no run is none.
+            if (!Poco::DateTimeParser::tryParse(Poco::DateTimeFormat::ISO8601_FORMAT, run.began, began, zone))
+                continue;
             runs_.push_back(std::move(run));
         }
         isKnown_ = true;

@@ -10,11 +10,11 @@
 #include <utility>
 #include <vector>
 
+#include "standin/app/BackupOptions.h"
 #include "standin/app/Commands.h"
 #include "standin/app/DeviceLayout.h"
 #include "standin/app/Format.h"
 #include "standin/app/Json.h"
-#include "standin/app/LibraryOptions.h"
 #include "standin/app/Listing.h"
 #include "standin/app/PrivateFile.h"
 #include "standin/app/Refusal.h"
@@ -32,7 +32,7 @@ using flickr_standin::Set;
 
 namespace fs = std::filesystem;
 
-struct Options : LibraryOptions {
+struct Options : BackupOptions {
     bool csv = true;
     std::string output;
 };
@@ -157,7 +157,7 @@ void addExportCommand(CLI::App& program, CommandContext& context) {
     auto options = std::make_shared<Options>();
     CLI::App* command =
         program.add_subcommand("export", "Print what is known of each item of a backup as a table");
-    addLibraryOptions(*command, *options);
+    addBackupOptions(*command, *options);
     command->add_flag("--csv", options->csv,
                       "As comma-separated values (RFC 4180, UTF-8); the only form yet");
     command->add_option("--output", options->output, "Write to this file instead of the standard output")

@@ -5,11 +5,11 @@
 #include <string>
 #include <vector>
 
+#include "standin/app/BackupOptions.h"
 #include "standin/app/Commands.h"
 #include "standin/app/DeviceLayout.h"
 #include "standin/app/Format.h"
 #include "standin/app/Json.h"
-#include "standin/app/LibraryOptions.h"
 #include "standin/app/Listing.h"
 #include "standin/app/Refusal.h"
 #include "standin/app/Signals.h"
@@ -24,7 +24,7 @@ using flickr_standin::searchKey;
 using flickr_standin::Set;
 using flickr_standin::validUtf8;
 
-struct Options : LibraryOptions {
+struct Options : BackupOptions {
     std::vector<std::string> texts;
     std::string taken;
     bool nullEnded = false;
@@ -167,7 +167,7 @@ void addFindCommand(CLI::App& program, CommandContext& context) {
     auto options = std::make_shared<Options>();
     CLI::App* command = program.add_subcommand("find", "Find items of a backup, and where their files are");
     command->add_option("TEXT", options->texts, "What the item has to hold, each of them");
-    addLibraryOptions(*command, *options);
+    addBackupOptions(*command, *options);
     command
         ->add_option("--taken", options->taken,
                      "Only what was taken then: 2017, 2017-07, 2017-07-13, or FROM..TO of these")

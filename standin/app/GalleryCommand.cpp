@@ -3,11 +3,11 @@
 #include <memory>
 #include <string>
 
+#include "standin/app/BackupOptions.h"
 #include "standin/app/Commands.h"
 #include "standin/app/DeviceLayout.h"
 #include "standin/app/Format.h"
 #include "standin/app/Json.h"
-#include "standin/app/LibraryOptions.h"
 #include "standin/app/Refusal.h"
 #include "standin/framework/base/Text.h"
 #include "standin/framework/device/DeviceLock.h"
@@ -17,7 +17,7 @@
 namespace flickr_app {
 namespace {
 
-struct Options : LibraryOptions {
+struct Options : BackupOptions {
     bool anew = false;
 };
 
@@ -59,7 +59,7 @@ int makeGallery(const Options& options, bool json) {
 void addGalleryCommand(CLI::App& program, CommandContext& context) {
     auto options = std::make_shared<Options>();
     CLI::App* command = program.add_subcommand("gallery", "Write a page that shows the backup in a browser");
-    addLibraryOptions(*command, *options);
+    addBackupOptions(*command, *options);
     addJsonOption(*command, context);
     command->add_flag("--anew", options->anew,
                       "Read all records and thumbnails again, not only what changed");

@@ -212,8 +212,8 @@ static void callPlugin(void* backup) {
 /// came before it.
 - (void)poll:(NSTimer*)timer {
     if (m_bIsEnded) return;
-    const BOOL isStopWanted = m_pRun->stopRequested(m_pRun->context);
-    const BOOL isPauseWanted = m_pRun->pauseRequested(m_pRun->context);
+    const BOOL isStopWanted = m_pRun->stopRequested(m_pRun->context) != 0;
+    const BOOL isPauseWanted = m_pRun->pauseRequested(m_pRun->context) != 0;
     BOOL isResting;
     @synchronized(self) {
         isResting = m_bIsResting;

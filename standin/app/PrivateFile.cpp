@@ -9,19 +9,13 @@
 #include <cstdlib>
 #include <cstring>
 
-namespace flickr_app {
-namespace {
+#include "standin/framework/base/Descriptor.h"
 
-bool writeAll(int file, const std::string& content) {
-    std::size_t done = 0;
-    while (done < content.size()) {
-        const ssize_t count = ::write(file, content.data() + done, content.size() - done);
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return false;
-        done += static_cast<std::size_t>(count);
-    }
-    return ::fsync(file) == 0;
-}
+namespace flickr_app {
+
+using flickr_standin::Descriptor;
+
+namespace {
 
 std::string folderBelow(const char* variable, const char* inHome) {
     // Only an absolute one counts, as the desktop's rules for these folders say.
@@ -37,23 +31,18 @@ std::string folderBelow(const char* variable, const char* inHome) {
 
 std::string replacePrivateFile(const std::string& path, const std::string& content) {
     std::string temporary = path + ".XXXXXX";
-    const int file = ::mkstemp(temporary.data());  // for its owner only
-    if (file < 0) return std::strerror(errno);
-    bool done = writeAll(file, content);
-    std::string reason = done ? "" : std::strerror(errno);
-    if (::close(file) != 0 || (done && std::rename(temporary.c_str(), path.c_str()) != 0)) {
-        if (done) reason = std::strerror(errno);
-        done = false;
-    }
-    if (!done) {
+    Descriptor file(::mkstemp(temporary.data()));  // for its owner only
+    if (!file.isOpen()) return std::strerror(errno);
+    int error = flickr_standin::writeAll(file, content.data(), content.size());
+    if (error == 0 && ::fsync(file.get()) != 0) error = errno;
+    if (::close(file.release()) != 0 && error == 0) error = errno;
+    if (error == 0 && std::rename(temporary.c_str(), path.c_str()) != 0) error = errno;
+    if (error != 0) {
         ::unlink(temporary.c_str());
-        return reason;
+        return std::strerror(error);
     }
-    const int folder = ::open(path.substr(0, path.rfind('/') + 1).c_str(), O_RDONLY | O_DIRECTORY);
-    if (folder >= 0) {
-        ::fsync(folder);
-        ::close(folder);
-    }
+    const Descriptor folder(::open(path.substr(0, path.rfind('/') + 1).c_str(), O_RDONLY | O_DIRECTORY));
+    if (folder.isOpen()) ::fsync(folder.get());
     return std::string();
 }
 

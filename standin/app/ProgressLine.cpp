@@ -119,7 +119,7 @@ double Pace::secondsFor(long items) const {
     const double span = samples_.back().elapsed - samples_.front().elapsed;
     const long done = samples_.back().done - samples_.front().done;
     if (span < kLeastPaceSeconds || done <= 0) return -1;
-    return std::max(0L, items) * span / static_cast<double>(done);
+    return static_cast<double>(std::max(0L, items)) * span / static_cast<double>(done);
 }
 
 ProgressStyle styleOf(int descriptor) {

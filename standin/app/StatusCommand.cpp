@@ -8,13 +8,13 @@
 #include <string>
 #include <vector>
 
+#include "standin/app/BackupOptions.h"
+#include "standin/app/BackupText.h"
 #include "standin/app/Commands.h"
 #include "standin/app/DeviceHistory.h"
 #include "standin/app/DeviceLayout.h"
 #include "standin/app/Format.h"
 #include "standin/app/Json.h"
-#include "standin/app/LibraryOptions.h"
-#include "standin/app/LibraryText.h"
 #include "standin/app/Refusal.h"
 #include "standin/app/Signals.h"
 #include "standin/framework/base/Text.h"
@@ -98,7 +98,7 @@ struct Status {
     bool runLasts() const { return isInUse && !runs.empty() && runs.back().ended.empty(); }
 };
 
-Status statusOf(const LibraryOptions& options) {
+Status statusOf(const BackupOptions& options) {
     Status status;
     status.layout = existingBackup(options.device, options.database);
     status.runs = DeviceHistory(status.layout.device).runs();
@@ -177,7 +177,7 @@ void printStatusJson(const Status& status, int exitStatus) {
     printJson(std::cout, object);
 }
 
-int showStatus(const LibraryOptions& options, bool json) {
+int showStatus(const BackupOptions& options, bool json) {
     const Status status = statusOf(options);
     const int exitStatus = status.report.agrees() ? ExitSuccess : ExitFailure;
     if (json) {
@@ -191,9 +191,9 @@ int showStatus(const LibraryOptions& options, bool json) {
 }  // namespace
 
 void addStatusCommand(CLI::App& program, CommandContext& context) {
-    auto options = std::make_shared<LibraryOptions>();
+    auto options = std::make_shared<BackupOptions>();
     CLI::App* command = program.add_subcommand("status", "List what is backed up on a device");
-    addLibraryOptions(*command, *options);
+    addBackupOptions(*command, *options);
     addJsonOption(*command, context);
     command->footer(std::string(kExitStatuses) +
                     "\n"

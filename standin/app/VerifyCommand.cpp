@@ -6,12 +6,12 @@
 #include <memory>
 #include <string>
 
+#include "standin/app/BackupOptions.h"
+#include "standin/app/BackupText.h"
 #include "standin/app/Commands.h"
 #include "standin/app/DeviceLayout.h"
 #include "standin/app/Format.h"
 #include "standin/app/Json.h"
-#include "standin/app/LibraryOptions.h"
-#include "standin/app/LibraryText.h"
 #include "standin/app/ProgressLine.h"
 #include "standin/app/Refusal.h"
 #include "standin/app/Signals.h"
@@ -57,7 +57,7 @@ private:
     long files_ = 0;
 };
 
-int verify(const LibraryOptions& options, bool json) {
+int verify(const BackupOptions& options, bool json) {
     const DeviceLayout layout = existingBackup(options.device, options.database);
     const auto lock = DeviceLock::forReading(layout.device);
     if (!lock) {
@@ -107,10 +107,10 @@ int verify(const LibraryOptions& options, bool json) {
 }  // namespace
 
 void addVerifyCommand(CLI::App& program, CommandContext& context) {
-    auto options = std::make_shared<LibraryOptions>();
+    auto options = std::make_shared<BackupOptions>();
     CLI::App* command =
         program.add_subcommand("verify", "Read every file of a backup and compare it with its checksum");
-    addLibraryOptions(*command, *options);
+    addBackupOptions(*command, *options);
     addJsonOption(*command, context);
     command->footer(std::string(kExitStatuses) +
                     "\n"

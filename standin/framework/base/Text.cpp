@@ -1,6 +1,7 @@
 #include "standin/framework/base/Text.h"
 
 #include <Poco/Ascii.h>
+#include <Poco/NumberParser.h>
 #include <utf8proc.h>
 
 #include <algorithm>
@@ -20,6 +21,21 @@ bool disturbsLine(utf8proc_int32_t character) {
     return category == UTF8PROC_CATEGORY_CC || category == UTF8PROC_CATEGORY_ZL ||
            category == UTF8PROC_CATEGORY_ZP || (character >= 0x202a && character <= 0x202e) ||
            (character >= 0x2066 && character <= 0x2069);
+}
+
+/// The character that begins at a place, and how many bytes it has; 0 for a byte that begins none.
+struct Character {
+    utf8proc_int32_t code = -1;
+    std::size_t length = 0;
+};
+
+Character characterAt(const std::string& text, std::size_t at) {
+    Character character;
+    const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(text.data());
+    const utf8proc_ssize_t length =
+        utf8proc_iterate(bytes + at, static_cast<utf8proc_ssize_t>(text.size() - at), &character.code);
+    if (length > 0) character.length = static_cast<std::size_t>(length);
+    return character;
 }
 
 std::string escaped(utf8proc_int32_t character) {
@@ -72,17 +88,14 @@ std::string searchKey(const std::string& text) {
 std::string withoutCharacters(const std::string& text, bool (*isUnwanted)(std::int32_t character)) {
     std::string result;
     result.reserve(text.size());
-    const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(text.data());
     for (std::size_t at = 0; at < text.size();) {
-        utf8proc_int32_t character = -1;
-        const utf8proc_ssize_t length =
-            utf8proc_iterate(bytes + at, static_cast<utf8proc_ssize_t>(text.size() - at), &character);
-        if (length <= 0 || isUnwanted(character)) {
+        const Character character = characterAt(text, at);
+        if (character.length == 0 || isUnwanted(character.code)) {
             result += '_';
         } else {
-            result.append(text, at, static_cast<std::size_t>(length));
+            result.append(text, at, character.length);
         }
-        at += length <= 0 ? 1 : static_cast<std::size_t>(length);
+        at += std::max<std::size_t>(character.length, 1);
     }
     return result;
 }
@@ -96,6 +109,11 @@ std::string cutUtf8(const std::string& text, std::size_t limit) {
     if (text.size() <= limit) return text;
     while (limit > 0 && (static_cast<unsigned char>(text[limit]) & 0xc0) == 0x80) --limit;
     return text.substr(0, limit);
+}
+
+long wholeNumber(const std::string& text) {
+    Poco::Int64 number = 0;
+    return Poco::NumberParser::tryParse64(text, number) ? static_cast<long>(number) : 0;
 }
 
 std::string trimmed(std::string text) {
@@ -113,24 +131,18 @@ std::string oneLine(const std::string& text) {
     const std::string shown = cutUtf8(text, kLongestText);
     std::string line;
     line.reserve(shown.size());
-    const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(shown.data());
     for (std::size_t at = 0; at < shown.size();) {
-        utf8proc_int32_t character = -1;
-        const utf8proc_ssize_t length =
-            utf8proc_iterate(bytes + at, static_cast<utf8proc_ssize_t>(shown.size() - at), &character);
-        if (length <= 0) {
-            line += escaped(bytes[at]);
-            ++at;
-            continue;
-        }
-        if (character == '\\') {
+        const Character character = characterAt(shown, at);
+        if (character.length == 0) {
+            line += escaped(static_cast<unsigned char>(shown[at]));
+        } else if (character.code == '\\') {
             line += "\\\\";
-        } else if (disturbsLine(character)) {
-            line += escaped(character);
+        } else if (disturbsLine(character.code)) {
+            line += escaped(character.code);
         } else {
-            line.append(shown, at, static_cast<std::size_t>(length));
+            line.append(shown, at, character.length);
         }
-        at += static_cast<std::size_t>(length);
+        at += std::max<std::size_t>(character.length, 1);
     }
     if (shown.size() < text.size()) {
         line += "... (" + std::to_string(text.size() - shown.size()) + " bytes left out)";

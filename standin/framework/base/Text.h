@@ -21,6 +21,9 @@ std::string cutUtf8(const std::string& text, std::size_t limit);
 /// True when the text is ASCII only.
 bool isAscii(const std::string& text);
 
+/// The whole number that the text is; 0 for any other text.
+long wholeNumber(const std::string& text);
+
 /// The text without white space at its begin and end.
 std::string trimmed(std::string text);
 

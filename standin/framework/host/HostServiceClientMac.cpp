@@ -24,6 +24,7 @@
 #include <initializer_list>
 #include <map>
 
+#include "hostapi/Conventions.h"
 #include "hostapi/DevLogger.h"
 #include "standin/framework/base/Localisation.h"
 #include "standin/framework/base/Names.h"
@@ -43,7 +44,6 @@ using namespace flickr_standin;
 
 namespace {
 
-constexpr const char* kSuccess = "SUC";
 constexpr const char* kFailure = "ERR";
 
 /// The plug-in makes a set's thumbnail folder together with the set's. When the language has changed since,
@@ -79,9 +79,9 @@ struct HostServiceClientMac::Impl {
 
     /// The same, for an operation on these paths.
     RunDevice& deviceFor(std::initializer_list<std::string> paths) {
-        RunDevice& device = current();
+        RunDevice& opened = current();
         for (const std::string& path : paths) Device::checkPath(path);
-        return device;
+        return opened;
     }
 
     StagedFile& file(long handle) {
@@ -124,7 +124,7 @@ template <typename Operation>
 bool answer(const std::string& description, const Answer& texts, Refused refused, Operation operation) {
     auto& [command, result, error] = texts;
     command = description;
-    result = kSuccess;
+    result = kFileServiceSuccess;
     error.clear();
     try {
         operation();

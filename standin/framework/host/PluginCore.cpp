@@ -20,6 +20,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "hostapi/Conventions.h"
 #include "hostapi/DevLogger.h"
 #include "standin/framework/base/Text.h"
 #include "standin/framework/host/ExceptionCode.h"
@@ -34,7 +35,6 @@ using namespace flickr_standin;
 
 namespace {
 
-constexpr int kSuccess = 1;
 constexpr std::size_t kBufferSize = 2048;
 
 void copyOut(const std::string& text, char* buffer) {

@@ -3,7 +3,7 @@
 //   2024-03-01T12:00:00.123Z INFO core/PhotoSetProcessor.cpp:57 Processing Photo Set: Trip
 //
 // Before the file grows past its limit it becomes NAME.1.gz, the former NAME.1.gz becomes NAME.2.gz, and so
-// on.
+// on. Where that fails it grows on, and is tried again a limit later.
 //
 // A run writes a dozen lines for each item, and a call of the system for each would be a tenth of what an
 // unchanged item costs. So lines are gathered for up to a quarter of a second. A failure is written at once,
@@ -96,6 +96,7 @@ public:
         const std::lock_guard<std::mutex> lock(mutex_);
         close();
         path_ = path;
+        rotateAt_ = kLargestLog;
         open();
     }
 
@@ -107,7 +108,7 @@ public:
     void add(const std::string& line, bool atOnce) {
         const std::lock_guard<std::mutex> lock(mutex_);
         if (descriptor_ < 0) return;
-        if (size_ + static_cast<off_t>(gathered_.size() + line.size()) > kLargestLog) rotate();
+        if (size_ + static_cast<off_t>(gathered_.size() + line.size()) > rotateAt_) rotate();
         const bool first = gathered_.empty();
         gathered_ += line;
         if (atOnce || !gathers_ || gathered_.size() >= kMostGathered) {
@@ -150,13 +151,26 @@ private:
         descriptor_ = -1;
     }
 
+    /// The older logs move only when there is one to take the first place. Another process may have turned
+    /// the file over already: then there is a new one of the name.
     void rotate() {
-        close();
-        for (int number = kOlderLogs; number > 1; --number) {
-            std::rename(older(number - 1).c_str(), older(number).c_str());
+        struct stat mine = {}, named = {};
+        write();
+        const bool isNamed = ::fstat(descriptor_, &mine) == 0 && ::stat(path_.c_str(), &named) == 0 &&
+                             mine.st_ino == named.st_ino && mine.st_dev == named.st_dev;
+        const std::string compressed = path_ + ".0.gz";
+        bool isDone = !isNamed;
+        if (isNamed && compress(path_, compressed)) {
+            for (int number = kOlderLogs; number > 1; --number) {
+                std::rename(older(number - 1).c_str(), older(number).c_str());
+            }
+            isDone = std::rename(compressed.c_str(), older(1).c_str()) == 0 && ::unlink(path_.c_str()) == 0;
         }
-        if (compress(path_, older(1))) ::unlink(path_.c_str());
-        open();
+        if (isDone) {
+            close();
+            open();
+        }
+        rotateAt_ = isDone ? kLargestLog : size_ + kLargestLog;
     }
 
     std::string older(int number) const { return path_ + "." + std::to_string(number) + ".gz"; }
@@ -206,6 +220,7 @@ private:
     std::string path_;
     int descriptor_ = -1;
     off_t size_ = 0;
+    off_t rotateAt_ = kLargestLog;
     std::string gathered_;
     bool gathers_ = true;
     std::condition_variable condition_;

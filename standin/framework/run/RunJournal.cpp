@@ -1,13 +1,12 @@
 #include "standin/framework/run/RunJournal.h"
 
-#include <Poco/NumberParser.h>
-
 #include <algorithm>
 #include <string_view>
 #include <utility>
 
 #include "core/RunLines.h"
 #include "standin/framework/base/Names.h"
+#include "standin/framework/base/Text.h"
 #include "standin/framework/run/RunState.h"
 #include "standin/framework/run/Secrets.h"
 
@@ -21,14 +20,8 @@ bool startsWith(const std::string& text, std::string_view start) {
     return text.compare(0, start.size(), start) == 0;
 }
 
-long numberOf(const std::string& text) {
-    int number = 0;
-    return Poco::NumberParser::tryParse(text, number) ? number : 0;
-}
-
 constexpr const char* kIdRefused =
     "Its id holds characters that the service's ids never hold, so it was not asked for";
-constexpr const char* kRefused = "Invalid Auth Token";
 
 }  // namespace
 
@@ -107,10 +100,10 @@ void RunJournal::followLists(const std::string& line) {
                                     summary_.failures.end());
         }
     } else if (const auto items = kListEnds.read(line)) {
-        endListing(numberOf(*items));
+        endListing(wholeNumber(*items));
     } else if (const auto sets = kSetsListed.read(line)) {
         setsListed_ = true;
-        if (!isRunStopped()) sets_ = numberOf(*sets);
+        if (!isRunStopped()) sets_ = wholeNumber(*sets);
     }
 }
 
@@ -177,15 +170,15 @@ void RunJournal::endItem() {
 RunJournal::Told RunJournal::exception(const std::string& message, bool lastAttempt) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const std::string text = maskSecrets(message);
-    if (startsWith(message, "Exception occurred in getPhotoInformation()")) {
+    if (startsWith(message, kRenditionsFail)) {
         lookupFailure_ = text;
-    } else if (startsWith(message, "Exception occurred in DownloadPhotoListActivity")) {
+    } else if (startsWith(message, kListFails)) {
         // A stop that the user asked for hides no failure.
         if (lastAttempt && (!isRunStopped() || isStoppedByUser())) addFailure("", text);
-    } else if (startsWith(message, "Exception occurred in ProcessPhoto()")) {
+    } else if (startsWith(message, kItemFails)) {
         reason_ = text;
         endItem();
-    } else if (startsWith(message, "Exception occurred in Media Download Activity")) {
+    } else if (startsWith(message, kTransferFails)) {
         reason_ = text;
     } else if (!reason_.empty() && text.find(reason_) != std::string::npos) {
         // A row for which the file service could not put the files in place, and said why.
@@ -261,7 +254,7 @@ void RunJournal::addFailureOnce(const std::string& name, const std::string& set,
 
 void RunJournal::addRefusal(const std::string& line) {
     for (std::string& error : summary_.errors) {
-        if (error == kRefused) error += ". " + maskSecrets(line);
+        if (error == kSignInRefused) error += ". " + maskSecrets(line);
     }
 }
 

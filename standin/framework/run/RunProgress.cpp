@@ -1,23 +1,16 @@
 #include "standin/framework/run/RunProgress.h"
 
-#include <Poco/NumberParser.h>
-
 #include <algorithm>
 #include <functional>
 
 #include "core/RunLines.h"
+#include "standin/framework/base/Text.h"
 
 namespace flickr_standin {
 
 namespace {
 
 using namespace Norvale_Plugin_Flickr;  // the lines' names
-
-/// The number in which a line ends; 0 for none.
-long numberOf(const std::string& text) {
-    int number = 0;
-    return Poco::NumberParser::tryParse(text, number) ? number : 0;
-}
 
 }  // namespace
 
@@ -54,7 +47,7 @@ void RunProgress::logLine(const std::string& line) {
     } else if (kItemEnds.read(line)) {
         settleItem();
     } else if (const auto ofAll = kItemsAnnounced.read(line)) {
-        moment_.toDo = numberOf(*ofAll);
+        moment_.toDo = wholeNumber(*ofAll);
     } else if (const auto title = kSetBegins.read(line)) {
         settleItem();
         moment_.phase = RunMoment::Phase::Listing;
@@ -62,17 +55,17 @@ void RunProgress::logLine(const std::string& line) {
         moment_.listed = 0;
         moment_.announced = 0;
     } else if (const auto ofSet = kSetAnnounced.read(line)) {
-        moment_.announced = numberOf(*ofSet);
+        moment_.announced = wholeNumber(*ofSet);
     } else if (kListAttempt.read(line)) {
         moment_.listed = 0;
     } else if (const auto early = kLeftOutByDate.read(line)) {
-        leftOut_.byDate += numberOf(*early);
+        leftOut_.byDate += wholeNumber(*early);
     } else if (const auto other = kLeftOutByKind.read(line)) {
-        leftOut_.byKind += numberOf(*other);
+        leftOut_.byKind += wholeNumber(*other);
     } else if (const auto items = kListEnds.read(line)) {
         // What was announced and is not chosen, or was not listed, is no work.
         moment_.phase = RunMoment::Phase::Items;
-        moment_.toDo = std::max(moment_.done, moment_.toDo + numberOf(*items) - moment_.announced);
+        moment_.toDo = std::max(moment_.done, moment_.toDo + wholeNumber(*items) - moment_.announced);
     }
 }
 

@@ -144,8 +144,8 @@ Registry& registry() {
 }  // namespace
 
 struct BackupDatabase::Impl {
-    Impl(const std::string& path, Missing missing)
-        : path(path), realPath(realPathOf(path)), file(open(missing)) {
+    Impl(const std::string& databasePath, Missing missing)
+        : path(databasePath), realPath(realPathOf(databasePath)), file(open(missing)) {
         // Sessions that the plug-in opens join the cache of this connection: they find the schema read.
         sqlite3_enable_shared_cache(1);
     }

@@ -1,7 +1,7 @@
 // The options of the commands that look at a backup which is there.
 
-#ifndef STANDIN_APP_LIBRARYOPTIONS_H
-#define STANDIN_APP_LIBRARYOPTIONS_H
+#ifndef STANDIN_APP_BACKUPOPTIONS_H
+#define STANDIN_APP_BACKUPOPTIONS_H
 
 #include <CLI/CLI.hpp>
 #include <string>
@@ -11,13 +11,13 @@
 namespace flickr_app {
 
 /// Which backup.
-struct LibraryOptions {
+struct BackupOptions {
     std::string device;
     std::string database = kDefaultDatabase;
 };
 
 /// Adds --device and --database to the command; options has to live as long as it.
-inline void addLibraryOptions(CLI::App& command, LibraryOptions& options) {
+inline void addBackupOptions(CLI::App& command, BackupOptions& options) {
     command.add_option("--device", options.device, "Directory that holds the backup")
         ->required()
         ->type_name("DIR");

@@ -1,4 +1,4 @@
-#include "standin/app/LibraryText.h"
+#include "standin/app/BackupText.h"
 
 #include <string>
 #include <vector>

@@ -1,7 +1,7 @@
 // How disagreements between the database and the device are told.
 
-#ifndef STANDIN_APP_LIBRARYTEXT_H
-#define STANDIN_APP_LIBRARYTEXT_H
+#ifndef STANDIN_APP_BACKUPTEXT_H
+#define STANDIN_APP_BACKUPTEXT_H
 
 #include <Poco/JSON/Object.h>
 
