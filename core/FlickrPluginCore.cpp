@@ -162,7 +162,9 @@ FlickrPluginCore::FlickrPluginCore(std::string logDirectory, std::string configD
     initialize();
 }
 
-FlickrPluginCore::~FlickrPluginCore() = default;
+FlickrPluginCore::~FlickrPluginCore() {
+    for (std::string* secret : {&authToken_, &apiKey_, &apiSecret_}) wipe(*secret);
+}
 
 void FlickrPluginCore::initialize() {}
 

@@ -37,10 +37,7 @@ PhotoSetProcessor::PhotoSetProcessor(std::string& name)
 void PhotoSetProcessor::initialize(std::string connectionString, std::string authToken, std::string apiKey,
                                    std::string apiSecret, std::string dataUrl, std::string mediaToBackup) {
     connectionString_ = std::move(connectionString);
-    authToken_ = std::move(authToken);
-    apiKey_ = std::move(apiKey);
-    apiSecret_ = std::move(apiSecret);
-    dataUrl_ = std::move(dataUrl);
+    access_ = {std::move(dataUrl), std::move(authToken), std::move(apiKey), std::move(apiSecret)};
     mediaToBackup_ = std::move(mediaToBackup);
     database_.setConnectionString(connectionString_);
 }
@@ -63,8 +60,8 @@ void PhotoSetProcessor::processOneSet(PhotoSet& set, const Poco::DateTime& since
 
     DownloadPhotoListActivity list;
     try {
-        list.setData(set.getPhotoSetID(), set, authToken_, apiKey_, apiSecret_, dataUrl_, since,
-                     mediaToBackup_);
+        list.setData(set.getPhotoSetID(), set, access_.authToken, access_.apiKey, access_.apiSecret,
+                     access_.dataUrl, since, mediaToBackup_);
         list.start();
         Poco::ThreadPool::defaultPool().joinAll();
         list.stop();

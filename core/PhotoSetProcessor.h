@@ -11,6 +11,7 @@
 #include "core/FlickrDbInterface.h"
 #include "core/Photo.h"
 #include "core/PhotoSet.h"
+#include "core/SignedRequest.h"
 #include "hostapi/ExceptionHandlerMac.h"
 #include "hostapi/HostServiceClientMac.h"
 
@@ -68,10 +69,7 @@ private:
     Norvale_Plugin_Core::HostServiceClientMac client_;
     FlickrDbInterface database_;
     std::string connectionString_;
-    std::string authToken_;
-    std::string apiKey_;
-    std::string apiSecret_;
-    std::string dataUrl_;
+    ServiceAccess access_;
     std::string mediaToBackup_;
     Norvale_Plugin_Core::ExceptionHandlerMac exceptionHandler_;
 };

@@ -1,6 +1,7 @@
 #include "core/RunSupport.h"
 
 #include <Poco/Ascii.h>
+#include <openssl/crypto.h>
 
 #include <algorithm>
 #include <cstring>
@@ -17,6 +18,11 @@ bool holdsOnly(const std::string& text, const char* others) {
 }
 
 }  // namespace
+
+void wipe(std::string& secret) {
+    OPENSSL_cleanse(secret.data(), secret.size());
+    secret.clear();
+}
 
 bool fitsRequestLine(const std::string& text) {
     return std::all_of(text.begin(), text.end(), [](unsigned char c) { return c > 0x20 && c != 0x7f; });

@@ -55,6 +55,9 @@ void tryAttempts(const char* attemptLine, const char* stopLine, Attempt attempt,
     }
 }
 
+/// Overwrites a secret, so that it does not stay in memory behind its use.
+void wipe(std::string& secret);
+
 /// Whether the text can stand in a request line; white space and control characters would end it early.
 bool fitsRequestLine(const std::string& text);
 

@@ -24,6 +24,10 @@ constexpr const char* kExtrasEncoded =
 
 }  // namespace
 
+ServiceAccess::~ServiceAccess() {
+    for (std::string* secret : {&authToken, &apiKey, &apiSecret}) wipe(*secret);
+}
+
 SignedRequest::SignedRequest(const ServiceAccess& access, std::string method) : access_(access) {
     add("method", std::move(method));
     add("api_key", access.apiKey);

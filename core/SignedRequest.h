@@ -21,12 +21,14 @@
 
 namespace Norvale_Plugin_Flickr {
 
-/// Where calls go and on whose behalf.
+/// Where calls go and on whose behalf. The secrets are overwritten at its end.
 struct ServiceAccess {
     std::string dataUrl;  ///< address of the REST endpoint; its host, port and path are used
     std::string authToken;
     std::string apiKey;
     std::string apiSecret;
+
+    ~ServiceAccess();
 };
 
 /// One call.

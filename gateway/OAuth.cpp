@@ -7,6 +7,7 @@
 #include <Poco/SHA1Engine.h>
 #include <Poco/String.h>
 #include <Poco/URI.h>
+#include <openssl/crypto.h>
 #include <sys/random.h>
 
 #include <algorithm>
@@ -32,6 +33,12 @@ std::string baseAddress(const std::string& address) {
 }
 
 }  // namespace
+
+OAuthKeys::~OAuthKeys() {
+    for (std::string* secret : {&apiKey, &apiSecret, &token, &tokenSecret}) {
+        OPENSSL_cleanse(secret->data(), secret->size());
+    }
+}
 
 std::string percentEncode(const std::string& text) {
     std::string encoded;
@@ -72,7 +79,9 @@ std::string signatureBase(const std::string& method, const std::string& address,
 
 std::string signatureOf(const std::string& base, const std::string& apiSecret,
                         const std::string& tokenSecret) {
-    Poco::HMACEngine<Poco::SHA1Engine> hmac(percentEncode(apiSecret) + '&' + percentEncode(tokenSecret));
+    std::string key = percentEncode(apiSecret) + '&' + percentEncode(tokenSecret);
+    Poco::HMACEngine<Poco::SHA1Engine> hmac(key);
+    OPENSSL_cleanse(key.data(), key.size());
     hmac.update(base);
     const Poco::DigestEngine::Digest& digest = hmac.digest();
     std::ostringstream text;

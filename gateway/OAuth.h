@@ -21,11 +21,14 @@ namespace flickr_gateway {
 using Parameters = std::vector<std::pair<std::string, std::string>>;
 
 /// Who asks: the application, and the user whom its token stands for. Without a token the last two are empty.
+/// The secrets are overwritten at its end.
 struct OAuthKeys {
     std::string apiKey;
     std::string apiSecret;
     std::string token;
     std::string tokenSecret;
+
+    ~OAuthKeys();
 };
 
 /// Everything but letters, digits, "-", ".", "_" and "~" as "%" and two upper-case digits (RFC 5849, 3.6).

@@ -281,10 +281,14 @@ std::vector<Descriptor> Device::leftByOlderVersion(const std::string& path, cons
 
 // What the ledger no longer calls pending has to be in the database: that goes first.
 void Device::flushRows() {
-    std::set<std::string> folders;
+    std::set<std::string> folders, emptied;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         folders.swap(descriptions_);
+        emptied.swap(emptied_);
+    }
+    for (const std::string& folder : emptied) {
+        if (folder.empty() || isFolder(folder)) flushFolder(folder);
     }
     for (const std::string& folder : folders) {
         const Descriptor descriptions = isFolder(folder) ? openDescriptionFolder(folder) : Descriptor();
@@ -304,6 +308,11 @@ void Device::flushRows() {
 void Device::flushLedger() {
     if (ledger_.speaksOfUnflushedRows()) return flushRows();
     ledger_.flush();
+}
+
+void Device::flushFolderWithRows(const std::string& folder) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    emptied_.insert(folder);
 }
 
 void Device::flushFolder(const std::string& folder) {
@@ -521,6 +530,7 @@ long Device::removeParts(const std::string& folder) {
         const Descriptor descriptor = openFolder(place);
         for (const std::string& name : parts) removed += ::unlinkat(descriptor.get(), name.c_str(), 0) == 0;
     }
+    if (removed > 0) flushFolderWithRows(folder);
     return removed;
 }
 

@@ -83,6 +83,10 @@ public:
     void flushRows();
     /// Puts the ledger on the disk, and before it the rows that it counts on.
     void flushLedger();
+    /// A temporary file was removed from the folder, which no row speaks of: on the disk when rows are the next
+    /// time. A power cut would bring it back otherwise, behind a use that ended well, and nobody would look for
+    /// it.
+    void flushFolderWithRows(const std::string& folder);
     /// Puts on the disk which names there are in a folder and among its descriptions.
     void flushFolder(const std::string& folder);
 
@@ -157,6 +161,7 @@ private:
     std::set<std::string> left_;          // keys of names that a rename has left, and nothing has taken since
     bool leftUnflushed_ = false;          // some of these renames since the rows were flushed last
     std::set<std::string> descriptions_;  // folders whose descriptions were written since then
+    std::set<std::string> emptied_;       // folders from which temporary files were removed
     std::set<std::string> waiting_;       // old versions that go behind the next flush of rows
 };
 

@@ -30,8 +30,10 @@ NewDescription::NewDescription(Device& device, const std::string& folder, std::s
 }
 
 NewDescription::~NewDescription() {
-    if (placed_ || ::unlinkat(descriptions_.get(), partName_.c_str(), 0) == 0 || errno == ENOENT) return;
-    device_.ledger().leaveInUse();
+    if (placed_) return;
+    if (::unlinkat(descriptions_.get(), partName_.c_str(), 0) != 0 && errno != ENOENT)
+        device_.ledger().leaveInUse();
+    device_.flushFolderWithRows(folder_);
 }
 
 void NewDescription::write(const std::string& text) {

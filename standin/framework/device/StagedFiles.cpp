@@ -79,6 +79,7 @@ StagedFile::~StagedFile() {
     // On a device that fails it stays, for the next run to remove.
     if (::unlinkat(folder_.get(), partName_.c_str(), 0) != 0 && errno != ENOENT)
         device_.ledger().leaveInUse();
+    device_.flushFolderWithRows(folderOf(path_));
     if (entered_) undo();
 }
 
