@@ -77,6 +77,7 @@ private:
     bool isDatabaseOlder();
     bool isUnchanged(const LedgerFile& file);
     bool isSameFile(const std::string& path, const std::string& other);
+    void flushNames(const std::string& folder);
     void forgetRemoved();
     std::string checksumOf(const std::string& path);
     void rehash(LedgerFile file);
@@ -329,10 +330,12 @@ void Recovery::settleReturned(const LedgerFile& aside, const std::string& path,
         } else {
             device_.moveDescription(aside.path, path);
         }
+        flushNames(folderOf(path));  // no row speaks of the description then
         ledger.moveFile(aside.path, path, "");
         return;
     }
     device_.removeDescription(folderOf(path), nameOf(aside.path) + kDescriptionExtension);
+    flushNames(folderOf(path));
     if (checksum.empty() || !device_.owns(path, aside.item)) return;
     if (!current) ledger.putFile({path, aside.item, 0, "", "", FileState::PendingOlder});
     if (current && checksum != current->checksum) ledger.setState(path, FileState::PendingOlder);
@@ -503,13 +506,15 @@ void Recovery::remove(const std::string& path) {
     removed_.push_back(path);
 }
 
+void Recovery::flushNames(const std::string& folder) {
+    if (folder.empty() || device_.isFolder(folder)) device_.flushFolder(folder);
+}
+
 /// Takes the rows of removed files out of the ledger, as soon as the disk knows of the removal.
 void Recovery::forgetRemoved() {
     std::set<std::string> folders;
     for (const std::string& path : removed_) folders.insert(folderOf(path));
-    for (const std::string& folder : folders) {
-        if (folder.empty() || device_.isFolder(folder)) device_.flushFolder(folder);
-    }
+    for (const std::string& folder : folders) flushNames(folder);
     for (const std::string& path : removed_) {
         const auto file = device_.ledger().file(path);
         if (file && file->state == FileState::Removed) device_.ledger().eraseFile(path);
