@@ -19,11 +19,18 @@ def snapshot(device):
             for path in [device, *device.rglob("*")]}
 
 
+def service(device):
+    return device.resolve() / "Brightkettle/My Flickr Items"
+
+
+def media(device):
+    """The contents of all files that are not the program's own, by path."""
+    return {path.relative_to(service(device)): path.read_bytes() for path in service(device).rglob("*.*")
+            if path.is_file() and ".records" not in path.parts and "index" not in str(path)}
+
+
 class Backups(Rig):
     ACCOUNT = ["--generate", "2x30", "--videos", "1", "--loose", "2"]
-
-    def service(self, device):
-        return device / "Brightkettle/My Flickr Items"
 
     def leftovers(self):
         return list((self.work / "tmp").iterdir())
@@ -100,14 +107,13 @@ class Backups(Rig):
         self.assertEqual(file.read_bytes().count(b"\r\n"), 63)
         with open(file, newline="", encoding="utf-8") as lines:
             table = list(csv.DictReader(lines))
-        service = self.service(device).resolve()
         columns = {"id": "id", "photo_id": "photoId", "set": "set", "title": "title", "kind": "kind",
                    "taken": "taken", "description": "description"}
         for row, item in zip(table, everything):
             for column, member in columns.items():
                 self.assertEqual(row[column], item[member])
-            self.assertEqual((row["tags"], str(service / row["file"])), (";".join(item["tags"]), item["path"]))
-            self.assertEqual(int(row["size"]), (service / row["file"]).stat().st_size)
+            self.assertEqual((row["tags"], str(service(device) / row["file"])), (";".join(item["tags"]), item["path"]))
+            self.assertEqual(int(row["size"]), (service(device) / row["file"]).stat().st_size)
 
         missing = pathlib.Path(one["path"])
         missing.unlink()
@@ -121,6 +127,61 @@ class Backups(Rig):
                           ["export", "--json"]]:
             self.assertEqual(self.call(*arguments, "--device", device).returncode, 2, arguments)
         self.assertEqual(self.leftovers(), [])
+
+
+class Repair(Rig):
+    """With a service that takes its time."""
+
+    def verify(self, device, *options):
+        done = self.call("verify", "--device", device, *options, "--json")
+        found = self.check("verify", done.stdout)
+        self.assertEqual(done.returncode, 0 if found["result"] == "success" else 1, done)
+        return found
+
+    def test_what_is_damaged_is_fetched_again(self):
+        device = self.device("damaged")
+        self.assertEqual(self.call("run", "--device", device).returncode, 0)
+        whole = media(device)
+        pictures = [path for path in sorted(whole) if "Thumbnail" not in path.parts]
+        gone, cut, changed, described = pictures[:4]
+        (service(device) / gone).unlink()
+        (service(device) / cut).write_bytes(b"cut")
+        (service(device) / changed).write_bytes(whole[changed][:-1] + b"?")
+        (service(device) / described.parent / ".records" / (described.name + ".xml")).unlink()
+        next((service(device) / pictures[4].parent / "Thumbnail").glob(pictures[4].stem + "_*")).unlink()
+        for name in [".DS_Store", "._a.jpg", "Thumbs.db", "DESKTOP.INI", "@eaDir", "System Volume Information",
+                     ".Trash-1"]:
+            (service(device) / name).mkdir()
+            (service(device) / name / "x").touch()
+
+        found = self.verify(device)
+        self.assertEqual((found["missing"][0], found["altered"]), (str(gone), [str(cut), str(changed)]))
+        self.assertEqual((len(found["missing"]), len(found["descriptions"]), found["unrecorded"]), (2, 1, []))
+        before = snapshot(device)
+        self.assertEqual(self.call("verify", "--device", device).returncode, 1)
+        self.assertEqual(snapshot(device), before)
+        self.assertIn("missing on the device now", self.call("run", "--device", device).stdout)
+
+        self.assertEqual(self.verify(device, "--repair")["marked"], 5)
+        self.assertEqual(self.verify(device)["toFetchAgain"], [str(path) for path in pictures[:5]])
+        self.assertEqual(media(device)[changed], whole[changed][:-1] + b"?")
+        damaged = {path: (service(device) / path).read_bytes() for path in (cut, changed)}
+        for _ in damaged:
+            earlier = set(service(device).rglob("*_Old.*"))
+            with subprocess.Popen([self.program(), "run", "--device", device], env=self.environment(),
+                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL) as run:
+                while run.poll() is None and set(service(device).rglob("*_Old.*")) <= earlier:
+                    time.sleep(0.002)
+                run.kill()
+            now = media(device)
+            for path, content in damaged.items():
+                aside = path.with_name(path.stem + "_Old" + path.suffix)
+                self.assertTrue(content in (now.get(path), now.get(aside)) or now[path] == whole[path], path)
+        done = self.call("run", "--device", device, "--json")
+        self.assertEqual(self.check("run", done.stdout)["result"], "success")
+        self.assertEqual(media(device), whole)
+        self.verify(device)
+        self.assertEqual(self.check("run", self.call("run", "--device", device, "--json").stdout)["edited"], 0)
 
 
 if __name__ == "__main__":

@@ -21,6 +21,7 @@ void printDisagreements(std::ostream& out, const flickr_standin::BackupReport& r
     list("Recorded, but missing on the device", report.missing);
     list("Altered since it was backed up", report.altered);
     list("On the device, but not recorded", report.unrecorded);
+    list("Marked to be fetched again by the next run", report.toFetchAgain);
     list("Description records that are missing or cannot be read", report.descriptions);
 }
 
@@ -29,6 +30,7 @@ void addDisagreements(Poco::JSON::Object& object, const flickr_standin::BackupRe
     object.set("altered", jsonArray(report.altered));
     object.set("unrecorded", jsonArray(report.unrecorded));
     object.set("descriptions", jsonArray(report.descriptions));
+    object.set("toFetchAgain", jsonArray(report.toFetchAgain));
 }
 
 }  // namespace flickr_app

@@ -11,10 +11,11 @@
 
 namespace flickr_app {
 
-/// Lists missing, altered and unrecorded files and unusable records, or says that there are none.
+/// Lists missing, altered, unrecorded and marked files and unusable records, or says that there are none.
 void printDisagreements(std::ostream& out, const flickr_standin::BackupReport& report);
 
-/// The same as members of a JSON object: "missing", "altered", "unrecorded" and "descriptions".
+/// The same as members of a JSON object: "missing", "altered", "unrecorded", "descriptions" and
+/// "toFetchAgain".
 void addDisagreements(Poco::JSON::Object& object, const flickr_standin::BackupReport& report);
 
 }  // namespace flickr_app

@@ -159,6 +159,12 @@ void addDamage(BackupDatabase& database, const DeviceLayout& layout, flickr_stan
     for (const std::string& path : report.altered) {
         summary.errors.push_back("Backed up earlier and of another size on the device now: " + path);
     }
+    if (!report.damagedItems.empty()) {
+        summary.warnings.push_back(
+            "What is missing or of another size is fetched again after flickr-backup "
+            "verify --repair --device " +
+            layout.device);
+    }
 }
 
 /// Tells the failures of which an earlier version is on the device.

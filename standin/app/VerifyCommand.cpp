@@ -19,6 +19,7 @@
 #include "standin/framework/device/BackupCheck.h"
 #include "standin/framework/device/BackupReading.h"
 #include "standin/framework/device/DeviceLock.h"
+#include "standin/framework/run/Upkeep.h"
 #include "standin/framework/store/BackupDatabase.h"
 
 namespace flickr_app {
@@ -37,7 +38,9 @@ public:
         for (const auto& folder : database.folders()) files_ += kFilesOfItem * folder.items;
     }
 
+    /// Throws Stopped when a signal ends the check.
     void show(const BackupReport& report) {
+        throwIfStopped();
         const double elapsed = std::chrono::duration<double>(Clock::now() - start_).count();
         if (elapsed < next_) return;
         next_ = elapsed + kSeconds;
@@ -57,26 +60,53 @@ private:
     long files_ = 0;
 };
 
-int verify(const BackupOptions& options, bool json) {
-    const DeviceLayout layout = existingBackup(options.device, options.database);
+struct Options : BackupOptions {
+    bool repair = false;
+};
+
+/// What a check found.
+struct Findings {
+    std::string databaseProblem;
+    BackupReport report;
+};
+
+Findings lookThrough(const DeviceLayout& layout) {
     const auto lock = DeviceLock::forReading(layout.device);
     if (!lock) {
         throw CannotBegin("A backup to " + layout.device +
                           " is going on; wait until it has finished, or stop it.");
     }
-    const Signals signals;
     BackupReading reading = beforehand([&] { return BackupReading(layout.place()); });
-    std::string problem;
-    BackupReport report;
+    Findings findings;
     reading.read([&] {
-        problem = reading.database().integrityProblem();
+        findings.databaseProblem = reading.database().integrityProblem();
         CheckDisplay display(reading.database());
-        report = flickr_standin::checkBackup(reading.database(), reading.device(),
-                                             flickr_standin::Contents::Read, [&](const BackupReport& found) {
-                                                 throwIfStopped();
-                                                 display.show(found);
-                                             });
+        findings.report =
+            flickr_standin::checkBackup(reading.database(), reading.device(), flickr_standin::Contents::Read,
+                                        [&](const BackupReport& report) { display.show(report); });
     });
+    return findings;
+}
+
+Findings repair(const DeviceLayout& layout) {
+    const auto lock = beforehand([&] { return DeviceLock(layout.device); });
+    BackupDatabase database = beforehand([&] { return BackupDatabase(layout.databasePath); });
+    const std::string problem = database.integrityProblem();
+    if (!problem.empty()) {
+        throw CannotBegin("The database " + layout.databasePath + " is damaged (" + problem +
+                          "); nothing can be marked in it.");
+    }
+    CheckDisplay display(database);
+    return {"", flickr_standin::repairBackup(database, layout.serviceFolder, layout.thumbnailWord,
+                                             [&](const BackupReport& report) { display.show(report); })};
+}
+
+int verify(const Options& options, bool json) {
+    const DeviceLayout layout = existingBackup(options.device, options.database);
+    const Signals signals;
+    const Findings findings = options.repair ? repair(layout) : lookThrough(layout);
+    const auto& [problem, report] = findings;
+    const auto marked = static_cast<long>(options.repair ? report.damagedItems.size() : 0);
 
     const bool agrees = report.agrees() && problem.empty();
     if (json) {
@@ -87,6 +117,7 @@ int verify(const BackupOptions& options, bool json) {
         object.set("bytes", report.bytes);
         object.set("withoutChecksum", std::int64_t{report.withoutChecksum});
         object.set("databaseProblem", flickr_standin::validUtf8(problem));
+        object.set("marked", std::int64_t{marked});
         addDisagreements(object, report);
         printJson(std::cout, object);
         return agrees ? ExitSuccess : ExitFailure;
@@ -100,6 +131,14 @@ int verify(const BackupOptions& options, bool json) {
     }
     if (!problem.empty()) std::cout << "The database is damaged: " << printable(problem) << "\n";
     if (problem.empty() || !report.agrees()) printDisagreements(std::cout, report);
+    if (marked > 0) {
+        std::cout << formatCount(marked, "item")
+                  << (marked == 1 ? " is marked: the next run fetches it"
+                                  : " are marked: the next run fetches them")
+                  << " again.\n";
+    } else if (report.damagedItems.size() > report.toFetchAgain.size()) {
+        std::cout << "With --repair the next run fetches again what is missing or altered.\n";
+    }
     std::cout << std::flush;
     return agrees ? ExitSuccess : ExitFailure;
 }
@@ -107,15 +146,23 @@ int verify(const BackupOptions& options, bool json) {
 }  // namespace
 
 void addVerifyCommand(CLI::App& program, CommandContext& context) {
-    auto options = std::make_shared<BackupOptions>();
+    auto options = std::make_shared<Options>();
     CLI::App* command =
         program.add_subcommand("verify", "Read every file of a backup and compare it with its checksum");
     addBackupOptions(*command, *options);
+    command->add_flag(
+        "--repair", options->repair,
+        "Put the backup in order, and have the next run fetch again what is missing or altered");
     addJsonOption(*command, context);
-    command->footer(std::string(kExitStatuses) +
-                    "\n"
-                    "Example:\n"
-                    "  flickr-backup verify --device /media/usb");
+    command->footer(
+        std::string(
+            "An altered file stays until a new one has come, also when you have changed it yourself.\n"
+            "What systems leave on disks (.DS_Store, Thumbs.db and the like) is passed over. Without\n"
+            "--repair nothing is written.\n") +
+        kExitStatuses +
+        "\n"
+        "Example:\n"
+        "  flickr-backup verify --device /media/usb --repair");
     command->callback([options, &context] { context.status = verify(*options, context.json); });
 }
 

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <set>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -23,6 +24,21 @@ namespace flickr_standin {
 namespace {
 
 constexpr std::size_t kOpenFolders = 64;
+
+/// True for what systems leave on the disks that they meet.
+bool isOfSystem(const std::string& name) {
+    static const std::set<std::string> kNames = [] {
+        std::set<std::string> keys;
+        for (const char* known :
+             {".DS_Store", ".fseventsd", ".Spotlight-V100", ".TemporaryItems", ".Trashes", "@eaDir",
+              "Thumbs.db", "desktop.ini", "System Volume Information", "$RECYCLE.BIN", "lost+found"}) {
+            keys.insert(nameKey(known));
+        }
+        return keys;
+    }();
+    return name.compare(0, 2, "._") == 0 || name.compare(0, 7, ".Trash-") == 0 ||
+           kNames.count(nameKey(name)) != 0;
+}
 
 /// Whether a viewer can read the description, and finds that id in it.
 bool isDescriptionOf(const std::string& text, const std::string& id) {
@@ -47,18 +63,26 @@ public:
     BackupReport run() {
         database_.forEachItem([&](const ItemRow& row) {
             ++report_.items;
+            const std::size_t before = found();
             if (checkFile(row.mediaPath, row)) checkDescription(row);
             checkFile(thumbnailOf(row), row);
+            if (found() > before) report_.damagedItems.insert(row.id);
+            if (row.isToFetchAgain()) report_.toFetchAgain.push_back(row.mediaPath);
         });
         checkFolderDescriptions();
         findUnrecorded("");
-        for (auto* list : {&report_.missing, &report_.altered, &report_.unrecorded, &report_.descriptions}) {
+        for (auto* list : {&report_.missing, &report_.altered, &report_.unrecorded, &report_.descriptions,
+                           &report_.toFetchAgain}) {
             std::sort(list->begin(), list->end());
         }
         return std::move(report_);
     }
 
 private:
+    std::size_t found() const {
+        return report_.missing.size() + report_.altered.size() + report_.descriptions.size();
+    }
+
     /// Where the thumbnail really is: its row names it by the current language.
     std::string thumbnailOf(const ItemRow& row) {
         const std::string named = thumbnailPath(row, device_.thumbnailWord());
@@ -90,7 +114,7 @@ private:
             report_.altered.push_back(path);
         } else if (!entry || entry->checksum.empty()) {
             ++report_.withoutChecksum;
-        } else if (readContents_ && checksumOf(path) != entry->checksum) {
+        } else if (readContents_ && !holds(path, entry->checksum)) {
             report_.altered.push_back(path);
         }
         if (progress_) progress_(report_);
@@ -131,13 +155,19 @@ private:
         return found ? std::optional(status) : std::nullopt;
     }
 
-    std::string checksumOf(const std::string& path) {
+    /// False also for a file with a place on the disk that cannot be read any more.
+    bool holds(const std::string& path, const std::string& expected) {
         Checksum checksum;
-        device_.readFile(path, [&](const char* data, std::size_t size) {
-            checksum.update(data, size);
-            if (progress_) progress_(report_);
-        });
-        return checksum.text();
+        try {
+            device_.readFile(path, [&](const char* data, std::size_t size) {
+                checksum.update(data, size);
+                if (progress_) progress_(report_);
+            });
+        } catch (DeviceException&) {
+            device_.requireThere();
+            return false;
+        }
+        return checksum.text() == expected;
     }
 
     bool isOwnFile(const std::string& path) const {
@@ -155,7 +185,7 @@ private:
         device_.listFolder(folder, [&](const std::string& name) {
             if (name == kDescriptionFolder || (folder.empty() && isOfGallery(name))) return;
             const std::string path = joinPath(folder, name);
-            if (recorded_.count(path) != 0) return;
+            if (recorded_.count(path) != 0 || isOfSystem(name)) return;
             if (device_.isFolder(path)) {
                 findUnrecorded(path);
             } else if (!isOwnFile(path)) {

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -25,13 +26,16 @@ struct BackupReport {
     long withoutChecksum = 0;  ///< files whose content could not be compared because no checksum is kept
     std::map<std::string, std::uint64_t> folderBytes;  ///< by device folder, "" for the items in no set
     std::vector<std::string> missing;                  ///< recorded, and not on the device
-    std::vector<std::string> altered;                  ///< on the device with another size or content
-    std::vector<std::string> unrecorded;               ///< on the device, and recorded nowhere
+    std::vector<std::string> altered;     ///< on the device with another size or content, or unreadable
+    std::vector<std::string> unrecorded;  ///< on the device, recorded nowhere, no system's
     /// Descriptions that no viewer can use: those of items that are missing, no XML or another item's,
     /// and those of folders that are no XML or another folder's. Only when contents are read.
     std::vector<std::string> descriptions;
+    std::vector<std::string> toFetchAgain;  ///< files of items that the next run fetches again
+    std::set<std::string> damagedItems;     ///< ids of items of which a file or description is named above
     bool agrees() const {
-        return missing.empty() && altered.empty() && unrecorded.empty() && descriptions.empty();
+        return missing.empty() && altered.empty() && unrecorded.empty() && descriptions.empty() &&
+               toFetchAgain.empty();
     }
 };
 

@@ -40,7 +40,7 @@ std::string plainDate(const std::string& iso) {
     std::string date = iso.substr(0, kLength);
     date[10] = ' ';
     if (date.find_first_not_of("0123456789-: ") != std::string::npos) return {};
-    return date == kEpoch ? std::string() : date;
+    return date == kEpoch || date == kToFetchAgain ? std::string() : date;
 }
 
 /// The month that the word stands for in any of the framework's languages, from 1; 0 for another word.

@@ -482,9 +482,15 @@ void Recovery::settleThumbnail(const LedgerFile& file, const ItemRow& row) {
     }
 }
 
+/// Empty for a file that cannot be read.
 std::string Recovery::checksumOf(const std::string& path) {
     Checksum checksum;
-    device_.readFile(path, [&](const char* data, std::size_t size) { checksum.update(data, size); });
+    try {
+        device_.readFile(path, [&](const char* data, std::size_t size) { checksum.update(data, size); });
+    } catch (DeviceException&) {
+        device_.requireThere();
+        return {};
+    }
     return checksum.text();
 }
 

@@ -55,6 +55,14 @@ BackupReport verifyBackup(BackupDatabase& database, const std::string& serviceFo
     return check(database, serviceFolder, thumbnailWord, Contents::Read, progress);
 }
 
+BackupReport repairBackup(BackupDatabase& database, const std::string& serviceFolder,
+                          const std::string& thumbnailWord, const CheckProgress& progress) {
+    BackupReport report;
+    withDevice(serviceFolder, thumbnailWord,
+               [&](Device& device) { report = repairDevice(database, device, progress); });
+    return report;
+}
+
 BackupReport compareBackup(BackupDatabase& database, const std::string& serviceFolder,
                            const std::string& thumbnailWord) {
     return check(database, serviceFolder, thumbnailWord, Contents::SizesOnly, {});

@@ -9,6 +9,7 @@
 
 #include "standin/framework/device/BackupCheck.h"
 #include "standin/framework/device/Recovery.h"
+#include "standin/framework/device/Repair.h"
 
 namespace flickr_standin {
 
@@ -26,7 +27,10 @@ RecoveryReport recoverBackup(BackupDatabase& database, const std::string& servic
 /// checkBackup() there, for a folder that has to be there.
 BackupReport verifyBackup(BackupDatabase& database, const std::string& serviceFolder,
                           const std::string& thumbnailWord, const CheckProgress& progress = {});
-/// The same without reading contents.
+/// repairDevice() there.
+BackupReport repairBackup(BackupDatabase& database, const std::string& serviceFolder,
+                          const std::string& thumbnailWord, const CheckProgress& progress = {});
+/// The same as verifyBackup(), without reading contents.
 BackupReport compareBackup(BackupDatabase& database, const std::string& serviceFolder,
                            const std::string& thumbnailWord);
 

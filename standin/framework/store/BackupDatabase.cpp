@@ -389,6 +389,15 @@ void BackupDatabase::setDerivedName(const std::string& id, const std::string& na
     StatementUse(*statement, name, id).run();
 }
 
+void BackupDatabase::fetchAgain(const std::set<std::string>& ids) {
+    const std::lock_guard<std::mutex> lock(impl_->mutex);
+    const auto statement =
+        impl_->file.prepare("UPDATE backupmetadata SET ItemUpdatedOn = ? WHERE ItemId = ?");
+    Transaction transaction(impl_->file);
+    for (const std::string& id : ids) StatementUse(*statement, std::string(kToFetchAgain), id).run();
+    transaction.commit();
+}
+
 void BackupDatabase::setImageExtension(const std::string& id, const std::string& extension) {
     const std::lock_guard<std::mutex> lock(impl_->mutex);
     const auto statement = impl_->file.prepare(

@@ -20,6 +20,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,10 @@ namespace flickr_standin {
 
 /// Form of ItemUpdatedOn for Poco::DateTimeFormatter, UTC.
 constexpr const char* kUpdatedFormat = "%Y-%m-%d %H:%M:%S";
+
+/// The ItemUpdatedOn of an item that is to be fetched again: no time of the service, so that the plug-in
+/// takes the item for edited, puts its files aside and fetches new ones.
+constexpr const char* kToFetchAgain = "0000-00-00 00:00:00";
 
 /// ItemType of a folder's row.
 constexpr const char* kFolderType = "FlickrFolder";
@@ -52,6 +57,8 @@ struct ItemRow {
     std::string setId;
     std::string name;     ///< the title as the service has it, with ".jpg" or ".mp4"
     std::string created;  ///< when it was uploaded, in the form of updated
+
+    bool isToFetchAgain() const { return updated == kToFetchAgain; }
 };
 
 /// Everything that one row holds of an item or folder.
@@ -116,6 +123,8 @@ public:
     /// Makes all items of a set name deviceFolder as their folder.
     void moveItems(const std::string& setId, const std::string& deviceFolder);
     void setImageExtension(const std::string& id, const std::string& extension);
+    /// Has the next run fetch the items again.
+    void fetchAgain(const std::set<std::string>& ids);
     /// Names the item's file and leaves its update time.
     void setDerivedName(const std::string& id, const std::string& name);
 
