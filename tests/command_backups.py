@@ -74,6 +74,41 @@ class Backups(Rig):
             self.assertIn(f"The database {device.resolve()}/backup.db is not a SQLite database", done.stderr)
         self.assertEqual(self.leftovers(), [])
 
+    def dry_run(self, device, *options):
+        """What a dry run tells; it may not change anything on the device, nor ask for media."""
+        before, media_before = snapshot(device), self.order("counts")["media"]
+        done = self.call("run", "--device", device, "--dry-run", "--json", *options)
+        self.assertEqual((snapshot(device), self.order("counts")["media"]), (before, media_before))
+        self.assertEqual(self.leftovers(), [])
+        self.assertEqual(done.returncode, 0, done)
+        told = self.check("run", done.stdout)
+        self.assertTrue(told["dryRun"])
+        return told
+
+    def test_a_dry_run_tells_and_does_nothing(self):
+        device = self.device("dry")
+        told = self.dry_run(device)
+        self.assertEqual((told["new"], told["edited"], len(told["plan"])), (62, 0, 62))
+        self.killed_run(device)
+        recorded = self.rows(device)
+        told = self.dry_run(device)
+        self.assertEqual((told["new"], told["unchanged"]), (62 - recorded, recorded))
+        self.assertEqual(self.dry_run(device, "--media", "videos")["leftOutByKind"], 61)
+        done = self.call("run", "--device", device, "--json")
+        self.assertEqual(self.check("run", done.stdout)["new"], 62 - recorded)
+
+        first = self.find(device)[0]
+        self.order("edit", id=first["photoId"])
+        self.order("rename-set", id=first["setId"], title="Reise")
+        told = self.dry_run(device)
+        self.assertEqual([(entry["id"], entry["replaces"]) for entry in told["plan"]], [(first["id"], True)])
+        self.assertEqual((told["unchanged"], told["renamed"]), (61, [{"from": first["set"], "to": "Reise"}]))
+        text = self.call("run", "--device", device, "--dry-run").stdout
+        for words in "renamed    1 set", f"{first['set']} to Reise", f"  Reise/{first['title']}":
+            self.assertIn(words, text)
+        done = self.check("run", self.call("run", "--device", device, "--json").stdout)
+        self.assertEqual((done["edited"], done["renamed"], done["dryRun"]), (1, told["renamed"], False))
+
     def find(self, device, *arguments):
         done = self.call("find", "--device", device, *arguments, "--json")
         return self.check("find", done.stdout)["items"]

@@ -10,6 +10,8 @@ import sys
 import tempfile
 import time
 import unittest
+import urllib.parse
+import urllib.request
 
 try:
     import jsonschema
@@ -35,7 +37,7 @@ class Rig(unittest.TestCase):
         cls.addClassCleanup(cls.sim.terminate)
         while not (cls.work / "ready").exists() or len((cls.work / "ready").read_text().split()) < 2:
             time.sleep(0.05)
-        cls.url = (cls.work / "ready").read_text().split()[0]
+        cls.url, cls.word = (cls.work / "ready").read_text().split()[:2]
         cls.schema = json.loads(pathlib.Path(SCHEMA).read_text())
         jsonschema.Draft7Validator.check_schema(cls.schema)
         assert cls.call("configure", "--data-url", cls.url, "--credentials", cls.work / "c.ini").returncode == 0
@@ -53,6 +55,14 @@ class Rig(unittest.TestCase):
     def call(cls, *arguments, **options):
         return subprocess.run([cls.program(), *map(str, arguments)], env=cls.environment(), stdin=subprocess.DEVNULL,
                               **{"text": True, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options})
+
+    @classmethod
+    def order(cls, name, **parameters):
+        """Has the service do something; see sim/Control.h."""
+        query = urllib.parse.urlencode({"word": cls.word, **parameters})
+        with urllib.request.urlopen(f"{urllib.parse.urljoin(cls.url, '/sim/')}{name}?{query}") as answer:
+            text = answer.read().decode()
+        return json.loads(text) if text.startswith("{") else text
 
     def device(self, name):
         path = self.work / name

@@ -18,6 +18,7 @@
 #include "standin/app/PrivateFile.h"
 #include "standin/app/Refusal.h"
 #include "standin/framework/run/RunConfiguration.h"
+#include "standin/framework/run/RunState.h"
 
 namespace flickr_app {
 namespace {
@@ -44,8 +45,10 @@ flickr_gateway::GatewaySettings settingsOf(const Credentials& credentials, const
         Poco::DateTime(request.fromYear, request.fromMonth, request.fromDay).timestamp().epochTime();
     settings.expectation.photos = holds(request.dataTypes, "Images");
     settings.expectation.videos = holds(request.dataTypes, "Videos");
-    settings.expectation.recorded = [&database](const std::string& item, const std::string& set,
-                                                std::int64_t updated) {
+    settings.expectation.recorded = [&database, isDry = flickr_standin::isDryRun()](const std::string& item,
+                                                                                    const std::string& set,
+                                                                                    std::int64_t updated) {
+        if (isDry) return true;  // nothing is fetched ahead
         const auto row = database.item(item + "_" + (set.empty() ? Norvale_Plugin_Core::kAnonymousSet : set));
         const Poco::DateTime date(Poco::Timestamp::fromEpochTime(updated));
         return row && row->updated == Norvale_Plugin_Core::DbInterface().convertToString(date);
@@ -127,15 +130,17 @@ std::vector<std::string> GatewayRun::problems() const {
     return gateway_->problems();
 }
 
-void tieToAccount(const DeviceLayout& layout, const Credentials& credentials) {
-    if (credentials.userId.empty()) return;
+void refuseOtherAccount(const DeviceLayout& layout, const Credentials& credentials) {
     const std::string account = accountOn(layout.serviceFolder);
-    if (account == credentials.userId) return;
-    if (!account.empty()) {
-        throw CannotBegin("The device " + layout.device + " holds the backup of the account " + account +
-                          ", and the credentials are those of " + credentials.userId +
-                          "; sign in as the other, or use another device.");
-    }
+    if (credentials.userId.empty() || account.empty() || account == credentials.userId) return;
+    throw CannotBegin("The device " + layout.device + " holds the backup of the account " + account +
+                      ", and the credentials are those of " + credentials.userId +
+                      "; sign in as the other, or use another device.");
+}
+
+void tieToAccount(const DeviceLayout& layout, const Credentials& credentials) {
+    refuseOtherAccount(layout, credentials);
+    if (credentials.userId.empty() || !accountOn(layout.serviceFolder).empty()) return;
     const int file = openAccountFile(layout.serviceFolder, O_WRONLY | O_CREAT | O_TRUNC);
     if (file < 0) return;
     const std::string line = credentials.userId + " " + credentials.userName + "\n";

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <iostream>
 #include <iterator>
 #include <memory>
@@ -31,11 +32,13 @@
 #include "standin/app/Summary.h"
 #include "standin/framework/base/Cipher.h"
 #include "standin/framework/base/Text.h"
+#include "standin/framework/device/BackupReading.h"
 #include "standin/framework/device/DeviceFiles.h"
 #include "standin/framework/device/DeviceLock.h"
 #include "standin/framework/run/Log.h"
 #include "standin/framework/run/RunJournal.h"
 #include "standin/framework/run/RunProgress.h"
+#include "standin/framework/run/RunState.h"
 #include "standin/framework/run/Secrets.h"
 #include "standin/framework/run/Upkeep.h"
 #include "standin/framework/store/BackupDatabase.h"
@@ -45,6 +48,7 @@ namespace flickr_app {
 namespace {
 
 using flickr_standin::BackupDatabase;
+using flickr_standin::BackupReading;
 using flickr_standin::LogDetail;
 using Clock = std::chrono::steady_clock;
 
@@ -65,6 +69,7 @@ struct Options {
     bool shared = false;
     bool noGallery = false;
     bool isNew = false;
+    bool isDry = false;
 };
 
 double secondsSince(Clock::time_point start) {
@@ -241,13 +246,21 @@ PastRun pastRun(const RunReport& report) {
     return run;
 }
 
-int run(const Options& options, const CommandContext& context) {
-    const Profile& profile = context.profile;
-    const Talk talk = options.quiet ? Talk::Quiet : options.verbose ? Talk::Verbose : Talk::Normal;
+/// What a run begins with.
+struct Beginning {
+    RunRequest request;
+    Credentials credentials;
+    DeviceLayout layout;
+    Talk talk = Talk::Normal;
+};
+
+Beginning beginningOf(const Options& options, const Profile& profile) {
+    Beginning beginning;
+    RunRequest& request = beginning.request;
+    beginning.talk = options.quiet ? Talk::Quiet : options.verbose ? Talk::Verbose : Talk::Normal;
     // The databases, and what the loaded object makes, are made with the process's mask.
     if (!options.shared) ::umask(077);
     flickr_standin::shareDevices(options.shared);
-    RunRequest request;
     readDate(options.from, request);
     request.dataTypes = dataTypesOf(options.media);
     flickr_standin::setLogDetail(options.logLevel == "all"        ? LogDetail::Everything
@@ -255,15 +268,129 @@ int run(const Options& options, const CommandContext& context) {
                                                                   : LogDetail::Normal);
     profile.prepare();
     profile.use();
-    const Credentials credentials = credentialsFor(options, profile);
-    const DeviceLayout layout = layoutOf(options.device, options.database, options.culture);
-    refuseUnnameable(layout);
-    if (!options.isNew) refuseVanished(layout);
-    request.device = layout.device;
+    beginning.credentials = credentialsFor(options, profile);
+    beginning.layout = layoutOf(options.device, options.database, options.culture);
+    refuseUnnameable(beginning.layout);
+    if (!options.isNew) refuseVanished(beginning.layout);
+    request.device = beginning.layout.device;
     request.databaseName = options.database;
-    request.authToken = credentials.token;
-    request.culture = layout.culture;
+    request.authToken = beginning.credentials.token;
+    request.culture = beginning.layout.culture;
+    return beginning;
+}
 
+/// The way to the service: through a gateway when the credentials are of today. The secrets of both are
+/// hidden while it lives.
+class ServiceAccess {
+public:
+    ServiceAccess(Beginning& beginning, const GatewayOptions& options, BackupDatabase& database) {
+        const Credentials& credentials = beginning.credentials;
+        std::vector<std::string> secrets = {credentials.token, credentials.apiKey, credentials.apiSecret};
+        if (credentials.isOfToday()) {
+            beforehand([&] { gateway_.emplace(credentials, options, database, beginning.request); });
+            secrets.push_back(credentials.tokenSecret);
+            for (std::string& secret : gateway_->secrets()) secrets.push_back(std::move(secret));
+        }
+        hidden_.emplace(std::move(secrets));
+    }
+
+    std::string waitText() const { return gateway_ ? gateway_->waitText() : std::string(); }
+
+    /// Ends the gateway, and gives what it has to tell.
+    std::vector<std::string> close() {
+        std::vector<std::string> problems;
+        if (gateway_) problems = gateway_->problems();
+        gateway_.reset();
+        return problems;
+    }
+
+private:
+    std::optional<HiddenSecrets> hidden_;
+    std::optional<GatewayRun> gateway_;
+};
+
+/// Has the plug-in do the run, which may pause and resume. recover puts the device in order before it
+/// resumes.
+RunReport perform(Beginning& beginning, const Options& options, ServiceAccess& access,
+                  const std::function<void()>& recover) {
+    RunReport report;
+    report.isDry = options.isDry;
+    report.serviceFolder = beginning.layout.serviceFolder;
+    report.database = beginning.layout.databasePath;
+    flickr_standin::RunJournal::instance().begin();
+    long newItems = 0, editedItems = 0;  // of the passes before a pause
+    {
+        DisplaySettings settings;
+        settings.talk = beginning.talk;
+        settings.events = options.events;
+        settings.keepsItems = options.isDry;
+        settings.pauseWhen = options.pauseWhen;
+        settings.beforeResume = [&] {
+            const auto pass = flickr_standin::RunJournal::instance().summary();
+            newItems += pass.newItems;
+            editedItems += pass.editedItems;
+            recover();
+        };
+        settings.waitText = [&] { return access.waitText(); };
+        RunDisplay display(std::move(settings));
+        report.outcome = performRun(beginning.request, display);
+        display.tellItems();
+        report.items = display.takeItems();
+        flickr_standin::wipe(beginning.request.authToken);
+    }
+    report.done = flickr_standin::RunJournal::instance().summary();
+    report.done.bytes = report.outcome.bytes;
+    addEarlierPasses(newItems, editedItems, report.done);
+    for (std::string& problem : access.close()) report.done.warnings.push_back(std::move(problem));
+    return report;
+}
+
+int tell(RunReport& report, const Options& options, const CommandContext& context, Talk talk) {
+    report.log = context.profile.logFile();
+    const auto progress = flickr_standin::RunProgress::instance().leftOut();
+    report.leftOutByDate = progress.byDate;
+    report.leftOutByKind = progress.byKind;
+    if (context.json || options.events) {
+        printJson(std::cout, summaryJson(report, options.events));
+    } else if (isWorthTelling(report, talk, ::isatty(STDOUT_FILENO))) {
+        std::cout << summaryText(report) << std::flush;
+    }
+    return exitStatus(report);
+}
+
+/// A dry run: the plug-in works on a copy of the database, in a folder that it takes for the device.
+int rehearse(const Options& options, const CommandContext& context) {
+    flickr_standin::setDryRun(true);
+    Beginning beginning = beginningOf(options, context.profile);
+    const DeviceLayout& layout = beginning.layout;
+    refuseOtherAccount(layout, beginning.credentials);
+    flickr_standin::BackupPlace place = layout.place();
+    std::error_code error;
+    if (!std::filesystem::exists(place.database, error)) place.database.clear();
+
+    const Signals signals;
+    const BackupReading reading = beforehand([&] { return BackupReading(place); });
+    if (reading.isInUse()) {
+        throw CannotBegin("A backup to " + layout.device +
+                          " is going on; wait until it has finished, or stop it.");
+    }
+    beginning.request.device = reading.folder();
+    BackupDatabase database =
+        beforehand([&] { return BackupDatabase(reading.folder() + "/" + options.database); });
+    refuseLostFiles(database, layout);
+    ServiceAccess access(beginning, options.gateway, database);
+    const Clock::time_point start = Clock::now();
+    RunReport report = perform(beginning, options, access, [] {});
+    report.goneItems = goneItems(database, report);
+    markKept(database, layout, report.done);
+    report.seconds = secondsSince(start);
+    makePlain(report.done);
+    return tell(report, options, context, beginning.talk);
+}
+
+int run(const Options& options, const CommandContext& context) {
+    Beginning beginning = beginningOf(options, context.profile);
+    const DeviceLayout& layout = beginning.layout;
     const Signals signals;
     const auto lock = beforehand([&] { return flickr_standin::DeviceLock(layout.device); });
     BackupDatabase database = beforehand([&] { return BackupDatabase(layout.databasePath); });
@@ -272,52 +399,17 @@ int run(const Options& options, const CommandContext& context) {
         if (!std::filesystem::is_directory(layout.serviceFolder)) return;
         flickr_standin::recoverBackup(database, layout.serviceFolder, layout.thumbnailWord);
     };
-    std::vector<std::string> secrets = {credentials.token, credentials.apiKey, credentials.apiSecret};
-    std::optional<GatewayRun> gateway;
     beforehand([&] {
         recover();
-        if (!credentials.isOfToday()) return;
-        tieToAccount(layout, credentials);
-        gateway.emplace(credentials, options.gateway, database, request);
-        secrets.push_back(credentials.tokenSecret);
-        for (std::string& secret : gateway->secrets()) secrets.push_back(std::move(secret));
+        tieToAccount(layout, beginning.credentials);
     });
-    const HiddenSecrets hidden(std::move(secrets));
+    ServiceAccess access(beginning, options.gateway, database);
     DeviceHistory history(layout.device);
-    std::vector<std::string> notes = {profile.logProblem(), history.begin()};
+    std::vector<std::string> notes = {context.profile.logProblem(), history.begin()};
 
-    RunReport report;
-    report.serviceFolder = layout.serviceFolder;
-    report.database = layout.databasePath;
-    report.log = profile.logFile();
-    flickr_standin::RunJournal::instance().begin();
     const Clock::time_point start = Clock::now();
-    long newItems = 0, editedItems = 0;  // of the passes before a pause
-    {
-        DisplaySettings settings;
-        settings.talk = talk;
-        settings.events = options.events;
-        settings.pauseWhen = options.pauseWhen;
-        settings.beforeResume = [&] {
-            const auto pass = flickr_standin::RunJournal::instance().summary();
-            newItems += pass.newItems;
-            editedItems += pass.editedItems;
-            recover();
-        };
-        settings.waitText = [&] { return gateway ? gateway->waitText() : std::string(); };
-        RunDisplay display(std::move(settings));
-        report.outcome = performRun(request, display);
-        display.tellItems();
-        flickr_standin::wipe(request.authToken);
-    }
-    report.done = flickr_standin::RunJournal::instance().summary();
-    report.done.bytes = report.outcome.bytes;
-    addEarlierPasses(newItems, editedItems, report.done);
-    if (gateway) {
-        for (std::string& problem : gateway->problems()) report.done.warnings.push_back(std::move(problem));
-        gateway.reset();
-        tieToAccount(layout, credentials);
-    }
+    RunReport report = perform(beginning, options, access, recover);
+    tieToAccount(layout, beginning.credentials);
     try {
         recover();
         report.goneItems = goneItems(database, report);
@@ -337,16 +429,7 @@ int run(const Options& options, const CommandContext& context) {
     for (std::string& note : notes) {
         if (!note.empty()) report.done.warnings.push_back(std::move(note));
     }
-
-    const auto progress = flickr_standin::RunProgress::instance().leftOut();
-    report.leftOutByDate = progress.byDate;
-    report.leftOutByKind = progress.byKind;
-    if (context.json || options.events) {
-        printJson(std::cout, summaryJson(report, options.events));
-    } else if (isWorthTelling(report, talk, ::isatty(STDOUT_FILENO))) {
-        std::cout << summaryText(report) << std::flush;
-    }
-    return exitStatus(report);
+    return tell(report, options, context, beginning.talk);
 }
 
 }  // namespace
@@ -408,6 +491,8 @@ void addRunCommand(CLI::App& program, CommandContext& context) {
     command->add_flag("--no-gallery", options->noGallery, "Leave the page that shows the backup as it is");
     command->add_flag("--new", options->isNew,
                       "Begin a new backup where an earlier one stood that is not there any more");
+    command->add_flag("--dry-run", options->isDry,
+                      "Tell what would be fetched, replaced and renamed, and change nothing on the device");
     addJsonOption(*command, context);
     command->add_flag("--json-progress", options->events,
                       "Print what happens as lines of JSON, the summary last");
@@ -424,7 +509,9 @@ void addRunCommand(CLI::App& program, CommandContext& context) {
         "\n"
         "Example:\n"
         "  flickr-backup run --device /media/usb --from 2015-06-01");
-    command->callback([options, &context] { context.status = run(*options, context); });
+    command->callback([options, &context] {
+        context.status = options->isDry ? rehearse(*options, context) : run(*options, context);
+    });
 }
 
 }  // namespace flickr_app

@@ -71,7 +71,8 @@ ProgressStyle styleFor(Talk talk) {
 RunDisplay::RunDisplay(DisplaySettings settings)
     : settings_(std::move(settings)),
       line_(std::cerr, styleFor(settings_.talk), ::isatty(STDERR_FILENO) ? 10 : kReportSeconds) {
-    RunJournal::instance().keepSettled(settings_.events || settings_.talk == Talk::Verbose);
+    RunJournal::instance().keepSettled(settings_.events || settings_.keepsItems ||
+                                       settings_.talk == Talk::Verbose);
 }
 
 double RunDisplay::elapsed() const {
@@ -139,9 +140,10 @@ void RunDisplay::message(const std::string& text) {
 }
 
 void RunDisplay::tellItems() {
-    for (const SettledItem& item : RunJournal::instance().takeSettled()) {
+    for (SettledItem& item : RunJournal::instance().takeSettled()) {
         const char* const outcome = outcomeName(item.outcome);
-        if (settings_.talk == Talk::Verbose) {
+        if (settings_.keepsItems) items_.push_back(item);
+        if (settings_.talk == Talk::Verbose && !settings_.keepsItems) {
             const bool inNoSet = item.set == flickr_standin::kNoSetId;
             line_.message(std::string(outcome) + ": " + (inNoSet ? "" : printable(item.set) + "/") +
                           printable(item.title) +

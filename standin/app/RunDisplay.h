@@ -7,6 +7,8 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "standin/app/PerformRun.h"
 #include "standin/app/ProgressLine.h"
@@ -25,6 +27,7 @@ enum class Talk {
 struct DisplaySettings {
     Talk talk = Talk::Normal;
     bool events = false;                    ///< each as one line of JSON, to standard output
+    bool keepsItems = false;                ///< for takeItems()
     std::string pauseWhen;                  ///< while that file is there the run pauses; empty for none
     std::function<void()> beforeResume;     ///< called while a run that paused is still at rest
     std::function<std::string()> waitText;  ///< what the run waits for, empty for nothing
@@ -42,6 +45,8 @@ public:
 
     /// Tells of the items that were settled since the last time.
     void tellItems();
+    /// Those that were told so far.
+    std::vector<flickr_standin::SettledItem> takeItems() { return std::move(items_); }
 
 private:
     void show(const std::string& note);
@@ -55,6 +60,7 @@ private:
     double nextReport_;  // of what is told on no terminal
     int stopsSeen_ = 0;
     double bytes_ = 0;
+    std::vector<flickr_standin::SettledItem> items_;
 };
 
 }  // namespace flickr_app

@@ -76,12 +76,36 @@ std::string countsText(const RunReport& report) {
              orNothing(done.untriedSets, "all of " + formatCount(done.untriedSets, "further set")));
     }
     if (done.interruptedItems) text << "  cut off    " << formatCount(done.interruptedItems, "item") << "\n";
-    text << "  written    " << formatBytes(done.bytes) << "\n"
-         << "  files      " << printable(report.serviceFolder) << "\n";
+    if (!done.renamedFolders.empty()) {
+        text << "  renamed    " << formatCount(static_cast<long>(done.renamedFolders.size()), "set") << "\n";
+    }
+    if (!report.isDry) text << "  written    " << formatBytes(done.bytes) << "\n";
+    text << "  files      " << printable(report.serviceFolder) << "\n";
     if (const long gone = report.goneItems; gone > 0) {
         text << formatCount(gone, "item") << (gone == 1 ? " is" : " are") << " no longer at the service; "
              << (gone == 1 ? "it stays" : "they stay") << " here\n";
     }
+    return text.str();
+}
+
+using Outcome = flickr_standin::SettledItem::Outcome;
+
+/// What a run would do, in full.
+std::string planText(const RunReport& report) {
+    std::ostringstream text;
+    const auto listItems = [&](const char* title, long count, Outcome outcome) {
+        if (count > 0) text << title << " (" << formatNumber(count) << "):\n";
+        for (const auto& item : report.items) {
+            if (item.outcome != outcome) continue;
+            const bool inNoSet = item.set == flickr_standin::kNoSetId;
+            text << "  " << (inNoSet ? "" : printable(item.set) + "/") << printable(item.title) << "\n";
+        }
+    };
+    const auto& renamed = report.done.renamedFolders;
+    if (!renamed.empty()) text << "Folders to be renamed (" << renamed.size() << "):\n";
+    for (const auto& [from, to] : renamed) text << "  " << printable(from) << " to " << printable(to) << "\n";
+    listItems("To be fetched", report.done.newItems, Outcome::New);
+    listItems("To be fetched again, in the place of what is there", report.done.editedItems, Outcome::Edited);
     return text.str();
 }
 
@@ -104,6 +128,7 @@ const char* resultName(const RunReport& report) {
 
 bool isWorthTelling(const RunReport& report, Talk talk, bool onTerminal) {
     const bool isComplete = exitStatus(report) == ExitSuccess;
+    if (report.isDry) return true;
     if (talk == Talk::Quiet) return !isComplete;
     return !isComplete || talk == Talk::Verbose || onTerminal || !report.done.warnings.empty();
 }
@@ -112,12 +137,14 @@ std::string summaryText(const RunReport& report) {
     const flickr_standin::RunSummary& done = report.done;
     const int status = exitStatus(report);
     std::ostringstream text;
-    text << (status == ExitSuccess       ? "Backup complete"
+    text << (report.isDry                ? "Dry run, with nothing fetched or changed, ended"
+             : status == ExitSuccess     ? "Backup complete"
              : status == ExitStopped     ? "Backup stopped; the next run goes on from here"
              : status == ExitCannotBegin ? "Backup could NOT begin, and ended"
                                          : "Backup NOT complete")
          << " after " << formatDuration(report.seconds) << ".\n";
     if (status != ExitCannotBegin) text << countsText(report);
+    if (report.isDry) text << planText(report);
     const long kept = keptItems(done), lost = static_cast<long>(done.failures.size()) - kept;
 
     const auto listFailures = [&](const char* title, long count, bool onDevice) {
@@ -154,6 +181,23 @@ Poco::JSON::Object summaryJson(const RunReport& report, bool asEvent) {
         entry.set("onDevice", failure.onDevice);
         failures.add(entry);
     }
+    Poco::JSON::Array renamed;
+    for (const auto& [from, to] : done.renamedFolders) {
+        Poco::JSON::Object entry(Poco::JSON_PRESERVE_KEY_ORDER);
+        entry.set("from", validUtf8(from));
+        entry.set("to", validUtf8(to));
+        renamed.add(entry);
+    }
+    Poco::JSON::Array plan;
+    for (const auto& item : report.items) {
+        if (item.outcome != Outcome::New && item.outcome != Outcome::Edited) continue;
+        Poco::JSON::Object entry(Poco::JSON_PRESERVE_KEY_ORDER);
+        entry.set("id", validUtf8(item.id));
+        entry.set("name", validUtf8(item.title));
+        entry.set("set", validUtf8(item.set));
+        entry.set("replaces", item.outcome == Outcome::Edited);
+        plan.add(entry);
+    }
     Poco::JSON::Object object = jsonReport("run", resultName(report));
     if (asEvent) object.set("event", "summary");
     object.set("exitStatus", exitStatus(report));
@@ -172,6 +216,9 @@ Poco::JSON::Object summaryJson(const RunReport& report, bool asEvent) {
                                                     {"bytes", static_cast<long>(done.bytes)}};
     for (const auto& [name, number] : numbers) object.set(name, std::int64_t{number});
     object.set("seconds", report.seconds);
+    object.set("dryRun", report.isDry);
+    object.set("renamed", renamed);
+    if (report.isDry) object.set("plan", plan);
     object.set("failures", failures);
     object.set("errors", jsonArray(errorsOf(report)));
     object.set("warnings", jsonArray(done.warnings));

@@ -6,6 +6,7 @@
 #include <Poco/JSON/Object.h>
 
 #include <string>
+#include <vector>
 
 #include "standin/app/PerformRun.h"
 #include "standin/app/RunDisplay.h"
@@ -24,6 +25,8 @@ struct RunReport {
     long leftOutByDate = 0;  ///< listed, and not updated since --from
     long leftOutByKind = 0;  ///< listed, and of a kind that --media does not name
     long goneItems = 0;      ///< backed up, and no longer at the service
+    bool isDry = false;      ///< nothing was done: what is told is what a run would do
+    std::vector<flickr_standin::SettledItem> items;  ///< of a dry run, those that a run would fetch or try to
 };
 
 /// Success only when the plug-in says so and nothing failed for good; see ExitStatus.
@@ -33,7 +36,7 @@ int exitStatus(const RunReport& report);
 const char* resultName(const RunReport& report);
 
 /// Whether the text belongs on standard output: of a complete run only on a terminal, or when asked for, and
-/// never when there is nothing but success to tell to one who wants failures only.
+/// never when there is nothing but success to tell to one who wants failures only. A dry run's always does.
 bool isWorthTelling(const RunReport& report, Talk talk, bool onTerminal);
 
 /// Several lines, each ended.

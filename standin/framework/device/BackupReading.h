@@ -37,6 +37,8 @@ public:
     bool hasDatabase() const { return database_ != nullptr; }
     /// The database, when there is one.
     BackupDatabase& database() const { return *database_; }
+    /// The temporary folder in which the copies lie.
+    const std::string& folder() const { return folder_.path(); }
     /// The service folder. Throws DeviceException when it is missing.
     Device& device();
 

@@ -119,13 +119,14 @@ struct Answer {
 /// What a refusal means for the item that is transferred. Behind the others the plug-in goes on.
 enum class Refused { ItemFails, ItemGoesOn };
 
-/// Runs an operation and says how it went; true when it was not refused.
+/// Runs an operation and says how it went; true when it was not refused. In a dry run it is not run.
 template <typename Operation>
 bool answer(const std::string& description, const Answer& texts, Refused refused, Operation operation) {
     auto& [command, result, error] = texts;
     command = description;
     result = kFileServiceSuccess;
     error.clear();
+    if (isDryRun()) return true;
     try {
         operation();
         return true;
@@ -165,6 +166,14 @@ void HostServiceClientMac::disConnect() {
 long HostServiceClientMac::openFile(std::string path, long mode, std::string& command, std::string& result,
                                     std::string& error) {
     RunJournal::instance().fileOpened(path);
+    if (isDryRun()) {
+        // Refused, so that the file is not asked for.
+        RunJournal::instance().wouldFetch();
+        command = "OPEN " + path;
+        result = kFailure;
+        error = "Nothing is fetched in a dry run";
+        return mode;
+    }
     answer("OPEN " + path, {command, result, error}, Refused::ItemFails, [&] {
         impl_->files.erase(mode);
         RunDevice& device = impl_->deviceFor({path});
@@ -229,6 +238,7 @@ void HostServiceClientMac::deleteFile(std::string path, std::string& command, st
 
 void HostServiceClientMac::renameFile(std::string from, std::string to, std::string& command,
                                       std::string& result, std::string& error) {
+    if (isDryRun()) RunJournal::instance().wouldPutAside();
     answer("RENAME " + from + " " + to, {command, result, error}, Refused::ItemGoesOn, [&] {
         RunDevice& device = impl_->deviceFor({from, to});
         device.staged().place();
@@ -267,7 +277,11 @@ void HostServiceClientMac::renameDirectory(std::string from, std::string to, std
             device.staged().place();
             device.renameFolder(from, to);
         });
-    if (!renamed) RunJournal::instance().folderFailed(from + " to " + to, error);
+    if (renamed) {
+        RunJournal::instance().folderRenamed(from, to);
+    } else {
+        RunJournal::instance().folderFailed(from + " to " + to, error);
+    }
 }
 
 void HostServiceClientMac::deleteDirectory(std::string path, std::string& command, std::string& result,

@@ -2,6 +2,8 @@
 
 #include <Poco/NumberParser.h>
 
+#include <algorithm>
+
 #include "standin/framework/base/Localisation.h"
 #include "standin/framework/base/Text.h"
 #include "standin/framework/run/RunDevice.h"
@@ -60,7 +62,10 @@ void HostServiceUsageParams::setRetryAttempts(std::string attempts) {
 }
 
 int HostServiceUsageParams::getRetryAttempts() {
-    return flickr_standin::retryAttempts();
+    // What is refused in a dry run is refused at every attempt.
+    const bool once =
+        flickr_standin::isDryRun() && !flickr_standin::RunJournal::instance().currentItem().empty();
+    return once ? std::min(1, flickr_standin::retryAttempts()) : flickr_standin::retryAttempts();
 }
 
 std::string HostServiceUsageParams::getValue(std::string key) {

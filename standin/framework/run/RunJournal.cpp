@@ -124,6 +124,7 @@ void RunJournal::beginItem(const std::string& id, const std::string& title) {
     file_.clear();
     recordedAs_ = Recorded::Not;
     rowBefore_.clear();
+    wasPutAside_ = false;
     if (id.empty()) reason_.clear();
 }
 
@@ -220,6 +221,21 @@ void RunJournal::rowMayHaveChanged(const std::string& updated) {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (!rowBefore_.empty() && !updated.empty() && updated != rowBefore_) recordedAs_ = Recorded::Edited;
     rowBefore_.clear();
+}
+
+void RunJournal::wouldPutAside() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    wasPutAside_ = true;
+}
+
+void RunJournal::wouldFetch() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    recordedAs_ = wasPutAside_ ? Recorded::Edited : Recorded::New;
+}
+
+void RunJournal::folderRenamed(const std::string& from, const std::string& to) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    summary_.renamedFolders.emplace_back(from, to);
 }
 
 void RunJournal::folderFailed(const std::string& name, const std::string& explanation) {

@@ -15,6 +15,7 @@
 
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace flickr_standin {
@@ -48,6 +49,7 @@ struct RunSummary {
     long shortLists = 0;        ///< lists that held fewer items than the service announced
     double bytes = 0;           ///< written to the device
     std::vector<Failure> failures;
+    std::vector<std::pair<std::string, std::string>> renamedFolders;  ///< from, to
     std::vector<std::string>
         errors;  ///< what failed for no single item or set: the list of sets, the database
     std::vector<std::string> warnings;  ///< what may be in order and should be looked at
@@ -78,6 +80,11 @@ public:
     Told exception(const std::string& message, bool lastAttempt);
     void fileOpened(const std::string& path);
     void fileServiceFailed(const std::string& explanation);
+    /// In a dry run, instead of the old files' steps aside and of the new one's opening.
+    void wouldPutAside();
+    void wouldFetch();
+    /// A set's folder was renamed.
+    void folderRenamed(const std::string& from, const std::string& to);
     /// A set's folder could not be made or renamed.
     void folderFailed(const std::string& name, const std::string& explanation);
     /// A folder's description could not be placed.
@@ -121,6 +128,7 @@ private:
     std::string lookupFailure_;  // of the item that is being listed
     enum class Recorded { Not, New, Edited } recordedAs_ = Recorded::Not;
     std::string rowBefore_;           // the update time in the current item's row
+    bool wasPutAside_ = false;        // the current item, in a dry run
     bool descriptionFailed_ = false;  // of the current set's folder
     bool setsListed_ = false;
     long sets_ = 0;

@@ -27,6 +27,7 @@ struct State {
     Settings settings;
     std::atomic<bool> stoppedByUser{false};
     std::atomic<bool> catastrophe{false};
+    std::atomic<bool> isDry{false};
     std::atomic<int> retryAttempts{0};
     std::atomic<std::uint64_t> items{0};
     std::atomic<std::uint64_t> bytes{0};
@@ -62,6 +63,7 @@ void resetRunState() {
     const std::lock_guard<std::mutex> lock(s.mutex);
     clearRun(s);
     s.retryAttempts = 0;
+    s.isDry = false;
     s.settings = Settings();
 }
 
@@ -81,6 +83,14 @@ bool isRunStopped() {
 
 bool isStoppedByUser() {
     return state().stoppedByUser;
+}
+
+void setDryRun(bool isDry) {
+    state().isDry = isDry;
+}
+
+bool isDryRun() {
+    return state().isDry;
 }
 
 void setWords(std::map<std::string, std::string> words) {

@@ -37,6 +37,11 @@ void setServiceFolder(std::string folder, std::string mountPoint);
 std::string currentServiceFolder();
 std::string currentMountPoint();
 
+/// A dry run looks at lists and rows and goes no further: nothing is fetched, and the file service does
+/// nothing and says that it has.
+void setDryRun(bool isDry);
+bool isDryRun();
+
 /// How often every request and download is tried, at least 0.
 void setRetryAttempts(int attempts);
 int retryAttempts();
