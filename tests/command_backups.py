@@ -24,9 +24,9 @@ def service(device):
 
 
 def media(device):
-    """The contents of all files that are not the program's own, by path."""
+    """The contents of all files that are not the program's own, by path, without older versions."""
     return {path.relative_to(service(device)): path.read_bytes() for path in service(device).rglob("*.*")
-            if path.is_file() and ".records" not in path.parts and "index" not in str(path)}
+            if path.is_file() and not {".records", ".versions"} & set(path.parts) and "index" not in str(path)}
 
 
 class Backups(Rig):

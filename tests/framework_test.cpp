@@ -172,6 +172,23 @@ TEST_F(FrameworkTest, MakesEveryTitleASafeNameAndKeepsSafeOnes) {
     EXPECT_EQ(".jpg", Utils().NormalizeString(std::string(300, 'x') + ".jpg").substr(251));
 }
 
+TEST_F(FrameworkTest, ReadsTheMomentOfAVersionFromItsOwnNamesOnly) {
+    using namespace std::string_literals;
+    EXPECT_EQ("20170801T091500Z-a.jpg", versionName("a.jpg", 1501578900));
+    const std::string longest = versionName(std::string(251, 'x') + ".jpg", 1501578900);
+    EXPECT_EQ(kLongestName, longest.size());
+    EXPECT_EQ(".jpg", longest.substr(251));
+    for (const std::string& name :
+         {"20170801T091500Z-a.jpg"s, "20170801T091500Z-20160801T091500Z-a"s, longest}) {
+        EXPECT_EQ(1501578900, replacedAt(name)) << name;
+    }
+    for (const char* name : {"", "a.jpg", "20170801T091500Z-", "20170801T091500Z", "2017801T091500Z-a.jpg",
+                             "20170832T091500Z-a.jpg", "20170801T091500Z-a/b", "20170801T091500Z-a ",
+                             " 20170801T091500Z-a.jpg", "20170801T096500Z-a.jpg"}) {
+        EXPECT_EQ(std::nullopt, replacedAt(name)) << name;
+    }
+}
+
 TEST_F(FrameworkTest, GivesNamesThatFitAndNeverClash) {
     const BackupDatabase open((folder_ / "backup.db").string());
     Database database(open.path());
@@ -536,9 +553,10 @@ TEST_F(FrameworkTest, KeepsEverythingInsideTheServiceFolder) {
     HostServiceClientMac client;
     client.createDirectory("Trip", command_, result_, error_);
     ASSERT_EQ("SUC", result_) << error_;
-    for (const std::string path : {"/etc/passwd", "../outside/new", "Trip/../../outside/new", "Trip/./x",
-                                   "Trip//x", "", "Trip/", "link/new", "filelink", ".records/x", ".RECORDS/x",
-                                   "Trip/.part-9", "Trip/.records/.folder.xml", ".."}) {
+    for (const std::string path :
+         {"/etc/passwd", "../outside/new", "Trip/../../outside/new", "Trip/./x", "Trip//x", "", "Trip/",
+          "link/new", "filelink", ".records/x", ".RECORDS/x", ".versions/x", "Trip/.Versions", "Trip/.part-9",
+          "Trip/.records/.folder.xml", ".."}) {
         EXPECT_NE("SUC", store(client, path, "evil", "1")) << path;
         EXPECT_NE("", error_);
         client.createDirectory(path, command_, result_, error_);

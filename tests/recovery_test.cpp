@@ -34,8 +34,11 @@
 #include "hostapi/MediaTemplate.h"
 #include "hostapi/Utils.h"
 #include "standin/framework/base/Localisation.h"
+#include "standin/framework/base/Names.h"
 #include "standin/framework/base/Sqlite.h"
 #include "standin/framework/device/Description.h"
+#include "standin/framework/device/Device.h"
+#include "standin/framework/device/Versions.h"
 #include "standin/framework/run/RunError.h"
 #include "standin/framework/run/Upkeep.h"
 #include "standin/framework/store/BackupDatabase.h"
@@ -490,13 +493,14 @@ protected:
         }
     }
 
-    /// Everything on the device, without what only the stand-in's ledger holds, and the rows without the
-    /// times of runs.
+    /// Everything on the device, without what only the stand-in's ledger holds and without older versions,
+    /// and the rows without the times of runs.
     std::map<std::string, std::string> state() {
         std::map<std::string, std::string> state;
         for (const auto& entry : fs::recursive_directory_iterator(service())) {
             const std::string name = entry.path().lexically_relative(service()).string();
             if (name.find(".ledger.db") != std::string::npos) continue;
+            if (name.find(kVersionFolder) != std::string::npos) continue;
             std::ifstream file(entry.path(), std::ios::binary);
             state[name] =
                 entry.is_directory() ? "folder" : std::string(std::istreambuf_iterator<char>(file), {});
@@ -512,6 +516,30 @@ protected:
             state["row " + rows->text(0)] = row;
         }
         return state;
+    }
+
+    /// What the account held and holds no more is kept, once, with its description.
+    void expectVersions(const Account& before, const Account& after, const std::string& moment) {
+        std::multiset<std::string> kept, expected;
+        for (const auto& entry : fs::recursive_directory_iterator(service())) {
+            const fs::path path = entry.path();
+            if (!entry.is_regular_file() || path.parent_path().filename() != kVersionFolder) continue;
+            std::ifstream file(path, std::ios::binary);
+            const std::string content{std::istreambuf_iterator<char>(file), {}};
+            kept.insert(content);
+            std::ifstream text(path.parent_path() / ".records" / (path.filename().string() + ".xml"));
+            const std::string description{std::istreambuf_iterator<char>(text), {}};
+            EXPECT_EQ(content.substr(0, content.find(' ')), descriptionField(description, "ID")) << moment;
+            EXPECT_NE(content.find(descriptionField(description, "DateUpdated")), std::string::npos)
+                << moment;
+        }
+        for (const Set& set : before) {
+            for (const Item& item : set.items) expected.insert(contentOf(item));
+        }
+        for (const Set& set : after) {
+            for (const Item& item : set.items) expected.erase(contentOf(item));
+        }
+        for (const std::string& content : expected) EXPECT_EQ(1u, kept.count(content)) << moment << content;
     }
 
     /// Compares what is on the device; names what differs.
@@ -581,6 +609,7 @@ TEST_F(RecoveryTest, AKilledRunLosesNothingAndTheNextOneCompletes) {
         run(changed(title));
         expectSound("undisturbed");
         undisturbed[title] = state();
+        expectVersions(kBefore, changed(title), "undisturbed ");
     }
     params_->release();
     newDevice();
@@ -600,6 +629,7 @@ TEST_F(RecoveryTest, AKilledRunLosesNothingAndTheNextOneCompletes) {
         const std::string title = killedAt % 2 == 0 ? "c" : "other";
         run(changed(title));
         expectEqual(undisturbed[title], state(), moment);
+        expectVersions(kBefore, changed(title), moment);
         if (HasFailure()) return;
         params_->release();
     }
@@ -698,6 +728,59 @@ TEST_F(RecoveryTest, NothingIsLostWithTheLastRowsOrWithAnOlderDatabase) {
                 if (HasFailure()) return;
             }
         }
+    }
+}
+
+TEST_F(RecoveryTest, ARestoreThatIsKilledOrFailsLosesNeitherVersion) {
+    newDevice();
+    run(kBefore);
+    run(changed("c"));
+    params_->release();
+    fs::copy(folder_ / "device", folder_ / "before", fs::copy_options::recursive);
+    const auto restore = [&](long calls) {
+        params_->setParams(service(), "", true, 1, (folder_ / "device").string());
+        BackupDatabase database(databasePath());
+        withDevice(service(), "Thumbnail", [&](Device& device) {
+            const std::vector<Version> versions = versionsOn(device);
+            ASSERT_EQ(3u, versions.size());
+            callsLeft = calls;
+            try {
+                restoreVersion(database, device, versions[1].path);
+            } catch (Poco::Exception&) {
+                EXPECT_TRUE(haveFailed);
+            }
+            callsLeft = -1;
+        });
+    };
+    for (failure = 0; failure == 0 || failure == ENOSPC; failure += ENOSPC) {
+        long calls = 0;
+        for (bool stopped = true; stopped; calls += kStep) {
+            const std::string moment = "at call " + std::to_string(calls) + " ";
+            newDevice();
+            fs::copy(folder_ / "before", folder_ / "device", fs::copy_options::recursive);
+            const pid_t child = ::fork();
+            if (child == 0) {
+                restore(calls);
+                ::_exit(haveFailed ? 1 : HasFailure() ? 2 : 0);
+            }
+            int status = 0;
+            ::waitpid(child, &status, 0);
+            stopped = WIFSIGNALED(status) || WEXITSTATUS(status) == 1;
+            EXPECT_TRUE(stopped || status == 0) << moment;
+            expectSound(moment);
+            std::multiset<std::string> held;
+            for (const auto& entry : fs::recursive_directory_iterator(service())) {
+                if (entry.path().extension() != ".jpg") continue;
+                std::ifstream file(entry.path(), std::ios::binary);
+                held.emplace(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+            }
+            for (const Account& account : {kBefore, changed("c")}) {
+                for (const Item& item : account[0].items)
+                    EXPECT_EQ(1u, held.count(contentOf(item))) << moment << item.id;
+            }
+            if (HasFailure()) return;
+        }
+        EXPECT_GT(calls, 10);
     }
 }
 
@@ -845,12 +928,17 @@ TEST_F(RecoveryTest, ALedgerThatLeadsOutOfTheServiceFolderIsRefused) {
                    ledger = fs::path(service()) / ".records/.ledger.db";
     std::ofstream(witness) << "precious";
     fs::copy_file(ledger, folder_ / "ledger");
-    const std::string file = "INSERT INTO files VALUES (", folder = "INSERT INTO folders VALUES (";
+    const std::string file = "INSERT INTO files VALUES (", folder = "INSERT INTO folders VALUES (",
+                      version = "INSERT INTO versions VALUES (";
     for (const std::string& row :
          {file + "1, '../precious.txt', 'x', 8, '', '', 1)",
           file + "1, 'a.jpg', 'x', 8, '', '../precious.txt', 1)", file + "1, '..', 'x', 8, '', '', 1)",
           file + "1, CAST(x'610062' AS TEXT), 'x', 8, '', '', 1)", file + "1, '.records', 'x', 8, '', '', 1)",
-          file + "99, 'precious.txt', 'x', 8, '', '', 1)",
+          file + "99, 'precious.txt', 'x', 8, '', '', 1)", version + "1, '../precious.txt', 'x', 8, '', '')",
+          version + "1, 'precious.txt', 'x', 8, '', '')",
+          version + "1, '20200101T000000Z-a/../../../precious.txt', 'x', 8, '', '')",
+          version + "1, '20200101T000000Z-a.jpg', 'x', 8, '', '../precious.txt')",
+          version + "99, '20200101T000000Z-a.jpg', 'x', 8, '', '')",
           folder + "98, 1, '..', 1, '', 1);" + file + "98, 'precious.txt', 'x', 8, '', '', 1)",
           folder + "98, 1, '', 1, '', 1)", folder + "98, 1, 'New', 1, '../precious.txt', 1)",
           folder + "98, 1, 'New', 1, '/precious.txt', 1)",

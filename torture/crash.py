@@ -49,6 +49,10 @@ class Bench:
         return {"first": (self.empty, self.early, self.states["first"]),
                 "second": (self.first, self.late, self.states["second"])}[name]
 
+    def held(self, name):
+        """The bytes of the items that the device holds when the run begins."""
+        return self.states["first"].media() if name == "second" else set()
+
     def calls(self, name):
         """The calls of an undisturbed run on the device, as the library traces them."""
         start, program, _ = self.scenario(name)
@@ -95,7 +99,9 @@ def kill(bench, case):
             # A later kill may come behind the end of what is left to do.
             rig.require(run.killed or index > 0, f"not killed: {run}")
             rig.require_sound(device, [bench.states["first"], expected])
+            rig.require_held(device, bench.held(name), "after a kill")
         recover(bench, device, program, expected)
+        rig.require_held(device, bench.held(name), "in the end")
 
 
 def fail(bench, case):
@@ -110,7 +116,9 @@ def fail(bench, case):
         else:
             rig.require(run.told(), f"failed without a word: {run}")
         rig.require_sound(device, [bench.states["first"], expected])
+        rig.require_held(device, bench.held(name), "after a failure")
         recover(bench, device, program, expected, alike=True)
+        rig.require_held(device, bench.held(name), "in the end")
 
 
 def order_faults(trace):

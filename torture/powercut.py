@@ -343,6 +343,7 @@ class Walk:
         paths = [f"{rig.SERVICE}/{file['path']}{file['name']}"
                  for file in rig.ledger_of(start) if file["item"] in same] \
             if early else []
+        self.held = early.media() if early else set()
         self.untouched = {path: held[path] for path in paths if held.get(path) in self.expected.files.values()}
 
 
@@ -518,8 +519,10 @@ class Explorer:
         try:
             rig.require_sound(device, walk.versions, folder_records=False)
             require_untouched(walk, device, "by the cut")
+            rig.require_held(device, walk.held, "after the cut")
             succeed(walk.program.backup(device))
             require_untouched(walk, device, "by the next run")
+            rig.require_held(device, walk.held, "after the next run")
             state = rig.State(device)
             state.ledger = whole_rows(state.ledger)
             expected = copy.copy(walk.expected)

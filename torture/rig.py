@@ -22,6 +22,7 @@ import xml.dom.minidom
 SERVICE = "Brightkettle/My Flickr Items"
 TODAY = False  # services are those of today, so that runs go through the gateway
 RECORDS = ".records"
+VERSIONS = ".versions"
 
 
 class Failed(Exception):
@@ -231,6 +232,16 @@ def ledger_of(device):
         UNION SELECT path, '', '', made, '' FROM paths ORDER BY 1, 2""")
 
 
+def versions_of(device):
+    """The ledger's older versions by path, each with the name that it has yet to leave."""
+    path = pathlib.Path(device) / SERVICE / RECORDS / ".ledger.db"
+    rows = query(path, """
+        WITH RECURSIVE paths (id, path) AS (SELECT id, '' FROM folders WHERE parent = 0 UNION ALL
+            SELECT folders.id, paths.path || folders.name || '/' FROM folders JOIN paths ON folders.parent = paths.id)
+        SELECT path, name, aside FROM paths JOIN versions ON versions.folder = paths.id""")
+    return {f"{SERVICE}/{row['path']}{VERSIONS}/{row['name']}": row["aside"] for row in rows}
+
+
 def counts_of(device):
     return query(f"{device}/backup.db", "SELECT * FROM containercounts WHERE Items <> 0 ORDER BY Folder")
 
@@ -241,13 +252,27 @@ class State:
     def __init__(self, device):
         self.files, self.rows = files_of(device), rows_of(device)
         self.ledger, self.counts = ledger_of(device), counts_of(device)
+        self.current = {path: content for path, content in self.files.items() if VERSIONS not in path.split("/")}
+        kept = {path for path, content in self.files.items() if pathlib.Path(path).parent.name == VERSIONS
+                and content != "/"}
+        rows = versions_of(device)
+        require(rows == dict.fromkeys(kept, ""), f"the ledger's older versions are not those that are there: {rows}")
+        self.kept = {self.files[path] for path in kept}
+
+    def media(self):
+        """The bytes of all items."""
+        return {self.files[str(pathlib.Path(SERVICE, "" if row["OriginalContainerId"] == "Anonymous"
+                                            else row["DerivedContainerName"], row["DerivedItemName"]))]
+                for row in self.rows if row["ItemType"] != "FlickrFolder"}
 
     def require_equal(self, other):
-        if self.files != other.files:
-            lines = [f"{'+' if path in other.files else '-'} {path}"
-                     for path in sorted(set(self.files) ^ set(other.files))]
-            lines += [f"! {path}" for path in sorted(set(self.files) & set(other.files))
-                      if self.files[path] != other.files[path]]
+        """Older versions may be there that the other device does not have: a run that was cut off may have put
+        there what the next one replaced."""
+        mine, theirs = self.current, other.current
+        require(other.kept <= self.kept, f"{len(other.kept - self.kept)} older versions are missing")
+        if mine != theirs:
+            lines = [f"{'+' if path in theirs else '-'} {path}" for path in sorted(set(mine) ^ set(theirs))]
+            lines += [f"! {path}" for path in sorted(set(mine) & set(theirs)) if mine[path] != theirs[path]]
             raise Failed("the device differs (+ only there, - missing, ! other bytes):\n" + "\n".join(lines))
         for name in "rows", "ledger", "counts":
             mine, theirs = getattr(self, name), getattr(other, name)
@@ -262,15 +287,17 @@ class State:
             held[row["ItemId"]].add(self.files.get(str(pathlib.Path(SERVICE, folder, row["DerivedItemName"]))))
         for path, content in self.files.items():
             item = next((item for item in held if pathlib.Path(path).stem.endswith(f"_{item}")), None)
-            if item and f"/{RECORDS}/" not in path:
+            if item and not {RECORDS, VERSIONS} & set(path.split("/")):
                 held[item].add(content)
         return held
 
     def require_alike(self, other):
         """Equal but for the numbers that tell equal names apart: they go by the order in which items came."""
         require(self.contents() == other.contents(), "the items differ")
-        more = {path for path in set(self.files) ^ set(other.files) if path != f"{SERVICE}/Anonymous"}  # always empty
-        require(sum(path in self.files for path in more) * 2 == len(more), f"leftovers: {sorted(more)}")
+        require(other.kept <= self.kept, f"{len(other.kept - self.kept)} older versions are missing")
+        mine, theirs = self.current, other.current
+        more = {path for path in set(mine) ^ set(theirs) if path != f"{SERVICE}/Anonymous"}  # always empty
+        require(sum(path in mine for path in more) * 2 == len(more), f"leftovers: {sorted(more)}")
         require(self.counts == other.counts, f"the counts differ: {self.counts} and {other.counts}")
 
 
@@ -321,6 +348,12 @@ def require_sound(device, states, folder_records=True):
                 for record in folder.glob(f"{RECORDS}/.kept-*.xml")
                 if f"<ID>{row['ItemId']}</ID>" in record.read_text() and (folder / record.stem).is_file()]
         require(kept or any(place.is_file() for place in places), f"no file of a recorded item: {row}")
+
+
+def require_held(device, contents, moment):
+    """No bytes that a user had are nowhere: under their name, aside, or as an older version."""
+    lost = contents - set(files_of(device).values())
+    require(not lost, f"{len(lost)} files are nowhere {moment}")
 
 
 def query_writable(path, statement):

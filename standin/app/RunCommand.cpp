@@ -31,10 +31,13 @@
 #include "standin/app/Signals.h"
 #include "standin/app/Summary.h"
 #include "standin/framework/base/Cipher.h"
+#include "standin/framework/base/Names.h"
 #include "standin/framework/base/Text.h"
 #include "standin/framework/device/BackupReading.h"
 #include "standin/framework/device/DeviceFiles.h"
 #include "standin/framework/device/DeviceLock.h"
+#include "standin/framework/device/VersionDays.h"
+#include "standin/framework/device/Versions.h"
 #include "standin/framework/run/Log.h"
 #include "standin/framework/run/RunJournal.h"
 #include "standin/framework/run/RunProgress.h"
@@ -66,6 +69,7 @@ struct Options {
     bool quiet = false;
     bool verbose = false;
     GatewayOptions gateway;
+    int versionDays = flickr_standin::kUsualVersionDays;
     bool shared = false;
     bool noGallery = false;
     bool isNew = false;
@@ -182,6 +186,19 @@ void markKept(BackupDatabase& database, const DeviceLayout& layout, flickr_stand
     }
 }
 
+/// Older versions whose time has passed go before the run needs their room. What is wrong with that, or
+/// nothing.
+std::string removeOldVersions(const DeviceLayout& layout) {
+    if (!std::filesystem::is_directory(layout.serviceFolder)) return {};
+    try {
+        flickr_standin::withDevice(layout.serviceFolder, layout.thumbnailWord,
+                                   [](auto& device) { flickr_standin::pruneVersions(device); });
+        return {};
+    } catch (Poco::Exception& exception) {
+        return "Older versions could not be removed: " + exception.message();
+    }
+}
+
 /// What is on the device can be looked at after the run; a page that cannot be written is no failed backup.
 void updateGallery(BackupDatabase& database, const DeviceLayout& layout,
                    flickr_standin::RunSummary& summary) {
@@ -261,6 +278,7 @@ Beginning beginningOf(const Options& options, const Profile& profile) {
     // The databases, and what the loaded object makes, are made with the process's mask.
     if (!options.shared) ::umask(077);
     flickr_standin::shareDevices(options.shared);
+    flickr_standin::keepVersions(options.versionDays);
     readDate(options.from, request);
     request.dataTypes = dataTypesOf(options.media);
     flickr_standin::setLogDetail(options.logLevel == "all"        ? LogDetail::Everything
@@ -395,9 +413,11 @@ int run(const Options& options, const CommandContext& context) {
     const auto lock = beforehand([&] { return flickr_standin::DeviceLock(layout.device); });
     BackupDatabase database = beforehand([&] { return BackupDatabase(layout.databasePath); });
     refuseLostFiles(database, layout);
+    std::vector<std::string> leftAside;
     const auto recover = [&] {
         if (!std::filesystem::is_directory(layout.serviceFolder)) return;
-        flickr_standin::recoverBackup(database, layout.serviceFolder, layout.thumbnailWord);
+        leftAside =
+            flickr_standin::recoverBackup(database, layout.serviceFolder, layout.thumbnailWord).leftAside;
     };
     beforehand([&] {
         recover();
@@ -405,13 +425,19 @@ int run(const Options& options, const CommandContext& context) {
     });
     ServiceAccess access(beginning, options.gateway, database);
     DeviceHistory history(layout.device);
-    std::vector<std::string> notes = {context.profile.logProblem(), history.begin()};
+    std::vector<std::string> notes = {context.profile.logProblem(), history.begin(),
+                                      removeOldVersions(layout)};
 
     const Clock::time_point start = Clock::now();
     RunReport report = perform(beginning, options, access, recover);
     tieToAccount(layout, beginning.credentials);
     try {
         recover();
+        for (const std::string& path : leftAside) {
+            report.done.warnings.push_back("An older version cannot be moved to " +
+                                           std::string(flickr_standin::kVersionFolder) + " and stays as \"" +
+                                           path + "\"");
+        }
         report.goneItems = goneItems(database, report);
         markKept(database, layout, report.done);
         // A stop that comes only now ends what follows.
@@ -485,6 +511,12 @@ void addRunCommand(CLI::App& program, CommandContext& context) {
                      "What the log gets: failures, normal (nothing for unchanged items) or all")
         ->check(CLI::IsMember({"failures", "normal", "all"}))
         ->type_name("LEVEL")
+        ->capture_default_str();
+    command
+        ->add_option("--keep-versions", options->versionDays,
+                     "Keep what an edit replaces for so many days; 0 for not at all")
+        ->check(CLI::Range(0, 36500))
+        ->type_name("DAYS")
         ->capture_default_str();
     command->add_flag("--shared", options->shared,
                       "Let other users of the machine read what is written, as far as the umask allows it");

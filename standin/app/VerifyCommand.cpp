@@ -114,6 +114,7 @@ int verify(const Options& options, bool json) {
         object.set("folder", flickr_standin::validUtf8(layout.serviceFolder));
         object.set("items", std::int64_t{report.items});
         object.set("files", std::int64_t{report.files});
+        object.set("versions", std::int64_t{report.versions});
         object.set("bytes", report.bytes);
         object.set("withoutChecksum", std::int64_t{report.withoutChecksum});
         object.set("databaseProblem", flickr_standin::validUtf8(problem));
@@ -123,6 +124,7 @@ int verify(const Options& options, bool json) {
         return agrees ? ExitSuccess : ExitFailure;
     }
     std::cout << formatCount(report.items, "item") << ", " << formatCount(report.files, "file") << ", "
+              << (report.versions ? formatCount(report.versions, "older version") + ", " : "")
               << formatBytes(static_cast<double>(report.bytes)) << " read in "
               << printable(layout.serviceFolder) << "\n";
     if (report.withoutChecksum) {

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <string_view>
 
@@ -19,6 +20,7 @@ namespace flickr_standin {
 namespace {
 
 constexpr const char* kAsideSuffix = "_Old";
+constexpr const char* kMomentForm = "%Y%m%dT%H%M%SZ-";
 
 // An extension longer than this, in bytes with its dot, is taken for a part of the title.
 constexpr std::size_t kLongestExtension = 16;
@@ -146,7 +148,8 @@ bool isBackupName(const std::string& name) {
     const auto first = static_cast<unsigned char>(name[0]);
     if (first != '.' && first < 0x80) return true;  // most are so, and their keys need no look
     const std::string key = nameKey(name);
-    return key != kDescriptionFolder && key.compare(0, std::strlen(kPartPrefix), kPartPrefix) != 0 &&
+    return key != kDescriptionFolder && key != kVersionFolder &&
+           key.compare(0, std::strlen(kPartPrefix), kPartPrefix) != 0 &&
            key.compare(0, std::strlen(kKeptPrefix), kKeptPrefix) != 0;
 }
 
@@ -163,6 +166,24 @@ std::string withoutMediaExtension(const std::string& title) {
 std::string asideName(const std::string& name) {
     const NameParts parts = splitName(name);
     return parts.base + kAsideSuffix + parts.extension;
+}
+
+std::string versionName(const std::string& name, std::time_t replaced) {
+    std::tm utc = {};
+    ::gmtime_r(&replaced, &utc);
+    char moment[32];
+    std::strftime(moment, sizeof moment, kMomentForm, &utc);
+    return safeName(moment + name);
+}
+
+std::optional<std::time_t> replacedAt(const std::string& versionName) {
+    std::tm utc = {};
+    const char* const end = ::strptime(versionName.c_str(), kMomentForm, &utc);
+    if (!end || *end == '\0' || !isPlainName(versionName) || versionName.size() > kLongestName) return {};
+    const std::time_t moment = ::timegm(&utc);
+    // There are more ways to write a moment than one.
+    if (flickr_standin::versionName(end, moment) != versionName) return {};
+    return moment;
 }
 
 std::string itemName(const std::string& title, const std::string& itemId, long number,

@@ -12,6 +12,8 @@
 #define STANDIN_FRAMEWORK_BASE_NAMES_H
 
 #include <cstddef>
+#include <ctime>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -23,6 +25,9 @@ constexpr std::size_t kLongestName = 255;
 /// Folder in each folder of the device in which the descriptions lie, and in the service folder also
 /// the ledger.
 constexpr const char* kDescriptionFolder = ".records";
+
+/// Folder in a folder of the device in which older versions of its files are kept.
+constexpr const char* kVersionFolder = ".versions";
 
 /// The set id under which the plug-in keeps the items that are in no set. They stand in the root folder.
 constexpr const char* kNoSetId = "Anonymous";
@@ -68,6 +73,12 @@ std::string withoutMediaExtension(const std::string& title);
 
 /// The name under which the plug-in puts a file aside while a new version comes: "a_Old.jpg".
 std::string asideName(const std::string& name);
+
+/// Name of an older version of the file name that was replaced at a moment: "20170801T091500Z-a.jpg", the
+/// moment in UTC. A name too long is cut, its extension is kept.
+std::string versionName(const std::string& name, std::time_t replaced);
+/// The moment in a version's name; none for a name of another form.
+std::optional<std::time_t> replacedAt(const std::string& versionName);
 
 /// A safe name for an item made from title, with the extension kept and room left for what is put to it: a
 /// thumbnail's name holds base, itemId and "_Old" as well. Never begins with a dot, never has a base that

@@ -70,6 +70,7 @@ public:
             if (row.isToFetchAgain()) report_.toFetchAgain.push_back(row.mediaPath);
         });
         checkFolderDescriptions();
+        checkVersions();
         findUnrecorded("");
         for (auto* list : {&report_.missing, &report_.altered, &report_.unrecorded, &report_.descriptions,
                            &report_.toFetchAgain}) {
@@ -137,6 +138,24 @@ private:
             const std::string text = device_.readDescription(name, kFolderDescription);
             if (text.empty() || isDescriptionOf(text, folder.id)) continue;
             report_.descriptions.push_back(joinPath(joinPath(name, kDescriptionFolder), kFolderDescription));
+        }
+    }
+
+    /// Older versions that are there; who needs the room may remove some.
+    void checkVersions() {
+        for (const LedgerVersion& version : device_.ledger().versions()) {
+            const std::string path = version.path();
+            const auto status = statusOf(path);
+            if (!status || !S_ISREG(status->st_mode)) continue;
+            recorded_.insert(path);
+            ++report_.versions;
+            if (!readContents_) continue;
+            const auto size = static_cast<std::uint64_t>(status->st_size);
+            report_.bytes += size;
+            const bool same =
+                size == version.size && (version.checksum.empty() || holds(path, version.checksum));
+            if (!same) report_.altered.push_back(path);
+            if (progress_) progress_(report_);
         }
     }
 

@@ -23,6 +23,7 @@ struct BackupReport {
     long items = 0;            ///< recorded items
     long files = 0;            ///< recorded files that were looked at: media and thumbnails
     std::uint64_t bytes = 0;   ///< their size
+    long versions = 0;         ///< older versions of files that are kept; looked at when contents are read
     long withoutChecksum = 0;  ///< files whose content could not be compared because no checksum is kept
     std::map<std::string, std::uint64_t> folderBytes;  ///< by device folder, "" for the items in no set
     std::vector<std::string> missing;                  ///< recorded, and not on the device

@@ -4,9 +4,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <functional>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -15,6 +18,7 @@
 #include "standin/framework/base/Paths.h"
 #include "standin/framework/device/Description.h"
 #include "standin/framework/device/DeviceFiles.h"
+#include "standin/framework/device/VersionDays.h"
 #include "standin/framework/store/BackupDatabase.h"
 
 namespace flickr_standin {
@@ -170,7 +174,8 @@ void Device::checkPath(const std::string& path) {
         const auto begins = [&](const char* prefix) {
             return key.compare(0, std::strlen(prefix), prefix) == 0;
         };
-        if (key == kDescriptionFolder || begins(kPartPrefix) || begins(kKeptPrefix)) {
+        if (key == kDescriptionFolder || key == kVersionFolder || begins(kPartPrefix) ||
+            begins(kKeptPrefix)) {
             throw DeviceException("The path " + quoted(path) + " leads into the file service's own files");
         }
     }
@@ -281,15 +286,28 @@ std::vector<Descriptor> Device::leftByOlderVersion(const std::string& path, cons
 
 // What the ledger no longer calls pending has to be in the database: that goes first.
 void Device::flushRows() {
-    std::set<std::string> folders, emptied;
+    std::set<std::string> folders, emptied, waiting;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         folders.swap(descriptions_);
         emptied.swap(emptied_);
+        waiting.swap(waiting_);
     }
     for (const std::string& folder : emptied) {
         if (folder.empty() || isFolder(folder)) flushFolder(folder);
     }
+    // What cannot be retired stays aside in the ledger, and the next run tries again.
+    const auto retire = [&](auto step) {
+        for (auto path = waiting.begin(); path != waiting.end();) {
+            try {
+                step(*path);
+                ++path;
+            } catch (DeviceException&) {
+                path = waiting.erase(path);
+            }
+        }
+    };
+    retire([&](const std::string& path) { planVersion(path); });
     for (const std::string& folder : folders) {
         const Descriptor descriptions = isFolder(folder) ? openDescriptionFolder(folder) : Descriptor();
         if (!descriptions.isOpen()) continue;
@@ -302,7 +320,7 @@ void Device::flushRows() {
     flushOpenDatabases();
     ledger_.writeSettled();
     ledger_.flush();
-    removeWaiting();
+    retire([&](const std::string& path) { removeFlushed(path, ledger_.file(path)); });
 }
 
 void Device::flushLedger() {
@@ -387,12 +405,95 @@ void Device::renameFolder(const std::string& from, const std::string& to) {
 
 void Device::removeFile(const std::string& path) {
     const std::optional<LedgerFile> file = ledger_.file(path);
-    if (file && !file->was.empty()) flushRows();
+    if (file && !file->was.empty()) return retireFile(path);
     removeFlushed(path, file);
+}
+
+void Device::retireFile(const std::string& path) {
+    retireFileLater(path);
+    flushRows();
+}
+
+/// Makes the folder for versions of the folder's files, and that of their descriptions, on the disk: what is
+/// moved into a folder that the disk does not know is lost with it.
+void Device::makeVersionFolder(const std::string& folder) {
+    const std::string versions = joinPath(folder, kVersionFolder);
+    for (const std::string& path : {versions, joinPath(versions, kDescriptionFolder)}) {
+        const auto [parent, name] = placeOf(path);
+        if (openDirectlyBelow(parent, name.c_str()).isOpen()) continue;
+        if (::mkdirat(parent.get(), name.c_str(), folderMode()) != 0 || ::fsync(parent.get()) != 0) {
+            fail("make the folder", path, errno);
+        }
+    }
+}
+
+/// Enters the version that the file at path is to become; nothing for one that is not worth it. Throws when
+/// there is no place for it.
+void Device::planVersion(const std::string& path) {
+    const std::optional<LedgerFile> file = ledger_.file(path);
+    if (!file || !isFile(path)) return;
+    if (const auto planned = ledger_.versionFrom(path)) {
+        if (!status(planned->path())) return;
+        ledger_.eraseVersion(*planned);  // somebody took its name
+    }
+    const std::string folder = folderOf(path);
+    const bool isThumbnail = isSystemWord(nameOf(folder));
+    if (isThumbnail || daysOfVersions() == 0 || repeatsCurrent(*file)) return;
+    makeVersionFolder(folder);
+    LedgerVersion version{folder, "", file->item, file->size, file->checksum, nameOf(path)};
+    std::time_t moment = std::time(nullptr);
+    do {
+        version.name = versionName(file->was.empty() ? nameOf(path) : file->was, moment++);
+    } while (ledger_.hasVersion(folder, version.name) || status(version.path()));
+    ledger_.putVersion(version);
+}
+
+/// True when the file has the bytes of the one that has taken its place.
+bool Device::repeatsCurrent(const LedgerFile& file) {
+    const std::vector<LedgerFile> others = ledger_.filesOfItem(file.item);
+    return std::any_of(others.begin(), others.end(), [&](const LedgerFile& other) {
+        const bool isCurrent = other.path != file.path && folderOf(other.path) == folderOf(file.path) &&
+                               other.was.empty() && other.state != FileState::Removed &&
+                               other.state != FileState::PendingOlder && isFile(other.path);
+        return isCurrent && !file.checksum.empty() && other.checksum == file.checksum &&
+               other.size == file.size;
+    });
+}
+
+void Device::moveToVersions(const std::string& path, const LedgerVersion& version) {
+    const auto [folder, name] = placeOf(path);
+    const auto [versions, versionName] = placeOf(version.path());
+    const int error = renameWithoutReplacing(folder.get(), name, versions.get(), versionName);
+    if (error != 0) fail("keep the older version", path, error);
+    noteLeft(path);
+    const std::string description = joinPath(folderOf(path), kDescriptionFolder);
+    if (isFile(joinPath(description, name + kDescriptionExtension))) {
+        moveDescription(path, version.path());
+    } else {
+        removeDescription(folderOf(path), name + kDescriptionExtension);
+    }
+    ledger_.setState(path, FileState::Removed);
+}
+
+void Device::restoreVersion(const LedgerVersion& version, const std::string& path) {
+    const auto [versions, versionName] = placeOf(version.path());
+    const auto [folder, name] = placeOf(path);
+    ledger_.putFile({path, version.item, version.size, version.checksum, "", FileState::Pending});
+    flushRows();
+    const int error = renameWithoutReplacing(versions.get(), versionName, folder.get(), name);
+    if (error != 0) fail("restore", version.path(), error);
+    for (const Descriptor& changed : {std::cref(folder), std::cref(versions)}) {
+        if (::fsync(changed.get()) != 0) fail("restore", version.path(), errno);
+    }
+    removeDescription(folderOf(version.path()), version.name + kDescriptionExtension);
+    ledger_.eraseVersion(version);
 }
 
 /// Removes it when the disk knows of what speaks of it.
 void Device::removeFlushed(const std::string& path, const std::optional<LedgerFile>& file) {
+    if (const auto version = ledger_.versionFrom(path); version && isFile(path)) {
+        return moveToVersions(path, *version);
+    }
     const auto [folder, name] = placeOf(path);
     const std::string kept = file && file->was.empty() ? replacedBy(*file) : std::string();
     if (!kept.empty()) {
@@ -409,7 +510,7 @@ void Device::removeFlushed(const std::string& path, const std::optional<LedgerFi
     if (file) ledger_.setState(path, FileState::Removed);
 }
 
-void Device::removeFileLater(const std::string& path) {
+void Device::retireFileLater(const std::string& path) {
     std::size_t waiting = 0;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
@@ -424,21 +525,6 @@ bool Device::isWaiting(const std::string& path) {
     return waiting_.count(path) != 0;
 }
 
-/// What cannot be removed stays aside in the ledger, and the next run removes it.
-void Device::removeWaiting() {
-    std::set<std::string> paths;
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        paths.swap(waiting_);
-    }
-    for (const std::string& path : paths) {
-        try {
-            removeFlushed(path, ledger_.file(path));
-        } catch (DeviceException&) {
-        }
-    }
-}
-
 /// Path of the version that the file has replaced and that is kept; empty when there is none.
 std::string Device::replacedBy(const LedgerFile& file) {
     for (const LedgerFile& other : ledger_.filesOfItem(file.item)) {
@@ -451,12 +537,12 @@ std::string Device::replacedBy(const LedgerFile& file) {
 }
 
 bool Device::keepReplaced(const std::string& path, const std::string& item) {
-    for (const LedgerFile& other : ledger_.filesOfItem(item)) {
-        if (other.was == nameOf(path) && folderOf(other.path) == folderOf(path) && isFile(other.path)) {
-            return false;
-        }
-    }
     if (!ledger_.file(path)) {
+        for (const LedgerFile& other : ledger_.filesOfItem(item)) {
+            if (other.was == nameOf(path) && folderOf(other.path) == folderOf(path) && isFile(other.path)) {
+                return false;
+            }
+        }
         ledger_.putFile(
             {path, item, static_cast<std::uint64_t>(status(path)->st_size), "", "", FileState::Pending});
     }
@@ -484,6 +570,7 @@ void Device::moveFileOnly(const std::string& from, const std::string& to) {
 // it is found from there. Under a name of the file service's own it is found from there only.
 void Device::putFileAside(const std::string& from, const std::string& to) {
     refuseStanding(from, to);  // before the row claims what is somebody else's
+    beforeTaking(to);
     ledger_.moveFile(from, to, nameOf(from));
     if (isOwnName(nameOf(to), kKeptPrefix)) flushLedger();
     try {

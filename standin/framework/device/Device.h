@@ -79,13 +79,13 @@ public:
     /// folders to flush before it is taken. None when the name was left by nothing.
     std::vector<Descriptor> leftByOlderVersion(const std::string& path, const std::string& item);
     /// Puts the rows of the backup database and of the ledger on the disk, with the folders' descriptions,
-    /// and removes what was waiting for that.
+    /// and lets go what was waiting for that.
     void flushRows();
     /// Puts the ledger on the disk, and before it the rows that it counts on.
     void flushLedger();
-    /// A temporary file was removed from the folder, which no row speaks of: on the disk when rows are the next
-    /// time. A power cut would bring it back otherwise, behind a use that ended well, and nobody would look for
-    /// it.
+    /// A temporary file was removed from the folder, which no row speaks of: on the disk when rows are the
+    /// next time. A power cut would bring it back otherwise, behind a use that ended well, and nobody would
+    /// look for it.
     void flushFolderWithRows(const std::string& folder);
     /// Puts on the disk which names there are in a folder and among its descriptions.
     void flushFolder(const std::string& folder);
@@ -93,22 +93,29 @@ public:
     void makeFolder(const std::string& path);
     void removeFolder(const std::string& path);
     void renameFolder(const std::string& from, const std::string& to);
-    /// Removes a file with its description; its row stays until the disk knows that both are gone. An old
-    /// version that stands aside goes only when the disk knows of what has taken its place. A file that
-    /// replaced another one makes way for it again.
+    /// Removes a file with its description; its row stays until the disk knows that both are gone. A file
+    /// that stands aside is retired. A file that replaced another one makes way for it again.
     void removeFile(const std::string& path);
-    /// Removes an old version that stands aside when rows are flushed the next time.
-    void removeFileLater(const std::string& path);
+    /// Makes a file that another one has taken the place of an older version, or removes it when versions are
+    /// not kept; but only when the disk knows of what has taken its place. Where it cannot be kept it stays
+    /// as it is.
+    void retireFile(const std::string& path);
+    /// Retires a file that stands aside when rows are flushed the next time.
+    void retireFileLater(const std::string& path);
     /// True for such a file.
     bool isWaiting(const std::string& path);
     /// Puts a file aside: its row remembers the name that it had.
     void putFileAside(const std::string& from, const std::string& to);
     /// Puts what stands at path and belongs to the item aside under a name of the file service's own, on the
-    /// disk, until the item's row is written. False when an older version of it stands aside already: that
-    /// one is the recorded one, and what stands at path may be replaced.
+    /// disk, until the item's row is written. False for a file that the ledger does not know when an older
+    /// version of it stands aside already: that one is the recorded one, and what stands at path may be
+    /// replaced.
     bool keepReplaced(const std::string& path, const std::string& item);
     /// Renames a file, for one that stands aside back to its own name.
     void renameFile(const std::string& from, const std::string& to);
+    /// Moves an older version to path, where nothing stands, as the current file of its item, on the disk.
+    /// Its description goes.
+    void restoreVersion(const LedgerVersion& version, const std::string& path);
 
     /// Calls visit with the name of everything in the folder.
     void listFolder(const std::string& folder, const std::function<void(const std::string&)>& visit);
@@ -147,7 +154,10 @@ private:
     void refuseStanding(const std::string& from, const std::string& to);
     void moveFileOnly(const std::string& from, const std::string& to);
     void removeFlushed(const std::string& path, const std::optional<LedgerFile>& file);
-    void removeWaiting();
+    void makeVersionFolder(const std::string& folder);
+    void planVersion(const std::string& path);
+    bool repeatsCurrent(const LedgerFile& file);
+    void moveToVersions(const std::string& path, const LedgerVersion& version);
 
     const std::string path_;
     const std::string thumbnailWord_;
@@ -162,7 +172,7 @@ private:
     bool leftUnflushed_ = false;          // some of these renames since the rows were flushed last
     std::set<std::string> descriptions_;  // folders whose descriptions were written since then
     std::set<std::string> emptied_;       // folders from which temporary files were removed
-    std::set<std::string> waiting_;       // old versions that go behind the next flush of rows
+    std::set<std::string> waiting_;       // to be retired behind the next flush of rows
 };
 
 }  // namespace flickr_standin

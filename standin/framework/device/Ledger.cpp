@@ -29,12 +29,17 @@ constexpr const char* kSchema = R"(
     CREATE TABLE IF NOT EXISTS state (inuse INTEGER PRIMARY KEY);
 )";
 // Ledgers of earlier versions have none.
-constexpr const char* kOwners = R"(
+constexpr const char* kLaterTables = R"(
     CREATE TABLE IF NOT EXISTS owners (
         owner TEXT NOT NULL PRIMARY KEY, folder INTEGER NOT NULL UNIQUE) WITHOUT ROWID;
+    CREATE TABLE IF NOT EXISTS versions (
+        folder INTEGER NOT NULL, name TEXT NOT NULL, item TEXT NOT NULL, size INTEGER NOT NULL,
+        checksum TEXT NOT NULL, aside TEXT NOT NULL, PRIMARY KEY (folder, name)) WITHOUT ROWID;
+    CREATE INDEX IF NOT EXISTS movingversions ON versions (folder, aside) WHERE aside <> '';
 )";
 constexpr const char* kFormerSchema = "CREATE TABLE parts (path TEXT PRIMARY KEY) WITHOUT ROWID;";
 
+constexpr const char* kVersionColumns = "SELECT folder, name, item, size, checksum, aside FROM versions ";
 constexpr const char* kFileColumns = "SELECT folder, name, item, size, checksum, was, pending FROM files ";
 
 }  // namespace
@@ -108,12 +113,20 @@ void checkRows(SqliteFile& file, const std::string& path) {
             refuseRow(path, "a file that can have no such name");
         }
     }
+    if (file.value("SELECT 1 FROM sqlite_master WHERE name = 'versions'").empty()) return;
+    const auto versions = file.prepare("SELECT folder, name, aside FROM versions");
+    while (versions->step()) {
+        const std::string aside = versions->text(2);
+        if (parents.count(versions->number(0)) == 0) refuseRow(path, "a version in no folder");
+        const bool plain = aside.empty() || isBackupName(aside) || isOwnName(aside, kKeptPrefix);
+        if (!plain || !replacedAt(versions->text(1))) refuseRow(path, "a version that can have no such name");
+    }
 }
 
 /// The path, when what stands there may be used.
 const std::string& inspected(const std::string& path) {
     try {
-        const std::string allowed = std::string(kOwners) + kFormerSchema;
+        const std::string allowed = std::string(kLaterTables) + kFormerSchema;
         inspectDatabase(path, {kSchema, 0, allowed.c_str()},
                         [&](SqliteFile& file) { checkRows(file, path); });
     } catch (Poco::Exception& exception) {
@@ -124,13 +137,17 @@ const std::string& inspected(const std::string& path) {
 
 }  // namespace
 
+std::string LedgerVersion::path() const {
+    return joinPath(joinPath(folder, kVersionFolder), name);
+}
+
 Ledger::Ledger(const std::string& path)
     : path_(path), database_(inspected(path), SqliteFile::Open::OrCreate) {
     try {
         database_.execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;");
         Transaction transaction(database_);
         database_.execute(kSchema);
-        database_.execute(kOwners);
+        database_.execute(kLaterTables);
         database_.execute("DROP TABLE IF EXISTS parts");
         transaction.commit();
         sql_ = std::make_unique<Statements>(database_.handle());
@@ -356,6 +373,63 @@ std::vector<std::string> Ledger::settledItems() {
     return items;
 }
 
+std::vector<LedgerVersion> Ledger::readVersions(StatementUse& use) {
+    std::vector<LedgerVersion> versions;
+    while (use.step()) {
+        versions.push_back({folderPath(use->number(0)), use->text(1), use->text(2),
+                            static_cast<std::uint64_t>(use->number(3)), use->text(4), use->text(5)});
+    }
+    return versions;
+}
+
+std::vector<LedgerVersion> Ledger::versions() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto statement = database_.prepare(kVersionColumns);
+    StatementUse use(*statement);
+    return readVersions(use);
+}
+
+std::optional<LedgerVersion> Ledger::versionFrom(const std::string& path) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::int64_t folder = folderId(folderOf(path));
+    if (folder == 0) return std::nullopt;
+    const auto statement = database_.prepare(
+        (std::string(kVersionColumns) + "WHERE aside <> '' AND folder = ? AND aside = ?").c_str());
+    StatementUse use(*statement, folder, nameOf(path));
+    const std::vector<LedgerVersion> versions = readVersions(use);
+    return versions.empty() ? std::nullopt : std::optional(versions.front());
+}
+
+bool Ledger::hasVersion(const std::string& folder, const std::string& name) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::int64_t id = folderId(folder);
+    const auto find = database_.prepare("SELECT 1 FROM versions WHERE folder = ? AND name = ?");
+    StatementUse use(*find, id, name);
+    return use.step();
+}
+
+void Ledger::putVersion(const LedgerVersion& version) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    write([&] {
+        const auto put = database_.prepare(
+            "INSERT OR REPLACE INTO versions (folder, name, item, size, checksum, aside) "
+            "VALUES (?, ?, ?, ?, ?, ?)");
+        StatementUse(*put, makeFolderId(version.folder), version.name, version.item,
+                     static_cast<std::int64_t>(version.size), version.checksum, version.aside)
+            .run();
+    });
+}
+
+void Ledger::eraseVersion(const LedgerVersion& version) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::int64_t folder = folderId(version.folder);
+    if (folder == 0) return;
+    write([&] {
+        const auto erase = database_.prepare("DELETE FROM versions WHERE folder = ? AND name = ?");
+        StatementUse(*erase, folder, version.name).run();
+    });
+}
+
 bool Ledger::madeFolder(const std::string& path) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const std::int64_t id = folderId(path);
@@ -408,6 +482,8 @@ void Ledger::forgetFolderRows(std::int64_t id) {
     for (const std::int64_t child : children) forgetFolderRows(child);
     const auto eraseFiles = database_.prepare("DELETE FROM files WHERE folder = ?");
     StatementUse(*eraseFiles, id).run();
+    const auto eraseVersions = database_.prepare("DELETE FROM versions WHERE folder = ?");
+    StatementUse(*eraseVersions, id).run();
     const auto eraseOwner = database_.prepare("DELETE FROM owners WHERE folder = ?");
     StatementUse(*eraseOwner, id).run();
     const auto eraseFolder = database_.prepare("DELETE FROM folders WHERE id = ?");

@@ -10,6 +10,10 @@
 //       item      id of the item, also for its thumbnail
 //       was       its name before a rename that is not settled yet
 //       pending   a FileState
+//   versions  One row for each older version that is kept: the folder in whose ".versions" it stands, whose
+//   it
+//             is, its size and checksum.
+//       aside     the name in that folder that it leaves, until the disk knows that it did; then empty
 //   state     A row while the ledger is in use. One that is found when it is opened was left by a kill or a
 //             power cut: rows of then may be missing, and half-written files may be there.
 //
@@ -56,6 +60,18 @@ struct LedgerFolder {
     std::string owner;
 };
 
+/// An older version of a file that an edit replaced.
+struct LedgerVersion {
+    std::string folder;  ///< that of its item
+    std::string name;    ///< in the folder's ".versions"
+    std::string item;
+    std::uint64_t size = 0;
+    std::string checksum;  ///< empty when none is kept
+    std::string aside;     ///< name in folder that it leaves; empty when it has left it for good
+
+    std::string path() const;
+};
+
 /// All paths are relative to the service folder. Every operation may be called from any thread and throws a
 /// Poco::Exception when the database fails.
 class Ledger {
@@ -96,6 +112,13 @@ public:
     /// True when it was written for items whose rows may not be on the disk, since the last writeSettled().
     bool speaksOfUnflushedRows();
 
+    std::vector<LedgerVersion> versions();
+    /// The version that is to leave the path, or none.
+    std::optional<LedgerVersion> versionFrom(const std::string& path);
+    bool hasVersion(const std::string& folder, const std::string& name);
+    void putVersion(const LedgerVersion& version);
+    void eraseVersion(const LedgerVersion& version);
+
     bool madeFolder(const std::string& path);
     void addMadeFolder(const std::string& path);
     /// The folder is renamed, pending until it is settled.
@@ -127,6 +150,7 @@ private:
     std::vector<LedgerFolder> readFolders(const char* where);
     static LedgerFile fileOfRow(const Statement& row, std::string path);
     std::vector<LedgerFile> readFiles(StatementUse& use);
+    std::vector<LedgerVersion> readVersions(StatementUse& use);
     /// Runs change in a transaction; writeFor() before it everything that was put off, when that speaks of
     /// the item.
     template <typename Change>

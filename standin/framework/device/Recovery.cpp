@@ -7,8 +7,9 @@
 //                     folder, and files that stand aside are looked for beside every recorded file
 //   files             see settleAside() and settleWritten(). No file of an item goes while the one that the
 //                     item's row names is not there
-//   adoption          after lost rows: recorded files that the ledger does not know are entered, without
-//                     their checksums
+//   versions          older versions on their way have arrived, or are forgotten
+//   adoption          after lost rows: recorded files and older versions that the ledger does not know are
+//                     entered, without their checksums
 //   made folders      an empty folder that no row names is removed
 //   recorded folders  each exists, so that new items find their place
 //
@@ -43,7 +44,10 @@ public:
         placeFolders();
         if (mayLackRows) findLostRows();
         settleFiles();
-        if (mayLackRows) adoptFiles();
+        if (mayLackRows) {
+            adoptFiles();
+            adoptVersions();
+        }
         removeUnusedFolders();
         makeRecordedFolders();
         if (mayLackRows) device_.flushRows();
@@ -78,6 +82,10 @@ private:
     bool isUnchanged(const LedgerFile& file);
     bool isSameFile(const std::string& path, const std::string& other);
     void flushNames(const std::string& folder);
+    void retire(const std::string& path);
+    void finishVersion(const std::string& path);
+    void settleVersions();
+    void adoptVersions();
     void forgetRemoved();
     std::string checksumOf(const std::string& path);
     void rehash(LedgerFile file);
@@ -95,6 +103,7 @@ private:
     std::optional<std::map<std::string, std::string>> recordedFolders_;  // by the ids of their descriptions
     std::optional<bool> isDatabaseOlder_;
     std::vector<std::string> removed_;
+    std::set<std::string> formerlySettled_;  // paths of files that lost rows have made pending
 };
 
 void Recovery::adopt(const std::string& path, const std::string& item) {
@@ -145,6 +154,7 @@ void Recovery::findLostRows() {
             }
             // The ledger is behind the row, which has another name by now.
             paths.push_back(file.path);
+            if (file.state == FileState::Settled) formerlySettled_.insert(file.path);
             device_.ledger().setState(file.path, FileState::Pending);
         }
         for (const std::string& path : paths) findAside(path, row);
@@ -304,12 +314,18 @@ void Recovery::settleFiles() {
 void Recovery::settleAside(const LedgerFile& file, const std::optional<ItemRow>& row) {
     const std::string before = joinPath(folderOf(file.path), file.was);
     const bool foreign = device_.owns(before, file.item) && !isUnchanged(file);
-    if (!device_.isFile(file.path) || foreign) {
+    const auto version = device_.ledger().versionFrom(file.path);
+    if (!device_.isFile(file.path) && version && device_.isFile(version->path())) {
+        remove(file.path);
+    } else if (!device_.isFile(file.path) || foreign) {
         settleReturned(file, before, row);
         device_.ledger().eraseFile(file.path);
     } else if (row && hasNewVersion(file, *row)) {
-        remove(file.path);
+        retire(file.path);
     } else if (!device_.status(before)) {
+        if (version && device_.isFolder(folderOf(version->path()))) {
+            device_.moveDescription(version->path(), file.path);
+        }
         device_.renameFile(file.path, before);
         ++report_.restored;
     }
@@ -410,7 +426,12 @@ void Recovery::settleWritten(const LedgerFile& file, const std::optional<ItemRow
         return;
     } else {
         if (mayGo(file, row)) {
-            remove(file.path);
+            // What was recorded once is a version that another one has replaced.
+            if (formerlySettled_.count(file.path) != 0) {
+                retire(file.path);
+            } else {
+                remove(file.path);
+            }
         } else if (file.state == FileState::Removed) {
             ledger.eraseFile(file.path);
         }
@@ -478,7 +499,7 @@ void Recovery::settleThumbnail(const LedgerFile& file, const ItemRow& row) {
         const bool older = other.path != file.path && other.path != row.mediaPath &&
                            other.state == FileState::Settled && !isSameFile(other.path, file.path) &&
                            !isSameFile(other.path, row.mediaPath);
-        if (older) remove(other.path);
+        if (older) retire(other.path);
     }
 }
 
@@ -506,6 +527,7 @@ void Recovery::remove(const std::string& path) {
         device_.removeFile(path);
         ++report_.removed;
     } else {
+        finishVersion(path);
         device_.removeDescription(folderOf(path), nameOf(path) + kDescriptionExtension);
         device_.ledger().setState(path, FileState::Removed);
     }
@@ -516,11 +538,68 @@ void Recovery::flushNames(const std::string& folder) {
     if (folder.empty() || device_.isFolder(folder)) device_.flushFolder(folder);
 }
 
+/// The file becomes an older version, or goes, where that can be done.
+void Recovery::retire(const std::string& path) {
+    device_.retireFile(path);
+    if (device_.isFile(path)) {
+        report_.leftAside.push_back(path);
+        return;
+    }
+    ++report_.removed;
+    removed_.push_back(path);
+}
+
+/// The description of a file that has become an older version follows it.
+void Recovery::finishVersion(const std::string& path) {
+    const auto version = device_.ledger().versionFrom(path);
+    if (version && device_.isFile(version->path())) device_.moveDescription(path, version->path());
+}
+
+/// Older versions that were on their way are there, on the disk, or will not come.
+void Recovery::settleVersions() {
+    std::set<std::string> flushed;
+    for (LedgerVersion& version : device_.ledger().versions()) {
+        if (version.aside.empty()) continue;
+        const std::string aside = joinPath(version.folder, version.aside);
+        if (device_.isFile(version.path())) {
+            const std::string folder = folderOf(version.path());
+            if (flushed.insert(folder).second) device_.flushFolder(folder);
+            version.aside.clear();
+            device_.ledger().putVersion(version);
+        } else if (!device_.ledger().file(aside)) {
+            device_.ledger().eraseVersion(version);
+        }
+    }
+}
+
+/// Enters older versions that the ledger does not know: their names tell when they were replaced, their
+/// descriptions whose they are.
+void Recovery::adoptVersions() {
+    std::set<std::string> folders = {""};
+    for (const FolderRow& folder : database_.folders()) folders.insert(folder.deviceName);
+    for (const std::string& folder : folders) {
+        const std::string versions = joinPath(folder, kVersionFolder);
+        if (!device_.isFolder(versions)) continue;
+        device_.listFolder(versions, [&](const std::string& name) {
+            const auto status = device_.status(joinPath(versions, name));
+            const bool known = !replacedAt(name) || device_.ledger().hasVersion(folder, name);
+            if (known || !status || !S_ISREG(status->st_mode)) return;
+            const std::string item =
+                descriptionField(device_.readDescription(versions, name + kDescriptionExtension), "ID");
+            if (item.empty()) return;
+            const auto size = static_cast<std::uint64_t>(status->st_size);
+            device_.ledger().putVersion({folder, name, item, size, "", ""});
+            ++report_.adopted;
+        });
+    }
+}
+
 /// Takes the rows of removed files out of the ledger, as soon as the disk knows of the removal.
 void Recovery::forgetRemoved() {
     std::set<std::string> folders;
     for (const std::string& path : removed_) folders.insert(folderOf(path));
     for (const std::string& folder : folders) flushNames(folder);
+    settleVersions();
     for (const std::string& path : removed_) {
         const auto file = device_.ledger().file(path);
         if (file && file->state == FileState::Removed) device_.ledger().eraseFile(path);

@@ -3,6 +3,9 @@
 #ifndef STANDIN_FRAMEWORK_DEVICE_RECOVERY_H
 #define STANDIN_FRAMEWORK_DEVICE_RECOVERY_H
 
+#include <string>
+#include <vector>
+
 namespace flickr_standin {
 
 class BackupDatabase;
@@ -12,6 +15,8 @@ struct RecoveryReport {
     long removed = 0;   ///< half-written files, files of items that were never recorded, old versions
     long restored = 0;  ///< files and folders that got their recorded names back
     long adopted = 0;   ///< recorded files that the ledger did not know
+    /// Paths of files that others have taken the place of, and that cannot become older versions.
+    std::vector<std::string> leftAside;
 };
 
 /// Brings the files on the device in line with the database: afterwards every file that the interrupted

@@ -231,7 +231,7 @@ void HostServiceClientMac::deleteFile(std::string path, std::string& command, st
         if (!device.status(path)) throw DeviceException("\"" + path + "\" does not exist");
         if (!device.owns(path)) throw DeviceException("\"" + path + "\" was not written by the backup");
         const std::optional<LedgerFile> file = device.ledger().file(path);
-        if (file && !file->was.empty()) return device.removeFileLater(path);
+        if (file && !file->was.empty()) return device.retireFileLater(path);
         device.removeFile(path);
     });
 }
