@@ -123,6 +123,7 @@ class Output(Rig):
         script = self.call("completion", "bash").stdout
         for words, expected in [("ru", "run"), ("run --dev", "--device"), ("run --media vid", "videos"),
                                 ("status --ve", ""), ("run --log-level a", "all"), ("completion f", "fish"),
+                                ("versions re", "restore"), ("versions list --d", "--device"),
                                 ("", "login logout configure")]:
             done = subprocess.run(["bash", "-c", script + f"COMP_WORDS=(flickr-backup {words or QUOTES}); "
                                    "COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _flickr_backup; echo ${COMPREPLY[@]}"],

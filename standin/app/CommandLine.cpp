@@ -69,15 +69,22 @@ void addJsonOption(CLI::App& command, CommandContext& context) {
 }
 
 std::string explain(const CLI::App& program, const CLI::ParseError& error) {
-    const std::vector<CLI::App*> given = program.get_subcommands();
-    const CLI::App& command = given.empty() ? program : *given.front();
-    const std::string help =
-        "; see flickr-backup " + (given.empty() ? "" : command.get_name() + " ") + "--help.";
+    const CLI::App* given = &program;
+    std::string names;  // of the commands that were given, each with a blank behind it
+    std::vector<std::string> unknown = program.remaining();
+    while (!given->get_subcommands().empty()) {
+        given = given->get_subcommands().front();
+        names += given->get_name() + " ";
+        const std::vector<std::string> inner = given->remaining();
+        unknown.insert(unknown.begin(), inner.begin(), inner.end());
+    }
+    const CLI::App& command = *given;
+    const std::string help = "; see flickr-backup " + names + "--help.";
+    const std::vector<std::string> further = namesOf(commandsOf(command));
 
-    std::vector<std::string> unknown = command.remaining();
-    if (!given.empty()) {
-        const std::vector<std::string> before = program.remaining();
-        unknown.insert(unknown.end(), before.begin(), before.end());
+    if (unknown.empty() && !further.empty() && !names.empty()) {
+        return "Behind \"" + names.substr(0, names.size() - 1) + "\" belongs " + further.front() + " or " +
+               further.back() + help;
     }
     if (unknown.empty() && error.get_name() == "ArgumentMismatch") {
         const std::string text = error.what();
@@ -86,9 +93,9 @@ std::string explain(const CLI::App& program, const CLI::ParseError& error) {
     if (unknown.empty()) return error.what() + help;
     const auto isOption = [](const std::string& word) { return word.size() > 1 && word[0] == '-'; };
     const std::string word = unknown.front();
-    if (given.empty() && !isOption(word)) {
-        const std::string meant = nearest(word, namesOf(commandsOf(program)));
-        return "There is no command \"" + word + "\"" +
+    if (!further.empty() && !isOption(word)) {
+        const std::string meant = nearest(word, further);
+        return "There is no command \"" + names + word + "\"" +
                (meant.empty() ? help : "; did you mean " + meant + "?");
     }
     const auto dashed = std::find_if(unknown.begin(), unknown.end(), isOption);

@@ -40,6 +40,8 @@ void addVerifyCommand(CLI::App& program, CommandContext& context);
 void addFindCommand(CLI::App& program, CommandContext& context);
 /// "export": what is known of each item, as a table.
 void addExportCommand(CLI::App& program, CommandContext& context);
+/// "versions": lists what edits have replaced, and puts it back.
+void addVersionsCommand(CLI::App& program, CommandContext& context);
 /// "gallery": writes a page that shows the backup.
 void addGalleryCommand(CLI::App& program, CommandContext& context);
 /// "info": shows what the plug-in says about itself.

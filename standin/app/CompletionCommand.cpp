@@ -32,8 +32,17 @@ std::vector<std::string> choicesIn(const std::string& typeName) {
     return choices;
 }
 
+/// The command's options, and of those of its own commands the ones that it does not have itself.
 std::vector<OptionInfo> optionsOf(const CLI::App& command) {
     std::vector<OptionInfo> options;
+    for (const CLI::App* inner : commandsOf(command)) {
+        for (OptionInfo& option : optionsOf(*inner)) {
+            const bool isKnown = std::any_of(options.begin(), options.end(), [&](const OptionInfo& known) {
+                return known.name == option.name;
+            });
+            if (!isKnown && option.name != "help") options.push_back(std::move(option));
+        }
+    }
     for (const CLI::Option* option : command.get_options()) {
         if (option->get_lnames().empty()) continue;
         OptionInfo info{option->get_lnames().front(), option->get_description(), "", {}};
@@ -47,6 +56,14 @@ std::vector<OptionInfo> optionsOf(const CLI::App& command) {
         options.push_back(std::move(info));
     }
     return options;
+}
+
+/// The words that may stand behind the command.
+std::vector<std::string> wordsOf(const CLI::App& command) {
+    if (command.get_name() == "completion") return {"bash", "zsh", "fish"};
+    std::vector<std::string> words;
+    for (const CLI::App* inner : commandsOf(command)) words.push_back(inner->get_name());
+    return words;
 }
 
 std::string replaced(std::string text, const std::string& what, const std::string& with) {
@@ -72,8 +89,7 @@ void printBash(std::ostream& out, const CLI::App& program) {
     std::ostringstream cases, values;
     for (const CLI::App* command : commandsOf(program)) {
         names.push_back(command->get_name());
-        std::vector<std::string> words;
-        if (command->get_name() == "completion") words = {"bash", "zsh", "fish"};
+        std::vector<std::string> words = wordsOf(*command);
         for (const OptionInfo& option : optionsOf(*command)) {
             words.push_back("--" + option.name);
             if (option.value.empty()) continue;
@@ -149,7 +165,8 @@ void printZsh(std::ostream& out, const CLI::App& program) {
             }
             out << " \\\n                " << inQuotes(spec);
         }
-        if (command->get_name() == "completion") out << " \\\n                '1:shell:(bash zsh fish)'";
+        const std::vector<std::string> words = wordsOf(*command);
+        if (!words.empty()) out << " \\\n                '1:word:(" << join(words) << ")'";
         out << "\n            ;;\n";
     }
     out << "        esac ;;\n"
@@ -162,14 +179,17 @@ void printFish(std::ostream& out, const CLI::App& program) {
     out << "# fish completion for flickr-backup; made by \"flickr-backup completion fish\"\n"
            "complete -c flickr-backup -f\n"
            "complete -c flickr-backup -n __fish_use_subcommand -l help -d 'Print help'\n"
-           "complete -c flickr-backup -n __fish_use_subcommand -l version -d 'Print the version'\n"
-           "complete -c flickr-backup -n '__fish_seen_subcommand_from completion' -a 'bash zsh fish'\n";
+           "complete -c flickr-backup -n __fish_use_subcommand -l version -d 'Print the version'\n";
     const auto fishQuotes = [](const std::string& text) {
         return "'" + replaced(replaced(text, "\\", "\\\\"), "'", "\\'") + "'";
     };
     for (const CLI::App* command : commandsOf(program)) {
         out << "complete -c flickr-backup -n __fish_use_subcommand -a " << command->get_name() << " -d "
             << fishQuotes(command->get_description()) << "\n";
+        if (const auto words = wordsOf(*command); !words.empty()) {
+            out << "complete -c flickr-backup -n '__fish_seen_subcommand_from " << command->get_name()
+                << "' -a '" << join(words) << "'\n";
+        }
         for (const OptionInfo& option : optionsOf(*command)) {
             out << "complete -c flickr-backup -n '__fish_seen_subcommand_from " << command->get_name()
                 << "' -l " << option.name;
@@ -182,13 +202,17 @@ void printFish(std::ostream& out, const CLI::App& program) {
     }
 }
 
-/// The part of the manual page that lists commands and options.
-void printManual(std::ostream& out, const CLI::App& program) {
+/// The part of the manual page that lists commands and options. before: the words in front of the commands.
+void printManual(std::ostream& out, const CLI::App& program, const std::string& before = "") {
     const auto roff = [](const std::string& text) {
         return replaced(replaced(text, "\\", "\\e"), "-", "\\-");
     };
     for (const CLI::App* command : commandsOf(program)) {
-        out << ".SS " << command->get_name() << "\n" << roff(command->get_description()) << ".\n";
+        out << ".SS " << before << command->get_name() << "\n" << roff(command->get_description()) << ".\n";
+        if (!commandsOf(*command).empty()) {
+            printManual(out, *command, command->get_name() + " ");
+            continue;
+        }
         for (const OptionInfo& option : optionsOf(*command)) {
             out << ".TP\n.B " << roff("--" + option.name);
             if (!option.value.empty()) out << " \\fI" << roff(option.value) << "\\fR";
