@@ -193,7 +193,7 @@ void printFish(std::ostream& out, const CLI::App& program) {
         for (const OptionInfo& option : optionsOf(*command)) {
             out << "complete -c flickr-backup -n '__fish_seen_subcommand_from " << command->get_name()
                 << "' -l " << option.name;
-            if (!option.value.empty()) out << " -r";
+            if (!option.value.empty()) out << (option.value == "FILE" ? " -r" : " -x");  // -x: no files
             if (!option.choices.empty()) out << " -a " << fishQuotes(join(option.choices));
             if (option.value == "DIR") out << " -a '(__fish_complete_directories)'";
             if (option.value == "FILE") out << " -F";
