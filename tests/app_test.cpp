@@ -254,9 +254,15 @@ TEST_F(AppTest, FindsTheOneBackupOfADevice) {
         EXPECT_THAT(refusal([&] { layoutOf(folder_, name, ""); }), HasSubstr("cannot be used")) << name;
     }
 
-    // Once there is one, another culture or another database would lose sight of it.
-    fs::create_directories(serviceFolderOn(device, "de") + "/Reise");
+    // A database of no bytes is no new one.
     write("backup.db", "");
+    EXPECT_THAT(refusal([&] { layoutOf(folder_, "backup.db", ""); }), HasSubstr("remove it to begin"));
+    fs::create_directories(serviceFolderOn(device, "de") + "/Reise");
+    EXPECT_THAT(refusal([&] { layoutOf(folder_, "backup.db", ""); }), HasSubstr("flickr-backup rebuild"));
+    EXPECT_TRUE(backupToRebuild(folder_, "backup.db").holdsBackup);
+
+    // Once there is one, another culture or another database would lose sight of it.
+    write("backup.db", "rows");
     EXPECT_EQ(layoutOf(folder_, "backup.db", "").culture, "de");
     EXPECT_EQ(layoutOf(folder_, "backup.db", "de-AT").serviceFolder, serviceFolderOn(device, "de"));
     EXPECT_TRUE(existingBackup(folder_, "backup.db").holdsBackup);

@@ -1,8 +1,10 @@
 #!/usr/bin/env python3
 """What the commands that look at a backup, and those that mend one, make of it."""
+import contextlib
 import csv
 import hashlib
 import pathlib
+import shutil
 import signal
 import sqlite3
 import subprocess
@@ -42,7 +44,7 @@ class Backups(Rig):
             source = device / ("backup.db" + ending)
             target = copy.with_name(copy.name + ending)
             target.write_bytes(source.read_bytes() if source.exists() else b"")
-        with sqlite3.connect(copy) as database:
+        with contextlib.closing(sqlite3.connect(copy)) as database:
             query = "SELECT COUNT(*) FROM backupmetadata WHERE ItemType <> 'FlickrFolder'"
             return database.execute(query).fetchone()[0]
 
@@ -108,6 +110,73 @@ class Backups(Rig):
             self.assertIn(words, text)
         done = self.check("run", self.call("run", "--device", device, "--json").stdout)
         self.assertEqual((done["edited"], done["renamed"], done["dryRun"]), (1, told["renamed"], False))
+
+    def all_rows(self, device):
+        """What a run goes by, of each row."""
+        with contextlib.closing(sqlite3.connect(device / "backup.db")) as database:
+            return set(database.execute(
+                "SELECT ItemId, ItemName, DerivedItemName, DerivedContainerName, OriginalItemId, "
+                "OriginalContainerId, ItemType, ImageExtension, IIF(ItemType = 'FlickrFolder', '', CreatedOn), "
+                "IIF(ItemType = 'FlickrFolder', '', ItemUpdatedOn) FROM backupmetadata"))
+
+    def test_a_lost_database_is_made_anew(self):
+        device = self.device("rebuilt")
+        self.assertEqual(self.call("run", "--device", device).returncode, 0)
+        whole, rows = media(device), self.all_rows(device)
+        ledger = service(device) / ".records/.ledger.db"
+
+        def garble(path):
+            path.write_bytes(b"garbage" * 2000)
+
+        def empty(path):
+            path.write_bytes(b"")
+
+        for spoil, ledger_too, new_checksums in [(pathlib.Path.unlink, False, 0), (garble, True, 124),
+                                                 (empty, False, 0), (empty, True, 124)]:
+            for path in [device / "backup.db", ledger] if ledger_too else [device / "backup.db"]:
+                spoil(path)
+            refused = self.call("run", "--device", device)
+            self.assertEqual(refused.returncode, 3, refused)
+            self.assertIn("rebuild", refused.stderr)
+            done = self.call("rebuild", "--device", device, "--json")
+            self.assertEqual(done.returncode, 0, done)
+            made = self.check("rebuild", done.stdout)
+            self.assertEqual((made["items"], made["sets"], made["newChecksums"]), (62, 2, new_checksums))
+            self.assertEqual(self.all_rows(device), rows)
+            self.assertEqual(self.call("verify", "--device", device).returncode, 0)
+            told = self.check("run", self.call("run", "--device", device, "--json").stdout)
+            self.assertEqual((told["new"], told["edited"], told["result"]), (0, 0, "success"))
+            self.assertEqual(media(device), whole)
+        self.assertEqual(sorted(path.name for path in device.glob("backup.db*")),
+                         ["backup.db", "backup.db.old", "backup.db.old-2", "backup.db.old-3"])
+
+        gone, copied = pathlib.Path(self.find(device)[0]["path"]), service(device) / "Copy of a set"
+        shutil.copytree(gone.parent, copied)
+        gone.unlink()
+        next((service(device) / "Thumbnail").glob("sunset_*")).unlink()
+        stranger = service(device) / "mine.jpg"
+        stranger.write_bytes(b"mine")
+        done = self.call("rebuild", "--device", device, "--json")
+        self.assertEqual(done.returncode, 1, done)
+        made = self.check("rebuild", done.stdout)
+        self.assertEqual((made["items"], len(made["toFetchAgain"]), len(made["leftOut"])), (61, 1, 30))
+        self.assertIn("mine.jpg", made["unrecorded"])
+        shutil.rmtree(copied)
+        self.assertEqual(self.check("run", self.call("run", "--device", device, "--json").stdout)["new"], 1)
+        stranger.unlink()
+        self.assertEqual(media(device), whole)
+
+    def test_a_killed_run_whose_database_is_lost(self):
+        device, twin = self.device("killed-and-lost"), self.device("twin")
+        self.killed_run(device)
+        for path in [*device.glob("backup.db*"), *(service(device) / ".records").glob(".ledger.db*")]:
+            path.unlink()
+        self.assertIn(self.call("rebuild", "--device", device).returncode, (0, 1))
+        for each in device, twin:
+            self.assertEqual(self.call("run", "--device", each).returncode, 0)
+        self.assertEqual(media(device), media(twin))
+        self.assertEqual(self.all_rows(device), self.all_rows(twin))
+        self.assertEqual(self.call("verify", "--device", device).returncode, 0)
 
     def find(self, device, *arguments):
         done = self.call("find", "--device", device, *arguments, "--json")

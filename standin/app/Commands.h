@@ -36,6 +36,8 @@ void addRunCommand(CLI::App& program, CommandContext& context);
 void addStatusCommand(CLI::App& program, CommandContext& context);
 /// "verify": compares every file with what is recorded.
 void addVerifyCommand(CLI::App& program, CommandContext& context);
+/// "rebuild": makes the databases anew.
+void addRebuildCommand(CLI::App& program, CommandContext& context);
 /// "find": finds items and their files.
 void addFindCommand(CLI::App& program, CommandContext& context);
 /// "export": what is known of each item, as a table.

@@ -55,6 +55,17 @@ void refuseLink(const std::string& folder) {
     }
 }
 
+/// A database of no bytes is what a full disk or a failed copy leaves: it is no new one.
+void refuseEmptyDatabase(const DeviceLayout& layout) {
+    std::error_code error;
+    const std::string& path = layout.databasePath;
+    if (!fs::is_regular_file(path, error) || fs::file_size(path, error) > 0) return;
+    if (fs::exists(path + "-wal", error) && fs::file_size(path + "-wal", error) > 0) return;
+    throw CannotBegin("The database " + path + " is empty; " +
+                      (layout.holdsBackup ? "have it made anew with flickr-backup rebuild."
+                                          : "remove it to begin a new backup."));
+}
+
 /// The layout, whether the database is there or not.
 DeviceLayout layoutOn(const std::string& device, const std::string& databaseName,
                       const std::string& culture) {
@@ -103,9 +114,10 @@ DeviceLayout layoutOf(const std::string& device, const std::string& databaseName
     if (layout.holdsBackup && !fs::exists(layout.databasePath, error)) {
         throw CannotBegin("The device holds a backup in " + layout.serviceFolder + ", but its database " +
                           layout.databasePath +
-                          " is missing; give its name with --database, or move the folder away to begin "
-                          "a new backup.");
+                          " is missing; give its name with --database, or have it made anew with " +
+                          "flickr-backup rebuild.");
     }
+    refuseEmptyDatabase(layout);
     return layout;
 }
 
@@ -124,6 +136,14 @@ DeviceLayout backupToShow(const std::string& device, const std::string& database
     std::error_code error;
     if (!fs::exists(layout.databasePath, error)) layout.databasePath.clear();
     if (layout.databasePath.empty() && !layout.holdsBackup) {
+        throw CannotBegin("There is no backup on the device " + layout.device + "; give the right one.");
+    }
+    return layout;
+}
+
+DeviceLayout backupToRebuild(const std::string& device, const std::string& databaseName) {
+    DeviceLayout layout = layoutOn(device, databaseName, "");
+    if (!layout.holdsBackup) {
         throw CannotBegin("There is no backup on the device " + layout.device + "; give the right one.");
     }
     return layout;

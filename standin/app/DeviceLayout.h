@@ -44,6 +44,10 @@ DeviceLayout existingBackup(const std::string& device, const std::string& databa
 /// UsageError when there is neither database nor backup.
 DeviceLayout backupToShow(const std::string& device, const std::string& databaseName);
 
+/// The same for a backup whose database may be missing, empty or damaged: databasePath is where it belongs.
+/// Throws UsageError when there is no backup.
+DeviceLayout backupToRebuild(const std::string& device, const std::string& databaseName);
+
 }  // namespace flickr_app
 
 #endif

@@ -1,5 +1,7 @@
 #include "standin/app/Reason.h"
 
+#include <sqlite3.h>
+
 #include <algorithm>
 #include <cctype>
 #include <string_view>
@@ -67,6 +69,14 @@ std::string plainReason(const std::string& text) {
         reason.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(reason.front())));
     }
     return reason;
+}
+
+std::string whyNotBegun(const Poco::Exception& exception) {
+    const std::string text = exception.message().empty() ? exception.displayText() : exception.message();
+    const bool isDamaged = exception.code() == SQLITE_NOTADB || exception.code() == SQLITE_CORRUPT;
+    // The other database of a device says itself what helps.
+    if (!isDamaged || !startsWith(text, "The database ")) return text;
+    return text + "; flickr-backup rebuild makes it anew";
 }
 
 }  // namespace flickr_app

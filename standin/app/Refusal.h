@@ -8,6 +8,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "standin/app/Reason.h"
+
 namespace flickr_app {
 
 /// Exit statuses of the command.
@@ -61,7 +63,7 @@ auto beforehand(Action action) {
     try {
         return action();
     } catch (Poco::Exception& exception) {
-        throw CannotBegin(exception.message().empty() ? exception.displayText() : exception.message());
+        throw CannotBegin(whyNotBegun(exception));
     }
 }
 

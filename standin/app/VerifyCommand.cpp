@@ -94,7 +94,7 @@ Findings repair(const DeviceLayout& layout) {
     const std::string problem = database.integrityProblem();
     if (!problem.empty()) {
         throw CannotBegin("The database " + layout.databasePath + " is damaged (" + problem +
-                          "); nothing can be marked in it.");
+                          "); flickr-backup rebuild makes it anew.");
     }
     CheckDisplay display(database);
     return {"", flickr_standin::repairBackup(database, layout.serviceFolder, layout.thumbnailWord,
@@ -131,7 +131,9 @@ int verify(const Options& options, bool json) {
         std::cout << formatCount(report.withoutChecksum, "file")
                   << " could be compared by size only, since no checksum is kept.\n";
     }
-    if (!problem.empty()) std::cout << "The database is damaged: " << printable(problem) << "\n";
+    if (!problem.empty())
+        std::cout << "The database is damaged: " << printable(problem)
+                  << "\nflickr-backup rebuild makes it anew from the records and the files.\n";
     if (problem.empty() || !report.agrees()) printDisagreements(std::cout, report);
     if (marked > 0) {
         std::cout << formatCount(marked, "item")

@@ -86,8 +86,9 @@ int main(int argc, char**) {
     for (const auto add :
          {flickr_app::addLoginCommand, flickr_app::addLogoutCommand, flickr_app::addConfigureCommand,
           flickr_app::addRunCommand, flickr_app::addStatusCommand, flickr_app::addVerifyCommand,
-          flickr_app::addFindCommand, flickr_app::addExportCommand, flickr_app::addVersionsCommand,
-          flickr_app::addGalleryCommand, flickr_app::addInfoCommand, flickr_app::addCompletionCommand}) {
+          flickr_app::addRebuildCommand, flickr_app::addFindCommand, flickr_app::addExportCommand,
+          flickr_app::addVersionsCommand, flickr_app::addGalleryCommand, flickr_app::addInfoCommand,
+          flickr_app::addCompletionCommand}) {
         add(program, context);
     }
     return finish(perform(program, context, argc));

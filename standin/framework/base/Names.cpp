@@ -186,6 +186,15 @@ std::optional<std::time_t> replacedAt(const std::string& versionName) {
     return moment;
 }
 
+std::string nameBeforeAside(const std::string& name) {
+    const NameParts parts = splitName(name);
+    const std::size_t suffix = std::strlen(kAsideSuffix);
+    if (parts.base.size() <= suffix) return {};
+    const std::size_t end = parts.base.size() - suffix;
+    return parts.base.compare(end, suffix, kAsideSuffix) == 0 ? parts.base.substr(0, end) + parts.extension
+                                                              : std::string();
+}
+
 std::string itemName(const std::string& title, const std::string& itemId, long number,
                      const NameKeys& reserved) {
     const std::size_t room = std::min(itemId.size() + kThumbnailRoom, kLongestName / 2);

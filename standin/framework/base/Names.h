@@ -79,6 +79,8 @@ std::string asideName(const std::string& name);
 std::string versionName(const std::string& name, std::time_t replaced);
 /// The moment in a version's name; none for a name of another form.
 std::optional<std::time_t> replacedAt(const std::string& versionName);
+/// The name that a file which stands aside had before; empty for any other name.
+std::string nameBeforeAside(const std::string& name);
 
 /// A safe name for an item made from title, with the extension kept and room left for what is put to it: a
 /// thumbnail's name holds base, itemId and "_Old" as well. Never begins with a dot, never has a base that

@@ -82,6 +82,18 @@ std::string takenDate(const std::string& text) {
     return date == std::string(kEpoch) ? std::string() : date;
 }
 
+/// The set's id in those of its items; empty when they do not agree. A photo's own id holds no "_".
+std::string setIdOf(const std::vector<Item>& items) {
+    std::string id;
+    for (const Item& item : items) {
+        const std::string::size_type end = item.id.find('_');
+        const std::string own = end == std::string::npos ? std::string() : item.id.substr(end + 1);
+        if (own.empty() || (!id.empty() && own != id)) return {};
+        id = own;
+    }
+    return id == kNoSetId ? std::string() : id;
+}
+
 /// A field of a description when the description has it, otherwise what is known without it.
 std::string preferred(const std::string& fromRecord, const std::string& known) {
     return fromRecord.empty() ? known : fromRecord;
@@ -153,11 +165,12 @@ std::vector<Set> Catalogue::setsOfDescriptions() {
         if (name.front() == '.' || device_.isSystemWord(name) || !device_.isFolder(name)) return;
         const std::string description = device_.readDescription(name, kFolderDescription);
         Set set;
-        set.id = descriptionField(description, "ID");
-        if (set.id.empty()) return;
-        set.title = preferred(descriptionField(description, "Title"), descriptionField(description, "Name"));
         set.folder = name;
         listDescriptions(set);
+        set.id = preferred(descriptionField(description, "ID"), setIdOf(set.items));
+        if (set.id.empty()) return;
+        set.title = preferred(descriptionField(description, "Title"),
+                              preferred(descriptionField(description, "Name"), name));
         finish(set, description);
         sets.push_back(std::move(set));
     });
