@@ -284,6 +284,8 @@ class Repair(Rig):
         done = self.call("run", "--device", device, "--json")
         self.assertEqual(self.check("run", done.stdout)["result"], "success")
         self.assertEqual(media(device), whole)
+        versions = [path.read_bytes() for path in service(device).rglob(".versions/*") if path.is_file()]
+        self.assertTrue(set(damaged.values()) <= set(versions))
         self.verify(device)
         self.assertEqual(self.check("run", self.call("run", "--device", device, "--json").stdout)["edited"], 0)
 

@@ -118,6 +118,14 @@ public:
         }
     }
 
+    std::vector<LedgerVersion> versions() {
+        try {
+            return ledger_ ? ledger_->versions() : std::vector<LedgerVersion>();
+        } catch (Poco::Exception&) {
+            return {};
+        }
+    }
+
 private:
     TemporaryFolder folder_;
     std::unique_ptr<Ledger> ledger_;
@@ -153,6 +161,11 @@ public:
             return (a.title == a.folder) > (b.title == b.folder);
         });
         for (Set& set : sets) addSet(catalogue, set);
+        // Those that are not known here recovery takes in.
+        for (LedgerVersion& version : former_.versions()) {
+            version.aside.clear();
+            if (device_.isFile(version.path())) device_.ledger().putVersion(version);
+        }
         database_.fetchAgain(toFetchAgain_);
         for (auto* paths : {&report_.toFetchAgain, &report_.leftOut}) std::sort(paths->begin(), paths->end());
         return std::move(report_);
