@@ -130,7 +130,7 @@ class Output(Rig):
                                   capture_output=True, text=True)
             self.assertEqual(done.stderr, "")
             self.assertTrue(done.stdout.startswith(expected), (words, done.stdout))
-        self.assertIn("-l log-level -r -a 'failures normal all'", self.call("completion", "fish").stdout)
+        self.assertIn("-l log-level -x -a 'failures normal all'", self.call("completion", "fish").stdout)
         self.assertIn("'--device[Directory that holds the backup]:DIR:_directories'",
                       self.call("completion", "zsh").stdout)
         self.assertRegex(self.call("--version").stdout, r"^flickr-backup \d+\.\d+\.\d+\nwith POCO .*SQLite 3\..*curl")
