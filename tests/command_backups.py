@@ -169,9 +169,16 @@ class Backups(Rig):
     def test_a_killed_run_whose_database_is_lost(self):
         device, twin = self.device("killed-and-lost"), self.device("twin")
         self.killed_run(device)
+        # An edit was on its way.
+        picture = sorted(path for path in media(device) if "Thumbnail" not in path.parts)[0]
+        aside, records = picture.stem + "_Old" + picture.suffix, service(device) / picture.parent / ".records"
+        (service(device) / picture).rename((service(device) / picture).with_name(aside))
+        (records / (picture.name + ".xml")).rename(records / (aside + ".xml"))
+        (service(device) / picture.parent / ".part-1-1").write_bytes(b"half")
         for path in [*device.glob("backup.db*"), *(service(device) / ".records").glob(".ledger.db*")]:
             path.unlink()
         self.assertIn(self.call("rebuild", "--device", device).returncode, (0, 1))
+        self.assertTrue((service(device) / picture).exists())
         for each in device, twin:
             self.assertEqual(self.call("run", "--device", each).returncode, 0)
         self.assertEqual(media(device), media(twin))
@@ -288,6 +295,15 @@ class Repair(Rig):
         self.assertTrue(set(damaged.values()) <= set(versions))
         self.verify(device)
         self.assertEqual(self.check("run", self.call("run", "--device", device, "--json").stdout)["edited"], 0)
+
+        # Older versions outlive the database, with their checksums.
+        listed = self.call("versions", "list", "--device", device, "--json").stdout
+        (device / "backup.db").unlink()
+        self.assertEqual(self.call("rebuild", "--device", device).returncode, 0)
+        self.assertEqual(self.call("versions", "list", "--device", device, "--json").stdout, listed)
+        version = next(path for path in service(device).rglob(".versions/*.jpg"))
+        version.write_bytes(version.read_bytes()[:-1] + b"!")
+        self.assertEqual(self.verify(device)["altered"], [str(version.relative_to(service(device)))])
 
 
 if __name__ == "__main__":
