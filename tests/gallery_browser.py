@@ -242,6 +242,9 @@ class Gallery(unittest.TestCase):
         self.browser.wait("document.getElementById('viewer').open")
         edited = self.rows("SELECT ItemUpdatedOn FROM backupmetadata WHERE OriginalItemId = ?", items[1])[0][0]
         self.assertIn(f"Changed\n{time.strftime('%B', time.strptime(edited[:7], '%Y-%m'))}", self.text("#details dl"))
+        self.assertIn("Older versions\nUntil ", self.text("#details dl"))
+        version = self.browser.run("return [...document.querySelectorAll('#details dd a')].at(-1).href")
+        self.assertTrue(pathlib.Path(urllib.parse.unquote(version.removeprefix("file://"))).is_file(), version)
 
         with contextlib.closing(sqlite3.connect(self.device / "backup.db")) as database, database:
             for item, title in zip(items, HOSTILE):

@@ -238,6 +238,19 @@ TEST_F(GalleryTest, WritesWhatChangedAndNothingElse) {
     account_.renameSet(trip, "Voyage");
     update();
     EXPECT_EQ("Voyage", sets()[1]->getElement<std::string>(3));
+
+    const std::string old = read("Voyage/Item 1.jpg");
+    account_.edit(account_.items(trip)[1]->id, Content::bytes("edited"), 1800000000);
+    update();
+    const auto shown = items(sets()[1]);
+    ASSERT_EQ(14u, shown[1]->size());
+    EXPECT_EQ(old, read("Voyage/" + shown[1]->getArray(13)->getElement<std::string>(0)));
+    EXPECT_EQ(13u, shown[2]->size()) << "no older versions";
+    for (const auto& version : fs::directory_iterator(service_ + "/Voyage/.versions")) {
+        if (version.is_regular_file()) fs::remove(version);
+    }
+    writeGallery(service_, "Thumbnail", database_.get());
+    EXPECT_EQ(13u, items(sets()[1])[1]->size());
 }
 
 TEST_F(GalleryTest, IsTheOldOneOrTheNewOneAfterAKillAtAnyMoment) {

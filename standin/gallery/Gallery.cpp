@@ -112,9 +112,13 @@ ImageShape shapeOfThumbnail(Device& device, const Set& set, Item& item) {
     return {};
 }
 
+std::string scriptArray(const std::vector<std::string>& texts) {
+    std::string list;
+    for (const std::string& text : texts) list += (list.empty() ? "" : ",") + scriptString(text);
+    return "[" + list + "]";
+}
+
 std::string itemLine(const Item& item, const ImageShape& shape) {
-    std::string tags;
-    for (const std::string& tag : item.tags) tags += (tags.empty() ? "" : ",") + scriptString(tag);
     std::string line = "[";
     for (const std::string* text : {&item.id, &item.stamp, &item.taken}) line += scriptString(*text) + ",";
     line += std::to_string(shape.width) + "," + std::to_string(shape.height) + ",";
@@ -122,7 +126,9 @@ std::string itemLine(const Item& item, const ImageShape& shape) {
          {&item.title, &item.file, &item.thumbnail, &item.uploaded, &item.updated}) {
         line += scriptString(*text) + ",";
     }
-    return line + (item.isVideo ? "1," : "0,") + scriptString(item.description) + ",[" + tags + "]]";
+    line += (item.isVideo ? "1," : "0,") + scriptString(item.description) + "," + scriptArray(item.tags);
+    if (!item.versions.empty()) line += "," + scriptArray(item.versions);
+    return line + "]";
 }
 
 std::string chunkScript(const std::string& lines) {

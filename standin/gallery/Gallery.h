@@ -19,12 +19,13 @@
 // and an item's line
 //
 //   [id, stamp, taken, width, height, title, file, thumbnail, uploaded, updated, 1 for a video, description,
-//    [tag, ...]]
+//    [tag, ...], [version, ...]]
+//
+// The versions are paths of older ones, relative to the set's folder, and left out when there are none.
 //
 // month is "2017-07", or "" for items without a date; dates, paths and sizes are those of device/Catalogue.h.
 // Digest and stamp tell the next run which sets and items it can take over as they are. In all texts "<", ">"
-// and
-// "&" and the two line ends of Unicode are escaped, so that no text can end the script that holds it.
+// and "&" and the two line ends of Unicode are escaped, so that no text can end the script that holds it.
 
 #ifndef STANDIN_GALLERY_GALLERY_H
 #define STANDIN_GALLERY_GALLERY_H

@@ -14,6 +14,7 @@
 #include "standin/framework/device/Description.h"
 #include "standin/framework/device/Device.h"
 #include "standin/framework/device/ItemFiles.h"
+#include "standin/framework/device/Versions.h"
 #include "standin/framework/store/BackupDatabase.h"
 
 namespace flickr_standin {
@@ -202,6 +203,7 @@ void Catalogue::listDescriptions(Set& set) {
 /// Sorts the items and takes the digest; the cover is the recorded one, or the first item's thumbnail.
 void Catalogue::finish(Set& set, const std::string& folderDescription) {
     std::sort(set.items.begin(), set.items.end(), [](const Item& a, const Item& b) { return a.id < b.id; });
+    addVersions(set);
     std::string text = joined({set.id, set.title, set.folder, folderDescription});
     for (const Item& item : set.items) text += joined({item.id, item.stamp});
     set.digest = hashOf(text);
@@ -211,6 +213,25 @@ void Catalogue::finish(Set& set, const std::string& folderDescription) {
     if (!holds(set.cover)) set.cover = set.items.empty() ? std::string() : thumbnail(set.items.front());
     for (const Item& item : set.items) {
         if (thumbnail(item) == set.cover && !item.isVideo) set.coverFile = joinPath(set.folder, item.file);
+    }
+}
+
+/// Older versions are what the ledger says, with a database or without.
+void Catalogue::addVersions(Set& set) {
+    if (!versions_) {
+        versions_.emplace();
+        for (const Version& version : versionsOn(device_)) (*versions_)[version.item].push_back(version.path);
+    }
+    for (Item& item : set.items) {
+        const auto found = versions_->find(item.id);
+        if (found == versions_->end()) continue;
+        std::string text = joined({item.stamp});
+        for (auto path = found->second.rbegin(); path != found->second.rend(); ++path) {
+            if (folderOf(folderOf(*path)) != set.folder) continue;
+            item.versions.push_back(joinPath(kVersionFolder, nameOf(*path)));
+            text += joined({nameOf(*path)});
+        }
+        item.stamp = hashOf(text);
     }
 }
 

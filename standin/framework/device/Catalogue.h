@@ -9,6 +9,8 @@
 #define STANDIN_FRAMEWORK_DEVICE_CATALOGUE_H
 
 #include <cstdint>
+#include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -34,6 +36,7 @@ struct Item {
     bool isPlaced = true;  ///< false: a rename of the set is not settled, and may not have reached the item
     std::string description;
     std::vector<std::string> tags;
+    std::vector<std::string> versions;  ///< older ones, relative to the set's folder, the newest first
 };
 
 /// A set with its items; their paths are those of its folder.
@@ -52,8 +55,8 @@ public:
     /// database: none to take everything from the descriptions. Both have to live as long as this.
     Catalogue(Device& device, BackupDatabase* database) : device_(device), database_(database) {}
 
-    /// All sets by title, the items in no set last; their items have id, stamp, title, files, dates of the
-    /// service and kind. Throws Poco::Exception when database or device cannot be read.
+    /// All sets by title, the items in no set last; their items have id, stamp, title, files, older versions,
+    /// dates of the service and kind. Throws Poco::Exception when database or device cannot be read.
     std::vector<Set> sets();
 
     /// Fills in what the item's description tells. What is missing or damaged stays as it is.
@@ -65,9 +68,12 @@ private:
     void listDescriptions(Set& set);
     void finish(Set& set, const std::string& folderDescription);
     bool holds(const std::string& path);
+    void addVersions(Set& set);
 
     Device& device_;
     BackupDatabase* database_;
+    std::optional<std::map<std::string, std::vector<std::string>>>
+        versions_;  // paths by item, when they are known
 };
 
 }  // namespace flickr_standin

@@ -39,6 +39,9 @@ const gallery = (() => {
   const count = (key, n) =>
     texts[key][plural.select(n) === "one" ? 0 : 1].replace("{n}", () => numbers.format(n));
   const dateOf = (text) => new Date(text.replace(" ", "T") + "Z");
+  /** The moment in the name of an older version. */
+  const momentOf = (path) =>
+    new Date(path.replace(/.*\/(\d{4})(\d\d)(\d\d)T(\d\d)(\d\d)(\d\d)Z.*/, "$1-$2-$3T$4:$5:$6Z"));
   const monthText = (month, form = monthName) => (month ? form.format(dateOf(`${month}-01 00:00:00`)) : say("noDate"));
 
   /** The text without case, accents and the forms of the same letter; what search compares. */
@@ -70,7 +73,7 @@ const gallery = (() => {
     constructor(set, line) {
       this.set = set;
       [this.id, , this.taken, this.width, this.height, this.title, this.file, this.thumbnail, this.uploaded,
-        this.updated, this.isVideo, this.description, this.tags] = line;
+        this.updated, this.isVideo, this.description, this.tags, this.versions = []] = line;
     }
     get photo() { return this.id.slice(0, -this.set.id.length - 1); }
     get month() { return this.taken.slice(0, 7); }
@@ -637,6 +640,9 @@ const gallery = (() => {
     }
     add("file", userText("bdi", "", item.file),
       element("a", { href: address(item.path), target: "_blank", rel: "noopener" }, say("open")));
+    add("versions", ...item.versions.map((version) =>
+      element("a", { href: address(item.set.path(version)), target: "_blank", rel: "noopener" },
+        say("until", { date: serviceTime.format(momentOf(version)) }))));
     const text = item.description ? [userText("p", "text", item.description)] : [];
     byId("details").replaceChildren(userText("h2", "", item.name), ...text, list);
   };

@@ -14,6 +14,7 @@ const galleryTexts = {
     uploadedNewest: "Uploaded, newest first", uploadedOldest: "Uploaded, oldest first", byTitle: "Title",
     taken: "Taken", uploaded: "Uploaded", updated: "Changed", inSet: "Set", tags: "Tags", file: "File",
     open: "Open the file", cannotShow: "This browser cannot show this file; open it with another program.",
+    versions: "Older versions", until: "Until {date}",
     missing: "Some of the gallery’s files are missing. “flickr-backup gallery” writes them again.",
   },
   de: {
@@ -28,6 +29,7 @@ const galleryTexts = {
     taken: "Aufgenommen", uploaded: "Hochgeladen", updated: "Geändert", inSet: "Album", tags: "Schlagwörter",
     file: "Datei", open: "Datei öffnen",
     cannotShow: "Dieser Browser kann die Datei nicht zeigen; öffnen Sie sie mit einem anderen Programm.",
+    versions: "Ältere Fassungen", until: "Bis {date}",
     missing: "Einige Dateien der Galerie fehlen. „flickr-backup gallery“ schreibt sie neu.",
   },
   fr: {
@@ -42,6 +44,7 @@ const galleryTexts = {
     taken: "Prise de vue", uploaded: "Envoi", updated: "Modification", inSet: "Album", tags: "Mots-clés",
     file: "Fichier", open: "Ouvrir le fichier",
     cannotShow: "Ce navigateur ne peut pas afficher ce fichier ; ouvrez-le avec un autre programme.",
+    versions: "Anciennes versions", until: "Jusqu’au {date}",
     missing: "Des fichiers de la galerie manquent. « flickr-backup gallery » les écrit de nouveau.",
   },
   ja: {
@@ -55,6 +58,7 @@ const galleryTexts = {
     uploadedOldest: "アップロード日(古い順)", byTitle: "タイトル", taken: "撮影日", uploaded: "アップロード日",
     updated: "更新日", inSet: "アルバム", tags: "タグ", file: "ファイル", open: "ファイルを開く",
     cannotShow: "このブラウザーでは表示できません。別のプログラムで開いてください。",
+    versions: "以前の版", until: "{date} まで",
     missing: "ギャラリーのファイルが足りません。「flickr-backup gallery」で作り直せます。",
   },
 };
