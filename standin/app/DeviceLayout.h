@@ -11,6 +11,7 @@
 
 #include <string>
 
+#include "standin/app/Signals.h"
 #include "standin/framework/device/BackupReading.h"
 
 namespace flickr_app {
@@ -25,7 +26,9 @@ struct DeviceLayout {
     std::string serviceFolder;
     bool holdsBackup = false;  ///< there is something in the service folder
 
-    flickr_standin::BackupPlace place() const { return {device, databasePath, serviceFolder, thumbnailWord}; }
+    flickr_standin::BackupPlace place() const {
+        return {device, databasePath, serviceFolder, thumbnailWord, throwIfStopped};
+    }
 };
 
 /// The service folder of a culture on a device.

@@ -99,8 +99,16 @@ void refuseUnfinishedChange(const std::string& path) {
                      "-journal): open it with that program, or move both away");
 }
 
-/// False when there is no such file.
-bool copyFile(const std::string& from, const std::string& to) {
+/// Where the file's next bytes from a place on begin, behind a hole, which may be larger than any disk; -1
+/// when there are none.
+off_t dataFrom(const Descriptor& file, off_t at) {
+    const off_t begin = ::lseek(file.get(), at, SEEK_DATA);
+    if (begin >= 0 || errno == ENXIO) return begin;
+    return at;  // a file system that knows no holes
+}
+
+/// False when there is no such file. Holes stay holes.
+bool copyFile(const std::string& from, const std::string& to, const std::function<void()>& meanwhile) {
     const auto fail = [&](const char* what, int error) {
         throw Poco::FileException("The database file " + from + " cannot be " + what + ": " +
                                   std::strerror(error));
@@ -112,13 +120,21 @@ bool copyFile(const std::string& from, const std::string& to) {
     const Descriptor target(::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     if (!target.isOpen()) fail(("copied to " + to).c_str(), errno);
     std::vector<char> block(kBlockSize);
-    for (;;) {
-        const ssize_t count = ::read(source.get(), block.data(), block.size());
-        if (count == 0) return true;
+    off_t at = dataFrom(source, 0);
+    while (at >= 0) {
+        if (meanwhile) meanwhile();
+        const ssize_t count = ::pread(source.get(), block.data(), block.size(), at);
         if (count < 0) fail("read", errno);
-        const int error = writeAll(target, block.data(), static_cast<std::size_t>(count));
+        if (count == 0) break;
+        int error = ::lseek(target.get(), at, SEEK_SET) < 0 ? errno : 0;
+        if (error == 0) error = writeAll(target, block.data(), static_cast<std::size_t>(count));
         if (error != 0) fail(("copied to " + to).c_str(), error);
+        at = dataFrom(source, at + count);
     }
+    struct stat status = {};
+    if (::fstat(source.get(), &status) != 0) fail("read", errno);
+    if (::ftruncate(target.get(), status.st_size) != 0) fail(("copied to " + to).c_str(), errno);
+    return true;
 }
 
 /// Every table, index, trigger and view, sorted; whitespace does not count. No more than most + 1.
@@ -326,12 +342,14 @@ bool inspectDatabase(const std::string& path, const Schema& schema,
     return false;
 }
 
-std::string copyDatabase(const std::string& path, const std::string& folder) {
+std::string copyDatabase(const std::string& path, const std::string& folder,
+                         const std::function<void()>& meanwhile) {
     requirePlainFiles(path);
     refuseUnfinishedChange(path);
     const std::string copy = joinPath(folder, nameOf(path));
-    if (!copyFile(path, copy)) throw Poco::NotFoundException("The database " + path + " does not exist");
-    copyFile(path + "-wal", copy + "-wal");
+    if (!copyFile(path, copy, meanwhile))
+        throw Poco::NotFoundException("The database " + path + " does not exist");
+    copyFile(path + "-wal", copy + "-wal", meanwhile);
     return copy;
 }
 

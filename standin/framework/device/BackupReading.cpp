@@ -32,10 +32,10 @@ BackupReading::BackupReading(const BackupPlace& place) : place_(place) {
     isInUse_ = lock == nullptr;
     read([&] {
         const bool hasLedger = kindOf(descriptionsOf(place)) == S_IFDIR && kindOf(ledgerOf(place)) != 0;
-        if (!isInUse_ && hasLedger) copyDatabase(ledgerOf(place), folder_.path());
+        if (!isInUse_ && hasLedger) copyDatabase(ledgerOf(place), folder_.path(), place.whileCopying);
         if (place.database.empty()) return;
         database_ = std::make_unique<BackupDatabase>(
-            isInUse_ ? place.database : copyDatabase(place.database, folder_.path()),
+            isInUse_ ? place.database : copyDatabase(place.database, folder_.path(), place.whileCopying),
             BackupDatabase::Missing::Refuse);
     });
 }

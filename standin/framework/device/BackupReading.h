@@ -10,6 +10,7 @@
 
 #include <Poco/Exception.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -24,7 +25,8 @@ struct BackupPlace {
     std::string device;
     std::string database;  ///< path; empty when there is none
     std::string serviceFolder;
-    std::string thumbnailWord;  ///< see Device
+    std::string thumbnailWord;                ///< see Device
+    std::function<void()> whileCopying = {};  ///< called now and then; what it throws ends the reading
 };
 
 class BackupReading {
