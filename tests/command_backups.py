@@ -170,7 +170,8 @@ class Backups(Rig):
         device, twin = self.device("killed-and-lost"), self.device("twin")
         self.killed_run(device)
         # An edit was on its way.
-        picture = sorted(path for path in media(device) if "Thumbnail" not in path.parts)[0]
+        picture = sorted(path for path in media(device)
+                         if "Thumbnail" not in path.parts and not path.name.startswith("."))[0]
         aside, records = picture.stem + "_Old" + picture.suffix, service(device) / picture.parent / ".records"
         (service(device) / picture).rename((service(device) / picture).with_name(aside))
         (records / (picture.name + ".xml")).rename(records / (aside + ".xml"))

@@ -113,8 +113,8 @@ bool inspectDatabase(const std::string& path, const Schema& schema,
 
 /// Copies the database at path into another folder, with its log, so that it can be read where nothing may be
 /// written beside it; gives the copy's path. Nobody may write to the database meanwhile. A link, a pipe or a
-/// change that another program left unfinished is refused as inspectDatabase() does. meanwhile, where there is
-/// one, is called for each MiB; what it throws ends the copying.
+/// change that another program left unfinished is refused as inspectDatabase() does. meanwhile, where there
+/// is one, is called for each MiB; what it throws ends the copying.
 std::string copyDatabase(const std::string& path, const std::string& folder,
                          const std::function<void()>& meanwhile = {});
 
