@@ -2,8 +2,8 @@
 """A device of an older build is read and carried over.
 
 devices/older.tar.xz was made by the build before temporary names left the ledger: seven items of an account as below,
-and a run that was killed while it fetched an edit of IMG_0002 again. Its ledger has the table "parts" and knows no sets'
-folders, its descriptions have no dates in ISO 8601, and nobody kept versions."""
+and a run that was killed while it fetched an edit of IMG_0002 again. Its ledger has the table "parts" and knows no
+sets' folders, its descriptions have no dates in ISO 8601, and nobody kept versions."""
 import pathlib
 import tarfile
 import unittest
