@@ -73,12 +73,16 @@ class Browser:
         """Presses what leads to another page, and waits for that."""
         element = self._find(selector)
         self._ask(f"/element/{element}/click", {})
-        try:
-            while self._ask(f"/element/{element}/name"):
-                time.sleep(0.05)
-        except urllib.error.HTTPError as error:  # the element is gone, and its page with it
-            if error.code != 404:
-                raise
+        for _ in range(200):
+            try:
+                self._ask(f"/element/{element}/name")
+            except urllib.error.HTTPError as error:
+                if error.code == 404:  # the element is gone, and its page with it
+                    return
+                if error.code != 500:  # what the driver says in the moment between two pages
+                    raise
+            time.sleep(0.05)
+        raise AssertionError(f"{selector} leads nowhere")
 
     def _find(self, selector):
         return self._ask("/element", {"using": "css selector", "value": selector})[ELEMENT]
