@@ -235,7 +235,8 @@ class Backups(Rig):
         self.assertIn(f"{missing} (missing on the device)", self.call("find", "--device", device, one["id"]).stdout)
         (device / "backup.db").unlink()
         self.assertEqual({item["id"] for item in self.find(device)}, {item["id"] for item in everything} - {one["id"]})
-        for arguments in [["find", "--taken", "17"], ["find", "--taken", ".."], ["find", "--null", "--json"],
+        for arguments in [["find", "--taken", "17"], ["find", "--taken", ".."], ["find", "--taken", "2017-13"],
+                          ["find", "--taken", "2018..2017"], ["find", "--null", "--json"],
                           ["export", "--json"]]:
             self.assertEqual(self.call(*arguments, "--device", device).returncode, 2, arguments)
         self.assertEqual(self.leftovers(), [])

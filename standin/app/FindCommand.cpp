@@ -38,7 +38,8 @@ public:
         const std::size_t dots = text.find("..");
         from_ = text.substr(0, dots);
         to_ = dots == std::string::npos ? text : text.substr(dots + 2);
-        if (isSet_ && (!isDate(from_) || !isDate(to_) || from_.size() + to_.size() == 0)) {
+        const bool isBackwards = !to_.empty() && from_.substr(0, to_.size()) > to_;
+        if (isSet_ && (!isDate(from_) || !isDate(to_) || from_.size() + to_.size() == 0 || isBackwards)) {
             throw UsageError("\"" + text +
                              "\" is no range of dates; give --taken as 2017, 2017-07, 2017-07-13, or two of "
                              "them with \"..\" between, like 2016..2017-07.");
@@ -56,9 +57,14 @@ private:
         const std::string shape = "0000-00-00";
         if (text.empty()) return true;
         if (text.size() != 4 && text.size() != 7 && text.size() != 10) return false;
-        return std::equal(text.begin(), text.end(), shape.begin(), [](char c, char expected) {
+        const bool fits = std::equal(text.begin(), text.end(), shape.begin(), [](char c, char expected) {
             return expected == '-' ? c == '-' : c >= '0' && c <= '9';
         });
+        if (!fits) return false;
+        const auto part = [&](std::size_t at, std::size_t length) {
+            return at < text.size() ? std::stoi(text.substr(at, length)) : 1;
+        };
+        return Poco::DateTime::isValid(part(0, 4), part(5, 2), part(8, 2));
     }
 
     const bool isSet_;
