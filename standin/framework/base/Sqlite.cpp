@@ -124,6 +124,7 @@ bool copyFile(const std::string& from, const std::string& to, const std::functio
     while (at >= 0) {
         if (meanwhile) meanwhile();
         const ssize_t count = ::pread(source.get(), block.data(), block.size(), at);
+        if (count < 0 && errno == EINTR) continue;
         if (count < 0) fail("read", errno);
         if (count == 0) break;
         int error = ::lseek(target.get(), at, SEEK_SET) < 0 ? errno : 0;
