@@ -289,6 +289,42 @@ TEST_F(FrameworkTest, CountsAndNamesFollowTheStatementsOfThePlugin) {
     }
 }
 
+/// A power cut keeps the middle one of three changes from the disk. The next use makes it again, byte for
+/// byte, and is killed: the third one, which lies behind it in the old log, is not to come back.
+TEST_F(FrameworkTest, BringsNoChangesBackThatAPowerCutHadTaken) {
+    const auto path = [&](const char* name) { return (folder_ / name).string(); };
+    const auto copy = [&](const char* from, const char* to) {
+        for (const char* file : {"", "-wal"}) {
+            const std::string source = path(from) + file;
+            if (fs::exists(source)) fs::copy_file(source, path(to) + file);
+        }
+    };
+    const auto row = [](int number) { return "INSERT INTO rows VALUES (" + std::to_string(number) + ")"; };
+    std::vector<std::uintmax_t> ends;  // of the log, behind each change
+    {
+        SqliteFile first(path("first.db"), SqliteFile::Open::OrCreate);
+        first.execute("PRAGMA journal_mode = WAL; CREATE TABLE rows (n)");
+        for (int number = 1; number <= 3; ++number) {
+            first.execute(row(number).c_str());
+            ends.push_back(fs::file_size(path("first.db-wal")));
+        }
+        copy("first.db", "cut.db");
+    }
+    {
+        std::fstream log(path("cut.db-wal"), std::ios::in | std::ios::out | std::ios::binary);
+        log.seekp(static_cast<std::streamoff>(ends[0]));
+        log << std::string(ends[1] - ends[0], '\0');
+    }
+    {
+        SqliteFile next(path("cut.db"), SqliteFile::Open::OrCreate);
+        EXPECT_EQ("1", next.value("SELECT MAX(n) FROM rows"));
+        next.execute(row(2).c_str());
+        copy("cut.db", "killed.db");
+    }
+    EXPECT_EQ("2",
+              SqliteFile(path("killed.db"), SqliteFile::Open::OrCreate).value("SELECT MAX(n) FROM rows"));
+}
+
 TEST_F(FrameworkTest, ReportsDatabasesThatCannotBeUsedAndMakesNone) {
     write(folder_ / "text.db", std::string(5000, 'x'));
     SqliteFile((folder_ / "other.db").string(), SqliteFile::Open::OrCreate).execute("CREATE TABLE other (x)");

@@ -55,15 +55,15 @@ void refuseLink(const std::string& folder) {
     }
 }
 
-/// A database of no bytes is what a full disk or a failed copy leaves: it is no new one.
+/// A database of no bytes beside pictures is what a full disk or a failed copy leaves: it is no new one.
+/// Where there is nothing else yet, the power went while it was being made.
 void refuseEmptyDatabase(const DeviceLayout& layout) {
+    if (!layout.holdsBackup) return;
     std::error_code error;
     const std::string& path = layout.databasePath;
     if (!fs::is_regular_file(path, error) || fs::file_size(path, error) > 0) return;
     if (fs::exists(path + "-wal", error) && fs::file_size(path + "-wal", error) > 0) return;
-    throw CannotBegin("The database " + path + " is empty; " +
-                      (layout.holdsBackup ? "have it made anew with flickr-backup rebuild."
-                                          : "remove it to begin a new backup."));
+    throw CannotBegin("The database " + path + " is empty; have it made anew with flickr-backup rebuild.");
 }
 
 /// The layout, whether the database is there or not.

@@ -273,6 +273,7 @@ std::int64_t Statement::number(int column) const {
 SqliteFile::SqliteFile(const std::string& path, Open mode, Cache cache) {
     int flags = cache == Cache::Shared ? SQLITE_OPEN_SHAREDCACHE : SQLITE_OPEN_PRIVATECACHE;
     std::string name = path;
+    const bool beginsNewLog = (mode == Open::Existing || mode == Open::OrCreate) && hasLog(path);
     switch (mode) {
         case Open::Existing:
             flags |= SQLITE_OPEN_READWRITE;
@@ -299,6 +300,24 @@ SqliteFile::SqliteFile(const std::string& path, Open mode, Cache cache) {
     // What runs here has to come to its end after a stop as well: it puts things in order.
     sqlite3_progress_handler(database_, 0, nullptr, nullptr);
     sqlite3_busy_handler(database_, waitForLock, nullptr);
+    if (beginsNewLog) beginNewLog(path);
+}
+
+/// Takes what a use that was cut off left in the log into the file. A power cut may have kept from the disk a
+/// change in the middle of the log, which ends it there; the later ones lie behind. A change that is made
+/// again, byte for byte, in the place of the missing one would bring them back: rows of files that are not
+/// there any more. A log that begins anew has other salts.
+void SqliteFile::beginNewLog(const std::string& path) {
+    // A connection that has read nothing has not opened the log. What cannot be read is told by whoever reads.
+    sqlite3_exec(database_, "SELECT 1 FROM sqlite_master LIMIT 1", nullptr, nullptr, nullptr);
+    const int code =
+        sqlite3_wal_checkpoint_v2(database_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    // Whoever else has it open now has begun the new log, or does not write.
+    if (code == SQLITE_OK || code == SQLITE_BUSY || code == SQLITE_LOCKED) return;
+    const std::string reason = sqlite3_errmsg(database_);
+    sqlite3_close(database_);
+    throw Poco::Data::DataException("The database " + path + " cannot be put in order (" + reason + ")",
+                                    code);
 }
 
 SqliteFile::~SqliteFile() {

@@ -89,6 +89,7 @@ public:
 
 private:
     friend class Transaction;
+    void beginNewLog(const std::string& path);
     void runKept(std::unique_ptr<Statement>& kept, const char* sql);
 
     sqlite3* database_ = nullptr;
