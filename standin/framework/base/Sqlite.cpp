@@ -308,7 +308,8 @@ SqliteFile::SqliteFile(const std::string& path, Open mode, Cache cache) {
 /// again, byte for byte, in the place of the missing one would bring them back: rows of files that are not
 /// there any more. A log that begins anew has other salts.
 void SqliteFile::beginNewLog(const std::string& path) {
-    // A connection that has read nothing has not opened the log. What cannot be read is told by whoever reads.
+    // A connection that has read nothing has not opened the log. What cannot be read is told by whoever
+    // reads.
     sqlite3_exec(database_, "SELECT 1 FROM sqlite_master LIMIT 1", nullptr, nullptr, nullptr);
     const int code =
         sqlite3_wal_checkpoint_v2(database_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
