@@ -55,6 +55,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
+using testing::SizeIs;
 
 namespace {
 
@@ -783,6 +784,7 @@ TEST_F(FrameworkTest, KeepsFolderRecordsThatSayMore) {
         record.setLatestUpdatedItem(latest);
         client.writeFolderDataXML(params_->getPluginRoot() + "/", ItemDataManager().saveItemData(&record),
                                   "");
+        flickr_standin::closeRunDevice();
         return read(device("Trip & more/.records/.folder.xml"));
     };
     EXPECT_EQ("", descriptionField(place(""), "LatestUpdatedDate")) << "no trace of the moment of the run";
@@ -803,6 +805,44 @@ TEST_F(FrameworkTest, KeepsFolderRecordsThatSayMore) {
     record.setPhysicalFileName("Never made");
     place("x");
     EXPECT_FALSE(fs::exists(device("Never made")));
+}
+
+TEST_F(FrameworkTest, WritesAFoldersRecordOnceForAllItsItems) {
+    HostServiceClientMac client;
+    const auto describe = [&](const std::string& folder, const std::string& latest) {
+        MediaFolderTemplate record;
+        record.setID("id of " + folder);
+        record.setPhysicalFileName(folder);
+        record.setLatestUpdatedItem(latest);
+        client.writeFolderDataXML(params_->getPluginRoot() + "/", ItemDataManager().saveItemData(&record),
+                                  "");
+    };
+    const auto latest = [&](const std::string& folder) {
+        return descriptionField(read(device(folder + "/.records/.folder.xml")), "LatestUpdatedItem");
+    };
+    RunJournal::instance().begin();
+    for (const char* folder : {"Trip", "Home"}) client.createDirectory(folder, command_, result_, error_);
+    describe("Trip", "1.jpg");
+    EXPECT_EQ("1.jpg", latest("Trip")) << "a folder without one gets it at once";
+    describe("Trip", "2.jpg");
+    describe("Trip", "");
+    EXPECT_EQ("1.jpg", latest("Trip"));
+    describe("Home", "1.jpg");
+    EXPECT_EQ("2.jpg", latest("Trip")) << "behind another folder's";
+    describe("Home", "2.jpg");
+    client.renameDirectory("Home", "House", command_, result_, error_);
+    EXPECT_EQ("2.jpg", latest("House")) << "before its folder has another name";
+    describe("Trip", "3.jpg");
+    flickr_standin::closeRunDevice();
+    EXPECT_EQ("3.jpg", latest("Trip")) << "at the end";
+    EXPECT_THAT(RunJournal::instance().summary().failures, IsEmpty());
+
+    describe("Trip", "4.jpg");
+    fs::remove(device("Trip/.records/.folder.xml"));
+    fs::create_directories(device("Trip/.records/.folder.xml"));
+    flickr_standin::closeRunDevice();
+    ASSERT_THAT(RunJournal::instance().summary().failures, SizeIs(1));
+    EXPECT_THAT(RunJournal::instance().summary().failures[0].reason, HasSubstr("could not be written"));
 }
 
 TEST_F(FrameworkTest, ChecksTheLibrary) {

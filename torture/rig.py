@@ -14,6 +14,7 @@ import sqlite3
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import urllib.parse
 import urllib.request
@@ -65,15 +66,28 @@ class Run:
         return f"status {self.status} after {self.seconds:.1f} s\n{self.out[-3000:]}{self.err[-3000:]}"
 
 
+COPYING = threading.Lock()
+
+
+def whole_application(work, build):
+    """The work's own copy of the application, which a build meanwhile does not change."""
+    whole = pathlib.Path(work) / "application"
+    with COPYING:
+        if not whole.exists():
+            # By another process: a program that is written by this one cannot be started while any child, started
+            # at that moment by another thread, still has the file open.
+            subprocess.run(["cp", "-a", pathlib.Path(build) / "flickr-backup.app", whole], check=True)
+    return whole
+
+
 class Program:
     """An application folder of its own, configured for one address, that backs up to any number of devices. Without an
     address the credentials lead to the service of today."""
 
     def __init__(self, work, build, url, credentials, retries=2):
         self.folder = pathlib.Path(work) / f"{next(tempfile._get_candidate_names())}.app"
-        # By another process: a program that is written by this one cannot be started while any child, started at
-        # that moment by another thread, still has the file open.
-        subprocess.run(["cp", "-a", pathlib.Path(build) / "flickr-backup.app", self.folder], check=True)
+        # The files are links to those of one copy: hundreds of copies would fill the memory in which work lies.
+        subprocess.run(["cp", "-al", whole_application(work, build), self.folder], check=True)
         self.binary = self.folder / "flickr-backup"
         self.faults = pathlib.Path(build) / "torture/libfaultfs.so"
         self.credentials, self.user = credentials, None
@@ -370,7 +384,7 @@ def query_writable(path, statement):
             connection.close()
 
 
-def copy_device(source, target):
+def wholedevice(source, target):
     subprocess.run(["cp", "-a", "--reflink=auto", source, target], check=True)
     return target
 

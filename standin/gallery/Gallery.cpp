@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <list>
 #include <map>
 #include <memory>
 #include <set>
@@ -23,6 +24,7 @@
 #include "standin/framework/device/Catalogue.h"
 #include "standin/framework/device/Device.h"
 #include "standin/framework/device/DeviceFiles.h"
+#include "standin/framework/device/Flushes.h"
 #include "standin/framework/run/Upkeep.h"
 #include "standin/framework/store/BackupDatabase.h"
 #include "standin/gallery/ImageShape.h"
@@ -40,6 +42,9 @@ constexpr const char* kMarker = "<meta name=\"generator\" content=\"flickr-backu
 // A chunk ends with the month in which it reaches the first number of items, or at the second.
 constexpr std::size_t kFullChunk = 250;
 constexpr std::size_t kLargestChunk = 1000;
+
+// So many files are flushed at once.
+constexpr std::size_t kMostStaged = 32;
 
 constexpr const char* kLibraryPrefix = "library-";
 constexpr std::size_t kHashLength = 16;
@@ -159,16 +164,17 @@ public:
     void put(const std::string& name, const std::string& content) {
         keep(name);
         if (has(name)) return;
-        write(content, folder_, name);
+        stage(content, name);
         present_.insert(name);
+        if (staged_.size() == kMostStaged) place();
     }
     void keep(const std::string& name) { kept_.insert(name); }
 
     /// Replaces the page, unless it is that already, when all files that it names are on the disk.
     void putPage(const std::string& content) {
-        if (readPage() == content) return;
-        if (::fsync(folder_.get()) != 0) device_.fail("write", kGalleryFolder, errno);
-        write(content, root_, kGalleryPage);
+        if (readPage() == content) return place();
+        stage(content, kGalleryPage);
+        place();
         if (::fsync(root_.get()) != 0) device_.fail("write", kGalleryPage, errno);
     }
 
@@ -202,19 +208,52 @@ private:
         return text;
     }
 
-    void write(const std::string& content, const Descriptor& folder, const std::string& name) {
-        const std::string part = kPartPrefix + name;
-        const auto check = [&](int error) {
-            if (error == 0) return;
-            ::unlinkat(folder_.get(), part.c_str(), 0);
-            device_.fail("write", name, error);
-        };
-        ::unlinkat(folder_.get(), part.c_str(), 0);
-        const Descriptor file = makeFile(folder_.get(), part);
-        check(file.isOpen() ? 0 : errno);
-        check(writeAll(file, content.data(), content.size()));
-        check(::fdatasync(file.get()) == 0 ? 0 : errno);
-        check(::renameat(folder_.get(), part.c_str(), folder.get(), name.c_str()) == 0 ? 0 : errno);
+    /// A file with all its bytes under a temporary name, which goes with it until it is placed.
+    struct Staged {
+        Staged(const Descriptor& in, const std::string& finalName)
+            : folder(in), name(finalName), part(kPartPrefix + finalName) {
+            ::unlinkat(folder.get(), part.c_str(), 0);  // what a killed one left
+            file = makeFile(folder.get(), part);
+        }
+        ~Staged() {
+            if (!isPlaced) ::unlinkat(folder.get(), part.c_str(), 0);
+        }
+        Staged(const Staged&) = delete;
+        Staged& operator=(const Staged&) = delete;
+
+        const Descriptor& folder;
+        const std::string name, part;
+        Descriptor file;
+        bool isPlaced = false;
+    };
+
+    void stage(const std::string& content, const std::string& name) {
+        const Staged& staged = staged_.emplace_back(folder_, name);
+        const int error =
+            staged.file.isOpen() ? writeAll(staged.file, content.data(), content.size()) : errno;
+        if (error != 0) device_.fail("write", name, error);
+    }
+
+    /// Gives the staged files their names, which are on the disk then; the page gets its own behind the
+    /// others.
+    void place() {
+        if (staged_.empty()) return;
+        std::vector<Flush> flushes;
+        for (const Staged& staged : staged_) flushes.push_back(flushOf(staged.file, staged.name));
+        waitFor(device_, flushes);
+        for (Staged& staged : staged_) {
+            if (staged.name != kGalleryPage) takeName(staged, folder_);
+        }
+        if (::fsync(folder_.get()) != 0) device_.fail("write", kGalleryFolder, errno);
+        if (staged_.back().name == kGalleryPage) takeName(staged_.back(), root_);
+        staged_.clear();
+    }
+
+    void takeName(Staged& staged, const Descriptor& folder) {
+        if (::renameat(folder_.get(), staged.part.c_str(), folder.get(), staged.name.c_str()) != 0) {
+            device_.fail("write", staged.name, errno);
+        }
+        staged.isPlaced = true;
         ++written_;
     }
 
@@ -223,6 +262,7 @@ private:
     Descriptor folder_;
     std::set<std::string> present_;
     std::set<std::string> kept_;
+    std::list<Staged> staged_;
     long written_ = 0;
 };
 

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <ctime>
 #include <functional>
+#include <list>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -18,6 +19,7 @@
 #include "standin/framework/base/Paths.h"
 #include "standin/framework/device/Description.h"
 #include "standin/framework/device/DeviceFiles.h"
+#include "standin/framework/device/Flushes.h"
 #include "standin/framework/device/VersionDays.h"
 #include "standin/framework/store/BackupDatabase.h"
 
@@ -293,9 +295,6 @@ void Device::flushRows() {
         emptied.swap(emptied_);
         waiting.swap(waiting_);
     }
-    for (const std::string& folder : emptied) {
-        if (folder.empty() || isFolder(folder)) flushFolder(folder);
-    }
     // What cannot be retired stays aside in the ledger, and the next run tries again.
     const auto retire = [&](auto step) {
         for (auto path = waiting.begin(); path != waiting.end();) {
@@ -308,15 +307,26 @@ void Device::flushRows() {
         }
     };
     retire([&](const std::string& path) { planVersion(path); });
-    for (const std::string& folder : folders) {
-        const Descriptor descriptions = isFolder(folder) ? openDescriptionFolder(folder) : Descriptor();
-        if (!descriptions.isOpen()) continue;
-        const Descriptor description = openRegular(descriptions.get(), kFolderDescription);
-        if (description.isOpen() &&
-            (::fdatasync(description.get()) != 0 || ::fsync(descriptions.get()) != 0)) {
-            fail("write in the folder", joinPath(folder, kDescriptionFolder), errno);
-        }
+    std::list<Descriptor> opened;
+    std::vector<Flush> flushes;
+    const auto add = [&](Descriptor descriptor, const std::string& path) {
+        if (!descriptor.isOpen()) return;
+        opened.push_back(std::move(descriptor));
+        flushes.push_back(flushOf(opened.back(), path));
+    };
+    for (const std::string& folder : emptied) {
+        if (!folder.empty() && !isFolder(folder)) continue;
+        add(openFolder(folder), folder);
+        add(openDescriptionFolder(folder), folder);
     }
+    for (const std::string& folder : folders) {
+        Descriptor descriptions = isFolder(folder) ? openDescriptionFolder(folder) : Descriptor();
+        if (!descriptions.isOpen()) continue;
+        const std::string path = joinPath(folder, kDescriptionFolder);
+        add(openRegular(descriptions.get(), kFolderDescription), path);
+        add(std::move(descriptions), path);
+    }
+    waitFor(*this, flushes);
     flushOpenDatabases();
     ledger_.writeSettled();
     ledger_.flush();
@@ -523,6 +533,11 @@ void Device::retireFileLater(const std::string& path) {
 bool Device::isWaiting(const std::string& path) {
     const std::lock_guard<std::mutex> lock(mutex_);
     return waiting_.count(path) != 0;
+}
+
+bool Device::hasWaiting() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return !waiting_.empty();
 }
 
 /// Path of the version that the file has replaced and that is kept; empty when there is none.

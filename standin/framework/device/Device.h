@@ -104,6 +104,8 @@ public:
     void retireFileLater(const std::string& path);
     /// True for such a file.
     bool isWaiting(const std::string& path);
+    /// True when there is one.
+    bool hasWaiting();
     /// Puts a file aside: its row remembers the name that it had.
     void putFileAside(const std::string& from, const std::string& to);
     /// Puts what stands at path and belongs to the item aside under a name of the file service's own, on the

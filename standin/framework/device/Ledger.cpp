@@ -362,7 +362,12 @@ bool Ledger::settleItemLater(const std::string& item) {
     laterSettled_.insert(item);
     const bool isFirst = !hasSettled_;
     hasSettled_ = true;
-    return isFirst || laterSettled_.size() >= kMostPutOff;
+    return isFirst;
+}
+
+bool Ledger::isSettlingDue() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return laterSettled_.size() >= kMostPutOff;
 }
 
 std::vector<std::string> Ledger::settledItems() {

@@ -104,9 +104,11 @@ public:
     void setState(const std::string& path, FileState state);
     /// Nothing of the item is pending any more, except files that stand aside or were removed. That is
     /// written by writeSettled(), before a file of the item changes again, and when the ledger is closed.
-    /// True when it is to be written soon: for the first item of a use, from which on a backup database that
-    /// is put back from before this use can be told, and when many wait.
+    /// True when it is to be written now: for the first item of a use, from which on a backup database that
+    /// is put back from before this use can be told.
     bool settleItemLater(const std::string& item);
+    /// True when many items wait for writeSettled().
+    bool isSettlingDue();
     /// Writes it, for items whose rows in the backup database are on the disk.
     void writeSettled();
     /// True when it was written for items whose rows may not be on the disk, since the last writeSettled().

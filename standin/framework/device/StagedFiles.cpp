@@ -9,55 +9,27 @@
 #include <cstdio>
 #include <functional>
 #include <set>
-#include <system_error>
-#include <thread>
 #include <utility>
 
 #include "standin/framework/base/Names.h"
 #include "standin/framework/base/Paths.h"
 #include "standin/framework/device/Description.h"
 #include "standin/framework/device/DeviceFiles.h"
+#include "standin/framework/device/Flushes.h"
+#include "standin/framework/store/BackupDatabase.h"
 
 namespace flickr_standin {
 
 namespace {
 
-/// One thing that the disk is to know, as a call that gives 0 or an error number.
-struct Flush {
-    std::string path;  // what a failure is told of
-    std::function<int()> call;
-};
-
-/// Waits for all of them at once. Throws what the first failure means.
-void waitFor(Device& device, const std::vector<Flush>& flushes) {
-    std::vector<int> errors(flushes.size(), 0);
-    std::vector<std::thread> threads;
-    for (std::size_t i = 1; i < flushes.size(); ++i) {
-        const auto flush = [&, i] { errors[i] = flushes[i].call(); };
-        try {
-            threads.emplace_back(flush);
-        } catch (std::system_error&) {
-            flush();  // the system has no thread to give
-        }
-    }
-    if (!flushes.empty()) errors[0] = flushes[0].call();
-    for (std::thread& thread : threads) thread.join();
-    for (std::size_t i = 0; i < flushes.size(); ++i) {
-        if (errors[i] != 0) device.fail("write", flushes[i].path, errors[i]);
-    }
-}
-
-int flushLedger(Ledger& ledger) {
+/// An error number in place of what a database throws.
+int errorOf(const std::function<void()>& database) {
     try {
-        ledger.flush();
+        database();
         return 0;
     } catch (Poco::Exception&) {
         return EIO;
     }
-}
-
-Flush flushOf(const Descriptor& folder, const std::string& path) {
-    return {path, [&folder] { return ::fsync(folder.get()) == 0 ? 0 : errno; }};
 }
 
 }  // namespace
@@ -187,12 +159,17 @@ void StagedFiles::place(const ItemDetails& details) {
             flushes.push_back({staged.path_, [&] { return staged.description_->flush(); }});
         for (Descriptor& folder : staged.left_) flushes.push_back(flushOf(folder, staged.path_));
     }
-    if (device_.ledger().speaksOfUnflushedRows()) {
+    // Rows of earlier items that are to be flushed soon go along.
+    Ledger& ledger = device_.ledger();
+    const bool settles = ledger.isSettlingDue();
+    if (ledger.speaksOfUnflushedRows() || (settles && device_.hasWaiting())) {
         device_.flushRows();
     } else {
-        flushes.push_back({kDescriptionFolder, [&] { return flushLedger(device_.ledger()); }});
+        flushes.push_back({kDescriptionFolder, [&] { return errorOf([&] { ledger.flush(); }); }});
+        if (settles) flushes.push_back({kDescriptionFolder, [] { return errorOf(&flushOpenDatabases); }});
     }
     waitFor(device_, flushes);
+    if (settles) ledger.writeSettled();  // nothing is left of it behind flushRows()
 
     for (const auto& file : files) file->takeName();
 

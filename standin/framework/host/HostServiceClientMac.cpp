@@ -31,7 +31,6 @@
 #include "standin/framework/base/Paths.h"
 #include "standin/framework/device/Description.h"
 #include "standin/framework/device/ItemFiles.h"
-#include "standin/framework/device/NewDescription.h"
 #include "standin/framework/device/StagedFiles.h"
 #include "standin/framework/host/ExceptionCode.h"
 #include "standin/framework/run/RunDevice.h"
@@ -274,7 +273,7 @@ void HostServiceClientMac::renameDirectory(std::string from, std::string to, std
     const bool renamed =
         answer("RENAMEDIR " + from + " " + to, {command, result, error}, Refused::ItemGoesOn, [&] {
             RunDevice& device = impl_->deviceFor({from, to});
-            device.staged().place();
+            device.settle();
             device.renameFolder(from, to);
         });
     if (renamed) {
@@ -288,7 +287,7 @@ void HostServiceClientMac::deleteDirectory(std::string path, std::string& comman
                                            std::string& error) {
     answer("RMDIR " + path, {command, result, error}, Refused::ItemGoesOn, [&] {
         RunDevice& device = impl_->deviceFor({path});
-        device.staged().place();
+        device.settle();
         device.flushRows();
         device.removeFolder(path);
     });
@@ -305,7 +304,7 @@ void HostServiceClientMac::writeFolderDataXML(std::string root, std::string desc
         if (!device.isFolder(folder)) return;  // a set without items on the device has no folder
         const std::string set = descriptionField(description, "ID");
         const std::string owner = device.ledger().folderOwner(folder);
-        const std::string before = device.readDescription(folder, kFolderDescription);
+        const std::string before = device.folderDescription(folder);
         const std::string owned = owner.empty() ? descriptionField(before, "ID") : owner;
         // Without any items a set is known here by its title, which another set's folder may have.
         if (!owned.empty() && owned != set) return;
@@ -317,7 +316,7 @@ void HostServiceClientMac::writeFolderDataXML(std::string root, std::string desc
         }
         description = withDescriptionField(
             description, "CoverImage", standingCover(device, descriptionField(description, "CoverImage")));
-        if (description != before) writeFolderDescription(device, folder, description);
+        if (description != before) device.describeFolder(folder, description);
     });
     if (!written) RunJournal::instance().folderDescriptionFailed(folder, error);
 }

@@ -5,6 +5,9 @@
 #include <mutex>
 
 #include "standin/framework/base/Localisation.h"
+#include "standin/framework/device/Description.h"
+#include "standin/framework/device/NewDescription.h"
+#include "standin/framework/run/Log.h"
 #include "standin/framework/run/RunJournal.h"
 #include "standin/framework/run/RunState.h"
 
@@ -36,11 +39,59 @@ void withOpenDevice(Work work) {
     }
 }
 
+/// Whoever gave the description is not there any more to be told that it cannot be written.
+void writeOrTell(Device& device, const std::string& folder, const std::string& text) {
+    try {
+        if (device.isFolder(folder)) writeFolderDescription(device, folder, text);
+    } catch (Poco::Exception& exception) {
+        const auto* failure = dynamic_cast<const DeviceFailure*>(&exception);
+        if (failure) recordDeviceFailure(*failure);
+        writeLogLine(LogLine::Failure, "RECORD " + folder + " - " + exception.message(), __FILE__, __LINE__);
+        RunJournal::instance().folderDescriptionFailed(folder, exception.message());
+    }
+}
+
 }  // namespace
 
 bool RunDevice::isTaken(const std::string& path, const std::string& item) {
     if (isWaiting(path)) flushRows();
     return staged_.holds(path) || (status(path) && !owns(path, item));
+}
+
+std::string RunDevice::folderDescription(const std::string& folder) {
+    {
+        const std::lock_guard<std::mutex> lock(descriptionMutex_);
+        if (description_ && description_->folder == folder) return description_->text;
+    }
+    return readDescription(folder, kFolderDescription);
+}
+
+void RunDevice::describeFolder(const std::string& folder, const std::string& text) {
+    {
+        const std::lock_guard<std::mutex> lock(descriptionMutex_);
+        if (description_ && description_->folder == folder) {
+            description_->text = text;
+            return;
+        }
+    }
+    writeWaitingDescription();
+    if (folderDescription(folder).empty()) return writeFolderDescription(*this, folder, text);
+    const std::lock_guard<std::mutex> lock(descriptionMutex_);
+    description_ = {folder, text};
+}
+
+void RunDevice::writeWaitingDescription() {
+    std::optional<FolderDescription> waiting;
+    {
+        const std::lock_guard<std::mutex> lock(descriptionMutex_);
+        waiting.swap(description_);
+    }
+    if (waiting) writeOrTell(*this, waiting->folder, waiting->text);
+}
+
+void RunDevice::settle() {
+    staged_.place();
+    writeWaitingDescription();
 }
 
 void RunDevice::finish() {
@@ -49,6 +100,7 @@ void RunDevice::finish() {
     } catch (Poco::Exception&) {
         ledger().leaveInUse();
     }
+    writeWaitingDescription();
     Device::finish();
 }
 

@@ -5,6 +5,8 @@
 #define STANDIN_FRAMEWORK_RUN_RUNDEVICE_H
 
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 
 #include "standin/framework/device/Device.h"
@@ -22,11 +24,30 @@ public:
     /// True when that name cannot be given to the item: something of somebody else's has it.
     bool isTaken(const std::string& path, const std::string& item);
 
-    /// See Device; new files take their names before.
+    /// A folder's description; empty when there is none.
+    std::string folderDescription(const std::string& folder);
+    /// Gives a folder its description. It changes with each new item and is written once for all of them:
+    /// when another folder gets one, before folders change, and at the end of the use. A folder that has none
+    /// gets it at once. After a kill the earlier one stands there until the next run, which gives one to
+    /// every folder. Throws a DeviceException.
+    void describeFolder(const std::string& folder, const std::string& text);
+
+    /// New files take their names, and the folder's description is written. Throws the DeviceException of the
+    /// first file that cannot; that a description cannot be written is told in the journal.
+    void settle();
+
+    /// See Device; everything is settled before.
     void finish();
 
 private:
+    struct FolderDescription {
+        std::string folder, text;
+    };
+    void writeWaitingDescription();
+
     StagedFiles staged_{*this};
+    std::mutex descriptionMutex_;                   // for what follows
+    std::optional<FolderDescription> description_;  // that waits
 };
 
 /// The device at the run's service folder, opened if it is not open yet. Throws DeviceException.
