@@ -24,7 +24,6 @@
 #include "standin/framework/device/Catalogue.h"
 #include "standin/framework/device/Device.h"
 #include "standin/framework/device/DeviceFiles.h"
-#include "standin/framework/device/Flushes.h"
 #include "standin/framework/run/Upkeep.h"
 #include "standin/framework/store/BackupDatabase.h"
 #include "standin/gallery/ImageShape.h"
@@ -240,7 +239,7 @@ private:
         if (staged_.empty()) return;
         std::vector<Flush> flushes;
         for (const Staged& staged : staged_) flushes.push_back(flushOf(staged.file, staged.name));
-        waitFor(device_, flushes);
+        device_.waitForDisk(flushes);
         for (Staged& staged : staged_) {
             if (staged.name != kGalleryPage) takeName(staged, folder_);
         }

@@ -19,7 +19,6 @@
 #include "standin/framework/base/Paths.h"
 #include "standin/framework/device/Description.h"
 #include "standin/framework/device/DeviceFiles.h"
-#include "standin/framework/device/Flushes.h"
 #include "standin/framework/device/VersionDays.h"
 #include "standin/framework/store/BackupDatabase.h"
 
@@ -326,11 +325,15 @@ void Device::flushRows() {
         add(openRegular(descriptions.get(), kFolderDescription), path);
         add(std::move(descriptions), path);
     }
-    waitFor(*this, flushes);
+    waitForDisk(flushes);
     flushOpenDatabases();
     ledger_.writeSettled();
     ledger_.flush();
     retire([&](const std::string& path) { removeFlushed(path, ledger_.file(path)); });
+}
+
+void Device::waitForDisk(const std::vector<Flush>& flushes) {
+    if (const auto failed = waitFor(flushes)) fail("write", failed->path, failed->error);
 }
 
 void Device::flushLedger() {

@@ -16,6 +16,7 @@
 #include "standin/framework/base/Descriptor.h"
 #include "standin/framework/base/Names.h"
 #include "standin/framework/device/DeviceException.h"
+#include "standin/framework/device/Flushes.h"
 #include "standin/framework/device/Ledger.h"
 
 namespace flickr_standin {
@@ -87,6 +88,8 @@ public:
     /// next time. A power cut would bring it back otherwise, behind a use that ended well, and nobody would
     /// look for it.
     void flushFolderWithRows(const std::string& folder);
+    /// Waits for all of them at once, and throws for the first that failed.
+    void waitForDisk(const std::vector<Flush>& flushes);
     /// Puts on the disk which names there are in a folder and among its descriptions.
     void flushFolder(const std::string& folder);
 

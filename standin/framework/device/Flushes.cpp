@@ -6,15 +6,13 @@
 #include <system_error>
 #include <thread>
 
-#include "standin/framework/device/Device.h"
-
 namespace flickr_standin {
 
 Flush flushOf(const Descriptor& opened, const std::string& path) {
     return {path, [&opened] { return ::fsync(opened.get()) == 0 ? 0 : errno; }};
 }
 
-void waitFor(Device& device, const std::vector<Flush>& flushes) {
+std::optional<FailedFlush> waitFor(const std::vector<Flush>& flushes) {
     std::vector<int> errors(flushes.size(), 0);
     std::vector<std::thread> threads;
     for (std::size_t i = 1; i < flushes.size(); ++i) {
@@ -28,8 +26,9 @@ void waitFor(Device& device, const std::vector<Flush>& flushes) {
     if (!flushes.empty()) errors[0] = flushes[0].call();
     for (std::thread& thread : threads) thread.join();
     for (std::size_t i = 0; i < flushes.size(); ++i) {
-        if (errors[i] != 0) device.fail("write", flushes[i].path, errors[i]);
+        if (errors[i] != 0) return FailedFlush{flushes[i].path, errors[i]};
     }
+    return std::nullopt;
 }
 
 }  // namespace flickr_standin

@@ -4,14 +4,13 @@
 #define STANDIN_FRAMEWORK_DEVICE_FLUSHES_H
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "standin/framework/base/Descriptor.h"
 
 namespace flickr_standin {
-
-class Device;
 
 /// One thing that the disk is to know.
 struct Flush {
@@ -22,9 +21,15 @@ struct Flush {
 /// What there is in the file, or which names in the folder. The descriptor has to stay open.
 Flush flushOf(const Descriptor& opened, const std::string& path);
 
-/// Waits for all of them at once, however many there are: a disk takes little longer for them than for one.
-/// Throws what the first failure means, when all have come to their end.
-void waitFor(Device& device, const std::vector<Flush>& flushes);
+/// A flush that failed.
+struct FailedFlush {
+    std::string path;
+    int error = 0;  ///< number
+};
+
+/// Waits for all of them at once: a disk takes little longer for them than for one. Gives the first that
+/// failed, when all have come to their end.
+std::optional<FailedFlush> waitFor(const std::vector<Flush>& flushes);
 
 }  // namespace flickr_standin
 

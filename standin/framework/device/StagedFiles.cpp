@@ -15,7 +15,6 @@
 #include "standin/framework/base/Paths.h"
 #include "standin/framework/device/Description.h"
 #include "standin/framework/device/DeviceFiles.h"
-#include "standin/framework/device/Flushes.h"
 #include "standin/framework/store/BackupDatabase.h"
 
 namespace flickr_standin {
@@ -168,7 +167,7 @@ void StagedFiles::place(const ItemDetails& details) {
         flushes.push_back({kDescriptionFolder, [&] { return errorOf([&] { ledger.flush(); }); }});
         if (settles) flushes.push_back({kDescriptionFolder, [] { return errorOf(&flushOpenDatabases); }});
     }
-    waitFor(device_, flushes);
+    device_.waitForDisk(flushes);
     if (settles) ledger.writeSettled();  // nothing is left of it behind flushRows()
 
     for (const auto& file : files) file->takeName();
@@ -182,7 +181,7 @@ void StagedFiles::place(const ItemDetails& details) {
             flushes.push_back(flushOf(file->description_->folder(), file->path_));
         }
     }
-    waitFor(device_, flushes);
+    device_.waitForDisk(flushes);
     for (const auto& file : files) {
         if (file->replaces_) device_.ledger().setState(file->path_, FileState::Pending);
     }
