@@ -384,7 +384,7 @@ def query_writable(path, statement):
             connection.close()
 
 
-def wholedevice(source, target):
+def copy_device(source, target):
     subprocess.run(["cp", "-a", "--reflink=auto", source, target], check=True)
     return target
 
