@@ -15,6 +15,8 @@ namespace {
 
 constexpr unsigned kItemsPerPage = 500;
 constexpr unsigned kThreads = 2;
+// So many pages without a set in a row end the list of sets, whatever it announces.
+constexpr std::size_t kEmptyPages = 3;
 // What was asked for longer ago may have changed.
 constexpr std::chrono::seconds kFresh{60};
 constexpr std::chrono::milliseconds kLook{100};
@@ -87,11 +89,13 @@ std::string Catalog::setList(const Tick& tick) {
 std::vector<ListedSet> Catalog::fetchSets(HttpClient& http, const Cancelled& cancelled) {
     std::vector<ListedSet> sets;
     std::set<std::string> met;
-    for (std::size_t page = 1, pages = 1; page <= pages; ++page) {
+    for (std::size_t page = 1, pages = 1, emptyPages = 0; page <= pages; ++page) {
         ServiceAnswer answer = service_.call(
             http, "flickr.photosets.getList",
             {{"page", std::to_string(page)}, {"per_page", std::to_string(kItemsPerPage)}}, cancelled);
-        if (answer.sets.empty()) break;
+        // The announced count may hold sets that the caller may not see; a page without any is no end.
+        emptyPages = answer.sets.empty() ? emptyPages + 1 : 0;
+        if (emptyPages == kEmptyPages) break;
         pages = answer.pages;
         for (ListedSet& set : answer.sets) {
             if (met.insert(set.id).second) sets.push_back(std::move(set));

@@ -17,6 +17,7 @@
 #include <string>
 
 #include "gateway/Gateway.h"
+#include "gateway/SizeOption.h"
 
 namespace {
 
@@ -110,13 +111,14 @@ int main(int argc, char** argv) {
     app.add_option("--transfers", gateway.transfers.atATime, "Files fetched at a time")
         ->check(CLI::Range(1, 8))
         ->capture_default_str();
-    app.add_option("--read-ahead", gateway.transfers.temporaryFiles,
-                   "What may wait in temporary files, as in 256MiB")
-        ->transform(CLI::AsSizeValue(false))
-        ->default_str("256MiB");
-    app.add_option("--limit-rate", gateway.bytesPerSecond, "Bytes in a second, as in 2MiB; 0: no limit")
-        ->transform(CLI::AsSizeValue(false))
-        ->capture_default_str();
+    auto* readAhead = app.add_option("--read-ahead", gateway.transfers.temporaryFiles,
+                                     "What may wait in temporary files, as in 256MiB")
+                          ->default_str("256MiB");
+    takeSize(*readAhead, 0);
+    auto* rate =
+        app.add_option("--limit-rate", gateway.bytesPerSecond, "Bytes in a second, as in 2MiB; 0: no limit")
+            ->capture_default_str();
+    takeSize(*rate, kLeastRate);
     app.footer(kFooter);
     CLI11_PARSE(app, argc, argv);
     try {

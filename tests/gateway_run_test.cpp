@@ -218,6 +218,15 @@ TEST_F(GatewayTest, ListsWholeWhileTheAccountChanges) {
     start();
     EXPECT_EQ(readAnswer(call("flickr.photosets.getList").substr(4)).sets.size(), 521u);
     EXPECT_EQ(sim_->counts().methods["flickr.photosets.getList"], 2u);
+    // A page without a set, before others, is no end; one list after another of such pages is.
+    sim_->faults().add(flickr_sim::rest("flickr.photosets.getList"), flickr_sim::nth(1),
+                       fault::body("<rsp stat=\"ok\"><photosets page=\"1\" pages=\"2\"/></rsp>"));
+    EXPECT_EQ(readAnswer(call("flickr.photosets.getList").substr(4)).sets.size(), 21u);
+    sim_->faults().add(flickr_sim::rest("flickr.photosets.getList"), flickr_sim::always(),
+                       fault::body("<rsp stat=\"ok\"><photosets page=\"1\" pages=\"999999\"/></rsp>"));
+    EXPECT_THAT(readAnswer(call("flickr.photosets.getList").substr(4)).sets, IsEmpty());
+    sim_->faults().clear();
+    EXPECT_EQ(readAnswer(call("flickr.photosets.getList").substr(4)).sets.size(), 521u);
 
     // The plug-in will ask for three pages. Meanwhile some are added behind, and one goes on a page that was
     // read: another moves over the edge.

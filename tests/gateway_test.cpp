@@ -17,6 +17,7 @@
 #include "gateway/OAuth.h"
 #include "gateway/Patience.h"
 #include "gateway/PluginXml.h"
+#include "gateway/SizeOption.h"
 #include "gateway/Spool.h"
 
 namespace {
@@ -182,6 +183,36 @@ TEST(Budget, GivesNoMoreThanTheLimitInAnyHourAndGoesOnEvenlyWhenLow) {
     std::ofstream(file) << "next \xff\n1 2 x";
     EXPECT_EQ(first.take().count(), 0);
     std::remove(file.c_str());
+}
+
+TEST(Sizes, AreTakenAsPeopleWriteThemOrRefused) {
+    const auto taken = [](const std::string& text) {
+        CLI::App app;
+        std::uint64_t bytes = 7;
+        takeSize(*app.add_option("--size", bytes), 1024);
+        try {
+            app.parse("--size=" + text);
+        } catch (CLI::Error&) {
+            return std::string("refused");
+        }
+        return std::to_string(bytes);
+    };
+    const std::pair<const char*, const char*> kSizes[] = {{"0", "0"},
+                                                          {"1024", "1024"},
+                                                          {"500k", "512000"},
+                                                          {"2MB", "2097152"},
+                                                          {"2mib", "2097152"},
+                                                          {"3Gi", "3221225472"},
+                                                          {"1T", "1099511627776"},
+                                                          {"1023", "refused"},
+                                                          {"-5", "refused"},
+                                                          {"1.5M", "refused"},
+                                                          {"5x", "refused"},
+                                                          {"", "refused"},
+                                                          {"k", "refused"},
+                                                          {"999999999999T", "refused"},
+                                                          {"9999999999999", "refused"}};
+    for (const auto& [text, bytes] : kSizes) EXPECT_EQ(taken(text), bytes) << text;
 }
 
 TEST(Patience, WaitsOnceForAllAndNoLongerThanAsked) {

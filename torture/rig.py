@@ -348,6 +348,7 @@ def require_sound(device, states, folder_records=True):
     for rows in [state.rows for state in states]:
         for row in rows:
             known.setdefault(row["ItemId"], []).append(row)
+    ledger = ledger_of(device) if (root / RECORDS / ".ledger.db").exists() else []
     for row in rows_of(device):
         if row["ItemType"] == "FlickrFolder":
             continue
@@ -357,10 +358,13 @@ def require_sound(device, states, folder_records=True):
                 folder = "" if other["OriginalContainerId"] == "Anonymous" else other["DerivedContainerName"]
                 places |= {root / folder / version["DerivedItemName"],
                            root / folder / aside(version["DerivedItemName"])}
-        # A version that was replaced is kept under a name of the file service's own, with its record.
+        # A version that was replaced is kept under a name of the file service's own, with its record, or, when the
+        # power went between the two, with its row in the ledger, which is on the disk before.
         kept = [record for folder in {place.parent for place in places}
                 for record in folder.glob(f"{RECORDS}/.kept-*.xml")
                 if f"<ID>{row['ItemId']}</ID>" in record.read_text() and (folder / record.stem).is_file()]
+        kept += [entry for entry in ledger if entry["item"] == row["ItemId"] and entry["name"].startswith(".kept-")
+                 and (root / entry["path"] / entry["name"]).is_file()]
         require(kept or any(place.is_file() for place in places), f"no file of a recorded item: {row}")
 
 

@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "gateway/SizeOption.h"
 #include "standin/app/Commands.h"
 #include "standin/app/Configuration.h"
 #include "standin/app/Credentials.h"
@@ -495,17 +496,19 @@ void addRunCommand(CLI::App& program, CommandContext& context) {
         ->check(CLI::Range(1, 8))
         ->type_name("N")
         ->capture_default_str();
-    command
-        ->add_option("--read-ahead", options->gateway.readAhead,
-                     "What is fetched ahead may fill so much of temporary files, besides 64 MiB of memory")
-        ->transform(CLI::AsSizeValue(false))
-        ->type_name("SIZE")
-        ->default_str("256MiB");
-    command
-        ->add_option("--limit-rate", options->gateway.bytesPerSecond,
-                     "Fetch no more than so many bytes in a second, as in 2MiB")
-        ->transform(CLI::AsSizeValue(false))
-        ->type_name("RATE");
+    auto* readAhead =
+        command
+            ->add_option(
+                "--read-ahead", options->gateway.readAhead,
+                "What is fetched ahead may fill so much of temporary files, besides 64 MiB of memory")
+            ->type_name("SIZE")
+            ->default_str("256MiB");
+    flickr_gateway::takeSize(*readAhead, 0);
+    auto* rate = command
+                     ->add_option("--limit-rate", options->gateway.bytesPerSecond,
+                                  "Fetch no more than so many bytes in a second, as in 2MiB")
+                     ->type_name("RATE");
+    flickr_gateway::takeSize(*rate, flickr_gateway::kLeastRate);
     command
         ->add_option("--log-level", options->logLevel,
                      "What the log gets: failures, normal (nothing for unchanged items) or all")
