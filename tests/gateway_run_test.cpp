@@ -325,6 +325,7 @@ TEST_F(GatewayTest, GetsThroughWhatTheServiceDoes) {
         {"media that break off and are resumed", {"kind=media,cut=40000"}},
         {"media that break off once, and no ranges",
          {"kind=media,ignore-range=1", "kind=media,count=3,cut=100"}},
+        {"thumbnails that break off at each tenth byte", {"kind=thumbnail,cut=10"}},
         {"chunks", {"kind=media,framing=chunked"}},
         {"errors of media hosts", {"kind=media,every=3,status=500"}},
     };
