@@ -372,7 +372,7 @@ def png(colour):
 class Walks:
     """The accounts, and the runs that are cut. A walk is recorded when it is first asked for."""
 
-    ALL = "first", "change", "format", "taken", "swap", "ring", "older", "older-killed"
+    ALL = "first", "change", "format", "taken", "swap", "ring", "older", "older-killed", "many"
 
     def __init__(self, work, build):
         self.work, self.build = pathlib.Path(work), build
@@ -386,8 +386,8 @@ class Walks:
         listed = [line.split(maxsplit=2) for line in self.early_sim.order("list").splitlines()]
         self.sets = [entry[1:] for entry in listed if entry[0] == "set"]
 
-    def account(self):
-        sim = rig.Sim(self.work, self.build, "--generate", "3x3", "--videos", "1", "--loose", "2", "--item-bytes",
+    def account(self, size="3x3", videos=1, loose=2):
+        sim = rig.Sim(self.work, self.build, "--generate", size, "--videos", videos, "--loose", loose, "--item-bytes",
                       "5000", "--video-bytes", "40000", "--plain-titles")
         return sim, rig.Program(self.work, self.build, sim.url, sim.credentials)
 
@@ -401,6 +401,11 @@ class Walks:
 
     def first(self):
         return Walk(self.work, "first", self.empty, self.early_program, None)
+
+    def many(self):
+        """More new items than the ledger settles at a time: their rows go to the disk with those of the next one."""
+        program = self.account("1x68", videos=0, loose=0)[1]
+        return Walk(self.work, "many", self.empty, program, None)
 
     def change(self):
         sim, program = self.account()

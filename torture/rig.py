@@ -348,7 +348,9 @@ def require_sound(device, states, folder_records=True):
     for rows in [state.rows for state in states]:
         for row in rows:
             known.setdefault(row["ItemId"], []).append(row)
-    ledger = ledger_of(device) if (root / RECORDS / ".ledger.db").exists() else []
+    entries = root / RECORDS / ".ledger.db"
+    made = entries.exists() and query(entries, "SELECT name FROM sqlite_master WHERE name = 'files'")
+    ledger = ledger_of(device) if made else []
     for row in rows_of(device):
         if row["ItemType"] == "FlickrFolder":
             continue
