@@ -3,6 +3,7 @@
 import contextlib
 import os
 import pathlib
+import resource
 import shutil
 import sqlite3
 import statistics
@@ -73,22 +74,25 @@ def make_library(bench, sets, items):
 
 
 def generate(bench, device):
-    """What the generator takes, in seconds: at first, with nothing changed, with one item of one set changed."""
+    """What the generator takes at first, with nothing changed and with one item of one set changed: seconds, and
+    seconds of the processor, which other work of the machine leaves as they are."""
     def take():
-        start = time.perf_counter()
+        start, before = time.perf_counter(), resource.getrusage(resource.RUSAGE_CHILDREN)
         subprocess.run([bench.application, "gallery", "--device", device], check=True,
                        stdout=subprocess.DEVNULL)
-        return time.perf_counter() - start
+        after = resource.getrusage(resource.RUSAGE_CHILDREN)
+        return (time.perf_counter() - start,
+                after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime)
 
     whole = take()
-    unchanged = statistics.median(take() for _ in range(3))
+    unchanged = sorted(take() for _ in range(5))[2]
     changed = []
-    for number in range(3):
+    for number in range(5):
         with contextlib.closing(sqlite3.connect(device / "backup.db")) as database, database:
             database.execute("UPDATE backupmetadata SET ItemUpdatedOn = ? WHERE OriginalItemId = '1000000'",
                              (f"2024-01-0{number + 1} 00:00:00",))
         changed.append(take())
-    return whole, unchanged, statistics.median(changed)
+    return whole, unchanged, sorted(changed)[2]
 
 
 # Each frame scrolls on; a gap is a frame in which a part of the window shows neither a tile nor a heading.
@@ -110,15 +114,23 @@ return new Promise((done) => {
   requestAnimationFrame(frame);
 });
 """
-# From a key to the frame that shows what was found.
+# From a key to the frame that shows how many were found, and the first of them, if any.
 SEARCH = """
 const [words] = arguments, field = document.getElementById('search'), start = performance.now();
+const tell = document.getElementById('summary');
+tell.textContent = '';
+field.focus();
 field.value = words;
 field.dispatchEvent(new Event('input'));
-document.body.offsetHeight;
-const worked = performance.now() - start;
-return new Promise((done) => requestAnimationFrame(() => setTimeout(() =>
-  done([worked, performance.now() - start, document.getElementById('summary').textContent]))));
+return new Promise((done) => {
+  const frame = () => {
+    const said = tell.textContent && !tell.textContent.includes('%');
+    const tiles = document.querySelector('.tile') || !/^[1-9]/.test(tell.textContent);
+    if (said && tiles) setTimeout(() => done(performance.now() - start));
+    else requestAnimationFrame(frame);
+  };
+  requestAnimationFrame(frame);
+});
 """
 
 
@@ -158,16 +170,15 @@ def look(page, rounds):
                     return Math.max(page.domContentLoadedEventEnd, paint?.startTime ?? 0);"""))
         at_start = heap(window)
         times, gaps = window.run(SCROLL, 600, 300)
-        window.open("about:blank")
-        window.open(page)
-        window.wait("document.querySelector('#sets img')")
-        start = time.perf_counter()
-        window.run(SEARCH, "harbour")
-        window.wait("!document.getElementById('summary').textContent.includes('%')")
-        first = time.perf_counter() - start
-        found = [window.run(SEARCH, words) for words in
+        first = []
+        for rest in (0, 3):
+            window.open("about:blank")
+            window.open(page)
+            window.wait("document.querySelector('#sets img')")
+            time.sleep(rest)
+            first.append(window.run(SEARCH, "harbour"))
+        shown = [window.run(SEARCH, words) for words in
                  ("harbour l", "harbour light", "strasse", "東京", "елка snow", "album 0042", "e", "zzz")]
-        worked, shown = ([answer[at] for answer in found] for at in (0, 1))
         after = heap(window)
         return [
             ("opening, the sets", f"{statistics.median(opened):.0f} ms", "1,500 ms"),
@@ -175,11 +186,10 @@ def look(page, rounds):
             ("scrolling, 300 pixels a frame: frames in the middle, at the 95th of 100",
              f"{statistics.median(times):.0f} ms, {times[len(times) * 95 // 100]:.0f} ms", ""),
             ("frames of 600 with a gap in the window", f"{gaps}", "0"),
-            ("the first search, which reads all items", f"{first:.1f} s", ""),
-            ("every further letter, the script: median, longest",
-             f"{statistics.median(worked):.0f} ms, {max(worked):.0f} ms", "100 ms"),
-            ("every further letter, until it is seen: median, longest",
-             f"{statistics.median(shown):.0f} ms, {max(shown):.0f} ms", ""),
+            ("the first search, in the moment in which the page is open", f"{first[0]:.0f} ms", ""),
+            ("the first search, three seconds later", f"{first[1]:.0f} ms", "100 ms"),
+            ("every further letter: median, longest",
+             f"{statistics.median(shown):.0f} ms, {max(shown):.0f} ms", "100 ms"),
             ("script's memory, timeline opened; after the searches", f"{at_start:.0f} MiB, {after:.0f} MiB", ""),
             ("page process at its peak", f"{renderer_peak(window):.0f} MiB", ""),
         ]
@@ -191,9 +201,9 @@ def gallery(bench):
     device = make_library(bench, sets, items)
     print(f"{sets * items:,} items made", flush=True)
     whole, unchanged, changed = generate(bench, device)
-    rows = [("generator, everything", f"{whole:.1f} s", ""),
-            ("generator, nothing changed", f"{unchanged:.2f} s", ""),
-            ("generator, one item changed", f"{changed:.2f} s", "")]
+    rows = [(f"generator, {name}: time, of the processor", f"{taken:.2f} s, {used:.2f} s", "")
+            for name, (taken, used) in (("everything", whole), ("nothing changed", unchanged),
+                                        ("one item changed", changed))]
     if not browser.missing():
         rows += look(next(device.rglob("index.html")).as_uri(), 2 if bench.quick else 5)
     else:

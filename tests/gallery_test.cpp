@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -72,7 +73,7 @@ protected:
     Rows list(const std::string& name) const {
         const std::string text = read("index-data/" + name);
         EXPECT_THAT(text, Not(testing::AnyOf(HasSubstr("<"), HasSubstr("\u2028")))) << name;
-        const auto begin = text.find('['), end = text.rfind(']');
+        const auto begin = text.find("[\n"), end = text.rfind(']');
         Rows rows;
         const auto array =
             Poco::JSON::Parser().parse(text.substr(begin, end - begin + 1)).extract<Poco::JSON::Array::Ptr>();
@@ -83,7 +84,7 @@ protected:
     /// The sets, by way of the page.
     Rows sets() const {
         const std::string page = read("index.html");
-        const auto at = page.find("library-");
+        const auto at = page.find("index-data/sets-") + std::strlen("index-data/");
         return list(page.substr(at, page.find('"', at) - at));
     }
 
@@ -163,7 +164,7 @@ TEST_F(GalleryTest, ShowsWhatTheBackupHoldsAndTextsAsText) {
     sea.description = hostile;
     sea.tags = {"javascript:alert(1)", "</script><b>", "海"};
     const std::string id = account_.addItem(trip, sea);
-    account_.addItem(trip, video("Film"));
+    const std::string film = account_.addItem(trip, video("Film"));
     account_.addItem("", photo("Loose"));
     serve();
     update();
@@ -196,6 +197,21 @@ TEST_F(GalleryTest, ShowsWhatTheBackupHoldsAndTextsAsText) {
     ASSERT_EQ(3u, item->getArray(12)->size());
     EXPECT_EQ(sea.tags[1], item->getArray(12)->getElement<std::string>(1));
     EXPECT_EQ(1, listed[1]->getElement<int>(10));
+    std::map<std::string, std::pair<std::string, std::string>> searched;
+    for (const auto& [name, inode] : files()) {
+        if (name.rfind("search-", 0) != 0) continue;
+        for (const auto& row : list(name)) {
+            searched[row->getElement<std::string>(0)] = {row->getElement<std::string>(1),
+                                                         row->getElement<std::string>(2)};
+        }
+    }
+    EXPECT_THAT(searched, SizeIs(2)) << "the chunks of both sets";
+    const auto& [photos, texts] = searched[shown[0]->getArray(7)->getArray(0)->getElement<std::string>(0)];
+    EXPECT_EQ(id + " " + film, photos);
+    const std::string folded = "</script><img src=x onerror=alert(1)>\"'\\  \u202e&amp;]]>";
+    EXPECT_EQ(folded + " sea.jpg 2017-07-13 " + folded +
+                  " javascript:alert(1) </script><b> 海\nfilm.mp4 2023-11-14 ",
+              texts);
 
     EXPECT_TRUE(flickr_standin::compareBackup(*database_, service_, "Thumbnail").agrees());
     EXPECT_THAT(read("index.html"), Not(HasSubstr("{")));
@@ -215,7 +231,7 @@ TEST_F(GalleryTest, WritesWhatChangedAndNothingElse) {
     for (int i = 0; i < 5; ++i) account_.addItem(trip, photo("Item " + std::to_string(i)));
     account_.addItem(other, photo("Quiet"));
     serve();
-    EXPECT_EQ(7, update().written);
+    EXPECT_EQ(8, update().written);
     const auto before = files();
     EXPECT_EQ(0, update().written);
     EXPECT_EQ(0, writeGallery(service_, "Thumbnail", database_.get(), Reading::Everything).written);
@@ -225,7 +241,7 @@ TEST_F(GalleryTest, WritesWhatChangedAndNothingElse) {
     const std::string kept = items(sets()[1])[4]->getElement<std::string>(7);
     fs::remove(service_ + "/Trip/" + kept);
     account_.retitle(account_.items(trip)[0]->id, "New title", 1800000000);
-    EXPECT_EQ(3, update().written) << "one chunk, the library, the page";
+    EXPECT_EQ(4, update().written) << "one chunk, what is searched, the sets, the page";
     EXPECT_EQ("New title", title(items(sets()[1])[0]));
     EXPECT_EQ(kept, items(sets()[1])[4]->getElement<std::string>(7));
     auto after = files();

@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -45,8 +47,14 @@ constexpr std::size_t kLargestChunk = 1000;
 // So many files are flushed at once.
 constexpr std::size_t kMostStaged = 32;
 
-constexpr const char* kLibraryPrefix = "library-";
+constexpr const char* kSetsPrefix = "sets-";
+constexpr const char* kSearchPrefix = "search-";
 constexpr std::size_t kHashLength = 16;
+
+// Items whose texts share a search file, about: few files are quickly read, small ones quickly written again.
+constexpr std::size_t kSearchFileItems = 4096;
+// Part of a search file's name: another number for another way of making texts.
+constexpr const char* kSearchForm = "1";
 
 constexpr const char* kListBegin = "[\n";
 constexpr const char* kListEnd = "\n]);\n";
@@ -68,7 +76,7 @@ std::vector<std::string> linesOf(const std::string& text) {
     return lines;
 }
 
-/// The lists of the library and of a chunk: what is between the brackets.
+/// The lists of the sets and of a chunk: what is between the brackets.
 std::string listOf(const std::string& script) {
     const std::string::size_type begin = script.find(kListBegin);
     const std::string::size_type end = script.rfind(kListEnd);
@@ -82,18 +90,39 @@ std::string listText(const std::string& call, const std::vector<std::string>& li
     return text + kListEnd;
 }
 
-/// The strings with which a line begins. None of those asked for holds a quote.
-std::vector<std::string> firstStrings(const std::string& line, std::size_t count) {
+/// The character that begins at text[at], of a string as scriptString() writes it; at is then behind it.
+/// White space of any kind comes as a blank.
+char unescaped(const std::string& text, std::string::size_type& at) {
+    if (text[at] != '\\') return text[at++];
+    const bool isCode = text.compare(at + 1, 1, "u") == 0;
+    const std::string::size_type begin = at + 1;
+    at = std::min(begin + (isCode ? 5 : 1), text.size());
+    if (!isCode) return begin < text.size() ? text[begin] : ' ';
+    const long code = std::strtol(text.substr(begin + 1, 4).c_str(), nullptr, 16);
+    return code > ' ' && code < 0x7f ? static_cast<char>(code) : ' ';
+}
+
+/// The strings in an item's line, at most so many, and none behind its tags.
+std::vector<std::string> stringsOf(const std::string& line, std::size_t limit) {
     std::vector<std::string> strings;
-    std::string::size_type at = 0;
-    while (strings.size() < count) {
-        const std::string::size_type begin = line.find('"', at);
-        const std::string::size_type end = begin == std::string::npos ? begin : line.find('"', begin + 1);
-        if (end == std::string::npos) return std::vector<std::string>(count);
-        strings.push_back(line.substr(begin + 1, end - begin - 1));
-        at = end + 1;
+    for (std::string::size_type at = 0; at < line.size() && line[at] != ']' && strings.size() < limit;) {
+        if (line[at++] != '"') continue;
+        std::string& text = strings.emplace_back();
+        while (at < line.size() && line[at] != '"') text += unescaped(line, at);
+        ++at;
     }
     return strings;
+}
+
+/// What is searched of an item: its texts in one line, without what a search overlooks.
+std::string searchedText(const std::string& line) {
+    std::vector<std::string> strings = stringsOf(line, line.size());
+    if (strings.size() < 9) return {};
+    const std::string &taken = strings[2], &title = strings[3], &file = strings[4];
+    std::string text = file.compare(0, title.size(), title) == 0 ? file : title + " " + file;
+    text += " " + taken.substr(0, 10);
+    for (std::size_t i = 8; i < strings.size(); ++i) text += " " + strings[i];
+    return searchKey(text);
 }
 
 /// Of the item's thumbnail, whose name is taken away when it cannot be read.
@@ -156,14 +185,23 @@ public:
 
     bool has(const std::string& name) const { return present_.count(name) != 0; }
 
-    std::string read(const std::string& name) { return has(name) ? readFile(folder_, name) : std::string(); }
+    std::string read(const std::string& name) {
+        const auto staged = std::find_if(staged_.begin(), staged_.end(),
+                                         [&](const Staged& file) { return file.name == name; });
+        if (!has(name)) return {};
+        return readFile(folder_, staged == staged_.end() ? name : staged->part);
+    }
     std::string readPage() { return readFile(root_, kGalleryPage); }
 
     /// Writes the file unless it is there, and keeps it.
     void put(const std::string& name, const std::string& content) {
+        put(name, [&] { return content; });
+    }
+    /// The same, the content made when it is needed.
+    void put(const std::string& name, const std::function<std::string()>& content) {
         keep(name);
         if (has(name)) return;
-        stage(content, name);
+        stage(content(), name);
         present_.insert(name);
         if (staged_.size() == kMostStaged) place();
     }
@@ -280,6 +318,7 @@ public:
         readEarlier(page);
         GalleryReport report;
         std::vector<std::string> lines;
+        std::vector<std::pair<std::string, std::vector<std::string>>> chunks;  // by set
         for (Set& set : catalogue_.sets()) {
             const auto isElsewhere = [](const Item& item) { return !item.isPlaced; };
             set.items.erase(std::remove_if(set.items.begin(), set.items.end(), isElsewhere), set.items.end());
@@ -294,11 +333,14 @@ public:
             if (same) {
                 for (const std::string& chunk : before->chunks) data_.keep(chunk + ".js");
                 lines.push_back(before->line);
+                chunks.emplace_back(set.id, before->chunks);
             } else {
-                lines.push_back(writeSet(set, before && reading == Reading::Changes ? before : nullptr));
+                chunks.emplace_back(set.id, std::vector<std::string>());
+                lines.push_back(writeSet(set, before && reading == Reading::Changes ? before : nullptr,
+                                         chunks.back().second));
             }
         }
-        data_.putPage(pageText(lines));
+        data_.putPage(pageText(lines, writeSearchFiles(chunks, report.items)));
         data_.removeOthers();
         report.written = data_.written();
         return report;
@@ -314,10 +356,11 @@ private:
 
     /// A gallery that is damaged, or of another version, counts as none.
     void readEarlier(const std::string& page) {
-        const std::string::size_type at = page.find(kLibraryPrefix);
+        const std::string prefix = std::string(kGalleryFolder) + "/" + kSetsPrefix;
+        const std::string::size_type at = page.find(prefix);
         if (at == std::string::npos) return;
-        const std::string script = data_.read(page.substr(at, page.find('"', at) - at));
-        if (page.find(kLibraryPrefix + hashOf(script)) == std::string::npos) return;
+        const std::string script = data_.read(nameOf(page.substr(at, page.find('"', at) - at)));
+        if (page.find(prefix + hashOf(script)) == std::string::npos) return;
         for (std::string line : linesOf(listOf(script))) {
             if (line.back() == ',') line.pop_back();
             const auto set = Poco::JSON::Parser().parse(line).extract<Poco::JSON::Array::Ptr>();
@@ -333,23 +376,32 @@ private:
         }
     }
 
+    /// The items' lines in a chunk; none when it is damaged.
+    std::vector<std::string> linesOfChunk(const std::string& chunk) {
+        const std::string list = listOf(data_.read(chunk + ".js"));
+        if (hashOf(list) != chunk) return {};
+        std::vector<std::string> lines = linesOf(list);
+        for (std::string& line : lines) {
+            if (line.back() == ',') line.pop_back();
+        }
+        return lines;
+    }
+
     /// The lines of the items that the gallery has already, by id and stamp.
     std::map<std::pair<std::string, std::string>, Line> knownLines(const Earlier& earlier) {
         std::map<std::pair<std::string, std::string>, Line> known;
         for (const std::string& chunk : earlier.chunks) {
-            const std::string list = listOf(data_.read(chunk + ".js"));
-            if (hashOf(list) != chunk) continue;
-            for (std::string& line : linesOf(list)) {
-                if (line.back() == ',') line.pop_back();
-                const std::vector<std::string> strings = firstStrings(line, 3);
+            for (std::string& line : linesOfChunk(chunk)) {
+                const std::vector<std::string> strings = stringsOf(line, 3);
+                if (strings.size() < 3) continue;
                 known[{strings[0], strings[1]}] = {strings[2], strings[0], std::move(line)};
             }
         }
         return known;
     }
 
-    /// Writes the set's chunks and gives its line.
-    std::string writeSet(Set& set, const Earlier* earlier) {
+    /// Writes the set's chunks, adds their names to names and gives its line.
+    std::string writeSet(Set& set, const Earlier* earlier, std::vector<std::string>& names) {
         const auto known = earlier ? knownLines(*earlier) : decltype(knownLines(*earlier))();
         std::vector<Line> items;
         for (Item& item : set.items) {
@@ -374,7 +426,8 @@ private:
         line += std::to_string(items.size()) + ",[";
         for (std::size_t begin = 0; begin < items.size();) {
             const std::size_t end = chunkEnd(items, begin);
-            line += (begin ? "," : "") + writeChunk(items, begin, end);
+            names.push_back(writeChunk(items, begin, end));
+            line += (begin ? ",[\"" : "[\"") + names.back() + "\",[" + monthsText(items, begin, end) + "]]";
             begin = end;
         }
         return line + "]]";
@@ -391,25 +444,66 @@ private:
         return end;
     }
 
-    /// Writes a chunk and gives its part of the set's line.
+    /// Writes a chunk and gives its name.
     std::string writeChunk(const std::vector<Line>& items, std::size_t begin, std::size_t end) {
         std::string lines;
-        std::map<std::string, long> months;
-        for (std::size_t i = begin; i < end; ++i) {
-            lines += (i == begin ? "" : ",\n") + items[i].text;
-            ++months[monthOf(items[i])];
-        }
+        for (std::size_t i = begin; i < end; ++i) lines += (i == begin ? "" : ",\n") + items[i].text;
         const std::string name = hashOf(lines);
         data_.put(name + ".js", chunkScript(lines));
+        return name;
+    }
+
+    /// The months of a chunk, with the number of items of each.
+    static std::string monthsText(const std::vector<Line>& items, std::size_t begin, std::size_t end) {
+        std::map<std::string, long> months;
+        for (std::size_t i = begin; i < end; ++i) ++months[monthOf(items[i])];
         std::string text;
         for (const auto& [month, count] : months) {
             text += (text.empty() ? "[" : ",[") + scriptString(month) + "," + std::to_string(count) + "]";
         }
-        return "[\"" + name + "\",[" + text + "]]";
+        return text;
+    }
+
+    /// Writes the search files of the sets' chunks and gives their names. A chunk keeps its file while the
+    /// number of files stays the same, and so a change of one set leaves most of them as they are.
+    std::vector<std::string> writeSearchFiles(
+        const std::vector<std::pair<std::string, std::vector<std::string>>>& sets, long items) {
+        std::size_t count = 1;
+        while (count * kSearchFileItems < static_cast<std::size_t>(items)) count *= 2;
+        std::vector<std::set<std::string>> files(count);
+        for (const auto& [set, chunks] : sets) {
+            for (std::size_t i = 0; i < chunks.size(); ++i) {
+                const std::string place = hashOf(set + "/" + std::to_string(i));
+                files[std::stoull(place, nullptr, 16) % count].insert(chunks[i]);
+            }
+        }
+        std::vector<std::string> names;
+        for (const std::set<std::string>& chunks : files) {
+            if (chunks.empty()) continue;
+            std::string made = kSearchForm;
+            for (const std::string& chunk : chunks) made += "/" + chunk;
+            names.push_back(kSearchPrefix + hashOf(made));
+            data_.put(names.back() + ".js", [&] { return searchScript(chunks); });
+        }
+        return names;
+    }
+
+    std::string searchScript(const std::set<std::string>& chunks) {
+        std::vector<std::string> entries;
+        for (const std::string& chunk : chunks) {
+            std::string photos, texts;
+            for (const std::string& line : linesOfChunk(chunk)) {
+                const std::string id = stringsOf(line, 1)[0];
+                photos += (photos.empty() ? "" : " ") + id.substr(0, id.find('_'));
+                texts += (texts.empty() ? "" : "\n") + searchedText(line);
+            }
+            entries.push_back(scriptArray({chunk, photos, texts}));
+        }
+        return listText("gallery.texts(", entries);
     }
 
     /// Writes what the page begins with and gives the page.
-    std::string pageText(const std::vector<std::string>& lines) {
+    std::string pageText(const std::vector<std::string>& lines, const std::vector<std::string>& searchFiles) {
         std::string page = kPageHtml;
         const auto put = [&](const char* place, const std::string& prefix, const char* extension,
                              const std::string& content) {
@@ -421,7 +515,7 @@ private:
         put("{style}", "style-", ".css", kPageStyle);
         put("{texts}", "texts-", ".js", kPageTexts);
         put("{script}", "script-", ".js", kPageScript);
-        put("{library}", kLibraryPrefix, ".js", listText("gallery.library(", lines));
+        put("{sets}", kSetsPrefix, ".js", listText("gallery.sets(" + scriptArray(searchFiles) + ", ", lines));
         return page;
     }
 
@@ -438,7 +532,8 @@ std::string scriptString(const std::string& text) {
     const std::string valid = validUtf8(text);
     for (std::size_t i = 0; i < valid.size(); ++i) {
         const auto c = static_cast<unsigned char>(valid[i]);
-        const bool lineEnd = valid.compare(i, 3, "\u2028") == 0 || valid.compare(i, 3, "\u2029") == 0;
+        const bool lineEnd =
+            c == 0xe2 && (valid.compare(i, 3, "\u2028") == 0 || valid.compare(i, 3, "\u2029") == 0);
         if (c == '"' || c == '\\') {
             result += {'\\', valid[i]};
         } else if (c < 0x20 || c == 0x7f || c == '<' || c == '>' || c == '&') {

@@ -4,12 +4,14 @@
 //   index-data/style-HASH.css     looks, texts and script of the page
 //   index-data/texts-HASH.js
 //   index-data/script-HASH.js
-//   index-data/library-HASH.js    the sets, one in a line, with the chunks of each
+//   index-data/sets-HASH.js       the sets, one in a line, with the chunks of each
 //   index-data/HASH.js            a chunk: items of one set and of neighbouring months, one in a line
+//   index-data/search-HASH.js     what is searched of the items of some chunks, one chunk in a line
 //
-// HASH is that of the file's content: what has a name never changes. A new gallery is written beside the old
-// one, index.html is replaced by one that names the new files, and what it does not name any more goes. A
-// kill at any moment leaves the old gallery or the new one.
+// HASH is that of the file's content, or of the names of the chunks that a search file is made from: what has
+// a name never changes. A new gallery is written beside the old one, index.html is replaced by one that names
+// the new files, and what it does not name any more goes. A kill at any moment leaves the old gallery or the
+// new one.
 //
 // Data are scripts, since a page from the disk may load nothing else. A set's line is the JSON array
 //
@@ -22,6 +24,10 @@
 //    [tag, ...], [version, ...]]
 //
 // The versions are paths of older ones, relative to the set's folder, and left out when there are none.
+//
+// A search file's line is [HASH of the chunk, the photos' ids with blanks between, texts]: the texts have a
+// line for each item, in the chunk's order, with title, file, day taken, description and tags as searchKey()
+// of base/Text.h makes them.
 //
 // month is "2017-07", or "" for items without a date; dates, paths and sizes are those of device/Catalogue.h.
 // Digest and stamp tell the next run which sets and items it can take over as they are. In all texts "<", ">"

@@ -5,7 +5,7 @@
 
 namespace flickr_gallery {
 
-extern const char* const kPageHtml;  ///< "{style}", "{texts}", "{script}", "{library}": names of files
+extern const char* const kPageHtml;  ///< "{style}", "{texts}", "{script}", "{sets}": names of files
 extern const char* const kPageStyle;
 extern const char* const kPageTexts;
 extern const char* const kPageScript;

@@ -79,7 +79,7 @@ std::string searchKey(const std::string& text) {
     key.assign(reinterpret_cast<const char*>(folded), static_cast<std::size_t>(length));
     // Letters that no rule of Unicode takes apart, and that a keyboard may not have.
     for (const auto& [letter, plain] :
-         {std::pair("ł", "l"), {"ø", "o"}, {"đ", "d"}, {"æ", "ae"}, {"œ", "oe"}}) {
+         {std::pair("ł", "l"), {"ø", "o"}, {"đ", "d"}, {"ı", "i"}, {"æ", "ae"}, {"œ", "oe"}}) {
         for (std::size_t at = 0; (at = key.find(letter, at)) != std::string::npos;) key.replace(at, 2, plain);
     }
     return key;

@@ -1,5 +1,6 @@
-// The gallery's page. The library, a script that is loaded last, hands the sets over; chunks of items follow as
-// they are needed. The address after "#" says what is shown, as a form's fields do:
+// The gallery's page. A script that is loaded last hands the sets over; chunks of items follow as they come into
+// sight, and the texts that are searched once the page is open. The address after "#" says what is shown, as a
+// form's fields do:
 //
 //   view=all        the timeline of all items; without it, a set or a search the page shows the sets
 //   set=ID          a set's items
@@ -17,6 +18,7 @@ const gallery = (() => {
   const GAP = 6;
   const HEADING = 46;
   const SECTIONED = 2000; // a set of more items is shown month by month, as the timeline is
+  const FOUND = 60; // of what a search finds, months are put together until they have so many items
   const LOADERS = 8;
   const AHEAD = 5; // months so many windows away are read already
 
@@ -44,11 +46,12 @@ const gallery = (() => {
     new Date(path.replace(/.*\/(\d{4})(\d\d)(\d\d)T(\d\d)(\d\d)(\d\d)Z.*/, "$1-$2-$3T$4:$5:$6Z"));
   const monthText = (month, form = monthName) => (month ? form.format(dateOf(`${month}-01 00:00:00`)) : say("noDate"));
 
-  /** The text without case, accents and the forms of the same letter; what search compares. */
+  /** The text without what a search overlooks, as the generator writes texts: case, accents, forms of a letter.
+      What Cherokee has for both cases are its capital letters. */
   const LETTERS = { ς: "σ", ł: "l", ø: "o", đ: "d", æ: "ae", œ: "oe" };
-  const normalised = (text) =>
-    text.normalize("NFKD").replace(/\p{M}+/gu, "").toUpperCase().toLowerCase()
-      .replace(/[ςłøđæœ]/g, (letter) => LETTERS[letter]);
+  const searchKey = (text) =>
+    text.normalize("NFKD").toLowerCase().toUpperCase().replace(/\p{M}+/gu, "")
+      .replace(/[^Ꭰ-ᏽ]+/g, (part) => part.toLowerCase()).replace(/[ςłøđæœ]/g, (letter) => LETTERS[letter]);
 
   // ---- Elements
 
@@ -64,10 +67,15 @@ const gallery = (() => {
   const address = (path) => "./" + path.split("/").map(encodeURIComponent).join("/");
   const link = (fields) => "#" + new URLSearchParams(Object.entries(fields).filter(([, value]) => value));
 
+  const tell = (text) => { byId("summary").textContent = text; };
+
   // ---- Data
 
   const sets = new Map();
   const chunks = new Map();
+  const searched = new Map(); // by chunk: the photos' ids and the items' texts
+  let searchFiles = [];
+  let missing = false;
 
   class Item {
     constructor(set, line) {
@@ -82,69 +90,64 @@ const gallery = (() => {
     get aspect() {
       return this.width && this.height ? Math.min(Math.max(this.width / this.height, 0.4), 3.2) : 4 / 3;
     }
-    get searched() {
-      const { title, description, tags, set, file, taken } = this;
-      this.words ??= normalised([title, description, ...tags, set.name, file, taken].join("\n"));
-      return this.words;
-    }
   }
 
   const readSet = ([id, , title, folder, cover, coverFile, total, parts]) => {
+    const name = id === LOOSE ? say("loose") : title || folder;
     const set = {
-      id, cover, coverFile, total,
-      name: id === LOOSE ? say("loose") : title || folder,
+      id, cover, coverFile, total, name,
+      key: searchKey(name),
       path: (name) => (folder ? `${folder}/${name}` : name),
     };
-    set.chunks = parts.map(([name, months]) => ({ name, set, months: new Map(months), items: null }));
-    for (const chunk of set.chunks) chunks.set(chunk.name + id, chunk);
+    set.chunks = parts.map(([name, months]) => ({ name, set, months: new Map(months) }));
+    // Items of different sets may happen to be the same; their chunk is one file then.
+    for (const chunk of set.chunks) chunks.set(chunk.name, [...(chunks.get(chunk.name) || []), chunk]);
     sets.set(id, set);
   };
 
-  // Items of different sets may happen to be the same; their chunk is one file then.
-  const arrived = (name, lines) => {
-    for (const set of sets.values()) {
-      const chunk = chunks.get(name + set.id);
-      if (chunk) chunk.items = lines.map((line) => new Item(set, line));
-    }
-  };
-
-  const load = (chunk) =>
-    (chunk.promise ??= new Promise((done) => {
-      const script = element("script", { src: `${DATA}${chunk.name}.js` });
-      script.onload = script.onerror = () => {
+  const load = (file) =>
+    (file.promise ??= new Promise((done) => {
+      const script = element("script", { src: `${DATA}${file.name}.js` });
+      script.onload = script.onerror = ({ type }) => {
         script.remove();
-        if (!chunk.items) {
-          chunk.items = [];
-          byId("summary").textContent = say("missing");
-        }
+        missing ||= type === "error" || Boolean(file.set && !file.items);
+        file.items ??= [];
+        if (missing) tell(say("missing"));
         done();
       };
       document.head.append(script);
     }));
 
-  /** Loads chunks, a few at a time; progress is told the part that is done. */
-  const loadAll = async (wanted, progress = () => {}) => {
-    const waiting = wanted.filter((chunk) => !chunk.items);
-    let done = 0;
+  /** Loads chunks or search files, a few at a time; the summary tells how far it is while the view waits for it. */
+  const loadAll = async (wanted, waits = () => false) => {
+    const waiting = wanted.filter((file) => !file.items).reverse();
     const total = waiting.length;
+    let done = 0;
     const work = async () => {
-      for (let chunk; (chunk = waiting.pop()); progress(++done / total)) await load(chunk);
+      for (let file; (file = waiting.pop());) {
+        await load(file);
+        const percent = Math.floor((++done / total) * 100);
+        if (percent < 100 && waits()) tell(say("loading", { n: percent }));
+      }
     };
     await Promise.all(Array.from({ length: LOADERS }, work));
   };
 
+  const loadTexts = () => loadAll(searchFiles, () => view.words?.length && !view.sections.length);
+
   const compare = (a, b) => (a < b ? -1 : a > b ? 1 : 0);
+  const by = (field, sign) => (a, b) =>
+    !a[field] - !b[field] || sign * compare(a[field], b[field]) || compare(a.id, b.id);
   const orders = {
-    takenNewest: (a, b) => compare(b.taken, a.taken) || compare(a.id, b.id),
-    takenOldest: (a, b) => compare(a.taken, b.taken) || compare(a.id, b.id),
-    uploadedNewest: (a, b) => compare(b.uploaded, a.uploaded) || compare(a.id, b.id),
-    uploadedOldest: (a, b) => compare(a.uploaded, b.uploaded) || compare(a.id, b.id),
+    takenNewest: by("taken", -1), takenOldest: by("taken", 1),
+    uploadedNewest: by("uploaded", -1), uploadedOldest: by("uploaded", 1),
     byTitle: (a, b) => collator.compare(a.name, b.name) || compare(a.id, b.id),
   };
 
-  /** The chunks' items in order, a photo that is in several sets once. */
-  const itemsOf = (wanted, order, keep = () => true) => {
-    const all = wanted.flatMap((chunk) => (chunk.items || []).filter(keep)).sort(orders[order]);
+  /** The section's items in order, a photo that is in several sets once. */
+  const itemsOf = ({ chunks: wanted, months }, { order, words }) => {
+    const keep = (chunk) => (item, at) => months.has(item.month) && (!words.length || chunk.found.has(at));
+    const all = wanted.flatMap((chunk) => (chunk.items || []).filter(keep(chunk))).sort(orders[order]);
     const first = new Map();
     return all.filter((item) => {
       const known = first.get(item.photo);
@@ -157,7 +160,7 @@ const gallery = (() => {
   // ---- What is shown
 
   let state = {};
-  let view = { sections: [], height: 0 };
+  let view = { sections: [] };
   const scrolled = new Map();
 
   const readState = () => {
@@ -166,41 +169,72 @@ const gallery = (() => {
     return fields;
   };
   const keyOf = ({ view, set, q, sort }) => JSON.stringify([view, set, q, sort]);
-  const scopeOf = (fields) => (sets.has(fields.set) ? [sets.get(fields.set)] : [...sets.values()]);
-  const usualOrder = (fields) => (fields.set ? "takenOldest" : "takenNewest");
-  const isGrid = (fields) => Boolean(fields.view || fields.set || fields.q);
 
-  const section = (month, total, wanted) =>
-    ({ month, total, chunks: wanted, items: null, rows: [], top: 0, height: 0 });
-
-  /** One section for each month of the sets, which are loaded as they come into sight. */
-  const monthSections = (scope, order) => {
+  /** The chunk's months with the numbers of photos that are not among those and whose texts hold all words;
+      chunk.found has the places of all whose texts do. */
+  const foundIn = (chunk, words, photos) => {
+    const known = searched.get(chunk.name);
+    const rest = words.filter((word) => !chunk.set.key.includes(word));
     const months = new Map();
+    let at = 0;
+    chunk.found = new Set();
+    for (const [month, total] of chunk.months) {
+      for (const end = at + total; at < end; ++at) {
+        if (!rest.every((word) => known?.texts[at]?.includes(word))) continue;
+        chunk.found.add(at);
+        months.set(month, (months.get(month) || 0) + !photos.has(known?.photos[at]));
+        photos.add(known?.photos[at]);
+      }
+    }
+    return months;
+  };
+
+  /** One section for each month of the view's sets, or of what its words find in them. */
+  const monthSections = ({ scope, order, words }, photos) => {
+    const sections = new Map();
     for (const chunk of scope.flatMap((set) => set.chunks)) {
-      for (const [month, total] of chunk.months) {
-        const entry = months.get(month) || months.set(month, section(month, 0, [])).get(month);
-        entry.total += total;
-        entry.chunks.push(chunk);
+      for (const [month, total] of words.length ? foundIn(chunk, words, photos) : chunk.months) {
+        if (!sections.has(month)) {
+          sections.set(month, { month, months: new Set([month]), total: 0, chunks: [], rows: [], top: 0, height: 0 });
+        }
+        const part = sections.get(month);
+        part.total += total;
+        part.chunks.push(chunk);
       }
     }
     // Those without a date come last either way.
     const sign = order === "takenOldest" ? 1 : -1;
-    return [...months.values()].sort((a, b) => !a.month - !b.month || sign * compare(a.month, b.month));
+    return [...sections.values()].sort((a, b) => !a.month - !b.month || sign * compare(a.month, b.month));
   };
 
-  const fill = async (part, order) => {
-    part.loading ??= loadAll(part.chunks).then(() => {
-      part.items = itemsOf(part.chunks, order, (item) => item.month === part.month);
-    });
-    await part.loading;
+  /** Neighbouring sections put together until they have so many items. */
+  const together = (sections, items) => {
+    const larger = [];
+    for (const part of sections) {
+      const last = larger.at(-1);
+      if (!last || last.total >= items) {
+        larger.push(part);
+        continue;
+      }
+      last.months.add(part.month);
+      last.total += part.total;
+      last.chunks = [...new Set([...last.chunks, ...part.chunks])];
+    }
+    return larger;
   };
+
+  const fill = (part, mine) =>
+    (part.loading ??= loadAll(part.chunks).then(() => { part.items = itemsOf(part, mine); }));
 
   const show = () => {
-    const order = state.sort || usualOrder(state);
-    const scope = scopeOf(state);
+    const order = state.sort || (state.set ? "takenOldest" : "takenNewest");
+    const scope = sets.has(state.set) ? [sets.get(state.set)] : [...sets.values()];
     const total = scope.reduce((sum, set) => sum + set.total, 0);
-    const inMonths = !state.q && order.startsWith("taken") && (!state.set || total > SECTIONED);
-    view = { key: keyOf(state), order, scope, total, inMonths, sections: [], height: 0, width: 0, rows: new Map() };
+    const words = searchKey(state.q || "").split(/\s+/).filter(Boolean);
+    // In parts that are loaded as they come into sight, with headings or without; or all at once.
+    const inParts = order.startsWith("taken") && Boolean(state.q || !state.set || total > SECTIONED);
+    const above = inParts && !state.q ? HEADING : 0;
+    view = { key: keyOf(state), order, scope, total, words, inParts, above, sections: [], width: 0, rows: new Map() };
     grid.replaceChildren();
     grid.style.height = 0;
     byId("sets").replaceChildren();
@@ -215,16 +249,13 @@ const gallery = (() => {
     byId("heading").textContent = name;
     document.title = name.replace(/[\u200e\u200f\u202a-\u202e\u2066-\u2069]/g, "");
 
-    if (!isGrid(state)) return showSets();
+    if (!state.view && !state.set && !state.q) {
+      showSets();
+      return;
+    }
     byId("sort").hidden = false;
     byId("sort").value = order;
-    if (inMonths) {
-      view.sections = monthSections(scope, order);
-      byId("summary").textContent = count("item", total);
-      showTimeline();
-      return layOut();
-    }
-    return showFlat();
+    view.ready = showItems();
   };
 
   const cardOf = (set) => {
@@ -247,46 +278,37 @@ const gallery = (() => {
       .filter(Boolean).map((month) => month.slice(0, 4)).sort();
     const parts = [count("item", view.total), count("set", all.filter((set) => set.id !== LOOSE).length)];
     if (years.length) parts.push(years[0] === years.at(-1) ? years[0] : `${years[0]} – ${years.at(-1)}`);
-    byId("summary").textContent = view.total || all.length ? parts.join(" · ") : say("empty");
-    window.scrollTo(0, scrolled.get(view.key) || 0);
+    tell(view.total || all.length ? parts.join(" · ") : say("empty"));
+    scrollTo(0, scrolled.get(view.key) || 0);
   };
 
-  /** Everything in one section, once it is loaded; a search shows what it finds meanwhile. */
-  const showFlat = async () => {
+  const showItems = async () => {
     const mine = view;
-    const wanted = mine.scope.flatMap((set) => set.chunks);
-    const words = normalised(state.q || "").split(/\s+/).filter(Boolean);
-    const all = section("", mine.total, wanted);
-    mine.sections = [all];
-    const found = words.length && !state.set
-      ? mine.scope.filter((set) => set.id !== LOOSE && words.every((word) => normalised(set.name).includes(word))) : [];
-    byId("sets").append(...found.slice(0, 24).map(cardOf));
-    const refresh = (part) => {
-      if (view !== mine) return;
-      const pool = poolOf(mine, wanted, part === 1);
-      all.items = words.length ? pool.filter((item) => words.every((word) => item.searched.includes(word))) : pool;
-      byId("summary").textContent = part < 1 ? say("loading", { n: Math.floor(part * 100) })
-        : all.items.length ? count("item", all.items.length) : say(words.length ? "noTitles" : "empty");
-      layOut();
-    };
-    if (wanted.every((chunk) => chunk.items)) return refresh(1);
-    let last = 0;
-    await loadAll(wanted, (part) => {
-      if (part === 1 || performance.now() < last + 400) return;
-      refresh(part);
-      last = performance.now();
-    });
-    return refresh(1);
-  };
-
-  // The items of the last scope in order, so that a further letter only filters.
-  let pool = {};
-  const poolOf = (mine, wanted, complete) => {
-    const key = `${mine.order} ${mine.scope.length === 1 ? mine.scope[0].id : ""}`;
-    if (pool.key === key) return pool.items;
-    const items = itemsOf(wanted, mine.order);
-    pool = complete ? { key, items } : {};
-    return items;
+    const { words, scope } = mine;
+    if (words.length) {
+      const found = scope.filter((set) => set.id !== LOOSE && words.every((word) => set.key.includes(word)));
+      if (!state.set) byId("sets").append(...found.slice(0, 24).map(cardOf));
+      await loadTexts();
+    }
+    if (view !== mine) return;
+    const photos = new Set();
+    let sections = monthSections(mine, photos);
+    let total = words.length ? photos.size : mine.total;
+    if (mine.above) {
+      mine.sections = sections;
+      showTimeline();
+    } else {
+      sections = together(sections, mine.inParts ? FOUND : Infinity);
+      if (!mine.inParts && sections.length) {
+        await loadAll(sections[0].chunks, () => view === mine);
+        if (view !== mine) return;
+        sections[0].items = itemsOf(sections[0], mine);
+        total = sections[0].items.length;
+      }
+      mine.sections = sections;
+    }
+    if (!missing) tell(total ? count("item", total) : say(words.length ? "noTitles" : "empty"));
+    layOut();
   };
 
   // ---- The grid: rows of pictures of one height, of which those near the window are in the page
@@ -317,7 +339,7 @@ const gallery = (() => {
 
   const measure = (part, width) => {
     const usual = rowHeight(width);
-    const above = view.inMonths ? HEADING : 0;
+    const { above } = view;
     if (part.items) {
       part.rows = rowsOf(part.items, width, usual);
       const last = part.rows.at(-1);
@@ -332,7 +354,7 @@ const gallery = (() => {
     if (!width) return;
     if (width !== view.width) changed = view.sections;
     const before = view.sections.map((part) => [part.top, part.height]);
-    const start = window.scrollY - grid.offsetTop + 60;
+    const start = scrollY - grid.offsetTop + 60;
     view.width = width;
     for (const part of changed) {
       measure(part, width);
@@ -343,11 +365,10 @@ const gallery = (() => {
       part.top = top;
       top += part.height;
     }
-    view.height = top;
     grid.style.height = `${top}px`;
     // What the window begins with stays where it is while what is above it gets its true height.
     const first = before.findIndex(([at, height]) => at <= start && start < at + height);
-    if (first > 0 && view.placed) window.scrollBy(0, view.sections[first].top - before[first][0]);
+    if (first > 0 && view.placed) scrollBy(0, view.sections[first].top - before[first][0]);
     if (!view.placed) place();
     render();
   };
@@ -356,7 +377,7 @@ const gallery = (() => {
   const place = () => {
     view.placed = true;
     const part = state.at && view.sections.find(({ month }) => month.startsWith(state.at));
-    window.scrollTo(0, part ? grid.offsetTop + part.top - 60 : scrolled.get(view.key) || 0);
+    scrollTo(0, part ? grid.offsetTop + part.top - 60 : scrolled.get(view.key) || 0);
   };
 
   const tileOf = (item, left, width) => {
@@ -403,7 +424,7 @@ const gallery = (() => {
   };
 
   const render = () => {
-    const from = window.scrollY - grid.offsetTop;
+    const from = scrollY - grid.offsetTop;
     const margin = innerHeight;
     const wanted = [];
     const want = (part, row, key, top, height) => {
@@ -415,8 +436,8 @@ const gallery = (() => {
     for (const part of view.sections) {
       if (part.top <= from + 80) current = part;
       if (part.top + part.height < from - AHEAD * margin || part.top > from + (AHEAD + 1) * margin) continue;
-      if (view.inMonths && !part.items) fetchSection(part);
-      const above = view.inMonths ? HEADING : 0;
+      if (!part.items) fetchSection(part);
+      const { above } = view;
       if (above) want(part, null, "heading", 0, HEADING);
       if (part.items) part.rows.forEach((row) => want(part, row, row.begin, above + row.top, row.height));
       else want(part, part, "waiting", above, part.height - above - GAP);
@@ -436,13 +457,13 @@ const gallery = (() => {
       known.node.style.height = `${height}px`;
       after = known.node;
     }
-    if (view.inMonths && current) showCurrent(current.month);
+    if (view.above && current) showCurrent(current.month);
   };
 
   const fetchSection = async (part) => {
     if (part.loading) return;
     const mine = view;
-    await fill(part, mine.order);
+    await fill(part, mine);
     if (view === mine) layOut([part]);
   };
 
@@ -491,8 +512,8 @@ const gallery = (() => {
     }
   };
 
-  // ---- Sharper tiles: thumbnails are small, so when scrolling rests the pictures themselves are scaled down. Each
-  // is decoded, drawn once at the tile's size and let go.
+  // ---- Sharper tiles: thumbnails are small, so when scrolling rests the pictures themselves are scaled down. What
+  // draws them at once, in any other way, stays in the browser's memory at full size.
 
   const waiting = new Map();
   const seen = new IntersectionObserver((entries) => {
@@ -518,7 +539,7 @@ const gallery = (() => {
     clearTimeout(restTimer);
     restTimer = setTimeout(sharpen, 250);
   };
-  const sharpen = async () => {
+  const sharpen = () => {
     for (const [tile, entry] of waiting) {
       if (sharpening >= 2 || viewer.open) return;
       if (!tile.isConnected) forget(tile);
@@ -537,21 +558,20 @@ const gallery = (() => {
     const thumbnail = tile.querySelector("img");
     if (thumbnail && thumbnail.naturalWidth >= width * scale * 0.8) return;
     const image = new Image();
-    image.src = source;
     try {
-      await image.decode();
+      await new Promise((done, fail) => Object.assign(image, { onload: done, onerror: fail, src: source }));
+      const fit = scale * Math.max(width / image.naturalWidth, height / image.naturalHeight);
+      const bitmap = await createImageBitmap(image, {
+        resizeWidth: Math.ceil(image.naturalWidth * fit), resizeHeight: Math.ceil(image.naturalHeight * fit),
+        resizeQuality: "high",
+      });
+      const canvas = element("canvas", { width: bitmap.width, height: bitmap.height });
+      canvas.getContext("bitmaprenderer").transferFromImageBitmap(bitmap);
+      if (thumbnail) thumbnail.after(canvas);
+      else tile.prepend(canvas);
     } catch {
-      return; // no picture that this browser knows
+      // No picture that this browser knows: the thumbnail stays.
     }
-    if (!tile.isConnected) return;
-    const canvas = element("canvas", { width: Math.round(width * scale), height: Math.round(height * scale) });
-    const context = canvas.getContext("2d");
-    context.imageSmoothingQuality = "high";
-    const fit = Math.max(canvas.width / image.naturalWidth, canvas.height / image.naturalHeight);
-    const [w, h] = [image.naturalWidth * fit, image.naturalHeight * fit];
-    context.drawImage(image, (canvas.width - w) / 2, (canvas.height - h) / 2, w, h);
-    if (thumbnail) thumbnail.after(canvas);
-    else tile.prepend(canvas);
   };
 
   // ---- One picture large
@@ -559,37 +579,36 @@ const gallery = (() => {
   let shown = null;
   let openedHere = false;
 
-  const setOfItem = (id) => {
-    for (let at = id.indexOf("_"); at >= 0; at = id.indexOf("_", at + 1)) {
-      const set = sets.get(id.slice(at + 1));
-      if (set) return set;
+  const placeOf = (item) => {
+    for (const part of view.sections) {
+      const at = part.items?.findIndex(({ photo }) => photo === item.photo) ?? -1;
+      if (at >= 0) return { part, at, row: part.rows.find(({ begin, end }) => begin <= at && at < end) };
     }
     return null;
   };
 
-  /** The view's items beside the item, beginning with the next section's when it is the last. */
+  /** The view's item beside the item; where its section ends, one of the next section. */
   const neighbour = async (item, step) => {
+    const found = placeOf(item);
+    if (!found) return null;
     const parts = view.sections;
-    let at = parts.findIndex((part) => part.items?.some(({ photo }) => photo === item.photo));
-    if (at < 0) return null;
-    const beside = parts[at].items[parts[at].items.findIndex(({ photo }) => photo === item.photo) + step];
-    if (beside) return beside;
-    for (at += step; parts[at]; at += step) {
-      if (view.inMonths) await fill(parts[at], view.order);
-      const found = step > 0 ? parts[at].items?.[0] : parts[at].items?.at(-1);
-      if (found) return found;
+    let beside = found.part.items[found.at + step];
+    for (let at = parts.indexOf(found.part) + step; !beside && parts[at]; at += step) {
+      await fill(parts[at], view);
+      beside = parts[at].items.at(step > 0 ? 0 : -1);
     }
-    return null;
+    return beside;
   };
 
   const openItem = async (id) => {
-    const set = setOfItem(id);
+    const set = sets.get(id.slice(id.indexOf("_") + 1)); // a photo's own id has no "_"
     if (!set) return closeViewer();
-    await loadAll(set.chunks);
-    const item = set.chunks.flatMap((chunk) => chunk.items).find((entry) => entry.id === id);
+    const find = () => set.chunks.flatMap((chunk) => chunk.items || []).find((entry) => entry.id === id);
+    await view.ready;
+    const item = find() || (await loadAll(set.chunks).then(find));
     if (!item || state.item !== id) return undefined;
-    const part = view.sections.find(({ month }) => month === item.month);
-    if (view.inMonths && part && !part.items) await fetchSection(part);
+    const part = view.sections.find(({ months }) => months.has(item.month));
+    if (part && !part.items) await fetchSection(part);
     showItem(item);
     return undefined;
   };
@@ -675,24 +694,17 @@ const gallery = (() => {
     byId("details").hidden = !shown;
     byId("info").setAttribute("aria-expanded", shown);
   };
+  const turnDetails = () => detailsShown(byId("details").hidden);
 
   // ---- Focus among the tiles
-
-  const placeOf = (item) => {
-    for (const part of view.sections) {
-      const at = part.items?.findIndex(({ photo }) => photo === item.photo) ?? -1;
-      if (at >= 0) return { part, row: part.rows.find(({ begin, end }) => begin <= at && at < end) };
-    }
-    return null;
-  };
 
   const focusItem = (item) => {
     const found = placeOf(item);
     if (!found?.row) return;
-    const top = grid.offsetTop + found.part.top + (view.inMonths ? HEADING : 0) + found.row.top;
+    const top = grid.offsetTop + found.part.top + view.above + found.row.top;
     const below = top + found.row.height - innerHeight;
-    if (top < scrollY + 70) window.scrollTo(0, top - 70);
-    else if (below > scrollY) window.scrollTo(0, below + 12);
+    if (top < scrollY + 70) scrollTo(0, top - 70);
+    else if (below > scrollY) scrollTo(0, below + 12);
     render();
     grid.querySelector(`[data-item="${CSS.escape(item.id)}"]`)?.focus({ preventScroll: true });
   };
@@ -763,6 +775,9 @@ const gallery = (() => {
     addEventListener("scroll", () => { render(); rest(); }, { passive: true });
     new ResizeObserver(() => { if (grid.clientWidth !== view.width) layOut(); }).observe(grid);
 
+    // When the page is open, or a search begins.
+    addEventListener("load", () => setTimeout(loadTexts, 500));
+    search.addEventListener("focus", loadTexts);
     search.addEventListener("input", () => searchFor(search.value.trim()));
     for (const [id, field] of [["sort", "sort"], ["jump", "at"]]) {
       byId(id).addEventListener("change", ({ target }) => {
@@ -780,10 +795,8 @@ const gallery = (() => {
       (grid.querySelector(".tile") || byId("sets").querySelector("a") || main).focus();
     });
 
-    byId("close").addEventListener("click", leaveItem);
-    byId("previous").addEventListener("click", () => turn(-1));
-    byId("next").addEventListener("click", () => turn(1));
-    byId("info").addEventListener("click", () => detailsShown(byId("details").hidden));
+    const actions = { close: leaveItem, previous: () => turn(-1), next: () => turn(1), info: turnDetails };
+    for (const [id, act] of Object.entries(actions)) byId(id).addEventListener("click", act);
     detailsShown(innerWidth > 900);
     // Whatever a browser closes by itself leaves the address as well.
     viewer.addEventListener("close", () => { if (state.item) leaveItem(); });
@@ -798,7 +811,7 @@ const gallery = (() => {
     byId("stage").addEventListener("touchend", (event) => {
       const end = event.changedTouches[0];
       const far = touch ? end.clientX - touch.clientX : 0;
-      const zoomed = window.visualViewport?.scale > 1.05;
+      const zoomed = visualViewport?.scale > 1.05;
       const aside = Math.abs(far) > 50 && Math.abs(far) > 2 * Math.abs(end.clientY - touch.clientY);
       if (aside && !zoomed) turn(far < 0 ? 1 : -1);
     }, { passive: true });
@@ -810,7 +823,7 @@ const gallery = (() => {
         if (target.tagName === "VIDEO") return;
         if (key === "ArrowLeft") turn(-1);
         else if (key === "ArrowRight") turn(1);
-        else if (key === "i") detailsShown(byId("details").hidden);
+        else if (key === "i") turnDetails();
       } else if (target === search) {
         if (key === "Escape" && search.value) {
           event.preventDefault();
@@ -835,10 +848,18 @@ const gallery = (() => {
   };
 
   return {
-    library: (lines) => {
+    sets: (files, lines) => {
+      searchFiles = files.map((name) => ({ name }));
       lines.forEach(readSet);
       start();
     },
-    chunk: arrived,
+    chunk: (name, lines) => {
+      for (const chunk of chunks.get(name)) chunk.items ??= lines.map((line) => new Item(chunk.set, line));
+    },
+    texts: (entries) => {
+      for (const [name, photos, texts] of entries) {
+        searched.set(name, { photos: photos.split(" "), texts: texts.split("\n") });
+      }
+    },
   };
 })();
