@@ -21,6 +21,7 @@ import tempfile
 import time
 
 from distance import distance
+from fuse import fuse
 from gallery import gallery
 from measure import GIB, KIB, MIB, alternate, milliseconds, named, ratios, run, spread
 from slow_disk import slow_disk
@@ -350,7 +351,7 @@ def count_instructions(bench, command):
 
 CASES = {case.__name__.replace("_", "-"): case for case in
          (first, unchanged, video, redirects, scaling, sets, parsers, store, distance, instructions, gallery,
-          slow_disk)}
+          slow_disk, fuse)}
 
 
 def machine():

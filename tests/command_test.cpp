@@ -326,6 +326,32 @@ TEST_F(CommandTest, TellsInOneSentenceWhyAnItemsFilesDoNotGetTheirNames) {
     EXPECT_EQ(runJson(0)->getValue<int>("new"), 1);
 }
 
+// The old file cannot step aside, the new one takes its place, and the new thumbnail is refused.
+TEST_F(CommandTest, KeepsTheOldFileThatCouldNotStepAside) {
+    const std::string id = account_.addItem("", photo("one"));
+    configure();
+    ASSERT_EQ(command(runArguments()), 0) << err_;
+    const std::string before = read(service() + "/one.jpg");
+    account_.edit(id, flickr_sim::Content::bytes("the new bytes"), 1800000000);
+    for (const bool refused : {true, false}) {
+        if (refused) sim_->faults().add(flickr_sim::thumbnail(), always(), fault::status(404));
+        const std::pair<const char*, std::string> fault[] = {
+            {"LD_PRELOAD", FAULTFS},   {"FAULT_UNDER", device()}, {"FAULT_CALLS", "renameat2"},
+            {"FAULT_PATH", "one_Old"}, {"FAULT_AT", "1"},         {"FAULT_HOW", "13"}};
+        for (const auto& [name, value] : fault) ::setenv(name, value.c_str(), 1);
+        const pid_t child = start(runArguments());
+        for (const auto& setting : fault) ::unsetenv(setting.first);
+        EXPECT_EQ(finish(child), refused ? 1 : 0) << out_;
+        sim_->faults().clear();
+        EXPECT_EQ(read(service() + "/one.jpg") == before, refused) << refused;
+    }
+    std::vector<std::string> versions;
+    for (const auto& entry : fs::recursive_directory_iterator(service() + "/.versions")) {
+        if (entry.path().extension() == ".jpg") versions.push_back(read(entry.path()));
+    }
+    EXPECT_EQ(versions, std::vector<std::string>{before});
+}
+
 TEST_F(CommandTest, AStopBehindTheRunCountsToo) {
     account_.addItem("", photo("one"));
     configure();

@@ -589,6 +589,7 @@ void Device::moveFileOnly(const std::string& from, const std::string& to) {
 void Device::putFileAside(const std::string& from, const std::string& to) {
     refuseStanding(from, to);  // before the row claims what is somebody else's
     beforeTaking(to);
+    const std::optional<LedgerFile> before = ledger_.file(from);
     ledger_.moveFile(from, to, nameOf(from));
     if (isOwnName(nameOf(to), kKeptPrefix)) flushLedger();
     try {
@@ -596,6 +597,7 @@ void Device::putFileAside(const std::string& from, const std::string& to) {
     } catch (DeviceException&) {
         try {
             ledger_.moveFile(to, from, "");
+            if (before) ledger_.putFile(*before);  // recorded as ever: what replaces it now has to keep it
         } catch (Poco::Exception&) {
             // The row stays pending, and recovery sees that the file never moved.
         }
