@@ -845,6 +845,31 @@ TEST_F(FrameworkTest, WritesAFoldersRecordOnceForAllItsItems) {
     EXPECT_THAT(RunJournal::instance().summary().failures[0].reason, HasSubstr("could not be written"));
 }
 
+// Hundreds of sets have new records at the end of a run, and a process may have few files open.
+TEST_F(FrameworkTest, FlushesManyFoldersRecordsWithFewFilesOpen) {
+    auto client = std::make_unique<HostServiceClientMac>();
+    client->createDirectory("Thumbnail", command_, result_, error_);
+    ASSERT_EQ("SUC", store(*client, "one.jpg", "content", "1"));
+    for (int number = 0; number < 60; ++number) {
+        const std::string folder = "Set " + std::to_string(number);
+        client->createDirectory(folder, command_, result_, error_);
+        MediaFolderTemplate record;
+        record.setID(std::to_string(number));
+        record.setPhysicalFileName(folder);
+        client->writeFolderDataXML(params_->getPluginRoot() + "/", ItemDataManager().saveItemData(&record),
+                                   "");
+    }
+    client.reset();
+    rlimit before = {};
+    ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before));
+    const auto open = std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+    const rlimit few = {static_cast<rlim_t>(open) + 40, before.rlim_max};
+    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &few));
+    flickr_standin::closeRunDevice();
+    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &before));
+    EXPECT_FALSE(Ledger(device(".records/.ledger.db").string()).mayLackRows()) << "all of it was flushed";
+}
+
 TEST_F(FrameworkTest, ChecksTheLibrary) {
     BackupDatabase open((folder_ / "service/backup.db").string());
     Database database(open.path());

@@ -376,7 +376,7 @@ std::string copyDatabase(const std::string& path, const std::string& folder,
 
 void flushWriteAheadLog(const std::string& path) {
     const int file = ::open((path + "-wal").c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (file < 0) return;  // nothing was written since it was last emptied
+    if (file < 0 && errno == ENOENT) return;  // nothing was written since it was last emptied
     struct stat status = {};
     const bool isEmpty = ::fstat(file, &status) == 0 && status.st_size == 0;
     const bool flushed = isEmpty || ::fdatasync(file) == 0;

@@ -27,6 +27,7 @@ namespace flickr_standin {
 namespace {
 
 constexpr std::size_t kMostWaiting = 64;  // old versions, until rows are flushed for them
+constexpr std::size_t kMostFlushes = 16;  // at once: each holds a file open and takes a thread
 constexpr std::size_t kReadSize = 1 << 20;
 constexpr std::size_t kLongestDescription = 1 << 20;
 
@@ -308,10 +309,16 @@ void Device::flushRows() {
     retire([&](const std::string& path) { planVersion(path); });
     std::list<Descriptor> opened;
     std::vector<Flush> flushes;
+    const auto waitForThese = [&] {
+        waitForDisk(flushes);
+        flushes.clear();
+        opened.clear();
+    };
     const auto add = [&](Descriptor descriptor, const std::string& path) {
         if (!descriptor.isOpen()) return;
         opened.push_back(std::move(descriptor));
         flushes.push_back(flushOf(opened.back(), path));
+        if (opened.size() == kMostFlushes) waitForThese();
     };
     for (const std::string& folder : emptied) {
         if (!folder.empty() && !isFolder(folder)) continue;
@@ -325,7 +332,7 @@ void Device::flushRows() {
         add(openRegular(descriptions.get(), kFolderDescription), path);
         add(std::move(descriptions), path);
     }
-    waitForDisk(flushes);
+    waitForThese();
     flushOpenDatabases();
     ledger_.writeSettled();
     ledger_.flush();
