@@ -1,23 +1,13 @@
 #include "standin/app/Format.h"
 
 #include <Poco/NumberFormatter.h>
-#include <Poco/UTF8Encoding.h>
 #include <utf8proc.h>
 
 #include <cmath>
 #include <iterator>
 
-#include "standin/framework/base/Text.h"
-
 namespace flickr_app {
 namespace {
-
-bool isControl(int character) {
-    return character < 0x20 || (character >= 0x7f && character < 0xa0) ||       // C0, DEL, C1
-           character == 0x61c || character == 0x200e || character == 0x200f ||  // direction marks
-           (character >= 0x2028 && character <= 0x202e) ||                      // line ends, embeddings
-           (character >= 0x2066 && character <= 0x2069);                        // isolates
-}
 
 /// Of valid UTF-8, by its first byte.
 std::size_t bytesOfCharacter(char start) {
@@ -54,30 +44,12 @@ std::string formatDuration(double seconds) {
 
 std::string formatNumber(long number) {
     std::string text = std::to_string(number);
-    for (int at = static_cast<int>(text.size()) - 3; at > 0; at -= 3) text.insert(at, ",");
+    for (std::size_t at = text.size(); at > 3;) text.insert(at -= 3, ",");
     return text;
 }
 
 std::string formatCount(long count, const std::string& noun) {
     return formatNumber(count) + " " + noun + (count == 1 ? "" : "s");
-}
-
-std::string printable(const std::string& text) {
-    const std::string valid = flickr_standin::validUtf8(text);
-    const Poco::UTF8Encoding utf8;
-    std::string line;
-    std::size_t at = 0;
-    while (at < valid.size()) {
-        const std::size_t length = bytesOfCharacter(valid[at]);
-        const int character = utf8.convert(reinterpret_cast<const unsigned char*>(valid.data()) + at);
-        if (isControl(character)) {
-            line += '?';
-        } else {
-            line.append(valid, at, length);
-        }
-        at += length;
-    }
-    return line;
 }
 
 std::size_t columnsIn(const std::string& text) {

@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "standin/framework/base/Text.h"
+
 namespace flickr_app {
 
 /// "512 B", "1.5 kB", "20.0 MB": decimal units.
@@ -19,9 +21,7 @@ std::string formatNumber(long number);
 /// "1 item", "12,345 items".
 std::string formatCount(long count, const std::string& noun);
 
-/// The text as one line that cannot steer a terminal or turn the direction of what follows: valid UTF-8, with
-/// "?" for every control character and direction mark.
-std::string printable(const std::string& text);
+using flickr_standin::printable;
 
 /// How many columns of a terminal the text takes; East Asian characters take two.
 std::size_t columnsIn(const std::string& text);

@@ -19,8 +19,10 @@ constexpr std::size_t kLongestText = 16 * 1024;
 bool disturbsLine(utf8proc_int32_t character) {
     const utf8proc_category_t category = utf8proc_category(character);
     return category == UTF8PROC_CATEGORY_CC || category == UTF8PROC_CATEGORY_ZL ||
-           category == UTF8PROC_CATEGORY_ZP || (character >= 0x202a && character <= 0x202e) ||
-           (character >= 0x2066 && character <= 0x2069);
+           category == UTF8PROC_CATEGORY_ZP || character == 0x61c || character == 0x200e ||
+           character == 0x200f ||                           // direction marks
+           (character >= 0x202a && character <= 0x202e) ||  // embeddings
+           (character >= 0x2066 && character <= 0x2069);    // isolates
 }
 
 /// The character that begins at a place, and how many bytes it has; 0 for a byte that begins none.
@@ -85,13 +87,16 @@ std::string searchKey(const std::string& text) {
     return key;
 }
 
-std::string withoutCharacters(const std::string& text, bool (*isUnwanted)(std::int32_t character)) {
+std::string withoutCharacters(const std::string& text, bool (*isUnwanted)(std::int32_t character),
+                              char sign) {
     std::string result;
     result.reserve(text.size());
     for (std::size_t at = 0; at < text.size();) {
         const Character character = characterAt(text, at);
-        if (character.length == 0 || isUnwanted(character.code)) {
+        if (character.length == 0) {
             result += '_';
+        } else if (isUnwanted(character.code)) {
+            result += sign;
         } else {
             result.append(text, at, character.length);
         }
@@ -148,6 +153,10 @@ std::string oneLine(const std::string& text) {
         line += "... (" + std::to_string(text.size() - shown.size()) + " bytes left out)";
     }
     return line;
+}
+
+std::string printable(const std::string& text) {
+    return withoutCharacters(text, disturbsLine, '?');
 }
 
 }  // namespace flickr_standin

@@ -12,8 +12,9 @@ namespace flickr_standin {
 /// The text as valid UTF-8: each byte that belongs to no character becomes "_".
 std::string validUtf8(const std::string& text);
 
-/// The same, with "_" also for each character that is unwanted.
-std::string withoutCharacters(const std::string& text, bool (*isUnwanted)(std::int32_t character));
+/// The same, with another sign for each character that is unwanted.
+std::string withoutCharacters(const std::string& text, bool (*isUnwanted)(std::int32_t character),
+                              char sign = '_');
 
 /// The text cut to at most limit bytes, between two characters.
 std::string cutUtf8(const std::string& text, std::size_t limit);
@@ -35,6 +36,10 @@ std::string searchKey(const std::string& text);
 /// that turn the direction of writing and bytes that are no UTF-8 are written as \n, \x1b or \u{202e}, and
 /// a backslash as two. Texts of more than 16 KiB are cut, which the end says.
 std::string oneLine(const std::string& text);
+
+/// The same for a person at a terminal, never cut: "?" stands for each of those characters, "_" for a byte
+/// that is no UTF-8.
+std::string printable(const std::string& text);
 
 }  // namespace flickr_standin
 
