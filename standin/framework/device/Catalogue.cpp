@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <string_view>
 
 #include "standin/framework/base/Localisation.h"
 #include "standin/framework/base/Names.h"
@@ -28,9 +29,14 @@ constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
 constexpr const char* kEpoch = "1970-01-01 00:00:00";
 
 /// Texts joined so that no two lists of texts give the same.
-std::string joined(std::initializer_list<std::string> texts) {
+std::string joined(std::initializer_list<std::string_view> texts) {
     std::string all;
-    for (const std::string& text : texts) all += std::to_string(text.size()) + ":" + text;
+    all.reserve(256);  // most are shorter
+    for (const std::string_view text : texts) {
+        all += std::to_string(text.size());
+        all += ':';
+        all += text;
+    }
     return all;
 }
 
