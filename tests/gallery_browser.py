@@ -9,6 +9,7 @@ import base64
 import contextlib
 import os
 import pathlib
+import re
 import shutil
 import sqlite3
 import subprocess
@@ -219,6 +220,73 @@ class Gallery(unittest.TestCase):
         self.browser.wait("document.querySelector('h1').textContent === arguments[0]", title)
         self.show(f"set={second.split('_', 1)[1]}&item={second}")  # an address that was kept
         self.browser.wait("document.getElementById('viewer').open")
+
+    def test_sort_orders(self):
+        # Uploaded in the order of TITLES; taken in another one from here on.
+        taken = [2, 0, 1, 5, 3, 4]
+        for day, at in enumerate(taken):
+            record = next(self.device.rglob(f"{SETS[1]}/.records/{TITLES[at]}.jpg.xml"))
+            text, replaced = re.subn(r"<Taken>[^<]*", f"<Taken>2020-02-0{day + 1}T10:00:00Z", record.read_text())
+            self.assertEqual(replaced, 1)
+            record.write_text(text)
+        titles = [*TITLES[:5], "éclair"]
+        with contextlib.closing(sqlite3.connect(self.device / "backup.db")) as database, database:
+            database.execute("UPDATE backupmetadata SET ItemName = 'éclair.jpg' WHERE ItemName = ? AND "
+                             "ItemContainerName = ?", (TITLES[5] + ".jpg", SETS[1]))
+        self.flickr("gallery", "--device", self.device, "--anew")
+        lodz = self.rows("SELECT ItemId FROM backupmetadata WHERE ItemName = ?", SETS[1])[0][0]
+        by_title = [5, 0, 1, 3, 4, 2]  # Latin, Greek, Cyrillic, Japanese
+        for fields, order, expected in [
+                (f"set={lodz}", "takenOldest", taken), (f"set={lodz}", "takenNewest", taken[::-1]),
+                (f"set={lodz}", "uploadedOldest", [*range(6)]), (f"set={lodz}", "uploadedNewest", [*range(5, -1, -1)]),
+                (f"set={lodz}", "byTitle", by_title), ("q=lodz", "byTitle", by_title),
+                ("q=lodz", "takenOldest", taken), ("q=lodz", "takenNewest", taken[::-1])]:
+            with self.subTest(fields, order=order):
+                self.show(fields)
+                self.browser.run("""const sort = document.getElementById('sort');
+                    sort.value = arguments[0];
+                    sort.dispatchEvent(new Event('change'))""", order)
+                self.browser.wait("new URLSearchParams(location.hash.slice(1)).get('sort') === arguments[0]", order)
+                self.browser.wait("document.querySelectorAll('.tile').length === 6")
+                self.assertEqual(self.texts(".tile"), [titles[at] for at in expected])
+        film = time.gmtime((self.work / "photos" / SETS[0] / "Film.webm").stat().st_mtime)
+        for order, first in [("takenOldest", "January 2008"), ("takenNewest", time.strftime("%B %Y", film))]:
+            self.show(f"view=all&sort={order}")
+            self.assertTrue(self.texts("#grid h2")[0].startswith(first))
+
+    def test_swipes_turn_the_picture(self):
+        self.show("view=all&sort=takenOldest")
+        self.browser.wait("document.querySelectorAll('.tile').length > 4")
+        shown = self.browser.run("return [...document.querySelectorAll('.tile')].map((tile) => tile.dataset.item)")
+        self.browser.devtools("Emulation.setTouchEmulationEnabled", enabled=True)
+        self.browser.run("document.querySelectorAll('.tile')[1].click()")
+        self.browser.wait("document.querySelector('.stage img:not(.rough)')?.naturalWidth")
+        for x, y, expected in [(-200, 10, 2), (-200, 0, 3), (200, -10, 2), (-30, 0, 2), (80, 120, 2), (0, 200, 2)]:
+            with self.subTest(x=x, y=y):
+                points = [{"x": 400 + x * part, "y": 300 + y * part} for part in (0, 0.5, 1)]
+                for kind, point in zip(("touchStart", "touchMove", "touchMove"), points):
+                    self.browser.devtools("Input.dispatchTouchEvent", type=kind, touchPoints=[point])
+                self.browser.devtools("Input.dispatchTouchEvent", type="touchEnd", touchPoints=[])
+                if expected != 2 or abs(x) > 100:
+                    self.browser.wait("location.hash.includes(arguments[0])", f"item={shown[expected]}")
+                self.assertIn(f"item={shown[expected]}", self.browser.run("return location.hash"))
+        self.browser.devtools("Emulation.setTouchEmulationEnabled", enabled=False)
+
+    def test_speaks_the_readers_language(self):
+        agent = self.browser.run("return navigator.userAgent")
+        items = len(TITLES) * (len(SETS) + 1) + 1
+        for languages, language, sets, search, summary in [
+                ("de-AT,en", "de", "Alben", "Suchen", f"{items} Objekte · {len(SETS)} Alben"),
+                ("ja", "ja", "アルバム", "検索", f"{items} 件 · アルバム {len(SETS)} 件"),
+                ("xx,fr-CA", "fr", "Albums", "Rechercher", f"{items} éléments · {len(SETS)} albums"),
+                ("xx", "en", "Sets", "Search", f"{items} items · {len(SETS)} sets")]:
+            with self.subTest(languages):
+                self.browser.devtools("Emulation.setUserAgentOverride", userAgent=agent, acceptLanguage=languages)
+                self.show("")
+                self.summary(summary)
+                self.assertEqual([language, sets, search], self.browser.run("""return [document.documentElement.lang,
+                    document.getElementById('toSets').textContent, document.getElementById('search').placeholder]"""))
+        self.browser.devtools("Emulation.setUserAgentOverride", userAgent=agent, acceptLanguage="en")
 
     def test_video_plays(self):
         film = self.rows("SELECT ItemId FROM backupmetadata WHERE ItemType = 'FlickrVideo'")[0][0]
