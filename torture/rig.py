@@ -348,9 +348,10 @@ def require_sound(device, states, folder_records=True):
     for rows in [state.rows for state in states]:
         for row in rows:
             known.setdefault(row["ItemId"], []).append(row)
-    entries = root / RECORDS / ".ledger.db"
-    made = entries.exists() and query(entries, "SELECT name FROM sqlite_master WHERE name = 'files'")
-    ledger = ledger_of(device) if made else []
+    try:
+        ledger = ledger_of(device)
+    except sqlite3.OperationalError:  # it is just being made, so that nothing is kept by it yet
+        ledger = []
     for row in rows_of(device):
         if row["ItemType"] == "FlickrFolder":
             continue
