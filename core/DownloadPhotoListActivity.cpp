@@ -87,7 +87,7 @@ int DownloadPhotoListActivity::getAllPages() {
         if (anonymous && !namesNew) return kSuccess;
     }
     const std::size_t listed = photoMap_.size() + leftOut_;
-    const bool isShort = listed > 0 && items > 0 && listed < static_cast<std::size_t>(items);
+    const bool isShort = items > 0 && listed < static_cast<std::size_t>(items);
     // A stop inside the last page is no shortness of the service's.
     if (isShort && !Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->isBackupStopped()) {
         logFailure(kFewerListed.with(std::to_string(listed) + " of " + std::to_string(items)));

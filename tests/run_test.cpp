@@ -406,6 +406,29 @@ TEST_F(Run, KeepsAThousandTagsOfAnItem) {
     EXPECT_EQ(kept[999], "t998");
 }
 
+TEST_F(Run, TellsOfASetThatListsFewerItemsThanItAnnounces) {
+    const std::string set = account_.addSet("Trip");
+    for (const char* title : {"one", "two"}) account_.addItem(set, photo(title));
+    account_.addSet("Empty");
+    serve({}, "1");
+    const std::string one = "<photo id='1' media='photo' lastupdate='1700000000'/>";
+    const std::pair<std::string, const char*> answers[] = {
+        {"<rsp stat='ok'/>", "0 of 2"},
+        {"<rsp stat='ok'><photoset></photoset></rsp>", "0 of 2"},
+        {"<rsp stat='ok'><photoset>" + one + "</photoset></rsp>", "1 of 2"}};
+    for (const auto& [answer, counts] : answers) {
+        sim_->faults().clear();
+        sim_->faults().add({{}, "flickr.photosets.getPhotos", {}, set, {}}, always(), fault::body(answer));
+        run();
+        EXPECT_THAT(flickr_standin::RunJournal::instance().summary().warnings,
+                    testing::ElementsAre(testing::AllOf(HasSubstr(counts), HasSubstr("\"Trip\""))))
+            << answer;
+    }
+    sim_->faults().clear();
+    EXPECT_EQ(run().status, 1);
+    EXPECT_THAT(flickr_standin::RunJournal::instance().summary().warnings, testing::IsEmpty());
+}
+
 TEST_F(Run, AStopHidesNoFailureAndMakesNone) {
     fill();
     serve({}, "1");
