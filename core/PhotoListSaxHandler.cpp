@@ -135,7 +135,7 @@ void PhotoListSaxHandler::readTags(const std::string& value) {
 }
 
 void PhotoListSaxHandler::characters(const Poco::XML::XMLChar text[], int start, int length) {
-    if (inDescription_ && length > 0) buffer_.append(text + start, length);
+    if (inDescription_ && length > 0) buffer_.append(text + start, static_cast<std::size_t>(length));
 }
 
 void PhotoListSaxHandler::endElement(const Poco::XML::XMLString&, const Poco::XML::XMLString& localName,

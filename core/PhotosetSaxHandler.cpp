@@ -66,9 +66,10 @@ void PhotosetSaxHandler::readAttributes(const Poco::XML::Attributes& attributes)
 
 void PhotosetSaxHandler::characters(const Poco::XML::XMLChar text[], int start, int length) {
     if (length <= 0) return;
+    const std::string chunk(text + start, static_cast<std::size_t>(length));
     // Each chunk replaces the one before it, on purpose: the photo list's reader is the one that appends.
-    if (inTitle_) set_.setTitle(std::string(text + start, length));
-    if (inDescription_) set_.setDescription(std::string(text + start, length));
+    if (inTitle_) set_.setTitle(chunk);
+    if (inDescription_) set_.setDescription(chunk);
 }
 
 void PhotosetSaxHandler::endElement(const Poco::XML::XMLString&, const Poco::XML::XMLString& localName,

@@ -269,7 +269,7 @@ std::string readWhole(std::istream& body) {
     std::string text;
     char block[kBlockSize];
     while (const std::streamsize count = readBlock(body, block)) {
-        text.append(block, count);
+        text.append(block, static_cast<std::size_t>(count));
         if (text.size() > kMaximumAnswer) throw Poco::DataFormatException("the answer has no end");
         if (isStopped()) return text;
     }

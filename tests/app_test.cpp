@@ -90,8 +90,9 @@ TEST(CipherTest, SealsOpensAndRefusesWhatWasChanged) {
           std::pair("x", "057536a376f65144e8c9afc977993bf1bfeb659097102e4dab61ed4555a2d8fb")}) {
         const Cipher known(passPhrase, kPluginSalt);
         std::ostringstream hex;
-        for (const unsigned char c : known.key()) {
-            hex << "0123456789abcdef"[c >> 4] << "0123456789abcdef"[c & 15];
+        for (const char c : known.key()) {
+            const auto byte = static_cast<unsigned char>(c);
+            hex << "0123456789abcdef"[byte >> 4] << "0123456789abcdef"[byte & 15];
         }
         EXPECT_EQ(hex.str(), key);
     }
@@ -104,7 +105,7 @@ TEST_F(AppTest, ReadsCredentialsOnlyFromPrivateCompleteFiles) {
     EXPECT_EQ(read.apiSecret, "s=2 ${x}");
     EXPECT_EQ(read.token, "721-a.b_c~d");
 
-    for (const mode_t mode : {0640, 0604, 0620, 0602, 0601}) {
+    for (const mode_t mode : {0640u, 0604u, 0620u, 0602u, 0601u}) {
         const std::string path = write("open", good, mode);
         EXPECT_THAT(refusal([&] { readCredentials(path); }), HasSubstr("chmod 600 " + path)) << mode;
     }

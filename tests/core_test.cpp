@@ -373,7 +373,9 @@ TEST(PlainBody, EndsBehindItsLengthOrWithTheConnection) {
         std::istream body(&plain);
         char block[kBlockSize];
         std::string read;
-        while (const std::streamsize count = readBlock(body, block)) read.append(block, count);
+        while (const std::streamsize count = readBlock(body, block)) {
+            read.append(block, static_cast<std::size_t>(count));
+        }
         EXPECT_TRUE(read == text.substr(0, size)) << length << " gives " << read.size();
         EXPECT_FALSE(body.bad()) << length;
     }
@@ -388,7 +390,9 @@ TEST(ChunkedBody, TellsAWholeBodyFromOneThatBreaksOff) {
         std::istream body(&chunks);
         char block[kBlockSize];
         std::string read;
-        while (const std::streamsize count = readBlock(body, block)) read.append(block, count);
+        while (const std::streamsize count = readBlock(body, block)) {
+            read.append(block, static_cast<std::size_t>(count));
+        }
         // The size line of the last chunk is the end; what follows carries nothing.
         const bool complete = length >= lastChunk + 3;
         EXPECT_EQ(!body.bad(), complete) << length;

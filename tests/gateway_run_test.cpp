@@ -115,7 +115,8 @@ protected:
         std::string all;
         char block[4096];
         try {
-            for (int got; (got = socket.receiveBytes(block, sizeof block)) > 0;) all.append(block, got);
+            for (int got; (got = socket.receiveBytes(block, sizeof block)) > 0;)
+                all.append(block, static_cast<std::size_t>(got));
         } catch (Poco::Exception&) {
             all += "RESET";
         }
@@ -235,7 +236,7 @@ TEST_F(GatewayTest, ListsWholeWhileTheAccountChanges) {
     EXPECT_EQ(listed.size(), 500u);
     account_.deleteItem(ids[0]);
     for (int i = 0; i < 400; ++i) account_.addItem(set, photo("new"));
-    for (unsigned number : {2, 3}) {
+    for (unsigned number : {2u, 3u}) {
         for (const ListedItem& item : page(set, number)) listed.insert(item.id);
     }
     for (const auto& item : account_.items(set)) EXPECT_EQ(listed.count(item->id), 1u) << item->id;
@@ -265,7 +266,7 @@ TEST_F(GatewayTest, FetchesAheadWithoutExpectationAfterTwoItemsInARow) {
         const std::string here = Poco::URI(gateway_->dataUrl()).getAuthority();
         return send("GET " + target + " HTTP/1.1\r\nHost: " + here + "\r\nConnection: close\r\n\r\n");
     };
-    for (std::size_t n : {3, 9}) EXPECT_THAT(fetch(n, "media"), StartsWith("HTTP/1.1 200"));
+    for (std::size_t n : {3u, 9u}) EXPECT_THAT(fetch(n, "media"), StartsWith("HTTP/1.1 200"));
     std::this_thread::sleep_for(300ms);
     EXPECT_EQ(sim_->counts().media + sim_->counts().thumbnails, 2u) << "two, but not in a row";
     fetch(10, "media");

@@ -392,7 +392,7 @@ TEST(Content, HoldsWhatItSays) {
     }
     EXPECT_EQ(Content::picture(3, 64, 48, "mark", 140001).size(), 140001u);
     const std::string pattern = Content::pattern(9 * 65536, 5).text();
-    for (int block = 1; block < 9; ++block) {
+    for (unsigned block = 1; block < 9; ++block) {
         EXPECT_NE(pattern.substr(0, 65536), pattern.substr(block * 65536u, 65536)) << block;
     }
     EXPECT_THAT(Content::video(100, 1).text(), HasSubstr("ftypisom"));

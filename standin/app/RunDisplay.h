@@ -57,7 +57,6 @@ private:
     ProgressLine line_;
     Pace pace_;
     const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
-    double nextReport_;  // of what is told on no terminal
     int stopsSeen_ = 0;
     double bytes_ = 0;
     std::vector<flickr_standin::SettledItem> items_;

@@ -36,8 +36,9 @@ void maskValues(std::string& text, std::string_view key) {
 }
 
 /// A letter or digit; bytes of other alphabets count as letters.
-bool isWordByte(unsigned char c) {
-    return c >= 0x80 || std::isalnum(c);
+bool isWordByte(char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte >= 0x80 || std::isalnum(byte);
 }
 
 /// Whether text holds the secret at a place where it is a word of its own, not a part of one.
