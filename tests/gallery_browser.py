@@ -111,6 +111,7 @@ class Gallery(unittest.TestCase):
 
     @classmethod
     def flickr(cls, *arguments):
+        cls.browser.open("about:blank")  # an open page would miss what a new gallery removes
         program = cls.work / "flickr-backup.app" / "flickr-backup"
         done = subprocess.run([program, *arguments], capture_output=True, text=True,
                               env={**os.environ, "XDG_CONFIG_HOME": cls.work, "XDG_STATE_HOME": cls.work})
