@@ -94,6 +94,18 @@ protected:
         return child;
     }
 
+    /// Starts a run, and has the preloaded library strike calls on the device: its settings without FAULT_.
+    pid_t startWithFault(const std::vector<std::pair<std::string, std::string>>& settings) {
+        ::setenv("LD_PRELOAD", FAULTFS, 1);
+        ::setenv("FAULT_UNDER", device().c_str(), 1);
+        for (const auto& [name, value] : settings) ::setenv(("FAULT_" + name).c_str(), value.c_str(), 1);
+        const pid_t child = start(runArguments());
+        for (const auto& setting : settings) ::unsetenv(("FAULT_" + setting.first).c_str());
+        ::unsetenv("FAULT_UNDER");
+        ::unsetenv("LD_PRELOAD");
+        return child;
+    }
+
     /// Its exit status; out_ and err_ hold what it wrote.
     int finish(pid_t child, const std::string& tag = "") {
         int status = 0;
@@ -314,12 +326,8 @@ TEST_F(CommandTest, StopsOnASignalAndGoesOnNextTime) {
 TEST_F(CommandTest, TellsInOneSentenceWhyAnItemsFilesDoNotGetTheirNames) {
     account_.addItem("", photo("one"));
     configure();
-    const std::pair<const char*, std::string> fault[] = {
-        {"LD_PRELOAD", FAULTFS},       {"FAULT_UNDER", device()}, {"FAULT_CALLS", "fsync"},
-        {"FAULT_PATH", "Items/.part"}, {"FAULT_AT", "1"},         {"FAULT_HOW", "13"}};
-    for (const auto& [name, value] : fault) ::setenv(name, value.c_str(), 1);
-    const pid_t child = start(runArguments());
-    for (const auto& setting : fault) ::unsetenv(setting.first);
+    const pid_t child =
+        startWithFault({{"CALLS", "fsync"}, {"PATH", "Items/.part"}, {"AT", "1"}, {"HOW", "13"}});
     EXPECT_EQ(finish(child), 1);
     EXPECT_THAT(out_, HasSubstr(": Cannot write \"one.jpg\": Permission denied\n"));
     EXPECT_THAT(out_, Not(HasSubstr("Exception")));
@@ -335,12 +343,8 @@ TEST_F(CommandTest, KeepsTheOldFileThatCouldNotStepAside) {
     account_.edit(id, flickr_sim::Content::bytes("the new bytes"), 1800000000);
     for (const bool refused : {true, false}) {
         if (refused) sim_->faults().add(flickr_sim::thumbnail(), always(), fault::status(404));
-        const std::pair<const char*, std::string> fault[] = {
-            {"LD_PRELOAD", FAULTFS},   {"FAULT_UNDER", device()}, {"FAULT_CALLS", "renameat2"},
-            {"FAULT_PATH", "one_Old"}, {"FAULT_AT", "1"},         {"FAULT_HOW", "13"}};
-        for (const auto& [name, value] : fault) ::setenv(name, value.c_str(), 1);
-        const pid_t child = start(runArguments());
-        for (const auto& setting : fault) ::unsetenv(setting.first);
+        const pid_t child =
+            startWithFault({{"CALLS", "renameat2"}, {"PATH", "one_Old"}, {"AT", "1"}, {"HOW", "13"}});
         EXPECT_EQ(finish(child), refused ? 1 : 0) << out_;
         sim_->faults().clear();
         EXPECT_EQ(read(service() + "/one.jpg") == before, refused) << refused;
@@ -358,14 +362,7 @@ TEST_F(CommandTest, AStopBehindTheRunCountsToo) {
     ASSERT_EQ(command(runArguments()), 0) << err_;
     // Held where the records' folder is looked for behind the run: to put it in order, and to compare it.
     for (const char* at : {"2", "3"}) {
-        const std::pair<const char*, std::string> hold[] = {{"LD_PRELOAD", FAULTFS},
-                                                            {"FAULT_UNDER", device()},
-                                                            {"FAULT_CALLS", "mkdirat"},
-                                                            {"FAULT_AT", at},
-                                                            {"FAULT_HOW", "stop"}};
-        for (const auto& [name, value] : hold) ::setenv(name, value.c_str(), 1);
-        const pid_t child = start(runArguments());
-        for (const auto& setting : hold) ::unsetenv(setting.first);
+        const pid_t child = startWithFault({{"CALLS", "mkdirat"}, {"AT", at}, {"HOW", "stop"}});
         int status = 0;
         ::waitpid(child, &status, WUNTRACED);
         ASSERT_TRUE(WIFSTOPPED(status));

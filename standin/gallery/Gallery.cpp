@@ -362,7 +362,7 @@ private:
         const std::string script = data_.read(nameOf(page.substr(at, page.find('"', at) - at)));
         if (page.find(prefix + hashOf(script)) == std::string::npos) return;
         for (std::string line : linesOf(listOf(script))) {
-            if (line.back() == ',') line.pop_back();
+            if (!line.empty() && line.back() == ',') line.pop_back();
             const auto set = Poco::JSON::Parser().parse(line).extract<Poco::JSON::Array::Ptr>();
             Earlier earlier;
             earlier.digest = set->getElement<std::string>(1);
@@ -382,7 +382,7 @@ private:
         if (hashOf(list) != chunk) return {};
         std::vector<std::string> lines = linesOf(list);
         for (std::string& line : lines) {
-            if (line.back() == ',') line.pop_back();
+            if (!line.empty() && line.back() == ',') line.pop_back();
         }
         return lines;
     }
@@ -492,10 +492,14 @@ private:
         std::vector<std::string> entries;
         for (const std::string& chunk : chunks) {
             std::string photos, texts;
+            const char* between = "";
             for (const std::string& line : linesOfChunk(chunk)) {
-                const std::string id = stringsOf(line, 1)[0];
-                photos += (photos.empty() ? "" : " ") + id.substr(0, id.find('_'));
-                texts += (texts.empty() ? "" : "\n") + searchedText(line);
+                // A chunk that was on the device may hold anything; its lines keep their places.
+                const std::vector<std::string> strings = stringsOf(line, 1);
+                const std::string id = strings.empty() ? std::string() : strings[0];
+                photos += (*between ? " " : "") + id.substr(0, id.find('_'));
+                texts += between + searchedText(line);
+                between = "\n";
             }
             entries.push_back(scriptArray({chunk, photos, texts}));
         }

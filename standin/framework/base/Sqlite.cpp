@@ -313,7 +313,7 @@ void SqliteFile::beginNewLog(const std::string& path) {
     sqlite3_exec(database_, "SELECT 1 FROM sqlite_master LIMIT 1", nullptr, nullptr, nullptr);
     const int code =
         sqlite3_wal_checkpoint_v2(database_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
-    // Whoever else has it open now has begun the new log, or does not write.
+    // While somebody else reads, and once this process has it open already, the log goes on as it is.
     if (code == SQLITE_OK || code == SQLITE_BUSY || code == SQLITE_LOCKED) return;
     const std::string reason = sqlite3_errmsg(database_);
     sqlite3_close(database_);

@@ -340,7 +340,10 @@ void Device::flushRows() {
 }
 
 void Device::waitForDisk(const std::vector<Flush>& flushes) {
-    if (const auto failed = waitFor(flushes)) fail("write", failed->path, failed->error);
+    const auto failed = waitFor(flushes);
+    if (!failed) return;
+    ledger_.leaveInUse();  // it may not be there after a power cut, and no later flush says so
+    fail("write", failed->path, failed->error);
 }
 
 void Device::flushLedger() {

@@ -15,7 +15,7 @@ const galleryTexts = {
     taken: "Taken", uploaded: "Uploaded", updated: "Changed", inSet: "Set", tags: "Tags", file: "File",
     open: "Open the file", cannotShow: "This browser cannot show this file; open it with another program.",
     versions: "Older versions", until: "Until {date}",
-    missing: "Some of the gallery’s files are missing. “flickr-backup gallery” writes them again.",
+    missing: "Files are missing. Load the page again, or run “flickr-backup gallery”.",
   },
   de: {
     title: "Flickr-Sicherung", skip: "Zu den Bildern", views: "Ansichten", sets: "Alben", timeline: "Zeitleiste",
@@ -30,7 +30,7 @@ const galleryTexts = {
     file: "Datei", open: "Datei öffnen",
     cannotShow: "Dieser Browser kann die Datei nicht zeigen; öffnen Sie sie mit einem anderen Programm.",
     versions: "Ältere Fassungen", until: "Bis {date}",
-    missing: "Einige Dateien der Galerie fehlen. „flickr-backup gallery“ schreibt sie neu.",
+    missing: "Dateien fehlen. Laden Sie die Seite neu, oder starten Sie „flickr-backup gallery“.",
   },
   fr: {
     title: "Sauvegarde Flickr", skip: "Aller aux images", views: "Vues", sets: "Albums", timeline: "Chronologie",
@@ -45,7 +45,7 @@ const galleryTexts = {
     file: "Fichier", open: "Ouvrir le fichier",
     cannotShow: "Ce navigateur ne peut pas afficher ce fichier ; ouvrez-le avec un autre programme.",
     versions: "Anciennes versions", until: "Jusqu’au {date}",
-    missing: "Des fichiers de la galerie manquent. « flickr-backup gallery » les écrit de nouveau.",
+    missing: "Des fichiers manquent. Rechargez la page, ou lancez « flickr-backup gallery ».",
   },
   ja: {
     title: "Flickr バックアップ", skip: "写真へ移動", views: "表示", sets: "アルバム", timeline: "タイムライン",
@@ -59,6 +59,6 @@ const galleryTexts = {
     updated: "更新日", inSet: "アルバム", tags: "タグ", file: "ファイル", open: "ファイルを開く",
     cannotShow: "このブラウザーでは表示できません。別のプログラムで開いてください。",
     versions: "以前の版", until: "{date} まで",
-    missing: "ギャラリーのファイルが足りません。「flickr-backup gallery」で作り直せます。",
+    missing: "ファイルが足りません。再読み込みするか「flickr-backup gallery」を実行してください。",
   },
 };
