@@ -293,6 +293,17 @@ def silent_tls():
     return address
 
 
+def tls_port_is_ours():
+    """Whether this user may listen on the port that redirects to https lead to."""
+    try:
+        socket.create_server(("127.0.0.1", 443)).close()
+    except PermissionError:
+        return False
+    except OSError:
+        pass  # somebody else listens there; other addresses of loopback are free
+    return True
+
+
 def full_listener():
     """The address of one whose queue is full, so that connecting to it takes for ever."""
     listener = socket.create_server(("127.0.0.1", 0), backlog=0)
@@ -563,7 +574,11 @@ def main():
     xml = chosen(odd + [(point, *case) for point in points for case in xml_cases()])
     bodies = chosen([(point, *case) for point in ("media", "thumb") for case in media_cases()])
     edits = chosen([(point, *case) for point in ("media", "thumb") for case in media_cases()])
-    stops = chosen(list(endless_cases()))
+    stops = list(endless_cases())
+    if not tls_port_is_ours():
+        print("skipped: silent TLS, because only root can listen on port 443 here")
+        stops = [case for case in stops if case[0] != "silent TLS"]
+    stops = chosen(stops)
     failures = 0
     with rig.work_folder("service") as work:
         for check, cases in (check_xml, xml), (check_media, bodies), (check_edit, edits):
