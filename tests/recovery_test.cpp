@@ -91,6 +91,10 @@ bool fails() {
 /// True for a file system that finds a name in whatever case it is given.
 bool foldsCase = false;
 
+/// As in user space (FUSE): each other spelling that was looked at has a number of its own, and is there for
+/// the kernel even when the file has gone.
+std::map<std::pair<ino_t, std::string>, struct stat> rememberedSpellings;
+
 /// The name as it stands in the folder.
 std::string standing(int folder, const char* name) {
     if (!foldsCase) return name;
@@ -111,6 +115,16 @@ bool isRunning = false;  // the test itself removes folders as well
 ino_t inodeOf(int file) {
     struct stat status = {};
     return ::fstat(file, &status) == 0 ? status.st_ino : 0;
+}
+
+bool remembers(int folder, const char* name) {
+    const std::lock_guard<std::mutex> lock(copying);
+    return rememberedSpellings.count({inodeOf(folder), name}) != 0;
+}
+
+void forget(int folder, const char* name) {
+    const std::lock_guard<std::mutex> lock(copying);
+    rememberedSpellings.erase({inodeOf(folder), name});
 }
 
 void noteGivenUp(int folder, bool isDone) {
@@ -184,24 +198,44 @@ int mkdirat(int folder, const char* name, mode_t mode) {
 int unlinkat(int folder, const char* name, int flags) {
     if (fails()) return -1;
     const long result = ::syscall(SYS_unlinkat, folder, standing(folder, name).c_str(), flags);
+    forget(folder, name);
     noteGivenUp(folder, result == 0 && flags == AT_REMOVEDIR && std::strcmp(name, ".records") != 0);
     return static_cast<int>(result);
 }
 int fstatat(int folder, const char* name, struct stat* status, int flags) noexcept {
-    return static_cast<int>(::syscall(SYS_newfstatat, folder, standing(folder, name).c_str(), status, flags));
+    const std::string found = standing(folder, name);
+    const bool isThere = ::syscall(SYS_newfstatat, folder, found.c_str(), status, flags) == 0;
+    if (!foldsCase) return isThere ? 0 : -1;
+    if (isThere && found == name) return 0;
+    const std::lock_guard<std::mutex> lock(copying);
+    const auto spelling = std::pair(inodeOf(folder), std::string(name));
+    if (isThere) {
+        ++status->st_ino;
+        rememberedSpellings[spelling] = *status;
+        return 0;
+    }
+    const auto remembered = rememberedSpellings.find(spelling);
+    if (remembered == rememberedSpellings.end()) return -1;
+    *status = remembered->second;
+    return 0;
 }
 int renameat(int from, const char* name, int to, const char* newName) {
     if (fails()) return -1;
     const std::string source = standing(from, name), target = standing(to, newName);
     const bool same = source == target;
     const long result = ::syscall(SYS_renameat, from, source.c_str(), to, same ? newName : target.c_str());
+    for (const auto& [folder, moved] : {std::pair(from, name), std::pair(to, newName)}) forget(folder, moved);
     noteGivenUp(from, result == 0 && std::strncmp(name, ".kept-", 6) == 0 && inodeOf(from) == inodeOf(to));
     return static_cast<int>(result);
 }
 int renameat2(int from, const char* name, int to, const char* newName, unsigned flags) {
     if (fails()) return -1;
-    const long result = ::syscall(SYS_renameat2, from, standing(from, name).c_str(), to,
-                                  standing(to, newName).c_str(), flags);
+    const bool isInTheWay = (flags & RENAME_NOREPLACE) && remembers(to, newName);
+    if (isInTheWay) errno = EEXIST;
+    const long result = isInTheWay ? -1
+                                   : ::syscall(SYS_renameat2, from, standing(from, name).c_str(), to,
+                                               standing(to, newName).c_str(), flags);
+    if (result == 0) forget(from, name);
     noteGivenUp(from, result == 0 && std::strncmp(name, ".kept-", 6) == 0 && inodeOf(from) == inodeOf(to));
     return static_cast<int>(result);
 }

@@ -98,11 +98,15 @@ class Bench:
 
     @staticmethod
     def change(sim):
-        rig.change_account(sim)
-        # Two of the three sets swap their titles, in the same run.
         sets = [line.split(maxsplit=2)[1:] for line in sim.order("list").splitlines() if line.startswith("set ")]
-        sim.order("rename-set", id=sets[0][0], title=sets[1][1])
-        sim.order("rename-set", id=sets[1][0], title=sets[0][1])
+        photos = [line.split()[1:] for line in sim.order("list").splitlines() if line.startswith("  photo ")]
+        rig.change_account(sim)
+        # Two of the three sets swap their titles, in the same run. The other, and a photo of the first of
+        # them, change the case of their titles only: on such disks the new name is there already, and is their own.
+        sim.order("rename-set", id=sets[1][0], title=sets[2][1])
+        sim.order("rename-set", id=sets[2][0], title=sets[1][1])
+        sim.order("rename-set", id=sets[0][0], title=sets[0][1].upper())
+        sim.order("retitle", id=photos[1][0], title="SUNSET")
 
     def prepare(self, kind):
         """Whole runs; afterwards the image of the first one is where every case begins."""

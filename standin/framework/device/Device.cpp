@@ -218,6 +218,18 @@ bool Device::isFile(const std::string& path) {
     return found && S_ISREG(found->st_mode);
 }
 
+bool Device::stands(const std::string& path) {
+    if (!status(path)) return false;
+    return ledger_.file(path) || entriesLike(openFolder(folderOf(path)).get(), nameOf(path)) != 0;
+}
+
+bool Device::isOne(const std::string& path, const std::string& other) {
+    if (!status(path) || !status(other)) return false;
+    const std::string folder = folderOf(path), otherFolder = folderOf(other);
+    if (folder != otherFolder && !isOne(folder, otherFolder)) return false;
+    return isOneEntry(openFolder(folder).get(), nameOf(path), nameOf(other));
+}
+
 bool Device::owns(const std::string& path, const std::string& item) {
     if (!isFile(path)) return false;
     if (const auto file = ledger_.file(path)) return file->item == item;
@@ -239,13 +251,9 @@ bool Device::owns(const std::string& path) {
 }
 
 bool Device::isFolderFree(const std::string& name, const std::string& known, const std::string& setId) {
-    const auto standing = status(name);
-    if (!standing) return true;
-    if (!known.empty()) {
-        // On a file system that ignores case a set that is renamed in case only finds its own folder.
-        const auto own = status(known);
-        return own && own->st_ino == standing->st_ino && own->st_dev == standing->st_dev;
-    }
+    if (!status(name)) return true;
+    // On a file system that ignores case a set that is renamed in case only finds its own folder.
+    if (!known.empty()) return isOne(known, name);
     const std::string owner = ledger_.folderOwner(name);
     if (!owner.empty()) return owner == setId;
     const std::string recorded = folderIdByDescription(name);

@@ -61,6 +61,11 @@ public:
     Descriptor openFolder(const std::string& folder);
     /// What stands at path, or none.
     std::optional<struct stat> status(const std::string& path);
+    /// True when both paths lead to one file or folder: they are equal, or the file system does not see in
+    /// what they differ.
+    bool isOne(const std::string& path, const std::string& other);
+    /// Whether something stands there; a spelling that is remembered of what has gone does not.
+    bool stands(const std::string& path);
     bool isFolder(const std::string& path);
     bool isFile(const std::string& path);
 

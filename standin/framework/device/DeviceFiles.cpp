@@ -1,5 +1,6 @@
 #include "standin/framework/device/DeviceFiles.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <sys/stat.h>
@@ -10,6 +11,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 
 #include "standin/framework/base/Names.h"
 #include "standin/framework/base/Paths.h"
@@ -19,6 +21,14 @@ namespace flickr_standin {
 namespace {
 
 std::atomic<bool> isShared{false};
+
+/// By the file's number.
+bool areOne(int folder, const std::string& name, int otherFolder, const std::string& other) {
+    struct stat one = {}, two = {};
+    return ::fstatat(folder, name.c_str(), &one, AT_SYMLINK_NOFOLLOW) == 0 &&
+           ::fstatat(otherFolder, other.c_str(), &two, AT_SYMLINK_NOFOLLOW) == 0 &&
+           one.st_ino == two.st_ino && one.st_dev == two.st_dev;
+}
 
 }  // namespace
 
@@ -74,19 +84,37 @@ Descriptor makeFile(int folder, const std::string& name) {
                                isShared ? 0666 : 0600));
 }
 
+std::optional<long> entriesLike(int folder, const std::string& name) {
+    Descriptor listed(::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const std::unique_ptr<DIR, int (*)(DIR*)> entries(::fdopendir(listed.get()), &::closedir);
+    if (!entries) return std::nullopt;
+    listed.release();
+    const std::string key = nameKey(name);
+    long count = 0;
+    while (const dirent* entry = ::readdir(entries.get())) count += nameKey(entry->d_name) == key;
+    return count;
+}
+
+bool isOneEntry(int folder, const std::string& name, const std::string& other) {
+    if (areOne(folder, name, folder, other)) return true;
+    struct stat status = {};
+    const auto stands = [&](const std::string& each) {
+        return ::fstatat(folder, each.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+    };
+    return nameKey(name) == nameKey(other) && stands(name) && stands(other) && entriesLike(folder, name) == 1;
+}
+
 int renameWithoutReplacing(int fromFolder, const std::string& from, int toFolder, const std::string& to) {
     if (::renameat2(fromFolder, from.c_str(), toFolder, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
     if (errno != EEXIST && errno != EINVAL && errno != ENOSYS) return errno;
 
     // Either something stands there, or the file system cannot be asked like this. On one that ignores case
-    // what stands there may be the same file.
-    struct stat source = {}, target = {};
-    if (::fstatat(toFolder, to.c_str(), &target, AT_SYMLINK_NOFOLLOW) == 0) {
-        const bool same = ::fstatat(fromFolder, from.c_str(), &source, AT_SYMLINK_NOFOLLOW) == 0 &&
-                          source.st_ino == target.st_ino && source.st_dev == target.st_dev;
-        const bool sameName = nameKey(from) == nameKey(to);
-        if (!same || !sameName) return EEXIST;
-    }
+    // what stands there may be the same file, or a spelling that the kernel remembers of one that has gone.
+    struct stat target = {};
+    const bool stands = ::fstatat(toFolder, to.c_str(), &target, AT_SYMLINK_NOFOLLOW) == 0;
+    const bool isItself = stands && nameKey(from) == nameKey(to) && areOne(fromFolder, ".", toFolder, ".") &&
+                          isOneEntry(fromFolder, from, to);
+    if (stands && !isItself && entriesLike(toFolder, to) != 0) return EEXIST;
     return ::renameat(fromFolder, from.c_str(), toFolder, to.c_str()) == 0 ? 0 : errno;
 }
 

@@ -80,7 +80,6 @@ private:
     bool mayGo(const LedgerFile& file, const std::optional<ItemRow>& row);
     bool isDatabaseOlder();
     bool isUnchanged(const LedgerFile& file);
-    bool isSameFile(const std::string& path, const std::string& other);
     void flushNames(const std::string& folder);
     void retire(const std::string& path);
     void finishVersion(const std::string& path);
@@ -384,14 +383,9 @@ std::string Recovery::thumbnailOf(const ItemRow& row, const std::string& except)
         if (file.was.empty() && isThumbnailOf(row, file.path)) paths.push_back(file.path);
     }
     for (const std::string& path : paths) {
-        if (path != except && device_.isFile(path) && !isSameFile(path, except)) return path;
+        if (path != except && device_.isFile(path) && !device_.isOne(path, except)) return path;
     }
     return {};
-}
-
-bool Recovery::isSameFile(const std::string& path, const std::string& other) {
-    const auto one = device_.status(path), two = device_.status(other);
-    return one && two && one->st_ino == two->st_ino && one->st_dev == two->st_dev;
 }
 
 /// True when the file that takes the place of one that stands aside is on the device.
@@ -413,7 +407,7 @@ void Recovery::settleWritten(const LedgerFile& file, const std::optional<ItemRow
     const bool inFolder = row && folderOf(file.path) == row->folder;
     const bool thumbnail = row && isThumbnailOf(*row, file.path);
     if (inFolder && file.path != row->mediaPath &&
-        (!hasMedia(*row) || isSameFile(file.path, row->mediaPath))) {
+        (!hasMedia(*row) || device_.isOne(file.path, row->mediaPath))) {
         // A power cut, or an older database, took the row's last change: this is all that there is of the
         // item.
         database_.setDerivedName(row->id, nameOf(file.path));
@@ -446,7 +440,7 @@ void Recovery::settleWritten(const LedgerFile& file, const std::optional<ItemRow
 bool Recovery::isTwinOfAnother(const LedgerFile& file) {
     for (const LedgerFile& other : device_.ledger().filesOfItem(file.item)) {
         if (other.path == file.path || nameKey(other.path) != nameKey(file.path)) continue;
-        if (!isSameFile(other.path, file.path)) continue;
+        if (!device_.isOne(other.path, file.path)) continue;
         if (!isListed(file.path)) return true;
         device_.ledger().eraseFile(other.path);
     }
@@ -459,7 +453,7 @@ bool Recovery::mayGo(const LedgerFile& file, const std::optional<ItemRow>& row) 
     if (file.state != FileState::PendingOlder && !isUnchanged(file))
         return false;  // somebody made it something else
     if (!row) return !isDatabaseOlder();
-    return hasMedia(*row) && !isSameFile(file.path, row->mediaPath);
+    return hasMedia(*row) && !device_.isOne(file.path, row->mediaPath);
 }
 
 /// True when the database lacks the row of an item that is known to have had one.
@@ -484,7 +478,7 @@ void Recovery::keepThumbnail(const LedgerFile& file, const ItemRow& row) {
     const std::string extension = splitName(nameOf(file.path)).extension;
     const std::string base = splitName(nameOf(row.mediaPath)).base + "_" + row.id;
     const std::string path = joinPath(folderOf(file.path), base + extension);
-    if (device_.status(path) && !isSameFile(path, file.path)) return;
+    if (device_.status(path) && !device_.isOne(path, file.path)) return;
     device_.renameFile(file.path, path);
     recordExtension(row, extension);
     device_.ledger().setState(path, FileState::Settled);
@@ -497,8 +491,8 @@ void Recovery::settleThumbnail(const LedgerFile& file, const ItemRow& row) {
     recordExtension(row, extension);
     for (const LedgerFile& other : device_.ledger().filesOfItem(row.id)) {
         const bool older = other.path != file.path && other.path != row.mediaPath &&
-                           other.state == FileState::Settled && !isSameFile(other.path, file.path) &&
-                           !isSameFile(other.path, row.mediaPath);
+                           other.state == FileState::Settled && !device_.isOne(other.path, file.path) &&
+                           !device_.isOne(other.path, row.mediaPath);
         if (older) retire(other.path);
     }
 }

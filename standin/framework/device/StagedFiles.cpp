@@ -61,7 +61,7 @@ void StagedFile::finish(const std::string& item, const std::string& description)
     text_ = own ? withDescriptionField(description, "PhysicalFileName", nameOf(path_)) : description;
     const int failure = writer_->finish();
     if (failure != 0) device_.fail("write", path_, failure);
-    if (device_.status(path_) && !device_.owns(path_, item_)) {
+    if (device_.status(path_) && !device_.owns(path_, item_) && device_.stands(path_)) {
         throw DeviceException("Cannot write \"" + path_ + "\": something else stands there already");
     }
 }
@@ -79,7 +79,7 @@ void StagedFile::describe(const ItemDetails& details) {
 /// The ledger's row says whose the file is before it has its name.
 void StagedFile::enter() {
     Ledger& ledger = device_.ledger();
-    stands_ = device_.status(path_).has_value();
+    stands_ = device_.stands(path_);
     before_ = stands_ ? ledger.file(path_) : std::nullopt;
     // What was never recorded need not come back.
     const bool recorded = stands_ && (!before_ || before_->state == FileState::Settled);
