@@ -14,11 +14,13 @@
 #include "core/PhotoListSaxHandler.h"
 #include "core/StopWatcher.h"
 #include "hostapi/HostServiceUsageParams.h"
+#include "standin/framework/base/Sqlite.h"
 #include "standin/framework/run/RunJournal.h"
 #include "tests/BackupFixture.h"
 
 using namespace flickr_sim;
 using namespace testing;
+using namespace std::chrono_literals;
 using namespace std::string_literals;
 namespace fs = std::filesystem;
 
@@ -471,6 +473,40 @@ TEST_F(Run, AStopHidesNoFailureAndMakesNone) {
     activity.httpRedir(sim_->baseUrl());
     ASSERT_EQ(sim_->log().size(), 1u);
     EXPECT_EQ(sim_->log()[0].line, "GET / HTTP/1.1");
+}
+
+TEST_F(Run, WaitsForALockedDatabaseAndAStopEndsTheWait) {
+    fill();
+    serve({}, "1");
+    flickr_standin::SqliteFile other(folder_ + "/device/backup.db",
+                                     flickr_standin::SqliteFile::Open::Existing);
+    std::atomic<bool> isLocked{false}, isOver{false};
+    std::thread holder;
+    const auto lockFor = [&](std::chrono::milliseconds longest, bool stops) {
+        isLocked = isOver = false;
+        sim_->onRequest([&, longest, stops](const Request& request) {
+            if (request.kind != Kind::Media || isLocked.exchange(true)) return;
+            other.execute("BEGIN IMMEDIATE");
+            holder = std::thread([&, longest, stops] {
+                std::this_thread::sleep_for(200ms);
+                if (stops) Norvale_Plugin_Flickr::stopBackup(nullptr, nullptr);
+                const auto end = std::chrono::steady_clock::now() + longest;
+                while (!isOver && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(10ms);
+                other.execute("COMMIT");
+            });
+        });
+    };
+    lockFor(8s, true);
+    run();
+    isOver = true;
+    holder.join();
+    EXPECT_THAT(rows("SELECT ItemId FROM backupmetadata WHERE ItemType != 'FlickrFolder'"), IsEmpty())
+        << "what waited for the lock gave up";
+
+    lockFor(1s, false);
+    EXPECT_EQ(run().status, 1);
+    holder.join();
+    expectComplete();
 }
 
 TEST_F(Run, StopsAtEveryRequestAndCompletesInTheNextRun) {
