@@ -127,6 +127,8 @@ std::string carryOut(const std::string& name, const Request& order, const Contro
         });
     } else if (name == "rename-set") {
         account.renameSet(id = setOf(order, "id", account), titleOf(order));
+    } else if (name == "add-to-set") {
+        account.addToSet(setOf(order, "set", account), id = itemOf(order, account));
     } else if (name == "delete") {
         account.deleteItem(id = itemOf(order, account));
     } else if (name == "delete-set") {

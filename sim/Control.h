@@ -9,6 +9,7 @@
 //   /sim/edit[?id=ID][&bytes=N]                new content and a later update time
 //   /sim/retitle?title=T[&id=ID]
 //   /sim/add-set?title=T
+//   /sim/add-to-set?set=ID&id=ID               one more set for an item
 //   /sim/rename-set?title=T[&id=ID]
 //   /sim/delete[?id=ID]                        an item
 //   /sim/delete-set[?id=ID]

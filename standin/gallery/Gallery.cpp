@@ -17,6 +17,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -54,7 +55,7 @@ constexpr std::size_t kHashLength = 16;
 // Items whose texts share a search file, about: few files are quickly read, small ones quickly written again.
 constexpr std::size_t kSearchFileItems = 4096;
 // Part of a search file's name: another number for another way of making texts.
-constexpr const char* kSearchForm = "1";
+constexpr const char* kSearchForm = "2";
 
 constexpr const char* kListBegin = "[\n";
 constexpr const char* kListEnd = "\n]);\n";
@@ -114,7 +115,8 @@ std::vector<std::string> stringsOf(const std::string& line, std::size_t limit) {
     return strings;
 }
 
-/// What is searched of an item: its texts in one line, without what a search overlooks.
+/// What is searched of an item: the words of its texts in one line, each once, without what a search
+/// overlooks.
 std::string searchedText(const std::string& line) {
     std::vector<std::string> strings = stringsOf(line, line.size());
     if (strings.size() < 9) return {};
@@ -122,7 +124,16 @@ std::string searchedText(const std::string& line) {
     std::string text = file.compare(0, title.size(), title) == 0 ? file : title + " " + file;
     text += " " + taken.substr(0, 10);
     for (std::size_t i = 8; i < strings.size(); ++i) text += " " + strings[i];
-    return searchKey(text);
+    const std::string key = searchKey(text);
+    std::string searched;
+    std::set<std::string_view> words;
+    for (std::string::size_type at = 0; at < key.size();) {
+        const std::string::size_type end = std::min(key.find(' ', at), key.size());
+        const std::string_view word = std::string_view(key).substr(at, end - at);
+        if (!word.empty() && words.insert(word).second) (searched += searched.empty() ? "" : " ") += word;
+        at = end + 1;
+    }
+    return searched;
 }
 
 /// Of the item's thumbnail, whose name is taken away when it cannot be read.

@@ -26,8 +26,8 @@
 // The versions are paths of older ones, relative to the set's folder, and left out when there are none.
 //
 // A search file's line is [HASH of the chunk, the photos' ids with blanks between, texts]: the texts have a
-// line for each item, in the chunk's order, with title, file, day taken, description and tags as searchKey()
-// of base/Text.h makes them.
+// line for each item, in the chunk's order, with the words of title, file, day taken, description and tags,
+// each once, as searchKey() of base/Text.h makes them.
 //
 // month is "2017-07", or "" for items without a date; dates, paths and sizes are those of device/Catalogue.h.
 // Digest and stamp tell the next run which sets and items it can take over as they are. In all texts "<", ">"
