@@ -16,6 +16,10 @@ sys.path.insert(0, str(ROOT / "tests"))
 import browser  # noqa: E402
 
 WORDS = "morning harbour light fog bridge market river birds café 東京 Straße sunset road forest snow Ёлка".split()
+# Further words for descriptions, so that these are no repetition of a few.
+MORE = [first + middle + last for first in ("ka", "lo", "mi", "stra", "ven", "dor", "gru", "pel", "ti", "wes")
+        for middle in ("la", "rin", "to", "me", "bur", "ne", "shi", "va", "gel", "po")
+        for last in ("n", "ra", "st", "lig", "den", "ko", "s", "mar", "ung", "tel")]
 RECORD = """<?xml version="1.0" encoding="UTF-8"?>
 <media>
   <ID>{id}</ID>
@@ -61,10 +65,11 @@ def make_library(bench, sets, items):
             photo = f"{number * items + at + 1000000}"
             item_id, file = f"{photo}_{set_id}", f"{word[0]} {word[1]} {at}.jpg"
             small_name = f"Thumbnail/{file[:-4]}_{item_id}.jpg"
+            told = word + [MORE[(number * 389 + at * 31 + k * 173) % len(MORE)] for k in range(12)]
             os.link(picture, folder / file)
             os.link(thumbnail, folder / small_name)
             (folder / ".records" / f"{file}.xml").write_text(RECORD.format(
-                id=item_id, file=file, thumbnail=small_name, description=" ".join(word * 4), tags=word[2:],
+                id=item_id, file=file, thumbnail=small_name, description=" ".join(told), tags=word[2:],
                 day=1 + at % 28, month=MONTHS[(number + at // 90) % 12], year=2004 + number % 17, minute=at % 60))
             rows.append((item_id, file, name, file, name, photo, set_id, "2019-01-02 03:04:05", "2020-01-02 03:04:05",
                          "FlickrPhoto", "jpg", "", "", "", set_id, file.lower()))
@@ -114,7 +119,8 @@ return new Promise((done) => {
   requestAnimationFrame(frame);
 });
 """
-# From a key to the frame that shows how many were found, and the first of them, if any.
+# From a key to the frame that shows the first that were found, and to the one that says how many, with the first
+# of them; both the latter when there are none.
 SEARCH = """
 const [words] = arguments, field = document.getElementById('search'), start = performance.now();
 const tell = document.getElementById('summary');
@@ -122,12 +128,17 @@ tell.textContent = '';
 field.focus();
 field.value = words;
 field.dispatchEvent(new Event('input'));
+let first = 0;
 return new Promise((done) => {
   const frame = () => {
-    const said = tell.textContent && !tell.textContent.includes('%');
-    const tiles = document.querySelector('.tile') || !/^[1-9]/.test(tell.textContent);
-    if (said && tiles) setTimeout(() => done(performance.now() - start));
-    else requestAnimationFrame(frame);
+    const tiles = document.querySelector('.tile');
+    const said = tell.textContent && !tell.textContent.includes('%') && (tiles || !/^[1-9]/.test(tell.textContent));
+    setTimeout(() => {
+      const now = performance.now() - start;
+      if (tiles || said) first ||= now;
+      if (said) done([first, now]);
+      else requestAnimationFrame(frame);
+    });
   };
   requestAnimationFrame(frame);
 });
@@ -177,7 +188,7 @@ def look(page, rounds):
             window.wait("document.querySelector('#sets img')")
             time.sleep(rest)
             first.append(window.run(SEARCH, "harbour"))
-        shown = [window.run(SEARCH, words) for words in
+        shown = [window.run(SEARCH, words)[1] for words in
                  ("harbour l", "harbour light", "strasse", "東京", "елка snow", "album 0042", "e", "zzz")]
         after = heap(window)
         return [
@@ -186,8 +197,9 @@ def look(page, rounds):
             ("scrolling, 300 pixels a frame: frames in the middle, at the 95th of 100",
              f"{statistics.median(times):.0f} ms, {times[len(times) * 95 // 100]:.0f} ms", ""),
             ("frames of 600 with a gap in the window", f"{gaps}", "0"),
-            ("the first search, in the moment in which the page is open", f"{first[0]:.0f} ms", ""),
-            ("the first search, three seconds later", f"{first[1]:.0f} ms", "100 ms"),
+            ("the first search, in the moment in which the page is open: some of what is found, all of it",
+             f"{first[0][0]:.0f} ms, {first[0][1]:.0f} ms", "100 ms"),
+            ("the first search, three seconds later", f"{first[1][1]:.0f} ms", "100 ms"),
             ("every further letter: median, longest",
              f"{statistics.median(shown):.0f} ms, {max(shown):.0f} ms", "100 ms"),
             ("script's memory, timeline opened; after the searches", f"{at_start:.0f} MiB, {after:.0f} MiB", ""),

@@ -1,13 +1,6 @@
 // The gallery's page. A script that is loaded last hands the sets over; chunks of items follow as they come into
 // sight, and the texts that are searched once the page is open. The address after "#" says what is shown, as a
-// form's fields do:
-//
-//   view=all        the timeline of all items; without it, a set or a search the page shows the sets
-//   set=ID          a set's items
-//   q=WORDS         of these the ones whose texts hold all words
-//   sort=NAME       one of the keys of orders
-//   at=2017-07      the month that the timeline begins with
-//   item=ID         an item shown large
+// form's fields do; docs/gallery.md has them.
 //
 // All texts come from strangers: they reach the page as text, never as markup, and paths are encoded name by name.
 "use strict";
@@ -23,7 +16,8 @@ const gallery = (() => {
   const AHEAD = 5; // months so many windows away are read already
 
   const byId = (id) => document.getElementById(id);
-  const [main, grid, search, viewer] = ["main", "grid", "search", "viewer"].map(byId);
+  const [main, grid, search, viewer, stage, details] =
+    ["main", "grid", "search", "viewer", "stage", "details"].map(byId);
 
   // ---- Language
 
@@ -73,7 +67,9 @@ const gallery = (() => {
 
   const sets = new Map();
   const chunks = new Map();
-  const searched = new Map(); // by chunk: the photos' ids and the items' texts
+  const searched = new Map(); // by chunk: the photos' ids, the items' texts, the ends of these
+  const photos = new Set();
+  const shared = new Set(); // of photos those in several sets
   let searchFiles = [];
   let missing = false;
 
@@ -100,8 +96,7 @@ const gallery = (() => {
       path: (name) => (folder ? `${folder}/${name}` : name),
     };
     set.chunks = parts.map(([name, months]) => ({ name, set, months: new Map(months) }));
-    // Items of different sets may happen to be the same; their chunk is one file then.
-    for (const chunk of set.chunks) chunks.set(chunk.name, [...(chunks.get(chunk.name) || []), chunk]);
+    for (const chunk of set.chunks) chunks.set(chunk.name, chunk);
     sets.set(id, set);
   };
 
@@ -118,22 +113,21 @@ const gallery = (() => {
       document.head.append(script);
     }));
 
-  /** Loads chunks or search files, a few at a time; the summary tells how far it is while the view waits for it. */
-  const loadAll = async (wanted, waits = () => false) => {
+  /** Loads chunks or search files, a few at a time, and says after each how far it is, in percent. */
+  const loadAll = async (wanted, onPart = () => {}) => {
     const waiting = wanted.filter((file) => !file.items).reverse();
     const total = waiting.length;
     let done = 0;
     const work = async () => {
       for (let file; (file = waiting.pop());) {
         await load(file);
-        const percent = Math.floor((++done / total) * 100);
-        if (percent < 100 && waits()) tell(say("loading", { n: percent }));
+        if (++done < total) onPart(Math.floor((done / total) * 100));
       }
     };
     await Promise.all(Array.from({ length: LOADERS }, work));
   };
 
-  const loadTexts = () => loadAll(searchFiles, () => view.words?.length && !view.sections.length);
+  const loadTexts = (onPart) => loadAll(searchFiles, onPart);
 
   const compare = (a, b) => (a < b ? -1 : a > b ? 1 : 0);
   const by = (field, sign) => (a, b) =>
@@ -148,13 +142,8 @@ const gallery = (() => {
   const itemsOf = ({ chunks: wanted, months }, { order, words }) => {
     const keep = (chunk) => (item, at) => months.has(item.month) && (!words.length || chunk.found.has(at));
     const all = wanted.flatMap((chunk) => (chunk.items || []).filter(keep(chunk))).sort(orders[order]);
-    const first = new Map();
-    return all.filter((item) => {
-      const known = first.get(item.photo);
-      if (!known) first.set(item.photo, item);
-      else (known.also ??= new Set()).add(item.set);
-      return !known;
-    });
+    const known = new Set();
+    return all.filter(({ photo }) => known.size < known.add(photo).size);
   };
 
   // ---- What is shown
@@ -170,40 +159,56 @@ const gallery = (() => {
   };
   const keyOf = ({ view, set, q, sort }) => JSON.stringify([view, set, q, sort]);
 
-  /** The chunk's months with the numbers of photos that are not among those and whose texts hold all words;
-      chunk.found has the places of all whose texts do. */
-  const foundIn = (chunk, words, photos) => {
-    const known = searched.get(chunk.name);
-    const rest = words.filter((word) => !chunk.set.key.includes(word));
-    const months = new Map();
+  /** The places of the lines that hold all words. */
+  const linesWith = ({ text, ends }, [word, ...others]) => {
+    if (!word) return [...ends.keys()];
+    const places = [];
     let at = 0;
-    chunk.found = new Set();
+    for (let hit = text.indexOf(word); hit >= 0; hit = text.indexOf(word, ends[at++])) {
+      while (ends[at] < hit) ++at;
+      const line = others.length ? text.slice(at && ends[at - 1], ends[at]) : "";
+      if (others.every((other) => line.includes(other))) places.push(at);
+    }
+    return places;
+  };
+
+  /** The chunk's months with the numbers of photos whose texts hold all words, those counted left out; chunk.found
+      has the places of all whose texts do. None of a chunk whose texts are not read. */
+  const foundIn = (chunk, { words, counted, found }) => {
+    const known = searched.get(chunk.name);
+    const months = new Map();
+    if (!known || found.has(chunk)) return found.get(chunk) || months;
+    found.set(chunk, months);
+    const places = linesWith(known, words.filter((word) => !chunk.set.key.includes(word)));
+    chunk.found = new Set(places);
+    let at = 0;
+    let end = 0;
     for (const [month, total] of chunk.months) {
-      for (const end = at + total; at < end; ++at) {
-        if (!rest.every((word) => known?.texts[at]?.includes(word))) continue;
-        chunk.found.add(at);
-        months.set(month, (months.get(month) || 0) + !photos.has(known?.photos[at]));
-        photos.add(known?.photos[at]);
+      let fresh = 0;
+      for (end += total; places[at] < end; ++at) {
+        const photo = known.photos[places[at]];
+        fresh += !counted.has(photo);
+        if (shared.has(photo)) counted.add(photo);
       }
+      if (fresh) months.set(month, fresh);
     }
     return months;
   };
 
   /** One section for each month of the view's sets, or of what its words find in them. */
-  const monthSections = ({ scope, order, words }, photos) => {
+  const monthSections = (mine) => {
     const sections = new Map();
-    for (const chunk of scope.flatMap((set) => set.chunks)) {
-      for (const [month, total] of words.length ? foundIn(chunk, words, photos) : chunk.months) {
-        if (!sections.has(month)) {
-          sections.set(month, { month, months: new Set([month]), total: 0, chunks: [], rows: [], top: 0, height: 0 });
-        }
-        const part = sections.get(month);
+    for (const chunk of mine.scope.flatMap((set) => set.chunks)) {
+      for (const [month, total] of mine.words.length ? foundIn(chunk, mine) : chunk.months) {
+        const part = sections.get(month) ||
+          { month, months: new Set([month]), total: 0, chunks: [], rows: [], top: 0, height: 0 };
+        sections.set(month, part);
         part.total += total;
         part.chunks.push(chunk);
       }
     }
     // Those without a date come last either way.
-    const sign = order === "takenOldest" ? 1 : -1;
+    const sign = mine.order === "takenOldest" ? 1 : -1;
     return [...sections.values()].sort((a, b) => !a.month - !b.month || sign * compare(a.month, b.month));
   };
 
@@ -214,34 +219,36 @@ const gallery = (() => {
       const last = larger.at(-1);
       if (!last || last.total >= items) {
         larger.push(part);
-        continue;
+      } else {
+        last.months.add(part.month);
+        last.total += part.total;
+        last.chunks = [...new Set([...last.chunks, ...part.chunks])];
       }
-      last.months.add(part.month);
-      last.total += part.total;
-      last.chunks = [...new Set([...last.chunks, ...part.chunks])];
     }
     return larger;
   };
 
-  const fill = (part, mine) =>
-    (part.loading ??= loadAll(part.chunks).then(() => { part.items = itemsOf(part, mine); }));
+  const fill = (part, mine, onPart) =>
+    (part.loading ??= loadAll(part.chunks, onPart).then(() => { part.items = itemsOf(part, mine); }));
 
   const show = () => {
     const order = state.sort || (state.set ? "takenOldest" : "takenNewest");
     const scope = sets.has(state.set) ? [sets.get(state.set)] : [...sets.values()];
     const total = scope.reduce((sum, set) => sum + set.total, 0);
-    const words = searchKey(state.q || "").split(/\s+/).filter(Boolean);
+    const words = searchKey(state.q || "").split(/\s+/).filter(Boolean).sort((a, b) => b.length - a.length);
     // In parts that are loaded as they come into sight, with headings or without; or all at once.
     const inParts = order.startsWith("taken") && Boolean(state.q || !state.set || total > SECTIONED);
     const above = inParts && !state.q ? HEADING : 0;
-    view = { key: keyOf(state), order, scope, total, words, inParts, above, sections: [], width: 0, rows: new Map() };
+    view = {
+      key: keyOf(state), order, scope, total, words, inParts, above, sections: [], width: 0, rows: new Map(),
+      found: new Map(), counted: new Set(),
+    };
     grid.replaceChildren();
     grid.style.height = 0;
     byId("sets").replaceChildren();
-    for (const id of ["toSets", "toAll"]) byId(id).removeAttribute("aria-current");
-    if (!state.set && !state.q) byId(state.view ? "toAll" : "toSets").setAttribute("aria-current", "page");
+    const here = !state.set && !state.q && (state.view ? "toAll" : "toSets");
+    for (const id of ["toSets", "toAll"]) byId(id).ariaCurrent = id === here ? "page" : null;
     for (const id of ["sort", "jump", "rail"]) byId(id).hidden = true;
-    main.classList.remove("railed");
     if (document.activeElement !== search) search.value = state.q || "";
     const names = state.q ? [say("found", { q: state.q })] : [];
     if (sets.has(state.set)) names.push(sets.get(state.set).name);
@@ -274,7 +281,7 @@ const gallery = (() => {
   const showSets = () => {
     const all = [...sets.values()];
     byId("sets").append(...all.map(cardOf));
-    const years = all.flatMap((set) => set.chunks.flatMap((chunk) => [...chunk.months.keys()]))
+    const years = [...chunks.values()].flatMap((chunk) => [...chunk.months.keys()])
       .filter(Boolean).map((month) => month.slice(0, 4)).sort();
     const parts = [count("item", view.total), count("set", all.filter((set) => set.id !== LOOSE).length)];
     if (years.length) parts.push(years[0] === years.at(-1) ? years[0] : `${years[0]} – ${years.at(-1)}`);
@@ -288,26 +295,34 @@ const gallery = (() => {
     if (words.length) {
       const found = scope.filter((set) => set.id !== LOOSE && words.every((word) => set.key.includes(word)));
       if (!state.set) byId("sets").append(...found.slice(0, 24).map(cardOf));
-      await loadTexts();
+      // What the first files have is shown while others are read.
+      let early = !mine.inParts;
+      await loadTexts((n) => {
+        if (view !== mine) return;
+        early ||= showParts(mine);
+        tell(say("loading", { n }));
+      });
+      await early;
+    }
+    await showParts(mine);
+    if (view !== mine || missing) return;
+    const total = mine.sections.reduce((sum, part) => sum + part.total, 0);
+    tell(total ? count("item", total) : say(words.length ? "noTitles" : "empty"));
+  };
+
+  const showParts = async (mine) => {
+    let sections = monthSections(mine);
+    if (!mine.above) {
+      sections = together(sections, mine.inParts ? FOUND : Infinity);
+      const first = sections[0];
+      if (first) await fill(first, mine, (n) => { if (view === mine && !mine.inParts) tell(say("loading", { n })); });
+      if (first && !mine.inParts) first.total = first.items.length;
     }
     if (view !== mine) return;
-    const photos = new Set();
-    let sections = monthSections(mine, photos);
-    let total = words.length ? photos.size : mine.total;
-    if (mine.above) {
-      mine.sections = sections;
-      showTimeline();
-    } else {
-      sections = together(sections, mine.inParts ? FOUND : Infinity);
-      if (!mine.inParts && sections.length) {
-        await loadAll(sections[0].chunks, () => view === mine);
-        if (view !== mine) return;
-        sections[0].items = itemsOf(sections[0], mine);
-        total = sections[0].items.length;
-      }
-      mine.sections = sections;
-    }
-    if (!missing) tell(total ? count("item", total) : say(words.length ? "noTitles" : "empty"));
+    grid.replaceChildren();
+    mine.rows.clear();
+    mine.sections = sections;
+    if (mine.above) showTimeline();
     layOut();
   };
 
@@ -353,8 +368,9 @@ const gallery = (() => {
     const width = grid.clientWidth;
     if (!width) return;
     if (width !== view.width) changed = view.sections;
-    const before = view.sections.map((part) => [part.top, part.height]);
     const start = scrollY - grid.offsetTop + 60;
+    const first = view.sections.find((part) => part.top <= start && start < part.top + part.height);
+    const before = first?.top;
     view.width = width;
     for (const part of changed) {
       measure(part, width);
@@ -367,8 +383,7 @@ const gallery = (() => {
     }
     grid.style.height = `${top}px`;
     // What the window begins with stays where it is while what is above it gets its true height.
-    const first = before.findIndex(([at, height]) => at <= start && start < at + height);
-    if (first > 0 && view.placed) scrollBy(0, view.sections[first].top - before[first][0]);
+    if (first && view.placed) scrollBy(0, first.top - before);
     if (!view.placed) place();
     render();
   };
@@ -425,27 +440,14 @@ const gallery = (() => {
 
   const render = () => {
     const from = scrollY - grid.offsetTop;
-    const margin = innerHeight;
-    const wanted = [];
-    const want = (part, row, key, top, height) => {
-      const at = part.top + top;
-      if (at + height < from - margin || at > from + innerHeight + margin) return;
-      wanted.push({ key: `${part.month} ${key}`, part, row, top: at, height });
-    };
-    let current = null;
-    for (const part of view.sections) {
-      if (part.top <= from + 80) current = part;
-      if (part.top + part.height < from - AHEAD * margin || part.top > from + (AHEAD + 1) * margin) continue;
-      if (!part.items) fetchSection(part);
-      const { above } = view;
-      if (above) want(part, null, "heading", 0, HEADING);
-      if (part.items) part.rows.forEach((row) => want(part, row, row.begin, above + row.top, row.height));
-      else want(part, part, "waiting", above, part.height - above - GAP);
-    }
-    const keys = new Set(wanted.map(({ key }) => key));
-    for (const [key, { node }] of view.rows) if (!keys.has(key)) { node.remove(); view.rows.delete(key); }
+    const below = from + innerHeight;
+    const margin = view.rows.size ? innerHeight : 0; // at first what is seen, and the rest when that is shown
+    const keys = new Set();
     let after = null;
-    for (const { key, part, row, top, height } of wanted) {
+    const want = (part, row, name, above, height) => {
+      const top = part.top + above;
+      if (top + height < from - margin || top > below + margin) return;
+      const key = `${part.month} ${name}`;
       let known = view.rows.get(key);
       if (!known) {
         known = { part, node: rowNode(part, row) };
@@ -453,10 +455,22 @@ const gallery = (() => {
         if (after) after.after(known.node);
         else grid.prepend(known.node);
       }
-      known.node.style.top = `${top}px`;
-      known.node.style.height = `${height}px`;
+      Object.assign(known.node.style, { top: `${top}px`, height: `${height}px` });
+      keys.add(key);
       after = known.node;
+    };
+    let [current] = view.sections;
+    for (const part of view.sections) {
+      if (part.top <= from + 80) current = part;
+      if (part.top + part.height < from - AHEAD * margin || part.top > below + AHEAD * margin) continue;
+      if (!part.items) fetchSection(part);
+      const { above } = view;
+      if (above) want(part, null, "heading", 0, HEADING);
+      if (part.items) part.rows.forEach((row) => want(part, row, row.begin, above + row.top, row.height));
+      else want(part, part, "waiting", above, part.height - above - GAP);
     }
+    for (const [key, { node }] of view.rows) if (!keys.has(key)) { node.remove(); view.rows.delete(key); }
+    if (!margin && after) requestAnimationFrame(() => setTimeout(render));
     if (view.above && current) showCurrent(current.month);
   };
 
@@ -470,31 +484,26 @@ const gallery = (() => {
   // ---- Timeline
 
   const showTimeline = () => {
-    const years = new Map();
-    for (const { month, total } of view.sections) {
-      const year = month.slice(0, 4);
-      (years.get(year) || years.set(year, []).get(year)).push({ month, total });
-    }
     const to = (month) => link({ ...state, item: "", at: month });
     const rail = byId("rail");
     const jump = byId("jump");
     rail.replaceChildren();
     jump.replaceChildren();
-    for (const [year, months] of years) {
+    let group = null;
+    for (const { month, total } of view.sections) {
+      const year = month.slice(0, 4);
       if (!year) continue;
-      rail.append(element("a", { class: "year", href: to(months[0].month), "data-year": year }, year));
-      const group = element("optgroup", { label: year });
-      for (const { month, total } of months) {
-        const name = monthText(month, shortMonth);
-        const entry = element("a", { class: "month", href: to(month), "data-month": month }, name);
-        entry.title = count("item", total);
-        rail.append(entry);
-        group.append(element("option", { value: month }, `${monthText(month)} (${numbers.format(total)})`));
+      if (group?.label !== year) {
+        rail.append(element("a", { class: "year", href: to(month), "data-year": year }, year));
+        jump.append(group = element("optgroup", { label: year }));
       }
-      jump.append(group);
+      const name = monthText(month, shortMonth);
+      const entry = element("a", { class: "month", href: to(month), "data-month": month }, name);
+      entry.title = count("item", total);
+      rail.append(entry);
+      group.append(element("option", { value: month }, `${monthText(month)} (${numbers.format(total)})`));
     }
     rail.hidden = jump.hidden = false;
-    main.classList.add("railed");
   };
 
   const showCurrent = (month) => {
@@ -503,33 +512,22 @@ const gallery = (() => {
     byId("jump").value = month;
     for (const entry of byId("rail").children) {
       entry.classList.toggle("shown", entry.dataset.month?.slice(0, 4) === month.slice(0, 4));
-      if (entry.dataset.month === month) {
-        entry.setAttribute("aria-current", "true");
-        entry.scrollIntoView({ block: "nearest" });
-      } else {
-        entry.removeAttribute("aria-current");
-      }
+      const isHere = entry.dataset.month === month;
+      entry.ariaCurrent = isHere || null;
+      if (isHere) entry.scrollIntoView({ block: "nearest" });
     }
   };
 
   // ---- Sharper tiles: thumbnails are small, so when scrolling rests the pictures themselves are scaled down. What
   // draws them at once, in any other way, stays in the browser's memory at full size.
 
-  const waiting = new Map();
+  const inSight = new Set();
   const seen = new IntersectionObserver((entries) => {
-    for (const { target, isIntersecting } of entries) {
-      const entry = waiting.get(target);
-      if (entry) entry.seen = isIntersecting;
-      if (!target.isConnected) forget(target);
-    }
+    for (const { target, isIntersecting } of entries) inSight[isIntersecting ? "add" : "delete"](target);
     rest();
   });
-  const forget = (tile) => {
-    seen.unobserve(tile);
-    waiting.delete(tile);
-  };
   const sharpenWhenSeen = (tile, source) => {
-    waiting.set(tile, { source, seen: false });
+    tile.picture = source;
     seen.observe(tile);
   };
 
@@ -540,26 +538,26 @@ const gallery = (() => {
     restTimer = setTimeout(sharpen, 250);
   };
   const sharpen = () => {
-    for (const [tile, entry] of waiting) {
+    for (const tile of inSight) {
       if (sharpening >= 2 || viewer.open) return;
-      if (!tile.isConnected) forget(tile);
-      if (!entry.seen || !tile.isConnected) continue;
-      forget(tile);
+      inSight.delete(tile);
+      seen.unobserve(tile);
+      if (!tile.isConnected) continue;
       ++sharpening;
-      sharpenTile(tile, entry.source).finally(() => {
+      sharpenTile(tile).finally(() => {
         --sharpening;
         sharpen();
       });
     }
   };
-  const sharpenTile = async (tile, source) => {
+  const sharpenTile = async (tile) => {
     const scale = Math.min(devicePixelRatio, 2);
     const { clientWidth: width, clientHeight: height } = tile;
     const thumbnail = tile.querySelector("img");
     if (thumbnail && thumbnail.naturalWidth >= width * scale * 0.8) return;
     const image = new Image();
     try {
-      await new Promise((done, fail) => Object.assign(image, { onload: done, onerror: fail, src: source }));
+      await new Promise((done, fail) => Object.assign(image, { onload: done, onerror: fail, src: tile.picture }));
       const fit = scale * Math.max(width / image.naturalWidth, height / image.naturalHeight);
       const bitmap = await createImageBitmap(image, {
         resizeWidth: Math.ceil(image.naturalWidth * fit), resizeHeight: Math.ceil(image.naturalHeight * fit),
@@ -615,7 +613,6 @@ const gallery = (() => {
 
   const showItem = (item) => {
     shown = item;
-    const stage = byId("stage");
     const rough = item.thumbnail && address(item.set.path(item.thumbnail));
     const file = address(item.path);
     const media = item.isVideo
@@ -630,6 +627,7 @@ const gallery = (() => {
       under[0]?.classList.remove("rough");
     };
     showDetails(item);
+    loadTexts().then(() => { if (shown === item && shared.has(item.photo)) showDetails(item); });
     viewer.setAttribute("aria-label", item.name);
     if (!viewer.open) viewer.showModal();
     for (const [id, step] of [["previous", -1], ["next", 1]]) {
@@ -639,6 +637,12 @@ const gallery = (() => {
         if (beside && !beside.isVideo) new Image().src = address(beside.path);
       });
     }
+  };
+
+  /** The sets that hold the item's photo, its own first, as far as their texts are read. */
+  const setsWith = ({ set, photo }) => {
+    const has = (other) => other.chunks.some(({ name }) => searched.get(name)?.photos.includes(photo));
+    return [set, ...[...sets.values()].filter((other) => other !== set && shared.has(photo) && has(other))];
   };
 
   const showDetails = (item) => {
@@ -651,7 +655,7 @@ const gallery = (() => {
     add("taken", ...date(item.taken, cameraTime));
     add("uploaded", ...date(item.uploaded, serviceTime));
     add("updated", ...date(item.updated, serviceTime));
-    add("inSet", ...[item.set, ...(item.also || [])].map((set) =>
+    add("inSet", ...setsWith(item).map((set) =>
       element("a", { href: link({ set: set.id, item: `${item.photo}_${set.id}` }) }, userText("bdi", "", set.name))));
     if (item.tags.length) {
       add("tags", element("div", { class: "tags" }, ...item.tags.map((tag) =>
@@ -663,7 +667,7 @@ const gallery = (() => {
       element("a", { href: address(item.set.path(version)), target: "_blank", rel: "noopener" },
         say("until", { date: serviceTime.format(momentOf(version)) }))));
     const text = item.description ? [userText("p", "text", item.description)] : [];
-    byId("details").replaceChildren(userText("h2", "", item.name), ...text, list);
+    details.replaceChildren(userText("h2", "", item.name), ...text, list);
   };
 
   const turn = async (step) => {
@@ -681,20 +685,19 @@ const gallery = (() => {
   };
 
   const closeViewer = () => {
-    if (!viewer.open) return;
+    if (!shown) return;
     viewer.close();
-    byId("stage").replaceChildren(); // ends a film
+    stage.replaceChildren(); // ends a film
     const item = shown;
     shown = null;
-    if (item) focusItem(item);
+    focusItem(item);
     rest();
   };
 
-  const detailsShown = (shown) => {
-    byId("details").hidden = !shown;
-    byId("info").setAttribute("aria-expanded", shown);
+  const turnDetails = (on = details.hidden) => {
+    details.hidden = !on;
+    byId("info").ariaExpanded = on;
   };
-  const turnDetails = () => detailsShown(byId("details").hidden);
 
   // ---- Focus among the tiles
 
@@ -767,17 +770,14 @@ const gallery = (() => {
       if (node.tagName === "BUTTON") node.title = say(node.dataset.label);
     }
     search.placeholder = say("search");
-    for (const order of Object.keys(orders)) byId("sort").append(element("option", { value: order }, say(order)));
     history.scrollRestoration = "manual";
 
     addEventListener("hashchange", route);
-    addEventListener("popstate", () => { if (keyOf(readState()) !== view.key) route(); });
     addEventListener("scroll", () => { render(); rest(); }, { passive: true });
     new ResizeObserver(() => { if (grid.clientWidth !== view.width) layOut(); }).observe(grid);
 
-    // When the page is open, or a search begins.
-    addEventListener("load", () => setTimeout(loadTexts, 500));
-    search.addEventListener("focus", loadTexts);
+    addEventListener("load", () => setTimeout(loadTexts));
+    search.addEventListener("focus", () => loadTexts());
     search.addEventListener("input", () => searchFor(search.value.trim()));
     for (const [id, field] of [["sort", "sort"], ["jump", "at"]]) {
       byId(id).addEventListener("change", ({ target }) => {
@@ -795,20 +795,16 @@ const gallery = (() => {
       (grid.querySelector(".tile") || byId("sets").querySelector("a") || main).focus();
     });
 
-    const actions = { close: leaveItem, previous: () => turn(-1), next: () => turn(1), info: turnDetails };
+    const actions = { close: leaveItem, previous: () => turn(-1), next: () => turn(1), info: () => turnDetails() };
     for (const [id, act] of Object.entries(actions)) byId(id).addEventListener("click", act);
-    detailsShown(innerWidth > 900);
-    // Whatever a browser closes by itself leaves the address as well.
+    turnDetails(innerWidth > 900);
+    // What Escape closes, or the browser by itself, leaves the address as well.
     viewer.addEventListener("close", () => { if (state.item) leaveItem(); });
-    viewer.addEventListener("cancel", (event) => {
-      event.preventDefault();
-      leaveItem();
-    });
     let touch = null;
-    byId("stage").addEventListener("touchstart", (event) => {
+    stage.addEventListener("touchstart", (event) => {
       touch = event.touches.length === 1 ? event.touches[0] : null;
     }, { passive: true });
-    byId("stage").addEventListener("touchend", (event) => {
+    stage.addEventListener("touchend", (event) => {
       const end = event.changedTouches[0];
       const far = touch ? end.clientX - touch.clientX : 0;
       const zoomed = visualViewport?.scale > 1.05;
@@ -854,11 +850,18 @@ const gallery = (() => {
       start();
     },
     chunk: (name, lines) => {
-      for (const chunk of chunks.get(name)) chunk.items ??= lines.map((line) => new Item(chunk.set, line));
+      const chunk = chunks.get(name);
+      chunk.items = lines.map((line) => new Item(chunk.set, line));
     },
     texts: (entries) => {
-      for (const [name, photos, texts] of entries) {
-        searched.set(name, { photos: photos.split(" "), texts: texts.split("\n") });
+      for (const [name, ids, lines] of entries) {
+        const known = { photos: ids.split(" "), text: lines + "\n", ends: [] };
+        searched.set(name, known);
+        let end = -1;
+        for (const photo of known.photos) {
+          known.ends.push(end = known.text.indexOf("\n", end + 1));
+          (photos.has(photo) ? shared : photos).add(photo);
+        }
       }
     },
   };

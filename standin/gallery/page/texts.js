@@ -5,7 +5,7 @@
 const galleryTexts = {
   en: {
     title: "Flickr backup", skip: "Skip to the pictures", views: "Views", sets: "Sets", timeline: "Timeline",
-    search: "Search", sort: "Sort by", jump: "Go to month", pictures: "Pictures", viewer: "Picture",
+    search: "Search", sort: "Sort by", jump: "Go to month", pictures: "Pictures",
     previous: "Previous", next: "Next", close: "Close", details: "Details", loose: "In no set",
     noDate: "Without a date", untitled: "Untitled", video: "Video", found: "“{q}”", loading: "{n} % read",
     item: ["{n} item", "{n} items"], set: ["{n} set", "{n} sets"],
@@ -19,7 +19,7 @@ const galleryTexts = {
   },
   de: {
     title: "Flickr-Sicherung", skip: "Zu den Bildern", views: "Ansichten", sets: "Alben", timeline: "Zeitleiste",
-    search: "Suchen", sort: "Sortieren nach", jump: "Zum Monat", pictures: "Bilder", viewer: "Bild",
+    search: "Suchen", sort: "Sortieren nach", jump: "Zum Monat", pictures: "Bilder",
     previous: "Zurück", next: "Weiter", close: "Schließen", details: "Einzelheiten", loose: "In keinem Album",
     noDate: "Ohne Datum", untitled: "Ohne Titel", video: "Video", found: "„{q}“", loading: "{n} % gelesen",
     item: ["{n} Objekt", "{n} Objekte"], set: ["{n} Album", "{n} Alben"],
@@ -34,7 +34,7 @@ const galleryTexts = {
   },
   fr: {
     title: "Sauvegarde Flickr", skip: "Aller aux images", views: "Vues", sets: "Albums", timeline: "Chronologie",
-    search: "Rechercher", sort: "Trier par", jump: "Aller au mois", pictures: "Images", viewer: "Image",
+    search: "Rechercher", sort: "Trier par", jump: "Aller au mois", pictures: "Images",
     previous: "Précédent", next: "Suivant", close: "Fermer", details: "Détails", loose: "Dans aucun album",
     noDate: "Sans date", untitled: "Sans titre", video: "Vidéo", found: "« {q} »", loading: "{n} % lus",
     item: ["{n} élément", "{n} éléments"], set: ["{n} album", "{n} albums"],
@@ -49,7 +49,7 @@ const galleryTexts = {
   },
   ja: {
     title: "Flickr バックアップ", skip: "写真へ移動", views: "表示", sets: "アルバム", timeline: "タイムライン",
-    search: "検索", sort: "並べ替え", jump: "月へ移動", pictures: "写真", viewer: "写真", previous: "前へ",
+    search: "検索", sort: "並べ替え", jump: "月へ移動", pictures: "写真", previous: "前へ",
     next: "次へ", close: "閉じる", details: "詳細", loose: "アルバムなし", noDate: "日付なし",
     untitled: "無題", video: "動画", found: "「{q}」", loading: "{n} % 読み込み済み", item: ["{n} 件", "{n} 件"],
     set: ["アルバム {n} 件", "アルバム {n} 件"],
