@@ -47,7 +47,7 @@ void prepare(const fs::path& path, const std::string& statements,
     sqlite3_open_v2(path.c_str(), &database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
     sqlite3_db_config(database, SQLITE_DBCONFIG_DEFENSIVE, 0, nullptr);
     sqlite3_exec(database, "PRAGMA writable_schema = ON", nullptr, nullptr, nullptr);
-    ASSERT_EQ(SQLITE_OK, sqlite3_exec(database, statements.c_str(), nullptr, nullptr, nullptr))
+    ASSERT_EQ(sqlite3_exec(database, statements.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
         << sqlite3_errmsg(database) << "\n"
         << statements;
     if (whileOpen) whileOpen();
@@ -154,9 +154,9 @@ TEST_F(DatabaseTest, APreparedDatabaseIsRefusedAndNoByteOfItChanges) {
         const auto before = everything();
         const auto same = [&] { return everything() == before; };
         if (fs::exists(path())) {
-            EXPECT_NE("", refusal([&] { BackupDatabase database(path()); })) << what;
+            EXPECT_NE(refusal([&] { BackupDatabase database(path()); }), "") << what;
             EXPECT_TRUE(same()) << what;
-            EXPECT_NE("", refusal([&] { BackupDatabase(path(), BackupDatabase::Missing::Refuse); })) << what;
+            EXPECT_NE(refusal([&] { BackupDatabase(path(), BackupDatabase::Missing::Refuse); }), "") << what;
         } else {
             EXPECT_THAT(refusal([&] { Ledger list(ledger); }), HasSubstr("cannot be used")) << what;
         }
@@ -211,9 +211,9 @@ TEST_F(DatabaseTest, APreparedDatabaseIsRefusedAndNoByteOfItChanges) {
     fs::copy(folder_ / "kept/backup.db", path());
     fs::copy(folder_ / "kept/.ledger.db", ledger);
     prepare(ledger, "CREATE TABLE parts (path TEXT PRIMARY KEY) WITHOUT ROWID");
-    EXPECT_EQ("", refusal([&] { BackupDatabase database(path()); })) << "as it was made";
-    EXPECT_EQ("", refusal([&] { Ledger list(ledger); })) << "as an earlier version left it";
-    EXPECT_EQ("precious", read(folder_ / "precious"));
+    EXPECT_EQ(refusal([&] { BackupDatabase database(path()); }), "") << "as it was made";
+    EXPECT_EQ(refusal([&] { Ledger list(ledger); }), "") << "as an earlier version left it";
+    EXPECT_EQ(read(folder_ / "precious"), "precious");
 }
 
 TEST_F(DatabaseTest, ADamagedDatabaseIsNoneToRunWith) {
@@ -225,7 +225,7 @@ TEST_F(DatabaseTest, ADamagedDatabaseIsNoneToRunWith) {
     bytes[2 * 4096] = '?';  // the first byte of the page with the index of ids
     write(path(), bytes);
     EXPECT_THAT(refusal([&] { BackupDatabase database(path()); }), HasSubstr("is damaged"));
-    EXPECT_NE("", BackupDatabase(path(), BackupDatabase::Missing::Refuse).integrityProblem());
+    EXPECT_NE(BackupDatabase(path(), BackupDatabase::Missing::Refuse).integrityProblem(), "");
 }
 
 TEST_F(DatabaseTest, SessionsByNameReachTheRunsDatabaseAndNoOther) {
@@ -240,25 +240,25 @@ TEST_F(DatabaseTest, SessionsByNameReachTheRunsDatabaseAndNoOther) {
     {
         BackupDatabase database(given);
         fill(database);
-        EXPECT_EQ("a.jpg", nameIn(given)) << "the mount point may be a link";
+        EXPECT_EQ(nameIn(given), "a.jpg") << "the mount point may be a link";
         fs::copy(path(), other);
         fs::copy(path() + "-wal", other + "-wal");
-        EXPECT_EQ("", nameIn(other)) << "not the run's";
-        EXPECT_EQ("", nameIn(device("missing.db")));
+        EXPECT_EQ(nameIn(other), "") << "not the run's";
+        EXPECT_EQ(nameIn(device("missing.db")), "");
         EXPECT_FALSE(fs::exists(device("missing.db")));
         EXPECT_FALSE(params_->isBackupStopped());
 
         fs::rename(device(""), folder_ / "unplugged");
-        EXPECT_EQ("", nameIn(given));
+        EXPECT_EQ(nameIn(given), "");
         EXPECT_TRUE(params_->isBackupStopped()) << "what is written now would be lost";
         params_->setBackupState(false);
         FlickrDbInterface host;
         host.setConnectionString(given);
-        EXPECT_EQ("", host.getDerivedItemNamebyID("1_72"));
+        EXPECT_EQ(host.getDerivedItemNamebyID("1_72"), "");
         EXPECT_TRUE(params_->isBackupStopped());
         fs::rename(folder_ / "unplugged", device(""));
     }
-    EXPECT_EQ("a.jpg", nameIn(other)) << "without a run names lead where they lead";
+    EXPECT_EQ(nameIn(other), "a.jpg") << "without a run names lead where they lead";
 }
 
 TEST_F(DatabaseTest, AStopEndsAStatementWithoutEnd) {
@@ -277,7 +277,7 @@ TEST_F(DatabaseTest, AStopEndsAStatementWithoutEnd) {
     });
     EXPECT_FALSE(session.updateFileTitleV2("1_72", "b", "b.jpg", "2024-01-01 00:00:00"));
     stop.join();
-    EXPECT_EQ("a.jpg", database.derivedName("1_72"));
+    EXPECT_EQ(database.derivedName("1_72"), "a.jpg");
 }
 
 TEST_F(DatabaseTest, VerifyReadsTheDescriptionRecords) {
@@ -295,7 +295,7 @@ TEST_F(DatabaseTest, VerifyReadsTheDescriptionRecords) {
         client.openFile(path, 7, command, result, error);
         client.writeFileV2(7, content.data(), 1, command, result, error);
         client.closeFile(7, record.data(), static_cast<int>(record.size()), command, result, error);
-        ASSERT_EQ("SUC", result) << error;
+        ASSERT_EQ(result, "SUC") << error;
     };
     store("Trip/a.jpg", "1_72");
     store("Trip/Thumbnail/a_1_72.jpg", "");

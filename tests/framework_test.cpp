@@ -155,7 +155,7 @@ TEST_F(FrameworkTest, MakesEveryTitleASafeNameAndKeepsSafeOnes) {
         {"\xed\xa0\x80", "___"},
         {"\xef\xbf\xbf", "_"},
     };
-    for (const auto& [title, name] : expected) EXPECT_EQ(name, Utils().NormalizeString(title)) << title;
+    for (const auto& [title, name] : expected) EXPECT_EQ(Utils().NormalizeString(title), name) << title;
 
     std::string allBytes;
     for (int i = 0; i < 256; ++i) allBytes += static_cast<char>(i);
@@ -164,29 +164,29 @@ TEST_F(FrameworkTest, MakesEveryTitleASafeNameAndKeepsSafeOnes) {
           "é" + std::string(252, 'x') + "éé.jpeg", std::string(250, 'x') + "      .  "}) {
         for (int cut = 0; cut < 8; ++cut, title.erase(0, 1)) {
             const std::string name = Utils().NormalizeString(title);
-            EXPECT_EQ(name, Utils().NormalizeString(name));
+            EXPECT_EQ(Utils().NormalizeString(name), name);
             EXPECT_LE(name.size(), kLongestName);
-            EXPECT_EQ(name, validUtf8(name));
-            EXPECT_EQ(std::string::npos, name.find_first_of("/\\:*?\"<>|"));
+            EXPECT_EQ(validUtf8(name), name);
+            EXPECT_EQ(name.find_first_of("/\\:*?\"<>|"), std::string::npos);
         }
     }
-    EXPECT_EQ(".jpg", Utils().NormalizeString(std::string(300, 'x') + ".jpg").substr(251));
+    EXPECT_EQ(Utils().NormalizeString(std::string(300, 'x') + ".jpg").substr(251), ".jpg");
 }
 
 TEST_F(FrameworkTest, ReadsTheMomentOfAVersionFromItsOwnNamesOnly) {
     using namespace std::string_literals;
-    EXPECT_EQ("20170801T091500Z-a.jpg", versionName("a.jpg", 1501578900));
+    EXPECT_EQ(versionName("a.jpg", 1501578900), "20170801T091500Z-a.jpg");
     const std::string longest = versionName(std::string(251, 'x') + ".jpg", 1501578900);
-    EXPECT_EQ(kLongestName, longest.size());
-    EXPECT_EQ(".jpg", longest.substr(251));
+    EXPECT_EQ(longest.size(), kLongestName);
+    EXPECT_EQ(longest.substr(251), ".jpg");
     for (const std::string& name :
          {"20170801T091500Z-a.jpg"s, "20170801T091500Z-20160801T091500Z-a"s, longest}) {
-        EXPECT_EQ(1501578900, replacedAt(name)) << name;
+        EXPECT_EQ(replacedAt(name), 1501578900) << name;
     }
     for (const char* name : {"", "a.jpg", "20170801T091500Z-", "20170801T091500Z", "2017801T091500Z-a.jpg",
                              "20170832T091500Z-a.jpg", "20170801T091500Z-a/b", "20170801T091500Z-a ",
                              " 20170801T091500Z-a.jpg", "20170801T096500Z-a.jpg"}) {
-        EXPECT_EQ(std::nullopt, replacedAt(name)) << name;
+        EXPECT_EQ(replacedAt(name), std::nullopt) << name;
     }
 }
 
@@ -196,33 +196,33 @@ TEST_F(FrameworkTest, GivesNamesThatFitAndNeverClash) {
     database.folder("72", "Trip");
     const auto name = [&](const std::string& title, const std::string& id, const std::string& set = "72") {
         const std::string given = database.generateFileName(title, "Trip", set, id);
-        EXPECT_EQ(1, database.item(id, set, given, "Trip"));
+        EXPECT_EQ(database.item(id, set, given, "Trip"), 1);
         return given;
     };
-    EXPECT_EQ("a.jpg", name("a.jpg", "1_72"));
-    EXPECT_EQ("A (2).JPG", name("A.JPG", "2_72"));
-    EXPECT_EQ("a (3).jpg", name("a.jpg", "3_72"));
-    EXPECT_EQ("a (3).jpg", name("a.jpg", "3_72")) << "a name that fits is kept";
-    EXPECT_EQ("b.jpg", name("b.jpg", "3_72")) << "and given up when the title changes";
-    EXPECT_EQ("a.jpg", name("a.jpg", "1_73", "73")) << "another set";
-    EXPECT_EQ("\u00e9.jpg", name("\u00e9.jpg", "4_72"));
-    EXPECT_EQ("E\u0301 (2).jpg", name("E\u0301.jpg", "5_72")) << "the same name, decomposed and in capitals";
-    EXPECT_EQ("stra\u00dfe.jpg", name("stra\u00dfe.jpg", "6_72"));
-    EXPECT_EQ("STRASSE (2).jpg", name("STRASSE.jpg", "7_72"));
-    EXPECT_EQ("a_Old_.jpg", name("a_Old.jpg", "8_72"));
-    EXPECT_EQ("a_oLD_.b c", name("a_oLD.b c", "9_72"));
-    EXPECT_EQ("_.jpg", name(".jpg", "10_72"));
-    EXPECT_EQ("_.records", name(".records", "11_72"));
-    EXPECT_EQ("_.part-1", name(".part-1", "12_72"));
-    EXPECT_EQ("thumbnail_", name("thumbnail", "13_72"));
-    EXPECT_EQ("サムネイル_", name("サムネイル", "14_72")) << "whatever the language is";
+    EXPECT_EQ(name("a.jpg", "1_72"), "a.jpg");
+    EXPECT_EQ(name("A.JPG", "2_72"), "A (2).JPG");
+    EXPECT_EQ(name("a.jpg", "3_72"), "a (3).jpg");
+    EXPECT_EQ(name("a.jpg", "3_72"), "a (3).jpg") << "a name that fits is kept";
+    EXPECT_EQ(name("b.jpg", "3_72"), "b.jpg") << "and given up when the title changes";
+    EXPECT_EQ(name("a.jpg", "1_73", "73"), "a.jpg") << "another set";
+    EXPECT_EQ(name("\u00e9.jpg", "4_72"), "\u00e9.jpg");
+    EXPECT_EQ(name("E\u0301.jpg", "5_72"), "E\u0301 (2).jpg") << "the same name, decomposed and in capitals";
+    EXPECT_EQ(name("stra\u00dfe.jpg", "6_72"), "stra\u00dfe.jpg");
+    EXPECT_EQ(name("STRASSE.jpg", "7_72"), "STRASSE (2).jpg");
+    EXPECT_EQ(name("a_Old.jpg", "8_72"), "a_Old_.jpg");
+    EXPECT_EQ(name("a_oLD.b c", "9_72"), "a_oLD_.b c");
+    EXPECT_EQ(name(".jpg", "10_72"), "_.jpg");
+    EXPECT_EQ(name(".records", "11_72"), "_.records");
+    EXPECT_EQ(name(".part-1", "12_72"), "_.part-1");
+    EXPECT_EQ(name("thumbnail", "13_72"), "thumbnail_");
+    EXPECT_EQ(name("サムネイル", "14_72"), "サムネイル_") << "whatever the language is";
 
     // Items in no set stand beside the sets' folders.
-    EXPECT_EQ("TRIP (2)", name("TRIP", "1_Anonymous", "Anonymous"));
-    EXPECT_EQ("trip (3)", database.generateFolderName("trip", "74"));
-    EXPECT_EQ("Anonymous_", database.generateFolderName("Anonymous", "75"));
-    EXPECT_EQ("Trip", database.generateFolderName("Trip", "72"));
-    EXPECT_EQ("COM1_", database.generateFolderName("COM1", "76"));
+    EXPECT_EQ(name("TRIP", "1_Anonymous", "Anonymous"), "TRIP (2)");
+    EXPECT_EQ(database.generateFolderName("trip", "74"), "trip (3)");
+    EXPECT_EQ(database.generateFolderName("Anonymous", "75"), "Anonymous_");
+    EXPECT_EQ(database.generateFolderName("Trip", "72"), "Trip");
+    EXPECT_EQ(database.generateFolderName("COM1", "76"), "COM1_");
 
     const std::string id = "53012345678_72157701234567890";
     for (const std::string& title :
@@ -232,7 +232,7 @@ TEST_F(FrameworkTest, GivesNamesThatFitAndNeverClash) {
         const std::string given = name(title, id);
         EXPECT_LE((splitName(given).base + "_" + id + "_Old.webp").size(), kLongestName);
         EXPECT_LE((given + "_Old.xml").size(), kLongestName);
-        EXPECT_EQ(given, database.generateFileName(title, "Trip", "72", id)) << "kept";
+        EXPECT_EQ(database.generateFileName(title, "Trip", "72", id), given) << "kept";
     }
 }
 
@@ -246,8 +246,8 @@ TEST_F(FrameworkTest, AsksLittleForTheThousandthItemOfOneTitle) {
         EXPECT_TRUE(keys.insert(nameKey(name)).second) << name;
         database.item(id, "72", name, "Trip");
     }
-    EXPECT_EQ(1, keys.count("untitled (1000).jpg"));
-    EXPECT_EQ(1000, database.getTotalCountInContainer("Trip"));
+    EXPECT_EQ(keys.count("untitled (1000).jpg"), 1);
+    EXPECT_EQ(database.getTotalCountInContainer("Trip"), 1000);
 }
 
 TEST_F(FrameworkTest, CountsAndNamesFollowTheStatementsOfThePlugin) {
@@ -256,7 +256,7 @@ TEST_F(FrameworkTest, CountsAndNamesFollowTheStatementsOfThePlugin) {
     database.folder("72", "Trip");
     for (const char* id : {"1_72", "2_72", "3_72"}) database.item(id, "72", std::string(id) + ".jpg", "Trip");
     database.item("1_72", "72", "renamed.jpg", "Trip");
-    EXPECT_EQ(3, database.getTotalCountInContainer("Trip"));
+    EXPECT_EQ(database.getTotalCountInContainer("Trip"), 3);
 
     SqliteFile plugin(open.path(), SqliteFile::Open::Existing);
     plugin.execute(
@@ -266,18 +266,18 @@ TEST_F(FrameworkTest, CountsAndNamesFollowTheStatementsOfThePlugin) {
         "WHERE OriginalContainerId = '72';"
         "UPDATE backupmetadata SET DerivedItemName = 'Été.jpg' WHERE ItemId = '2_72';"
         "DELETE FROM backupmetadata WHERE ItemId = '3_72'");
-    EXPECT_EQ(0, database.getTotalCountInContainer("Trip"));
-    EXPECT_EQ(2, database.getTotalCountInContainer("Voyage"));
-    EXPECT_EQ("été (2).jpg", database.generateFileName("été.jpg", "Voyage", "72", "9_72"));
-    EXPECT_EQ("2_72.jpg", database.generateFileName("2_72.jpg", "Voyage", "72", "9_72")) << "free again";
-    EXPECT_EQ("voyage (2)", database.generateFolderName("voyage", "73"));
-    EXPECT_EQ("", open.integrityProblem());
+    EXPECT_EQ(database.getTotalCountInContainer("Trip"), 0);
+    EXPECT_EQ(database.getTotalCountInContainer("Voyage"), 2);
+    EXPECT_EQ(database.generateFileName("été.jpg", "Voyage", "72", "9_72"), "été (2).jpg");
+    EXPECT_EQ(database.generateFileName("2_72.jpg", "Voyage", "72", "9_72"), "2_72.jpg") << "free again";
+    EXPECT_EQ(database.generateFolderName("voyage", "73"), "voyage (2)");
+    EXPECT_EQ(open.integrityProblem(), "");
 
     const auto folders = open.folders();
-    ASSERT_EQ(1u, folders.size());
-    EXPECT_EQ("Voyage", folders[0].deviceName);
-    EXPECT_EQ(2, folders[0].items);
-    EXPECT_EQ("Voyage/Thumbnail/renamed_1_72.jpg", thumbnailPath(*open.item("1_72"), "Thumbnail"));
+    ASSERT_EQ(folders.size(), 1u);
+    EXPECT_EQ(folders[0].deviceName, "Voyage");
+    EXPECT_EQ(folders[0].items, 2);
+    EXPECT_EQ(thumbnailPath(*open.item("1_72"), "Thumbnail"), "Voyage/Thumbnail/renamed_1_72.jpg");
 
     for (const char* statement :
          {"SELECT ItemUpdatedOn FROM backupmetadata WHERE ItemType = 'FlickrLatestBackUpDateTime'",
@@ -318,12 +318,12 @@ TEST_F(FrameworkTest, BringsNoChangesBackThatAPowerCutHadTaken) {
     }
     {
         SqliteFile next(path("cut.db"), SqliteFile::Open::OrCreate);
-        EXPECT_EQ("1", next.value("SELECT MAX(n) FROM rows"));
+        EXPECT_EQ(next.value("SELECT MAX(n) FROM rows"), "1");
         next.execute(row(2).c_str());
         copy("cut.db", "killed.db");
     }
-    EXPECT_EQ("2",
-              SqliteFile(path("killed.db"), SqliteFile::Open::OrCreate).value("SELECT MAX(n) FROM rows"));
+    EXPECT_EQ(SqliteFile(path("killed.db"), SqliteFile::Open::OrCreate).value("SELECT MAX(n) FROM rows"),
+              "2");
 }
 
 TEST_F(FrameworkTest, ReportsDatabasesThatCannotBeUsedAndMakesNone) {
@@ -334,10 +334,10 @@ TEST_F(FrameworkTest, ReportsDatabasesThatCannotBeUsedAndMakesNone) {
     EXPECT_THROW(BackupDatabase((folder_ / "none" / "x.db").string()), Poco::Data::DataException);
 
     Database database((folder_ / "missing.db").string());
-    EXPECT_EQ("", database.getDerivedItemNamebyID("1"));
-    EXPECT_EQ(0, database.getTotalCountInContainer("Trip"));
-    EXPECT_EQ(0, database.item("1", "72", "a", "Trip"));
-    EXPECT_EQ("a.jpg", database.generateFileName("a.jpg", "Trip", "72", "1"));
+    EXPECT_EQ(database.getDerivedItemNamebyID("1"), "");
+    EXPECT_EQ(database.getTotalCountInContainer("Trip"), 0);
+    EXPECT_EQ(database.item("1", "72", "a", "Trip"), 0);
+    EXPECT_EQ(database.generateFileName("a.jpg", "Trip", "72", "1"), "a.jpg");
     EXPECT_FALSE(fs::exists(folder_ / "missing.db"));
     int code = 0;
     std::string text;
@@ -350,16 +350,16 @@ TEST_F(FrameworkTest, ReportsDatabasesThatCannotBeUsedAndMakesNone) {
 TEST_F(FrameworkTest, ReadsBothFormsOfDatesAndNothingElse) {
     Database database("");
     const Poco::DateTime date(2024, 2, 29, 23, 59, 58);
-    EXPECT_EQ("2024-02-29 23:59:58", database.convertToString(date));
-    EXPECT_EQ(date, database.convertToDateTime("2024-02-29 23:59:58"));
-    EXPECT_EQ(Poco::DateTime(2024, 2, 9), database.convertToDateTime("2/9/2024"));
+    EXPECT_EQ(database.convertToString(date), "2024-02-29 23:59:58");
+    EXPECT_EQ(database.convertToDateTime("2024-02-29 23:59:58"), date);
+    EXPECT_EQ(database.convertToDateTime("2/9/2024"), Poco::DateTime(2024, 2, 9));
     for (const char* text : {"", "2023-02-29 00:00:00", "13/1/2024", "1/2", "2/9/2024 ", "x", "2/-9/2024",
                              "2024-02-29", "00000002/9/2024", "2024-02-29 23:59:58.5"}) {
-        EXPECT_EQ(Poco::DateTime(1970, 1, 1), database.convertToDateTime(text)) << text;
+        EXPECT_EQ(database.convertToDateTime(text), Poco::DateTime(1970, 1, 1)) << text;
     }
-    EXPECT_EQ("Thu, 29 Feb 2024 11:59:58 PM", database.createFormattedDate(date));
+    EXPECT_EQ(database.createFormattedDate(date), "Thu, 29 Feb 2024 11:59:58 PM");
     params_->setCulture("ja_JP.UTF-8");
-    EXPECT_EQ("木, 29 2月 2024 11:59:58 午後", database.createFormattedDate(date));
+    EXPECT_EQ(database.createFormattedDate(date), "木, 29 2月 2024 11:59:58 午後");
 }
 
 TEST_F(FrameworkTest, RecordsTheFirstErrorAndTellsStopsApart) {
@@ -369,62 +369,62 @@ TEST_F(FrameworkTest, RecordsTheFirstErrorAndTellsStopsApart) {
         params_->getErrorDetails(code, text);
         return code;
     };
-    EXPECT_EQ(1, details());
-    EXPECT_EQ("", text);
+    EXPECT_EQ(details(), 1);
+    EXPECT_EQ(text, "");
     params_->setBackupState(true);
-    EXPECT_EQ(0, details());
+    EXPECT_EQ(details(), 0);
     EXPECT_TRUE(params_->isManuallyStopped());
 
     params_->setBackupState(false);
     ExceptionHandlerMac handler("Flickr");
     CSNetworkException network("status 500", 0);
     handler.handleException(network, "first attempt", 1);
-    EXPECT_EQ(1, details()) << "there is another attempt";
+    EXPECT_EQ(details(), 1) << "there is another attempt";
     handler.handleException(network, "last attempt", 2);
-    EXPECT_EQ(RunErrorNetwork, details());
+    EXPECT_EQ(details(), RunErrorNetwork);
     EXPECT_FALSE(params_->isBackupStopped());
     CSConfigException refused(0);
     handler.handleException(refused, "Invalid Auth Token", 0);
-    EXPECT_EQ(RunErrorNetwork, details()) << "the first one stays";
+    EXPECT_EQ(details(), RunErrorNetwork) << "the first one stays";
     EXPECT_TRUE(params_->isBackupStopped());
     EXPECT_FALSE(params_->isManuallyStopped());
     params_->setBackupState(true);
-    EXPECT_EQ(RunErrorNetwork, details()) << "also after a stop";
+    EXPECT_EQ(details(), RunErrorNetwork) << "also after a stop";
 
     params_->setBackupState(false);
     EXPECT_FALSE(params_->isBackupStopped());
-    EXPECT_EQ(1, details());
+    EXPECT_EQ(details(), 1);
     handler.handleException(refused, "auth_token=abc refused", 0);
-    EXPECT_EQ(RunErrorAuthorisation, details());
-    EXPECT_EQ("auth_token=*** refused", text);
+    EXPECT_EQ(details(), RunErrorAuthorisation);
+    EXPECT_EQ(text, "auth_token=*** refused");
     for (const char* attempts : {"-3", "", "many", "9999999999999"}) {
         params_->setRetryAttempts(attempts);
-        EXPECT_EQ(0, params_->getRetryAttempts()) << attempts;
+        EXPECT_EQ(params_->getRetryAttempts(), 0) << attempts;
     }
     params_->release();
-    EXPECT_EQ(1, details());
-    EXPECT_EQ("", params_->getPluginRoot());
+    EXPECT_EQ(details(), 1);
+    EXPECT_EQ(params_->getPluginRoot(), "");
 }
 
 TEST_F(FrameworkTest, ReadsKeywordsFromPairsAndFromCultures) {
     params_->setKeywords("ThumbnailKey=Klein/Bild||FlickrKey=||Nonsense||Sun=So||=x||Mon=a=b");
-    EXPECT_EQ("Klein_Bild", params_->getValue("ThumbnailKey"));
-    EXPECT_EQ("My Flickr Items", params_->getValue("FlickrKey")) << "the default for a missing word";
-    EXPECT_EQ("So", params_->getValue("Sun"));
-    EXPECT_EQ("a=b", params_->getValue("Mon"));
-    EXPECT_EQ("", params_->getValue("Unknown"));
+    EXPECT_EQ(params_->getValue("ThumbnailKey"), "Klein_Bild");
+    EXPECT_EQ(params_->getValue("FlickrKey"), "My Flickr Items") << "the default for a missing word";
+    EXPECT_EQ(params_->getValue("Sun"), "So");
+    EXPECT_EQ(params_->getValue("Mon"), "a=b");
+    EXPECT_EQ(params_->getValue("Unknown"), "");
     for (const std::string& culture : knownCultures()) {
         params_->setCulture(culture);
         const std::string folder = params_->getValue("FlickrKey");
-        EXPECT_EQ(folder, localisedServiceFolderName(culture));
-        EXPECT_EQ(folder, Utils().NormalizeString(folder));
+        EXPECT_EQ(localisedServiceFolderName(culture), folder);
+        EXPECT_EQ(Utils().NormalizeString(folder), folder);
         const std::string word = localisedKeyword(culture, kThumbnailKey);
         params_->setKeywords("FlickrKey=" + folder + "||ThumbnailKey=" + word + "||");
-        EXPECT_EQ(folder, params_->getValue("FlickrKey"));
-        EXPECT_EQ(word, params_->getValue("ThumbnailKey"));
+        EXPECT_EQ(params_->getValue("FlickrKey"), folder);
+        EXPECT_EQ(params_->getValue("ThumbnailKey"), word);
     }
-    EXPECT_EQ(localisedKeyword("de", "ThumbnailKey"), localisedKeyword("de-AT", "ThumbnailKey"));
-    EXPECT_EQ("Thumbnail", localisedKeyword("xx", "ThumbnailKey"));
+    EXPECT_EQ(localisedKeyword("de-AT", "ThumbnailKey"), localisedKeyword("de", "ThumbnailKey"));
+    EXPECT_EQ(localisedKeyword("xx", "ThumbnailKey"), "Thumbnail");
 }
 
 TEST_F(FrameworkTest, WritesOneLineForEachCallAndNoSecrets) {
@@ -452,11 +452,11 @@ TEST_F(FrameworkTest, WritesOneLineForEachCallAndNoSecrets) {
                         " FAIL core/x.cpp:12 evil\\nline\\r\\x1b[31m \\xff\\u{202e}\\u{2028}\\\\ *** *** *** "
                         "GET /?api_key=***&auth_token=***&api_sig=***& end"));
     }
-    EXPECT_EQ(kThreads * kLines, count);
+    EXPECT_EQ(count, kThreads * kLines);
 
     const auto before = fs::file_size(log);
     DevLogger::writeLog("gathered", LogLevelInformation, "x", 1);
-    EXPECT_EQ(before, fs::file_size(log));
+    EXPECT_EQ(fs::file_size(log), before);
     for (int i = 0; i < 500 && fs::file_size(log) == before; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
@@ -523,7 +523,7 @@ TEST_F(FrameworkTest, WritesOneLineForEachCallAndNoSecrets) {
     };
     fill();
     EXPECT_GT(fs::file_size(log), 10u << 20);
-    EXPECT_EQ(olderSize, fs::file_size(log + ".4.gz"));
+    EXPECT_EQ(fs::file_size(log + ".4.gz"), olderSize);
     fs::remove(foreign);
     fs::rename(log, log + ".elsewhere");
     fill();
@@ -541,25 +541,25 @@ TEST_F(FrameworkTest, AnswersFromTheConfigurationWithinTheBuffers) {
     PluginCore core(path, (folder_ / "log").string());
     std::string buffer(2049, '#');
     char error[2048] = "";
-    EXPECT_EQ(1, core.getName(buffer.data(), error));
-    EXPECT_STREQ("Flickr ${x}", buffer.c_str());
-    EXPECT_EQ(1, core.getValueString("plugin.CEK", buffer.data(), nullptr));
-    EXPECT_STREQ("", buffer.c_str());
-    EXPECT_EQ(1, core.getValueString("plugin.long", buffer.data(), error));
-    EXPECT_EQ(std::string(2046, 'x'), buffer.c_str()) << "cut between two characters";
-    EXPECT_EQ('#', buffer[2048]);
-    EXPECT_NE(1, core.getVersion(buffer.data(), nullptr));
-    EXPECT_NE(1, core.getVersion(buffer.data(), error));
+    EXPECT_EQ(core.getName(buffer.data(), error), 1);
+    EXPECT_STREQ(buffer.c_str(), "Flickr ${x}");
+    EXPECT_EQ(core.getValueString("plugin.CEK", buffer.data(), nullptr), 1);
+    EXPECT_STREQ(buffer.c_str(), "");
+    EXPECT_EQ(core.getValueString("plugin.long", buffer.data(), error), 1);
+    EXPECT_EQ(buffer.c_str(), std::string(2046, 'x')) << "cut between two characters";
+    EXPECT_EQ(buffer[2048], '#');
+    EXPECT_NE(core.getVersion(buffer.data(), nullptr), 1);
+    EXPECT_NE(core.getVersion(buffer.data(), error), 1);
     EXPECT_THAT(error, HasSubstr("plugin.version"));
-    EXPECT_EQ(1, core.getExceptionCode());
+    EXPECT_EQ(core.getExceptionCode(), 1);
     CSConfigException refused(0);
     core.handleException("Flickr", refused, "went wrong");
-    EXPECT_EQ(RunErrorAuthorisation, core.getExceptionCode());
-    EXPECT_EQ("went wrong", core.getExceptionDetails());
+    EXPECT_EQ(core.getExceptionCode(), RunErrorAuthorisation);
+    EXPECT_EQ(core.getExceptionDetails(), "went wrong");
 
     write(path, "<config><plugin>");
     PluginCore broken(path, "/nowhere/log");
-    EXPECT_NE(1, broken.getName(buffer.data(), error));
+    EXPECT_NE(broken.getName(buffer.data(), error), 1);
     EXPECT_THAT(error, HasSubstr(path));
 }
 
@@ -578,7 +578,7 @@ TEST_F(FrameworkTest, KnowsPicturesByTheirFirstBytes) {
     };
     for (const auto& [bytes, extension] : cases) {
         Poco::Buffer<char> buffer(bytes.data(), bytes.size());
-        EXPECT_EQ(extension, Utils().getImageExtension(buffer)) << bytes;
+        EXPECT_EQ(Utils().getImageExtension(buffer), extension) << bytes;
     }
 }
 
@@ -589,24 +589,24 @@ TEST_F(FrameworkTest, KeepsEverythingInsideTheServiceFolder) {
     fs::create_symlink(folder_ / "outside/file", device("filelink"));
     HostServiceClientMac client;
     client.createDirectory("Trip", command_, result_, error_);
-    ASSERT_EQ("SUC", result_) << error_;
+    ASSERT_EQ(result_, "SUC") << error_;
     for (const std::string path :
          {"/etc/passwd", "../outside/new", "Trip/../../outside/new", "Trip/./x", "Trip//x", "", "Trip/",
           "link/new", "filelink", ".records/x", ".RECORDS/x", ".versions/x", "Trip/.Versions", "Trip/.part-9",
           "Trip/.records/.folder.xml", ".."}) {
-        EXPECT_NE("SUC", store(client, path, "evil", "1")) << path;
-        EXPECT_NE("", error_);
+        EXPECT_NE(store(client, path, "evil", "1"), "SUC") << path;
+        EXPECT_NE(error_, "");
         client.createDirectory(path, command_, result_, error_);
-        EXPECT_NE("SUC", result_) << path;
+        EXPECT_NE(result_, "SUC") << path;
         client.deleteFile(path, command_, result_, error_);
-        EXPECT_NE("SUC", result_) << path;
+        EXPECT_NE(result_, "SUC") << path;
         client.renameDirectory("Trip", path, command_, result_, error_);
-        EXPECT_NE("SUC", result_) << path;
+        EXPECT_NE(result_, "SUC") << path;
     }
-    EXPECT_NE("SUC", store(client, std::string("Trip/a\0/b", 9), "evil", "1"));
-    EXPECT_NE("SUC", store(client, "Trip/" + std::string(256, 'x'), "evil", "1"));
-    EXPECT_EQ("precious", read(folder_ / "outside/file"));
-    EXPECT_EQ(1, std::distance(fs::directory_iterator(folder_ / "outside"), fs::directory_iterator()));
+    EXPECT_NE(store(client, std::string("Trip/a\0/b", 9), "evil", "1"), "SUC");
+    EXPECT_NE(store(client, "Trip/" + std::string(256, 'x'), "evil", "1"), "SUC");
+    EXPECT_EQ(read(folder_ / "outside/file"), "precious");
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder_ / "outside"), fs::directory_iterator()), 1);
     EXPECT_THAT(files(), ElementsAre("filelink"));
 }
 
@@ -651,17 +651,17 @@ TEST_F(FrameworkTest, WritesLargeFilesWholeOrSaysThatItCannot) {
     HostServiceClientMac client;
     ASSERT_TRUE(storeLarge(client, "large.mp4")) << error_;
     EXPECT_TRUE(read(device("large.mp4")) == data);
-    ASSERT_EQ("SUC", store(client, "at once.mp4", data));
+    ASSERT_EQ(store(client, "at once.mp4", data), "SUC");
     Ledger& ledger = runDeviceIfThere()->ledger();
-    EXPECT_EQ(data.size(), ledger.file("large.mp4")->size);
+    EXPECT_EQ(ledger.file("large.mp4")->size, data.size());
     EXPECT_EQ(ledger.file("at once.mp4")->checksum, ledger.file("large.mp4")->checksum);
 
     write(device("taken.mp4"), "mine");
     EXPECT_FALSE(storeLarge(client, "taken.mp4"));
     for (int i = 0; i < 20; ++i) client.writeFileV2(7, data.data(), 1 << 20, command_, result_, error_);
-    EXPECT_EQ("SUC", result_) << "a file that could not be closed is still open";
+    EXPECT_EQ(result_, "SUC") << "a file that could not be closed is still open";
     client.deleteFile(7, command_, result_, error_);
-    EXPECT_EQ("mine", read(device("taken.mp4")));
+    EXPECT_EQ(read(device("taken.mp4")), "mine");
     fs::remove(device("taken.mp4"));
 
     // Both before and behind the size from which on a thread writes, and in the last piece.
@@ -687,27 +687,27 @@ TEST_F(FrameworkTest, ShowsAFileUnderItsNameOnlyWhenItIsComplete) {
         HostServiceClientMac client;
         client.openFile("a.jpg", 999, command_, result_, error_);
         client.writeFileV2(999, data.data(), 4, command_, result_, error_);
-        EXPECT_EQ("SUC", result_) << error_;
+        EXPECT_EQ(result_, "SUC") << error_;
         EXPECT_FALSE(fs::exists(device("a.jpg")));
         HostServiceClientMac other;
         other.writeFileV2(999, data.data(), 4, command_, result_, error_);
-        EXPECT_NE("SUC", result_) << "handles belong to their client";
+        EXPECT_NE(result_, "SUC") << "handles belong to their client";
         client.openFile("b.jpg", 999, command_, result_, error_);
-        EXPECT_EQ("SUC", result_) << "the one before is discarded";
+        EXPECT_EQ(result_, "SUC") << "the one before is discarded";
     }
     EXPECT_THAT(files(), IsEmpty()) << "discarded with the client";
-    EXPECT_EQ(8, params_->getTotalSize() * 2);
-    EXPECT_EQ(0, params_->getTotalCount());
+    EXPECT_EQ(params_->getTotalSize() * 2, 8);
+    EXPECT_EQ(params_->getTotalCount(), 0);
 
     HostServiceClientMac client;
-    EXPECT_EQ("SUC", store(client, "a.jpg", "whole", "1"));
-    EXPECT_EQ(1, params_->getTotalCount());
+    EXPECT_EQ(store(client, "a.jpg", "whole", "1"), "SUC");
+    EXPECT_EQ(params_->getTotalCount(), 1);
     client.deleteFile(7, command_, result_, error_);
-    EXPECT_NE("SUC", result_) << "closed already";
-    EXPECT_EQ("SUC", store(client, "a.jpg", "newer", "1")) << "the same item's";
-    EXPECT_NE("SUC", store(client, "a.jpg", "other", "2"));
-    EXPECT_EQ("newer", read(device("a.jpg")));
-    EXPECT_EQ("1", descriptionField(read(device(".records/a.jpg.xml")), "ID"))
+    EXPECT_NE(result_, "SUC") << "closed already";
+    EXPECT_EQ(store(client, "a.jpg", "newer", "1"), "SUC") << "the same item's";
+    EXPECT_NE(store(client, "a.jpg", "other", "2"), "SUC");
+    EXPECT_EQ(read(device("a.jpg")), "newer");
+    EXPECT_EQ(descriptionField(read(device(".records/a.jpg.xml")), "ID"), "1")
         << "the refused one left no record";
     EXPECT_THAT(files(), ElementsAre(".records/a.jpg.xml", "a.jpg"));
 
@@ -718,13 +718,13 @@ TEST_F(FrameworkTest, ShowsAFileUnderItsNameOnlyWhenItIsComplete) {
         client.openFile(name, 7, command_, result_, error_);
         client.writeFileV2(7, data.data(), 4, command_, result_, error_);
         client.closeFile(7, nullptr, 0, command_, result_, error_);
-        EXPECT_EQ("SUC", result_) << error_;
+        EXPECT_EQ(result_, "SUC") << error_;
         EXPECT_FALSE(fs::exists(device(name)));
-        EXPECT_EQ(name + " (2)", database.generateFileName(name, "", kNoSetId, "3")) << "the name is taken";
+        EXPECT_EQ(database.generateFileName(name, "", kNoSetId, "3"), name + " (2)") << "the name is taken";
         if (name == "given up") client.deleteFile(name, command_, result_, error_);
         if (name == "recorded") database.item("1", kNoSetId, name, "");
         if (name == "renamed") client.renameFile(name, "other name", command_, result_, error_);
-        EXPECT_EQ("SUC", result_) << error_;
+        EXPECT_EQ(result_, "SUC") << error_;
     }
     EXPECT_THAT(files(), ElementsAre(".records/a.jpg.xml", "a.jpg", "other name", "recorded"));
 }
@@ -735,19 +735,19 @@ TEST_F(FrameworkTest, LeavesForeignFilesAlone) {
     HostServiceClientMac client;
     client.createDirectory("Trip", command_, result_, error_);
     client.createDirectory("Trip", command_, result_, error_);
-    EXPECT_EQ("SUC", result_) << "once more is no failure";
+    EXPECT_EQ(result_, "SUC") << "once more is no failure";
     fs::create_directory(device("Mine"));
     for (const char* path : {"Trip/mine.jpg", "Trip/a_Old.jpg", "Mine/x"}) write(device(path), "mine");
 
-    EXPECT_EQ("mine (2).jpg", database.generateFileName("mine.jpg", "Trip", "72", "1"));
-    EXPECT_EQ("Mine (2)", database.generateFolderName("Mine", "72"));
-    EXPECT_EQ("Trip", database.generateFolderName("Trip", "72")) << "made by a run that was cut off";
-    EXPECT_NE("SUC", store(client, "Trip/mine.jpg", "evil", "1"));
-    ASSERT_EQ("SUC", store(client, "Trip/a.jpg", "ours", "1"));
+    EXPECT_EQ(database.generateFileName("mine.jpg", "Trip", "72", "1"), "mine (2).jpg");
+    EXPECT_EQ(database.generateFolderName("Mine", "72"), "Mine (2)");
+    EXPECT_EQ(database.generateFolderName("Trip", "72"), "Trip") << "made by a run that was cut off";
+    EXPECT_NE(store(client, "Trip/mine.jpg", "evil", "1"), "SUC");
+    ASSERT_EQ(store(client, "Trip/a.jpg", "ours", "1"), "SUC");
     const auto refused = [&](auto operation) {
         operation();
-        EXPECT_NE("SUC", result_);
-        EXPECT_NE("", error_);
+        EXPECT_NE(result_, "SUC");
+        EXPECT_NE(error_, "");
     };
     refused([&] { client.renameFile("Trip/a.jpg", "Trip/a_Old.jpg", command_, result_, error_); });
     refused([&] { client.renameFile("Trip/mine.jpg", "Trip/b.jpg", command_, result_, error_); });
@@ -757,20 +757,20 @@ TEST_F(FrameworkTest, LeavesForeignFilesAlone) {
     refused([&] { client.renameDirectory("None", "New", command_, result_, error_); });
     refused([&] { client.deleteDirectory("Trip", command_, result_, error_); });
     refused([&] { client.createDirectory("Trip/mine.jpg", command_, result_, error_); });
-    EXPECT_EQ("a.jpg", database.generateFileName("a.jpg", "Trip", "72", "1")) << "its own leftover";
-    EXPECT_EQ("a (2).jpg", database.generateFileName("a.jpg", "Trip", "72", "2"));
-    EXPECT_EQ("ours", read(device("Trip/a.jpg")));
-    EXPECT_EQ("mine", read(device("Trip/a_Old.jpg")));
+    EXPECT_EQ(database.generateFileName("a.jpg", "Trip", "72", "1"), "a.jpg") << "its own leftover";
+    EXPECT_EQ(database.generateFileName("a.jpg", "Trip", "72", "2"), "a (2).jpg");
+    EXPECT_EQ(read(device("Trip/a.jpg")), "ours");
+    EXPECT_EQ(read(device("Trip/a_Old.jpg")), "mine");
 
     client.renameDirectory("Trip", "Voyage", command_, result_, error_);
-    EXPECT_EQ("SUC", result_) << error_;
-    EXPECT_EQ("a.jpg", descriptionField(read(device("Voyage/.records/a.jpg.xml")), "PhysicalFileName"));
+    EXPECT_EQ(result_, "SUC") << error_;
+    EXPECT_EQ(descriptionField(read(device("Voyage/.records/a.jpg.xml")), "PhysicalFileName"), "a.jpg");
     client.deleteFile("Voyage/a.jpg", command_, result_, error_);
-    EXPECT_EQ("SUC", result_) << error_;
+    EXPECT_EQ(result_, "SUC") << error_;
     EXPECT_FALSE(fs::exists(device("Voyage/.records/a.jpg.xml")));
     client.createDirectory("Empty", command_, result_, error_);
     client.deleteDirectory("Empty", command_, result_, error_);
-    EXPECT_EQ("SUC", result_) << error_;
+    EXPECT_EQ(result_, "SUC") << error_;
 }
 
 TEST_F(FrameworkTest, KeepsFolderRecordsThatSayMore) {
@@ -787,21 +787,21 @@ TEST_F(FrameworkTest, KeepsFolderRecordsThatSayMore) {
         flickr_standin::closeRunDevice();
         return read(device("Trip & more/.records/.folder.xml"));
     };
-    EXPECT_EQ("", descriptionField(place(""), "LatestUpdatedDate")) << "no trace of the moment of the run";
-    EXPECT_EQ("<a>\"\r.jpg", descriptionField(place("<a>\"\r.jpg"), "LatestUpdatedItem"));
-    EXPECT_EQ("<a>\"\r.jpg", descriptionField(place(""), "LatestUpdatedItem"));
+    EXPECT_EQ(descriptionField(place(""), "LatestUpdatedDate"), "") << "no trace of the moment of the run";
+    EXPECT_EQ(descriptionField(place("<a>\"\r.jpg"), "LatestUpdatedItem"), "<a>\"\r.jpg");
+    EXPECT_EQ(descriptionField(place(""), "LatestUpdatedItem"), "<a>\"\r.jpg");
     // The cover's row may name the format that it had before; and a set without items is known by its title,
     // which another set's folder may have.
     client.createDirectory("Trip & more/Thumbnail", command_, result_, error_);
-    ASSERT_EQ("SUC", store(client, "Trip & more/Thumbnail/a_1_72.png", "thumb"));
+    ASSERT_EQ(store(client, "Trip & more/Thumbnail/a_1_72.png", "thumb"), "SUC");
     record.setCoverImage("Trip & more/Thumbnail/a_1_72.jpg");
     record.setTotalItems("7");
     const std::string written = place("");
-    EXPECT_EQ("Trip & more/Thumbnail/a_1_72.png", descriptionField(written, "CoverImage"));
-    EXPECT_EQ("7", descriptionField(written, "TotalItems")) << "only the latest item stays";
-    EXPECT_EQ("<a>\"\r.jpg", descriptionField(written, "LatestUpdatedItem"));
+    EXPECT_EQ(descriptionField(written, "CoverImage"), "Trip & more/Thumbnail/a_1_72.png");
+    EXPECT_EQ(descriptionField(written, "TotalItems"), "7") << "only the latest item stays";
+    EXPECT_EQ(descriptionField(written, "LatestUpdatedItem"), "<a>\"\r.jpg");
     record.setID("73");
-    EXPECT_EQ(written, place("b.jpg"));
+    EXPECT_EQ(place("b.jpg"), written);
     record.setPhysicalFileName("Never made");
     place("x");
     EXPECT_FALSE(fs::exists(device("Never made")));
@@ -823,18 +823,18 @@ TEST_F(FrameworkTest, WritesAFoldersRecordOnceForAllItsItems) {
     RunJournal::instance().begin();
     for (const char* folder : {"Trip", "Home"}) client.createDirectory(folder, command_, result_, error_);
     describe("Trip", "1.jpg");
-    EXPECT_EQ("1.jpg", latest("Trip")) << "a folder without one gets it at once";
+    EXPECT_EQ(latest("Trip"), "1.jpg") << "a folder without one gets it at once";
     describe("Trip", "2.jpg");
     describe("Trip", "");
-    EXPECT_EQ("1.jpg", latest("Trip"));
+    EXPECT_EQ(latest("Trip"), "1.jpg");
     describe("Home", "1.jpg");
-    EXPECT_EQ("2.jpg", latest("Trip")) << "behind another folder's";
+    EXPECT_EQ(latest("Trip"), "2.jpg") << "behind another folder's";
     describe("Home", "2.jpg");
     client.renameDirectory("Home", "House", command_, result_, error_);
-    EXPECT_EQ("2.jpg", latest("House")) << "before its folder has another name";
+    EXPECT_EQ(latest("House"), "2.jpg") << "before its folder has another name";
     describe("Trip", "3.jpg");
     flickr_standin::closeRunDevice();
-    EXPECT_EQ("3.jpg", latest("Trip")) << "at the end";
+    EXPECT_EQ(latest("Trip"), "3.jpg") << "at the end";
     EXPECT_THAT(RunJournal::instance().summary().failures, IsEmpty());
 
     describe("Trip", "4.jpg");
@@ -849,7 +849,7 @@ TEST_F(FrameworkTest, WritesAFoldersRecordOnceForAllItsItems) {
 TEST_F(FrameworkTest, FlushesManyFoldersRecordsWithFewFilesOpen) {
     auto client = std::make_unique<HostServiceClientMac>();
     client->createDirectory("Thumbnail", command_, result_, error_);
-    ASSERT_EQ("SUC", store(*client, "one.jpg", "content", "1"));
+    ASSERT_EQ(store(*client, "one.jpg", "content", "1"), "SUC");
     for (int number = 0; number < 60; ++number) {
         const std::string folder = "Set " + std::to_string(number);
         client->createDirectory(folder, command_, result_, error_);
@@ -861,12 +861,12 @@ TEST_F(FrameworkTest, FlushesManyFoldersRecordsWithFewFilesOpen) {
     }
     client.reset();
     rlimit before = {};
-    ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before));
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
     const auto open = std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
     const rlimit few = {static_cast<rlim_t>(open) + 40, before.rlim_max};
-    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &few));
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
     flickr_standin::closeRunDevice();
-    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &before));
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
     EXPECT_FALSE(Ledger(device(".records/.ledger.db").string()).mayLackRows()) << "all of it was flushed";
 }
 
@@ -878,15 +878,15 @@ TEST_F(FrameworkTest, ChecksTheLibrary) {
     client.createDirectory("Trip", command_, result_, error_);
     client.createDirectory("Trip/Thumbnail", command_, result_, error_);
     for (const std::string id : {"1", "2", "3"}) {
-        ASSERT_EQ("SUC", store(client, "Trip/" + id + ".jpg", "content", id));
-        ASSERT_EQ("SUC", store(client, "Trip/Thumbnail/" + id + "_" + id + ".png", "thumb"));
+        ASSERT_EQ(store(client, "Trip/" + id + ".jpg", "content", id), "SUC");
+        ASSERT_EQ(store(client, "Trip/Thumbnail/" + id + "_" + id + ".png", "thumb"), "SUC");
         database.item(id, "72", id + ".jpg", "Trip");  // the rows say "jpg"
     }
     BackupReport report = verifyBackup(open, device("").string(), "Thumbnail");
     EXPECT_TRUE(report.agrees());
-    EXPECT_EQ(6, report.files);
-    EXPECT_EQ(0, report.withoutChecksum);
-    EXPECT_EQ(36u, report.folderBytes["Trip"]);
+    EXPECT_EQ(report.files, 6);
+    EXPECT_EQ(report.withoutChecksum, 0);
+    EXPECT_EQ(report.folderBytes["Trip"], 36u);
 
     write(device("Trip/1.jpg"), "c0ntent");
     write(device("Trip/2.jpg"), "short");
@@ -909,13 +909,13 @@ TEST_F(FrameworkTest, TakesInTheFilesOfALostLedger) {
     write(device("Trip/a.jpg"), "old");
     write(device("Trip/Miniaturbild/a_1.jpg"), "old");
     write(device("Trip/foreign.jpg"), "mine");
-    EXPECT_EQ(2, recoverBackup(open, device("").string(), "Thumbnail").adopted);
-    EXPECT_EQ(2, verifyBackup(open, device("").string(), "Thumbnail").withoutChecksum);
+    EXPECT_EQ(recoverBackup(open, device("").string(), "Thumbnail").adopted, 2);
+    EXPECT_EQ(verifyBackup(open, device("").string(), "Thumbnail").withoutChecksum, 2);
     HostServiceClientMac client;
     client.renameFile("Trip/a.jpg", "Trip/a_Old.jpg", command_, result_, error_);
-    EXPECT_EQ("SUC", result_) << error_;
+    EXPECT_EQ(result_, "SUC") << error_;
     client.deleteFile("Trip/foreign.jpg", command_, result_, error_);
-    EXPECT_NE("SUC", result_);
+    EXPECT_NE(result_, "SUC");
 }
 
 TEST_F(FrameworkTest, LetsOneRunAtATimeUseADevice) {
@@ -930,13 +930,13 @@ TEST_F(FrameworkTest, LetsOneRunAtATimeUseADevice) {
     };
     EXPECT_THAT(refusal(), HasSubstr("Another backup"));
     first.reset();
-    EXPECT_EQ("", refusal());
+    EXPECT_EQ(refusal(), "");
     if (::fork() == 0) {
         new DeviceLock(folder_.string());
         ::kill(::getpid(), SIGKILL);
     }
     ::wait(nullptr);
-    EXPECT_EQ("", refusal()) << "the holder was killed";
+    EXPECT_EQ(refusal(), "") << "the holder was killed";
     EXPECT_THROW(DeviceLock((folder_ / "none").string()), Poco::Exception);
 
     // Readers keep a run waiting, and a run keeps readers off.
@@ -1000,7 +1000,7 @@ TEST_F(FrameworkTest, TellsWhatBecameOfEachItem) {
     begin("1", "good.jpg");
     store(client, "good.jpg", "x", "1");
     store(client, "Thumbnail/good_1.jpg", "x");
-    EXPECT_EQ(1, record("1", Poco::DateTime(2021, 1, 1)));
+    EXPECT_EQ(record("1", Poco::DateTime(2021, 1, 1)), 1);
     end("good.jpg");
     begin("2", "edited.jpg");
     store(client, "edited.jpg", "x", "2");
@@ -1043,15 +1043,15 @@ TEST_F(FrameworkTest, TellsWhatBecameOfEachItem) {
     end("cut.jpg");
 
     const RunSummary summary = journal.summary();
-    EXPECT_EQ(1, summary.newItems);
-    EXPECT_EQ(1, summary.editedItems);
-    EXPECT_EQ(1, summary.unchangedItems);
-    EXPECT_EQ(1, summary.interruptedItems);
-    EXPECT_EQ(2, summary.untriedItems) << "of 9";
-    EXPECT_EQ(1, summary.untriedSets) << "of 2";
+    EXPECT_EQ(summary.newItems, 1);
+    EXPECT_EQ(summary.editedItems, 1);
+    EXPECT_EQ(summary.unchangedItems, 1);
+    EXPECT_EQ(summary.interruptedItems, 1);
+    EXPECT_EQ(summary.untriedItems, 2) << "of 9";
+    EXPECT_EQ(summary.untriedSets, 1) << "of 2";
     std::vector<std::string> failures;
     for (const Failure& failure : summary.failures) {
-        EXPECT_EQ("Trip", failure.set);
+        EXPECT_EQ(failure.set, "Trip");
         failures.push_back(failure.id + " " + failure.name + ": " + failure.reason);
     }
     EXPECT_THAT(
@@ -1074,9 +1074,9 @@ TEST_F(FrameworkTest, TellsWhatBecameOfEachItem) {
     handler.handleException(network, "Exception occurred in DownloadPhotoListActivity::getPhotoList(): 500",
                             2);
     log(kListEnds.with("0"));
-    ASSERT_EQ(2u, journal.summary().failures.size());
+    ASSERT_EQ(journal.summary().failures.size(), 2u);
     EXPECT_THAT(journal.summary().failures[0].reason, HasSubstr("attempts is 0"));
-    EXPECT_EQ("Home", journal.summary().failures[1].set);
+    EXPECT_EQ(journal.summary().failures[1].set, "Home");
     EXPECT_THAT(journal.summary().failures[1].reason, HasSubstr("500"));
 }
 

@@ -146,14 +146,14 @@ TEST(ImageShapeTest, ReadsTheHeadersOfFourFormats) {
     };
     using namespace std::string_literals;
     const std::string jpeg = *drawPicture(1, 100, 67), rest(20, '\0');
-    EXPECT_EQ("100x67", shape(jpeg));
-    EXPECT_EQ("0x0", shape(jpeg.substr(0, 40)));
-    EXPECT_EQ("300x200", shape("\x89PNG\r\n\x1a\n\0\0\0\rIHDR\0\0\x01\x2c\0\0\0\xc8"s + rest));
-    EXPECT_EQ("300x200", shape("GIF89a\x2c\x01\xc8\0"s + rest));
-    EXPECT_EQ("300x200", shape("RIFF....WEBPVP8 ....\0\0\0\x9d\x01\x2a\x2c\x01\xc8\0"s + rest));
-    EXPECT_EQ("300x200", shape("RIFF....WEBPVP8L....\x2f\x2b\xc1\x31\0"s + rest));
-    EXPECT_EQ("300x200", shape("RIFF....WEBPVP8X....\0\0\0\0\x2b\x01\0\xc7\0\0"s + rest));
-    EXPECT_EQ("0x0", shape("no picture"));
+    EXPECT_EQ(shape(jpeg), "100x67");
+    EXPECT_EQ(shape(jpeg.substr(0, 40)), "0x0");
+    EXPECT_EQ(shape("\x89PNG\r\n\x1a\n\0\0\0\rIHDR\0\0\x01\x2c\0\0\0\xc8"s + rest), "300x200");
+    EXPECT_EQ(shape("GIF89a\x2c\x01\xc8\0"s + rest), "300x200");
+    EXPECT_EQ(shape("RIFF....WEBPVP8 ....\0\0\0\x9d\x01\x2a\x2c\x01\xc8\0"s + rest), "300x200");
+    EXPECT_EQ(shape("RIFF....WEBPVP8L....\x2f\x2b\xc1\x31\0"s + rest), "300x200");
+    EXPECT_EQ(shape("RIFF....WEBPVP8X....\0\0\0\0\x2b\x01\0\xc7\0\0"s + rest), "300x200");
+    EXPECT_EQ(shape("no picture"), "0x0");
 }
 
 TEST_F(GalleryTest, ShowsWhatTheBackupHoldsAndTextsAsText) {
@@ -174,29 +174,29 @@ TEST_F(GalleryTest, ShowsWhatTheBackupHoldsAndTextsAsText) {
     rows("UPDATE backupmetadata SET ItemName = '" + quoted + "' WHERE OriginalItemId IN ('" + id + "', '" +
          trip + "')");
     const GalleryReport report = writeGallery(service_, "Thumbnail", database_.get());
-    EXPECT_EQ(3, report.items);
-    EXPECT_EQ(1, report.sets);
-    EXPECT_EQ(service_ + "/index.html", report.page);
+    EXPECT_EQ(report.items, 3);
+    EXPECT_EQ(report.sets, 1);
+    EXPECT_EQ(report.page, service_ + "/index.html");
 
     const Rows shown = sets();
     ASSERT_THAT(shown, SizeIs(2));
-    EXPECT_EQ(hostile, shown[0]->getElement<std::string>(2));
+    EXPECT_EQ(shown[0]->getElement<std::string>(2), hostile);
     EXPECT_TRUE(fs::exists(service_ + "/" + shown[0]->getElement<std::string>(4))) << "the cover";
     EXPECT_TRUE(fs::exists(service_ + "/" + shown[0]->getElement<std::string>(5))) << "its picture";
     const Rows listed = items(shown[0]);
     ASSERT_THAT(listed, SizeIs(2));
     const auto item = listed[0];
-    EXPECT_EQ(id + "_" + trip, item->getElement<std::string>(0));
-    EXPECT_EQ("2017-07-13 14:40:00", item->getElement<std::string>(2));
-    EXPECT_LT(0, item->getElement<int>(3));
-    EXPECT_EQ(hostile, title(item));
+    EXPECT_EQ(item->getElement<std::string>(0), id + "_" + trip);
+    EXPECT_EQ(item->getElement<std::string>(2), "2017-07-13 14:40:00");
+    EXPECT_GT(item->getElement<int>(3), 0);
+    EXPECT_EQ(title(item), hostile);
     EXPECT_THAT(read(shown[0]->getElement<std::string>(3) + "/" + item->getElement<std::string>(6)),
                 Not(IsEmpty()));
-    EXPECT_EQ("2023-11-14 22:13:20", item->getElement<std::string>(8));
-    EXPECT_EQ(sea.description, item->getElement<std::string>(11));
-    ASSERT_EQ(3u, item->getArray(12)->size());
-    EXPECT_EQ(sea.tags[1], item->getArray(12)->getElement<std::string>(1));
-    EXPECT_EQ(1, listed[1]->getElement<int>(10));
+    EXPECT_EQ(item->getElement<std::string>(8), "2023-11-14 22:13:20");
+    EXPECT_EQ(item->getElement<std::string>(11), sea.description);
+    ASSERT_EQ(item->getArray(12)->size(), 3u);
+    EXPECT_EQ(item->getArray(12)->getElement<std::string>(1), sea.tags[1]);
+    EXPECT_EQ(listed[1]->getElement<int>(10), 1);
     std::map<std::string, std::pair<std::string, std::string>> searched;
     for (const auto& [name, inode] : files()) {
         if (name.rfind("search-", 0) != 0) continue;
@@ -207,11 +207,11 @@ TEST_F(GalleryTest, ShowsWhatTheBackupHoldsAndTextsAsText) {
     }
     EXPECT_THAT(searched, SizeIs(2)) << "the chunks of both sets";
     const auto& [photos, texts] = searched[shown[0]->getArray(7)->getArray(0)->getElement<std::string>(0)];
-    EXPECT_EQ(id + " " + film, photos);
+    EXPECT_EQ(photos, id + " " + film);
     EXPECT_EQ(
+        texts,
         "</script><img src=x onerror=alert(1)>\"'\\ \u202e&amp;]]> sea.jpg 2017-07-13 javascript:alert(1) "
-        "</script><b> 海\nfilm.mp4 2023-11-14",
-        texts)
+        "</script><b> 海\nfilm.mp4 2023-11-14")
         << "each word once";
 
     EXPECT_TRUE(flickr_standin::compareBackup(*database_, service_, "Thumbnail").agrees());
@@ -224,7 +224,7 @@ TEST_F(GalleryTest, ShowsWhatTheBackupHoldsAndTextsAsText) {
     const std::string whole = contents();
     fs::remove_all(service_ + "/index-data");
     writeGallery(service_, "Thumbnail", nullptr);
-    EXPECT_EQ(whole, contents());
+    EXPECT_EQ(contents(), whole);
 }
 
 TEST_F(GalleryTest, WritesWhatChangedAndNothingElse) {
@@ -232,42 +232,42 @@ TEST_F(GalleryTest, WritesWhatChangedAndNothingElse) {
     for (int i = 0; i < 5; ++i) account_.addItem(trip, photo("Item " + std::to_string(i)));
     account_.addItem(other, photo("Quiet"));
     serve();
-    EXPECT_EQ(8, update().written);
+    EXPECT_EQ(update().written, 8);
     const auto before = files();
-    EXPECT_EQ(0, update().written);
-    EXPECT_EQ(0, writeGallery(service_, "Thumbnail", database_.get(), Reading::Everything).written);
-    EXPECT_EQ(before, files());
+    EXPECT_EQ(update().written, 0);
+    EXPECT_EQ(writeGallery(service_, "Thumbnail", database_.get(), Reading::Everything).written, 0);
+    EXPECT_EQ(files(), before);
 
     // An unchanged item's thumbnail is not read again: it could not be.
     const std::string kept = items(sets()[1])[4]->getElement<std::string>(7);
     fs::remove(service_ + "/Trip/" + kept);
     account_.retitle(account_.items(trip)[0]->id, "New title", 1800000000);
-    EXPECT_EQ(4, update().written) << "one chunk, what is searched, the sets, the page";
-    EXPECT_EQ("New title", title(items(sets()[1])[0]));
-    EXPECT_EQ(kept, items(sets()[1])[4]->getElement<std::string>(7));
+    EXPECT_EQ(update().written, 4) << "one chunk, what is searched, the sets, the page";
+    EXPECT_EQ(title(items(sets()[1])[0]), "New title");
+    EXPECT_EQ(items(sets()[1])[4]->getElement<std::string>(7), kept);
     auto after = files();
-    EXPECT_EQ(before.size(), after.size()) << "what is not shown any more is gone";
+    EXPECT_EQ(after.size(), before.size()) << "what is not shown any more is gone";
     for (const auto& [name, inode] : after) {
         const auto was = before.find(name);
         if (was == before.end() || name == "index.html") continue;
-        EXPECT_EQ(was->second, inode) << name;
+        EXPECT_EQ(inode, was->second) << name;
     }
     account_.renameSet(trip, "Voyage");
     update();
-    EXPECT_EQ("Voyage", sets()[1]->getElement<std::string>(3));
+    EXPECT_EQ(sets()[1]->getElement<std::string>(3), "Voyage");
 
     const std::string old = read("Voyage/Item 1.jpg");
     account_.edit(account_.items(trip)[1]->id, Content::bytes("edited"), 1800000000);
     update();
     const auto shown = items(sets()[1]);
-    ASSERT_EQ(14u, shown[1]->size());
-    EXPECT_EQ(old, read("Voyage/" + shown[1]->getArray(13)->getElement<std::string>(0)));
-    EXPECT_EQ(13u, shown[2]->size()) << "no older versions";
+    ASSERT_EQ(shown[1]->size(), 14u);
+    EXPECT_EQ(read("Voyage/" + shown[1]->getArray(13)->getElement<std::string>(0)), old);
+    EXPECT_EQ(shown[2]->size(), 13u) << "no older versions";
     for (const auto& version : fs::directory_iterator(service_ + "/Voyage/.versions")) {
         if (version.is_regular_file()) fs::remove(version);
     }
     writeGallery(service_, "Thumbnail", database_.get());
-    EXPECT_EQ(13u, items(sets()[1])[1]->size());
+    EXPECT_EQ(items(sets()[1])[1]->size(), 13u);
 }
 
 TEST_F(GalleryTest, HasEachChunkInOneOfSeveralSearchFilesAndWritesOnlyThatAnew) {
@@ -279,7 +279,7 @@ TEST_F(GalleryTest, HasEachChunkInOneOfSeveralSearchFilesAndWritesOnlyThatAnew) 
         "INSERT INTO backupmetadata SELECT '7' || i || '_' || ItemId, i || '.jpg', ItemName, i || '.jpg', "
         "DerivedItemName, '7' || i, ItemId, CreatedOn, ItemUpdatedOn, 'FlickrPhoto', 'jpg', '', '', '', "
         "ItemId, i FROM backupmetadata, n WHERE ItemType = 'FlickrFolder' AND ItemId <> 'Anonymous'");
-    EXPECT_EQ(4808, writeGallery(service_, "Thumbnail", database_.get()).items);
+    EXPECT_EQ(writeGallery(service_, "Thumbnail", database_.get()).items, 4808);
     const auto searched = [this] {
         std::map<std::string, std::multiset<std::string>> chunks;  // by file
         for (const auto& [name, inode] : files()) {
@@ -298,11 +298,11 @@ TEST_F(GalleryTest, HasEachChunkInOneOfSeveralSearchFilesAndWritesOnlyThatAnew) 
             expected.insert(chunks->getArray(i)->getElement<std::string>(0));
         }
     }
-    EXPECT_EQ(expected, all);
+    EXPECT_EQ(all, expected);
     rows(
         "UPDATE backupmetadata SET ItemName = 'new.jpg' WHERE ItemId LIKE '71000_%' AND ItemContainerName = "
         "'Set 3'");
-    EXPECT_EQ(4, writeGallery(service_, "Thumbnail", database_.get()).written);
+    EXPECT_EQ(writeGallery(service_, "Thumbnail", database_.get()).written, 4);
     std::map<std::string, std::multiset<std::string>> both;
     for (const auto& [file, chunks] : searched()) {
         if (before.count(file)) both[file] = chunks;
@@ -334,9 +334,9 @@ TEST_F(GalleryTest, IsTheOldOneOrTheNewOneAfterAKillAtAnyMoment) {
         (shown == "Before" ? old : fresh) += 1;
         EXPECT_TRUE(flickr_standin::compareBackup(*database_, service_, "Thumbnail").agrees()) << steps;
     }
-    EXPECT_EQ(0, status);
-    EXPECT_LE(3, old);
-    EXPECT_LE(1, fresh);
+    EXPECT_EQ(status, 0);
+    EXPECT_GE(old, 3);
+    EXPECT_GE(fresh, 1);
     for (const auto& [name, inode] : files()) EXPECT_THAT(name, Not(testing::StartsWith(".part")));
 }
 
@@ -349,5 +349,5 @@ TEST_F(GalleryTest, LeavesAPageOfSomebodyElseAndItsNamesToNobody) {
     EXPECT_TRUE(fs::is_directory(service_ + "/Index-Data_"));
     std::ofstream(service_ + "/index.html") << "mine";
     EXPECT_THROW(writeGallery(service_, "Thumbnail", database_.get()), Poco::FileExistsException);
-    EXPECT_EQ("mine", read("index.html"));
+    EXPECT_EQ(read("index.html"), "mine");
 }

@@ -338,7 +338,7 @@ protected:
         folder_ = ::mkdtemp(pattern.data());
     }
     ~RecoveryTest() override {
-        EXPECT_EQ(0, told.writtenTooEarly) << "the ledger speaks of names that the disk does not know";
+        EXPECT_EQ(told.writtenTooEarly, 0) << "the ledger speaks of names that the disk does not know";
         told.writtenTooEarly = 0;
         params_->release();
         fs::remove_all(folder_);
@@ -459,7 +459,7 @@ protected:
             kept.insert(content);
             std::ifstream text(path.parent_path() / ".records" / (path.filename().string() + ".xml"));
             const std::string description{std::istreambuf_iterator<char>(text), {}};
-            EXPECT_EQ(content.substr(0, content.find(' ')), descriptionField(description, "ID")) << moment;
+            EXPECT_EQ(descriptionField(description, "ID"), content.substr(0, content.find(' '))) << moment;
             std::string date = descriptionField(description, "DateUpdated");
             date = date.substr(0, 10) + " " + date.substr(11, 8);  // without "T" and "Z"
             EXPECT_NE(content.find(date), std::string::npos) << moment << date;
@@ -470,14 +470,14 @@ protected:
         for (const Set& set : after) {
             for (const Item& item : set.items) expected.erase(contentOf(item));
         }
-        for (const std::string& content : expected) EXPECT_EQ(1u, kept.count(content)) << moment << content;
+        for (const std::string& content : expected) EXPECT_EQ(kept.count(content), 1u) << moment << content;
     }
 
     /// Compares what is on the device; names what differs.
     static void expectEqual(std::map<std::string, std::string> expected,
                             std::map<std::string, std::string> found, const std::string& moment) {
         for (const auto& [name, content] : expected) {
-            EXPECT_EQ(content, found[name]) << moment << name;
+            EXPECT_EQ(found[name], content) << moment << name;
             found.erase(name);
         }
         for (const auto& [name, content] : found) ADD_FAILURE() << moment << "left over: " << name;
@@ -486,18 +486,18 @@ protected:
     /// The database is sound, and every file that it names is there, whole, as some version of its item.
     void expectSound(const std::string& moment) {
         BackupDatabase database(databasePath());
-        EXPECT_EQ("", database.integrityProblem()) << moment;
+        EXPECT_EQ(database.integrityProblem(), "") << moment;
         recoverBackup(database, service(), "Thumbnail");
         const BackupReport report = verifyBackup(database, service(), "Thumbnail");
         EXPECT_TRUE(report.agrees()) << moment << testing::PrintToString(report.missing) << " "
                                      << testing::PrintToString(report.altered) << " "
                                      << testing::PrintToString(report.unrecorded);
-        EXPECT_EQ(0, report.withoutChecksum) << moment;
+        EXPECT_EQ(report.withoutChecksum, 0) << moment;
         database.forEachItem([&](const ItemRow& row) {
             std::ifstream file(fs::path(service()) / row.mediaPath, std::ios::binary);
             const std::string content{std::istreambuf_iterator<char>(file), {}};
-            EXPECT_EQ(contentOf({row.id, "", ""}), content.substr(0, 30)) << moment;
-            EXPECT_EQ(49u, content.size()) << moment << row.mediaPath;
+            EXPECT_EQ(content.substr(0, 30), contentOf({row.id, "", ""})) << moment;
+            EXPECT_EQ(content.size(), 49u) << moment << row.mediaPath;
         });
     }
 
@@ -518,7 +518,7 @@ protected:
                 std::ifstream file(fs::path(service()) / row->mediaPath, std::ios::binary);
                 const std::string content{std::istreambuf_iterator<char>(file), {}};
                 const std::size_t size = thisVersion ? std::string::npos : 30;
-                EXPECT_EQ(contentOf(item).substr(0, size), content.substr(0, size))
+                EXPECT_EQ(content.substr(0, size), contentOf(item).substr(0, size))
                     << moment << row->mediaPath;
             }
         }
@@ -671,7 +671,7 @@ TEST_F(RecoveryTest, ARestoreThatIsKilledOrFailsLosesNeitherVersion) {
         BackupDatabase database(databasePath());
         withDevice(service(), "Thumbnail", [&](Device& device) {
             const std::vector<Version> versions = versionsOn(device);
-            ASSERT_EQ(3u, versions.size());
+            ASSERT_EQ(versions.size(), 3u);
             callsLeft = calls;
             try {
                 restoreVersion(database, device, versions[1].path);
@@ -706,7 +706,7 @@ TEST_F(RecoveryTest, ARestoreThatIsKilledOrFailsLosesNeitherVersion) {
             }
             for (const Account& account : {kBefore, changed("c")}) {
                 for (const Item& item : account[0].items)
-                    EXPECT_EQ(1u, held.count(contentOf(item))) << moment << item.id;
+                    EXPECT_EQ(held.count(contentOf(item)), 1u) << moment << item.id;
             }
             if (HasFailure()) return;
         }
@@ -721,17 +721,17 @@ TEST_F(RecoveryTest, ADeviceThatIsGoneIsNotReplacedByAFolder) {
     std::string command, result, error;
     HostServiceClientMac client;
     client.createDirectory("New", command, result, error);
-    ASSERT_EQ("SUC", result) << error;
+    ASSERT_EQ(result, "SUC") << error;
     fs::rename(folder_ / "device", folder_ / "unplugged");
     for (int i = 0; i < 2; ++i) {
         // In the middle of the run, and when the next one begins.
         client.createDirectory("More", command, result, error);
-        EXPECT_NE("SUC", result);
+        EXPECT_NE(result, "SUC");
         EXPECT_TRUE(params_->isBackupStopped());
         EXPECT_FALSE(params_->isManuallyStopped());
         int code = 0;
         params_->getErrorDetails(code, error);
-        EXPECT_EQ(RunErrorDeviceGone, code) << error;
+        EXPECT_EQ(code, RunErrorDeviceGone) << error;
         EXPECT_FALSE(fs::exists(folder_ / "device"));
         params_->setBackupState(false);
     }
@@ -773,10 +773,10 @@ TEST_F(RecoveryTest, FilesOfTheUsersStayAndTheEditedItemKeepsItsOldVersion) {
             expectItems(kBefore, !killed && refused, moment);
             if (!killed && !refused) expectItems(edited, false, moment);
             auto after = state();
-            for (const std::string& path : mine) EXPECT_EQ("mine", after[path]) << moment << path;
-            EXPECT_EQ(1u, after.count("Trip/Thumbnail/a_1_72.jpg")) << moment;
-            EXPECT_EQ("1_72", descriptionField(after["Trip/.records/a.jpg.xml"], "ID")) << moment;
-            for (const auto& [name, content] : after) EXPECT_EQ(name.npos, name.find(".kept-")) << moment;
+            for (const std::string& path : mine) EXPECT_EQ(after[path], "mine") << moment << path;
+            EXPECT_EQ(after.count("Trip/Thumbnail/a_1_72.jpg"), 1u) << moment;
+            EXPECT_EQ(descriptionField(after["Trip/.records/a.jpg.xml"], "ID"), "1_72") << moment;
+            for (const auto& [name, content] : after) EXPECT_EQ(name.find(".kept-"), name.npos) << moment;
             if (HasFailure()) return;
         }
     }
@@ -805,9 +805,9 @@ TEST_F(RecoveryTest, OfTwoDescriptionsOfOneFileTheOneWithTheRowsDateStays) {
                          .c_str());
         expectSound(recorded);
         auto after = state();
-        EXPECT_EQ(std::string(recorded).substr(0, 4),
-                  descriptionField(after["Trip/.records/a.jpg.xml"], "DateUpdated").substr(0, 4));
-        EXPECT_EQ(0u, after.count("Trip/.records/a_Old.jpg.xml")) << recorded;
+        EXPECT_EQ(descriptionField(after["Trip/.records/a.jpg.xml"], "DateUpdated").substr(0, 4),
+                  std::string(recorded).substr(0, 4));
+        EXPECT_EQ(after.count("Trip/.records/a_Old.jpg.xml"), 0u) << recorded;
     }
 }
 
@@ -822,8 +822,8 @@ TEST_F(RecoveryTest, AFolderThatNoRowKnowsKeepsNoSetFromItsNewTitle) {
     Account renamed = {kBefore[0]};
     renamed[0].title = "Voyage";
     run(renamed);
-    EXPECT_EQ(1u, state().count("Voyage (2)/a.jpg"));
-    EXPECT_EQ(0u, state().count("Trip"));
+    EXPECT_EQ(state().count("Voyage (2)/a.jpg"), 1u);
+    EXPECT_EQ(state().count("Trip"), 0u);
 }
 
 TEST_F(RecoveryTest, ASetAndAnItemRenamedInCaseOnlyKeepTheirPlaces) {
@@ -843,8 +843,8 @@ TEST_F(RecoveryTest, ASetAndAnItemRenamedInCaseOnlyKeepTheirPlaces) {
         expectItems(renamed, true, moment + "and completed ");
         EXPECT_TRUE(unrecorded_.empty()) << moment << testing::PrintToString(unrecorded_);
         const auto after = state();
-        EXPECT_EQ(1u, after.count("TRIP/A.jpg")) << moment;
-        EXPECT_EQ(1u, after.count("TRIP/Thumbnail/A_1_72.jpg")) << moment;
+        EXPECT_EQ(after.count("TRIP/A.jpg"), 1u) << moment;
+        EXPECT_EQ(after.count("TRIP/Thumbnail/A_1_72.jpg"), 1u) << moment;
         if (HasFailure()) break;
     }
     foldsCase = false;
@@ -893,20 +893,20 @@ TEST_F(RecoveryTest, LinksAndPipesOnADeviceLeadNowhereAndKeepNobodyWaiting) {
     fs::create_hard_link(outside / "own", device / "service/Trip/.records/.part-folder");
     for (const std::string name : {"Trip/.records/.folder.xml", "Trip/.records/b.jpg.xml"}) {
         fs::remove(device / "service" / name);
-        ASSERT_EQ(0, ::mkfifo((device / "service" / name).c_str(), 0600));
+        ASSERT_EQ(::mkfifo((device / "service" / name).c_str(), 0600), 0);
     }
     fs::remove_all(device / "service/Thumbnail");
     fs::create_symlink(outside, device / "service/Thumbnail");
     run(changed("c"));
-    EXPECT_EQ(1, std::distance(fs::directory_iterator(outside), {})) << "the link was followed";
+    EXPECT_EQ(std::distance(fs::directory_iterator(outside), {}), 1) << "the link was followed";
     std::string content;
     std::getline(std::ifstream(outside / "own") >> std::ws, content);
-    EXPECT_EQ("own", content);
-    EXPECT_EQ(1u, state().count("Voyage/c.jpg"));
+    EXPECT_EQ(content, "own");
+    EXPECT_EQ(state().count("Voyage/c.jpg"), 1u);
     for (const auto& entry : fs::recursive_directory_iterator(device / "service")) {
         if (entry.is_symlink() || entry.is_fifo() || entry.path().filename().string()[0] == '.') continue;
-        EXPECT_EQ(fs::perms::none,
-                  entry.status().permissions() & (fs::perms::group_all | fs::perms::others_all))
+        EXPECT_EQ(entry.status().permissions() & (fs::perms::group_all | fs::perms::others_all),
+                  fs::perms::none)
             << entry.path();
     }
 
@@ -925,9 +925,9 @@ TEST_F(RecoveryTest, AnEditInAnotherLanguageLeavesOneThumbnail) {
     run({{"72", "Trip", {{"1_72", "a.jpg", "2021-01-01 00:00:00"}}}});
     expectSound("");
     const auto after = state();
-    EXPECT_EQ(1u, after.count("Trip/Miniaturbild/a_1_72.jpg"));
-    EXPECT_EQ(0u, after.count("Trip/Thumbnail/a_1_72.jpg"));
-    EXPECT_EQ(1u, after.count("Trip/Thumbnail/b_2_72.jpg"));
+    EXPECT_EQ(after.count("Trip/Miniaturbild/a_1_72.jpg"), 1u);
+    EXPECT_EQ(after.count("Trip/Thumbnail/a_1_72.jpg"), 0u);
+    EXPECT_EQ(after.count("Trip/Thumbnail/b_2_72.jpg"), 1u);
 }
 
 }  // namespace

@@ -249,8 +249,8 @@ TEST_F(Sim, DeliversInEveryWay) {
             how.framing = framing;
             sim_->setDelivery(how);
             Answer answer = get(sim_->mediaUrl(id, "Site MP4"));
-            EXPECT_EQ(framing == Framing::ContentLength,
-                      answer.header.find("Length: 1000000") != std::string::npos);
+            EXPECT_EQ(answer.header.find("Length: 1000000") != std::string::npos,
+                      framing == Framing::ContentLength);
             if (framing == Framing::Chunked) {
                 std::string joined;
                 for (std::istringstream chunks(answer.body); chunks;) {
