@@ -14,19 +14,11 @@ namespace fs = std::filesystem;
 using namespace Norvale_Plugin_Flickr;
 
 BackupFixture::BackupFixture() {
-    char name[] = "/tmp/flickr-test-XXXXXX";
-    folder_ = mkdtemp(name);
     service_ = folder_ + "/device/Brightkettle/My Flickr Items";
     plugins_ = folder_ + "/Plugins/";
     fs::create_directories(service_);
     fs::create_directories(plugins_);
     database_ = std::make_unique<flickr_standin::BackupDatabase>(folder_ + "/device/backup.db");
-}
-
-BackupFixture::~BackupFixture() {
-    sim_.reset();
-    database_.reset();
-    fs::remove_all(folder_);
 }
 
 void BackupFixture::serve(flickr_sim::SimOptions options, const std::string& retries) {
@@ -89,9 +81,7 @@ std::string BackupFixture::names() const {
 }
 
 std::string BackupFixture::read(const std::string& path) const {
-    std::ostringstream text;
-    text << std::ifstream(path[0] == '/' ? path : service_ + "/" + path, std::ios::binary).rdbuf();
-    return text.str();
+    return readFile(path[0] == '/' ? path : service_ + "/" + path);
 }
 
 std::vector<std::string> BackupFixture::rows(const std::string& query) const {

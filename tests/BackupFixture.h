@@ -12,6 +12,7 @@
 
 #include "sim/FlickrSim.h"
 #include "standin/framework/store/BackupDatabase.h"
+#include "tests/TestFolder.h"
 
 /// What one run gave back.
 struct RunResult {
@@ -33,7 +34,6 @@ struct RunOptions {
 class BackupFixture : public testing::Test {
 protected:
     BackupFixture();
-    ~BackupFixture() override;
 
     /// Starts the simulated service and writes a configuration that points to it.
     void serve(flickr_sim::SimOptions options = {}, const std::string& retries = "2");
@@ -53,7 +53,8 @@ protected:
     /// Everything that the account holds is on the device and recorded, and nothing else is.
     void expectComplete();
 
-    std::string folder_;   // of the test, removed at its end
+    const TestFolder temporary_;
+    const std::string folder_ = temporary_.path();
     std::string service_;  // the service's folder on the device
     std::string plugins_;
     flickr_sim::Account account_;

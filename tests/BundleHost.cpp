@@ -21,25 +21,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string newFolder() {
-    char name[] = "/tmp/flickr-bundle-XXXXXX";
-    return mkdtemp(name);
-}
-
-std::string read(const fs::path& path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
-
-}  // namespace
-
-std::string inApplicationFolder(char** argv) {
-    const fs::path program = fs::read_symlink("/proc/self/exe");
-    if (program.parent_path().extension() == ".app") return program.parent_path();
-
-    const fs::path folder = newFolder();
-    const fs::path app = folder / (program.filename().string() + ".app");
+/// Runs the program from a new folder with the bundle in it; its exit status, as a shell tells it.
+int runInNewFolder(const fs::path& program, char** argv) {
+    const TestFolder folder;
+    const fs::path app = folder.path() / (program.filename().string() + ".app");
     fs::create_directories(app / "Resources/Plugins");
     fs::create_directory_symlink(FLICKR_BUNDLE, app / "Resources/Plugins/FlickrPlugin.bundle");
     const std::string copy = app / program.filename();
@@ -53,18 +38,24 @@ std::string inApplicationFolder(char** argv) {
     }
     int status = 0;
     ::waitpid(child, &status, 0);
-    fs::remove_all(folder);
-    ::exit(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-BundleHost::BundleHost(const std::string& retries) : sim(account), device_(newFolder()), retries_(retries) {
+}  // namespace
+
+std::string inApplicationFolder(char** argv) {
+    const fs::path program = fs::read_symlink("/proc/self/exe");
+    if (program.parent_path().extension() == ".app") return program.parent_path();
+    ::exit(runInNewFolder(program, argv));
+}
+
+BundleHost::BundleHost(const std::string& retries) : sim(account), retries_(retries) {
     configure(sim.dataUrl());
     database = std::make_unique<flickr_standin::BackupDatabase>(device_ + "/backup.db");
 }
 
 BundleHost::~BundleHost() {
     database.reset();
-    fs::remove_all(device_);
 }
 
 void BundleHost::configure(const std::string& dataUrl) {
@@ -98,7 +89,7 @@ std::string BundleHost::backupProblem(const std::string& culture) {
         const auto original = flickr_sim::contentOf(item, item.isVideo ? "Video Original" : "Original");
         if (found == media.end()) {
             problems << "not recorded: " << item.title << "\n";
-        } else if (read(fs::path(serviceFolder(culture)) / found->second) != original.text()) {
+        } else if (readFile(fs::path(serviceFolder(culture)) / found->second) != original.text()) {
             problems << "missing or altered: " << found->second << "\n";
         }
     };

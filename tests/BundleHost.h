@@ -9,6 +9,7 @@
 
 #include "sim/FlickrSim.h"
 #include "standin/framework/store/BackupDatabase.h"
+#include "tests/TestFolder.h"
 
 /// The plug-in looks for its configuration in the main bundle, and so the program has to stand in a folder of
 /// its own. Returns the folder for a process that does; otherwise runs the program again, from a new folder
@@ -28,7 +29,7 @@ public:
     std::string device() const { return device_; }
     std::string serviceFolder(const std::string& culture = "en") const;
 
-    /// What is wrong with the library: an item of the account that is not there exactly once and with its
+    /// What is wrong with the backup: an item of the account that is not there exactly once and with its
     /// bytes, a file too many. Empty when nothing is.
     std::string backupProblem(const std::string& culture = "en");
 
@@ -40,7 +41,8 @@ public:
     std::unique_ptr<flickr_standin::BackupDatabase> database;
 
 private:
-    const std::string device_;
+    const TestFolder temporary_;
+    const std::string device_ = temporary_.path();
     const std::string retries_;
 };
 

@@ -24,6 +24,7 @@
 #include "standin/app/Refusal.h"
 #include "standin/app/Summary.h"
 #include "standin/framework/base/Cipher.h"
+#include "tests/TestFolder.h"
 
 namespace fs = std::filesystem;
 using namespace flickr_app;
@@ -35,12 +36,6 @@ namespace {
 
 class AppTest : public testing::Test {
 protected:
-    AppTest() {
-        char name[] = "/tmp/flickr-app-test-XXXXXX";
-        folder_ = mkdtemp(name);
-    }
-    ~AppTest() override { fs::remove_all(folder_); }
-
     std::string write(const std::string& name, const std::string& text, mode_t mode = 0600) {
         const std::string path = folder_ + "/" + name;
         std::ofstream(path) << text;
@@ -48,7 +43,8 @@ protected:
         return path;
     }
 
-    std::string folder_;
+    const TestFolder temporary_;
+    const std::string folder_ = temporary_.path();
 };
 
 /// The sentence of the Refusal that the action ends in; empty when there is none.
@@ -192,9 +188,7 @@ TEST_F(AppTest, WritesAConfigurationThatThePluginReads) {
     struct stat status {};
     ASSERT_EQ(::stat(path.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0600u);
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    EXPECT_THAT(text.str(),
+    EXPECT_THAT(readFile(path),
                 testing::AllOf(Not(HasSubstr("key<")), Not(HasSubstr("key&")), Not(HasSubstr("secret$"))));
     EXPECT_EQ(std::distance(fs::directory_iterator(folder_), {}), 1) << "a temporary file is left";
 

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "sim/FlickrSim.h"
+#include "tests/TestFolder.h"
 
 namespace fs = std::filesystem;
 using namespace flickr_sim;
@@ -29,18 +30,10 @@ using testing::Not;
 
 namespace {
 
-std::string read(const std::string& path) {
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
-
 /// A copy of the application folder, a device, an account and the service.
 class CommandTest : public testing::Test {
 protected:
     CommandTest() {
-        char name[] = "/tmp/flickr-command-test-XXXXXX";
-        folder_ = mkdtemp(name);
         const fs::path app = fs::path(FLICKR_BACKUP_PROGRAM).parent_path();
         fs::copy(app, folder_ + "/flickr-backup.app", fs::copy_options::recursive);
         fs::remove(formerConfiguration());
@@ -49,10 +42,6 @@ protected:
         fs::create_directory(device());
         sim_ = std::make_unique<FlickrSim>(account_);
         writeCredentials(sim_->credentials().apiKey);
-    }
-    ~CommandTest() override {
-        sim_.reset();
-        fs::remove_all(folder_);
     }
 
     std::string device() const { return folder_ + "/device"; }
@@ -64,7 +53,7 @@ protected:
     std::string configuration(const std::string& profile = "") const {
         return folder_ + "/config/flickr-backup/" + profile + "Flickr_plugin_config.xml";
     }
-    std::string log() const { return read(folder_ + "/state/flickr-backup/NVHLDevLog.log"); }
+    std::string log() const { return readFile(folder_ + "/state/flickr-backup/NVHLDevLog.log"); }
 
     void writeCredentials(const std::string& key) {
         const Credentials accepted = sim_->credentials();
@@ -110,8 +99,8 @@ protected:
     int finish(pid_t child, const std::string& tag = "") {
         int status = 0;
         ::waitpid(child, &status, 0);
-        out_ = read(folder_ + "/out" + tag);
-        err_ = read(folder_ + "/err" + tag);
+        out_ = readFile(folder_ + "/out" + tag);
+        err_ = readFile(folder_ + "/err" + tag);
         return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
     }
 
@@ -140,7 +129,8 @@ protected:
         ASSERT_GE(sim_->counts().media, count);
     }
 
-    std::string folder_;
+    const TestFolder temporary_;
+    const std::string folder_ = temporary_.path();
     Account account_;
     std::unique_ptr<FlickrSim> sim_;
     std::string out_, err_;
@@ -159,7 +149,7 @@ TEST_F(CommandTest, VerifyDoesNotCallADamagedDatabaseOneThatAgrees) {
     account_.addItem("", photo("loose"));
     configure();
     ASSERT_EQ(command(runArguments()), 0) << out_ << err_;
-    std::string bytes = read(device() + "/backup.db");
+    std::string bytes = readFile(device() + "/backup.db");
     bytes[bytes.rfind("_Anonymous")] = '-';  // in an index, not in the row
     std::ofstream(device() + "/backup.db") << bytes;
     EXPECT_EQ(command({"verify", "--device", device()}), 1) << out_ << err_;
@@ -218,7 +208,7 @@ TEST_F(CommandTest, BacksUpReportsAndChecks) {
 
     for (const std::string& secret :
          {sim_->credentials().apiKey, sim_->credentials().apiSecret, sim_->credentials().token}) {
-        EXPECT_THAT(log() + read(configuration()), Not(HasSubstr(secret)));
+        EXPECT_THAT(log() + readFile(configuration()), Not(HasSubstr(secret)));
     }
     EXPECT_THAT(log(), HasSubstr("Flickr Backup Started."));
 }
@@ -339,7 +329,7 @@ TEST_F(CommandTest, KeepsTheOldFileThatCouldNotStepAside) {
     const std::string id = account_.addItem("", photo("one"));
     configure();
     ASSERT_EQ(command(runArguments()), 0) << err_;
-    const std::string before = read(service() + "/one.jpg");
+    const std::string before = readFile(service() + "/one.jpg");
     account_.edit(id, flickr_sim::Content::bytes("the new bytes"), 1800000000);
     for (const bool refused : {true, false}) {
         if (refused) sim_->faults().add(flickr_sim::thumbnail(), always(), fault::status(404));
@@ -347,11 +337,11 @@ TEST_F(CommandTest, KeepsTheOldFileThatCouldNotStepAside) {
             startWithFault({{"CALLS", "renameat2"}, {"PATH", "one_Old"}, {"AT", "1"}, {"HOW", "13"}});
         EXPECT_EQ(finish(child), refused ? 1 : 0) << out_;
         sim_->faults().clear();
-        EXPECT_EQ(read(service() + "/one.jpg") == before, refused) << refused;
+        EXPECT_EQ(readFile(service() + "/one.jpg") == before, refused) << refused;
     }
     std::vector<std::string> versions;
     for (const auto& entry : fs::recursive_directory_iterator(service() + "/.versions")) {
-        if (entry.path().extension() == ".jpg") versions.push_back(read(entry.path()));
+        if (entry.path().extension() == ".jpg") versions.push_back(readFile(entry.path()));
     }
     EXPECT_EQ(versions, std::vector<std::string>{before});
 }
@@ -384,7 +374,7 @@ TEST_F(CommandTest, PausesForAFileAndForASignal) {
     const pid_t child = start(arguments);
     waitForMedia(2);
     std::ofstream(file).put(' ');
-    for (int i = 0; i < 1000 && read(folder_ + "/err").find("Paused") == std::string::npos; ++i) {
+    for (int i = 0; i < 1000 && readFile(folder_ + "/err").find("Paused") == std::string::npos; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     ::kill(child, SIGUSR1);
@@ -472,12 +462,12 @@ TEST_F(CommandTest, KeepsSettingsAndMemoryForEachUser) {
     };
     // One of earlier days, where everybody had the same, is copied and left.
     configure();
-    const std::string former = read(configuration());
+    const std::string former = readFile(configuration());
     fs::rename(configuration(), formerConfiguration());
     ASSERT_EQ(command(runArguments()), 0) << out_ << err_;
     EXPECT_THAT(err_, HasSubstr("was copied to " + configuration()));
-    EXPECT_EQ(read(configuration()), former);
-    EXPECT_EQ(read(formerConfiguration()), former);
+    EXPECT_EQ(readFile(configuration()), former);
+    EXPECT_EQ(readFile(formerConfiguration()), former);
     EXPECT_EQ(fs::status(configuration()).permissions(), fs::perms::owner_read | fs::perms::owner_write);
 
     // What is not named again stays; nothing is written in the program's folder.
@@ -501,8 +491,8 @@ TEST_F(CommandTest, KeepsSettingsAndMemoryForEachUser) {
     EXPECT_EQ(command({"run", "--device", device(), "--profile", "second"}), 3);
     ASSERT_EQ(config({"--profile", "second", "--data-url", sim_->dataUrl(), "--credentials", credentials()}),
               0);
-    EXPECT_THAT(read(configuration("profiles/second/")), HasSubstr("<retryAttempts>3<"));
-    EXPECT_THAT(read(configuration()), HasSubstr("<retryAttempts>7<"));
+    EXPECT_THAT(readFile(configuration("profiles/second/")), HasSubstr("<retryAttempts>3<"));
+    EXPECT_THAT(readFile(configuration()), HasSubstr("<retryAttempts>7<"));
     EXPECT_EQ(command({"run", "--device", device(), "--profile", "second"}), 0) << out_ << err_;
     EXPECT_TRUE(fs::exists(folder_ + "/state/flickr-backup/profiles/second/NVHLDevLog.log"));
 

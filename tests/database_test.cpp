@@ -21,6 +21,7 @@
 #include "standin/framework/device/Ledger.h"
 #include "standin/framework/run/Upkeep.h"
 #include "standin/framework/store/BackupDatabase.h"
+#include "tests/TestFolder.h"
 
 namespace fs = std::filesystem;
 using namespace Norvale_Plugin_Core;
@@ -30,15 +31,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 
 namespace {
-
-std::string read(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-void write(const fs::path& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
 
 /// A connection of somebody who means harm: nothing is forbidden to it.
 void prepare(const fs::path& path, const std::string& statements,
@@ -57,18 +49,13 @@ void prepare(const fs::path& path, const std::string& statements,
 class DatabaseTest : public testing::Test {
 protected:
     DatabaseTest() {
-        std::string pattern = (fs::temp_directory_path() / "database-XXXXXX").string();
-        folder_ = ::mkdtemp(pattern.data());
         fs::create_directories(device("service"));
         params_->release();
         params_->setBackupState(false);
         params_->setParams(device("service"), "", true, 1, device(""));
         params_->setRetryAttempts("1");
     }
-    ~DatabaseTest() override {
-        params_->release();
-        fs::remove_all(folder_);
-    }
+    ~DatabaseTest() override { params_->release(); }
 
     std::string device(const std::string& path) const { return (folder_ / "device" / path).string(); }
     std::string path() const { return device("backup.db"); }
@@ -94,7 +81,7 @@ protected:
     std::map<std::string, std::string> everything() const {
         std::map<std::string, std::string> found;
         for (const auto& entry : fs::recursive_directory_iterator(folder_)) {
-            found[entry.path()] = entry.is_regular_file() ? read(entry.path()) : "";
+            found[entry.path()] = entry.is_regular_file() ? readFile(entry.path()) : "";
         }
         return found;
     }
@@ -108,7 +95,8 @@ protected:
         }
     }
 
-    fs::path folder_;
+    const TestFolder temporary_;
+    const fs::path folder_ = temporary_.path();
     HostServiceUsageParams* params_ = HostServiceUsageParams::getInstance();
 };
 
@@ -188,7 +176,7 @@ TEST_F(DatabaseTest, APreparedDatabaseIsRefusedAndNoByteOfItChanges) {
             fs::remove(work);
         }
         // What the file service and SQLite would open by name, and empty or write into.
-        write(folder_ / "precious", "precious");
+        writeFile(folder_ / "precious", "precious");
         for (const char* ending : {"", "-wal", "-shm", "-journal"}) {
             const std::string there = target + ending;
             const auto with = [&](const std::string& what, const std::function<void()>& make) {
@@ -203,8 +191,8 @@ TEST_F(DatabaseTest, APreparedDatabaseIsRefusedAndNoByteOfItChanges) {
         }
         fs::copy(kept, target);
         // It would take the file back to one page, and remove a file that it names.
-        write(target + "-journal",
-              std::string("\xd9\xd5\x05\xf9\x20\xa1\x63\xd7\0\0\0\0\0\0\0\0\0\0\0\1", 20));
+        writeFile(target + "-journal",
+                  std::string("\xd9\xd5\x05\xf9\x20\xa1\x63\xd7\0\0\0\0\0\0\0\0\0\0\0\1", 20));
         refusedAsItIs("an unfinished change");
         clear();
     }
@@ -213,7 +201,7 @@ TEST_F(DatabaseTest, APreparedDatabaseIsRefusedAndNoByteOfItChanges) {
     prepare(ledger, "CREATE TABLE parts (path TEXT PRIMARY KEY) WITHOUT ROWID");
     EXPECT_EQ(refusal([&] { BackupDatabase database(path()); }), "") << "as it was made";
     EXPECT_EQ(refusal([&] { Ledger list(ledger); }), "") << "as an earlier version left it";
-    EXPECT_EQ(read(folder_ / "precious"), "precious");
+    EXPECT_EQ(readFile(folder_ / "precious"), "precious");
 }
 
 TEST_F(DatabaseTest, ADamagedDatabaseIsNoneToRunWith) {
@@ -221,9 +209,9 @@ TEST_F(DatabaseTest, ADamagedDatabaseIsNoneToRunWith) {
         BackupDatabase database(path());
         fill(database);
     }
-    std::string bytes = read(path());
+    std::string bytes = readFile(path());
     bytes[2 * 4096] = '?';  // the first byte of the page with the index of ids
-    write(path(), bytes);
+    writeFile(path(), bytes);
     EXPECT_THAT(refusal([&] { BackupDatabase database(path()); }), HasSubstr("is damaged"));
     EXPECT_NE(BackupDatabase(path(), BackupDatabase::Missing::Refuse).integrityProblem(), "");
 }
@@ -306,15 +294,15 @@ TEST_F(DatabaseTest, VerifyReadsTheDescriptionRecords) {
 
     const fs::path item = device("service/Trip/.records/a.jpg.xml"),
                    folder = device("service/Trip/.records/.folder.xml");
-    const std::string good = read(item);
+    const std::string good = readFile(item);
     for (const std::string& bad :
          {std::string(), good.substr(0, good.size() - 5), std::string("<media><ID>2_72</ID></media>"),
           "<!DOCTYPE media>" + good.substr(good.find("<media"))}) {
-        write(item, bad);
+        writeFile(item, bad);
         EXPECT_THAT(unusable(), ElementsAre("Trip/.records/a.jpg.xml")) << bad;
     }
     fs::remove(item);
-    write(folder, "<folder><ID>73</ID></folder>");
+    writeFile(folder, "<folder><ID>73</ID></folder>");
     EXPECT_THAT(unusable(), ElementsAre("Trip/.records/.folder.xml", "Trip/.records/a.jpg.xml"));
     EXPECT_FALSE(verifyBackup(database, device("service"), "Thumbnail").agrees());
     EXPECT_TRUE(compareBackup(database, device("service"), "Thumbnail").agrees()) << "without contents";

@@ -185,7 +185,7 @@ TEST_F(GatewayTest, BacksUpAWholeAccountWithFewRequests) {
     sim_->clearLog();
     EXPECT_EQ(runThrough().status, 1);
     counts = sim_->counts();
-    EXPECT_EQ(counts.rest, 5u) << "an unchanged library: sets and pages";
+    EXPECT_EQ(counts.rest, 5u) << "an unchanged account: sets and pages";
     EXPECT_EQ(counts.media + counts.thumbnails, 0u);
     // One of twenty was edited: only it is fetched.
     account_.edit(account_.items(trip)[5]->id, flickr_sim::Content::bytes("new"), 1700009999);

@@ -18,6 +18,7 @@
 #include "standin/app/Configuration.h"
 #include "standin/app/PluginHost.h"
 #include "tests/HostDriver.h"
+#include "tests/TestFolder.h"
 
 namespace {
 
@@ -185,8 +186,6 @@ protected:
             }
         };
         host_ = HostNew(&callbacks);
-        char name[] = "/tmp/flickr-host-XXXXXX";
-        device_ = mkdtemp(name);
         set("mountPoint", device_.c_str());
         set("deviceCulture", "en");
         set("dataTypes", "Images;Videos;");
@@ -199,7 +198,6 @@ protected:
         EXPECT_EQ(HostTimerInterval(host_), 0) << "a timer is left";
         EXPECT_EQ(HostFree(host_), 0) << "the plug-in object is leaked";
         EXPECT_EQ(fake.misused, 0) << "a core was used that is not there, or a second one was made";
-        std::filesystem::remove_all(device_);
     }
 
     void set(const char* key, const char* value) { HostSet(host_, key, value); }
@@ -234,7 +232,8 @@ protected:
     }
 
     Host* host_;
-    std::string device_;
+    const TestFolder temporary_;
+    const std::string device_ = temporary_.path();
     std::mutex mutex_;
     Messages events_;
     std::string caught_;

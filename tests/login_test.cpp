@@ -26,6 +26,7 @@
 
 #include "sim/FlickrSim.h"
 #include "sim/TodayApi.h"
+#include "tests/TestFolder.h"
 
 namespace fs = std::filesystem;
 using namespace flickr_sim;
@@ -34,11 +35,6 @@ using testing::HasSubstr;
 using testing::Not;
 
 namespace {
-
-std::string read(const std::string& path) {
-    std::ifstream file(path);
-    return std::string(std::istreambuf_iterator<char>(file), {});
-}
 
 /// A proxy that leads wherever it is asked to.
 class Proxy {
@@ -89,8 +85,6 @@ private:
 class LoginTest : public testing::Test {
 protected:
     LoginTest() {
-        char name[] = "/tmp/flickr-login-test-XXXXXX";
-        folder_ = mkdtemp(name);
         fs::copy(fs::path(FLICKR_BACKUP_PROGRAM).parent_path(), folder_ + "/flickr-backup.app",
                  fs::copy_options::recursive);
         fs::remove(folder_ + "/flickr-backup.app/Resources/Plugins/Flickr_plugin_config.xml");
@@ -100,10 +94,6 @@ protected:
         fs::create_directories(folder_ + "/config/flickr-backup");
         write("api_key = " + sim_->credentials().apiKey + "\n# mine\napi_secret = " +
               sim_->credentials().apiSecret + "\nservice = " + sim_->serviceUrl() + "\n");
-    }
-    ~LoginTest() override {
-        sim_.reset();
-        fs::remove_all(folder_);
     }
 
     static SimOptions today() {
@@ -127,8 +117,8 @@ protected:
             arguments + " <" + input + " >out 2>err";
         return WEXITSTATUS(std::system(line.c_str()));
     }
-    std::string out() const { return read(folder_ + "/out"); }
-    std::string err() const { return read(folder_ + "/err"); }
+    std::string out() const { return readFile(folder_ + "/out"); }
+    std::string err() const { return readFile(folder_ + "/err"); }
 
     /// As the user's state has them for the hour.
     std::size_t callsCounted() const {
@@ -155,7 +145,8 @@ protected:
         return text.substr(start, text.find('&', start) - start);
     }
 
-    std::string folder_;
+    const TestFolder temporary_;
+    const std::string folder_ = temporary_.path();
     Account account_;
     std::unique_ptr<FlickrSim> sim_;
 };
@@ -176,9 +167,9 @@ TEST_F(LoginTest, SignsInBacksUpAndSignsOut) {
     }
     EXPECT_EQ(login.get(), 0) << err();
     EXPECT_THAT(out(), HasSubstr("Signed in as " + sim_->credentials().userName));
-    EXPECT_THAT(read(file()), AllOf(HasSubstr("# mine\n"), HasSubstr("ca = " + folder_ + "/ca.pem"),
-                                    HasSubstr("service = https://"), HasSubstr("token_secret = "),
-                                    HasSubstr("user_id = " + sim_->credentials().userId)));
+    EXPECT_THAT(readFile(file()), AllOf(HasSubstr("# mine\n"), HasSubstr("ca = " + folder_ + "/ca.pem"),
+                                        HasSubstr("service = https://"), HasSubstr("token_secret = "),
+                                        HasSubstr("user_id = " + sim_->credentials().userId)));
     EXPECT_EQ(fs::status(file()).permissions(), fs::perms::owner_read | fs::perms::owner_write);
 
     const std::string set = account_.addSet("Tom & Jerry");
@@ -187,8 +178,8 @@ TEST_F(LoginTest, SignsInBacksUpAndSignsOut) {
     EXPECT_EQ(command("run --device device"), 0) << out() << err();
     const std::string service = folder_ + "/device/Brightkettle/My Flickr Items/";
     EXPECT_TRUE(fs::is_regular_file(service + "Tom & Jerry/b.jpg"));
-    EXPECT_EQ(read(service + "v.mp4"), contentOf(*account_.items("")[0], "Video Original").text());
-    EXPECT_THAT(read(service + ".records/.account"), HasSubstr(sim_->credentials().userId + " "));
+    EXPECT_EQ(readFile(service + "v.mp4"), contentOf(*account_.items("")[0], "Video Original").text());
+    EXPECT_THAT(readFile(service + ".records/.account"), HasSubstr(sim_->credentials().userId + " "));
     EXPECT_FALSE(fs::exists(folder_ + "/flickr-backup.app/Resources/Plugins/Flickr_plugin_config.xml"))
         << "nothing is configured";
     sim_->clearLog();
@@ -209,14 +200,14 @@ TEST_F(LoginTest, SignsInBacksUpAndSignsOut) {
     EXPECT_EQ(command("run --device device"), 0) << out() << err();
     EXPECT_EQ(second.get(), 0) << out() << err();
     EXPECT_EQ(callsCounted() - before, sim_->counts().rest);
-    EXPECT_EQ(read(folder_ + "/second/Brightkettle/My Flickr Items/Tom & Jerry/b.jpg"),
-              read(service + "Tom & Jerry/b.jpg"));
+    EXPECT_EQ(readFile(folder_ + "/second/Brightkettle/My Flickr Items/Tom & Jerry/b.jpg"),
+              readFile(service + "Tom & Jerry/b.jpg"));
 
     // What a power cut has left of the account's name tells nothing.
     for (const std::string& left : {std::string(), std::string(30, '\0'), std::string("123")}) {
         std::ofstream(service + ".records/.account") << left;
         EXPECT_EQ(command("run --device device"), 0) << err();
-        EXPECT_THAT(read(service + ".records/.account"), HasSubstr(sim_->credentials().userId + " "));
+        EXPECT_THAT(readFile(service + ".records/.account"), HasSubstr(sim_->credentials().userId + " "));
     }
 
     // Problems are told in the service's words.
@@ -233,7 +224,7 @@ TEST_F(LoginTest, SignsInBacksUpAndSignsOut) {
     EXPECT_THAT(out(), HasSubstr("certificate"));
 
     // Another account is not mixed with this one.
-    const std::string mine = read(file());
+    const std::string mine = readFile(file());
     std::string other = mine;
     other.replace(other.find(sim_->credentials().userId), sim_->credentials().userId.size(), "99@N01");
     write(other);
@@ -244,7 +235,8 @@ TEST_F(LoginTest, SignsInBacksUpAndSignsOut) {
     write(mine);
 
     EXPECT_EQ(command("logout"), 0);
-    EXPECT_THAT(read(file()), AllOf(HasSubstr("api_secret"), HasSubstr("# mine"), Not(HasSubstr("token"))));
+    EXPECT_THAT(readFile(file()),
+                AllOf(HasSubstr("api_secret"), HasSubstr("# mine"), Not(HasSubstr("token"))));
     EXPECT_EQ(command("run --device device"), 3);
     EXPECT_THAT(err(), HasSubstr("flickr-backup login"));
 
@@ -283,7 +275,7 @@ TEST_F(LoginTest, SignsInBacksUpAndSignsOut) {
         EXPECT_EQ(login.get(), 0) << out();
     }
     EXPECT_THAT(out(), AllOf(HasSubstr(key), HasSubstr("Signed in as"), Not(HasSubstr(secret))));
-    EXPECT_THAT(read(file()), AllOf(HasSubstr("api_key = " + key), HasSubstr("api_secret = " + secret)));
+    EXPECT_THAT(readFile(file()), AllOf(HasSubstr("api_key = " + key), HasSubstr("api_secret = " + secret)));
 }
 
 }  // namespace

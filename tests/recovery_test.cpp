@@ -44,6 +44,7 @@
 #include "standin/framework/run/RunError.h"
 #include "standin/framework/run/Upkeep.h"
 #include "standin/framework/store/BackupDatabase.h"
+#include "tests/TestFolder.h"
 
 namespace fs = std::filesystem;
 using namespace Norvale_Plugin_Core;
@@ -329,19 +330,11 @@ Account changed(const std::string& title) {
 
 class RecoveryTest : public testing::Test {
 protected:
-    RecoveryTest() {
-        failure = 0;
-        // In memory where that can be had: thousands of files are flushed.
-        const fs::path memory = "/dev/shm";
-        const fs::path parent = ::access(memory.c_str(), W_OK) == 0 ? memory : fs::temp_directory_path();
-        std::string pattern = (parent / "recovery-XXXXXX").string();
-        folder_ = ::mkdtemp(pattern.data());
-    }
+    RecoveryTest() { failure = 0; }
     ~RecoveryTest() override {
         EXPECT_EQ(told.writtenTooEarly, 0) << "the ledger speaks of names that the disk does not know";
         told.writtenTooEarly = 0;
         params_->release();
-        fs::remove_all(folder_);
     }
 
     std::string service() const { return (folder_ / "device/service").string(); }
@@ -431,9 +424,7 @@ protected:
             const std::string name = entry.path().lexically_relative(service()).string();
             if (name.find(".ledger.db") != std::string::npos) continue;
             if (name.find(kVersionFolder) != std::string::npos) continue;
-            std::ifstream file(entry.path(), std::ios::binary);
-            state[name] =
-                entry.is_directory() ? "folder" : std::string(std::istreambuf_iterator<char>(file), {});
+            state[name] = entry.is_directory() ? "folder" : readFile(entry.path());
         }
         SqliteFile database(databasePath(), SqliteFile::Open::Existing);
         const auto rows = database.prepare(
@@ -454,11 +445,10 @@ protected:
         for (const auto& entry : fs::recursive_directory_iterator(service())) {
             const fs::path path = entry.path();
             if (!entry.is_regular_file() || path.parent_path().filename() != kVersionFolder) continue;
-            std::ifstream file(path, std::ios::binary);
-            const std::string content{std::istreambuf_iterator<char>(file), {}};
+            const std::string content = readFile(path);
             kept.insert(content);
-            std::ifstream text(path.parent_path() / ".records" / (path.filename().string() + ".xml"));
-            const std::string description{std::istreambuf_iterator<char>(text), {}};
+            const std::string description =
+                readFile(path.parent_path() / ".records" / (path.filename().string() + ".xml"));
             EXPECT_EQ(descriptionField(description, "ID"), content.substr(0, content.find(' '))) << moment;
             std::string date = descriptionField(description, "DateUpdated");
             date = date.substr(0, 10) + " " + date.substr(11, 8);  // without "T" and "Z"
@@ -494,8 +484,7 @@ protected:
                                      << testing::PrintToString(report.unrecorded);
         EXPECT_EQ(report.withoutChecksum, 0) << moment;
         database.forEachItem([&](const ItemRow& row) {
-            std::ifstream file(fs::path(service()) / row.mediaPath, std::ios::binary);
-            const std::string content{std::istreambuf_iterator<char>(file), {}};
+            const std::string content = readFile(fs::path(service()) / row.mediaPath);
             EXPECT_EQ(content.substr(0, 30), contentOf({row.id, "", ""})) << moment;
             EXPECT_EQ(content.size(), 49u) << moment << row.mediaPath;
         });
@@ -515,8 +504,7 @@ protected:
             for (const Item& item : set.items) {
                 const auto row = database.item(item.id);
                 ASSERT_TRUE(row) << moment << item.id;
-                std::ifstream file(fs::path(service()) / row->mediaPath, std::ios::binary);
-                const std::string content{std::istreambuf_iterator<char>(file), {}};
+                const std::string content = readFile(fs::path(service()) / row->mediaPath);
                 const std::size_t size = thisVersion ? std::string::npos : 30;
                 EXPECT_EQ(content.substr(0, size), contentOf(item).substr(0, size))
                     << moment << row->mediaPath;
@@ -524,7 +512,9 @@ protected:
         }
     }
 
-    fs::path folder_;
+    // In memory where that can be had: thousands of files are flushed.
+    const TestFolder temporary_{::access("/dev/shm", W_OK) == 0 ? "/dev/shm" : fs::temp_directory_path()};
+    const fs::path folder_ = temporary_.path();
     HostServiceUsageParams* params_ = HostServiceUsageParams::getInstance();
     bool failThumbnails_ = false;
     std::string culture_ = "en";
@@ -701,8 +691,7 @@ TEST_F(RecoveryTest, ARestoreThatIsKilledOrFailsLosesNeitherVersion) {
             std::multiset<std::string> held;
             for (const auto& entry : fs::recursive_directory_iterator(service())) {
                 if (entry.path().extension() != ".jpg") continue;
-                std::ifstream file(entry.path(), std::ios::binary);
-                held.emplace(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+                held.insert(readFile(entry.path()));
             }
             for (const Account& account : {kBefore, changed("c")}) {
                 for (const Item& item : account[0].items)
@@ -899,9 +888,7 @@ TEST_F(RecoveryTest, LinksAndPipesOnADeviceLeadNowhereAndKeepNobodyWaiting) {
     fs::create_symlink(outside, device / "service/Thumbnail");
     run(changed("c"));
     EXPECT_EQ(std::distance(fs::directory_iterator(outside), {}), 1) << "the link was followed";
-    std::string content;
-    std::getline(std::ifstream(outside / "own") >> std::ws, content);
-    EXPECT_EQ(content, "own");
+    EXPECT_EQ(readFile(outside / "own"), "own");
     EXPECT_EQ(state().count("Voyage/c.jpg"), 1u);
     for (const auto& entry : fs::recursive_directory_iterator(device / "service")) {
         if (entry.is_symlink() || entry.is_fifo() || entry.path().filename().string()[0] == '.') continue;

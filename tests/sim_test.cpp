@@ -22,6 +22,7 @@
 #include "sim/GeneratedAccount.h"
 #include "sim/Picture.h"
 #include "sim/RestApi.h"
+#include "tests/TestFolder.h"
 
 namespace flickr_sim {
 namespace {
@@ -418,9 +419,8 @@ TEST(Sources, AreStableAndComplete) {
     }
     EXPECT_EQ(contents.size(), 60u) << "each item's bytes are its own";
 
-    Poco::TemporaryFile folder;
-    folder.createDirectories();
-    const std::filesystem::path root = folder.path();
+    const TestFolder folder;
+    const std::filesystem::path& root = folder.path();
     std::filesystem::create_directories(root / "Trip" / "deeper");
     const std::string jpeg = Content::picture(1, 800, 400, "x").text();
     for (const auto& name :
