@@ -176,7 +176,7 @@ def unchanged(bench, line, rounds):
 
 
 def requests(bench, line):
-    """What an unchanged run of a large library asks. The first run is made without the gateway, near the service:
+    """What an unchanged run of a large account asks. The first run is made without the gateway, near the service:
     the hourly limit would draw it out."""
     sets, items, videos = (10, 200, 100) if bench.quick else (50, 2000, 5000)
     account = (sets, items, "--videos", videos, "--item-bytes", 1, "--video-bytes", 1)
@@ -213,7 +213,7 @@ def distance(bench):
 
 def libraries(without, through):
     """What whole libraries take, from the times for an item."""
-    rows = [("library", "run", *(f"alone, {trip} ms" for trip in without), "alone, 20 ms, with the hourly limit",
+    rows = [("account", "run", *(f"alone, {trip} ms" for trip in without), "alone, 20 ms, with the hourly limit",
              "gateway, 20 ms", "gateway, 100 ms", "gateway, 20 ms, with the hourly limit")]
     rows.append(("---",) * len(rows[0]))
     for size in (10000, 100000, 1000000):

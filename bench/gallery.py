@@ -1,4 +1,4 @@
-"""The case "gallery": the generator and the page with a library of 100,000 items."""
+"""The case "gallery": the generator and the page with a backup of 100,000 items."""
 
 import contextlib
 import os
@@ -40,7 +40,7 @@ RECORD = """<?xml version="1.0" encoding="UTF-8"?>
 MONTHS = "Jan Feb Mar Apr May Jun Jul Aug Sep Oct Nov Dec".split()
 
 
-def make_library(bench, sets, items):
+def make_backup(bench, sets, items):
     """A backup of one item, grown by rows and files to so many sets and items in each; gives its device."""
     device = bench.fresh("gallery", keep=True)
     with bench.service(1, 1, "--plain-titles", "--item-bytes", 100000):
@@ -210,7 +210,7 @@ def look(page, rounds):
 def gallery(bench):
     """the gallery of 100,000 items: its generator, and the page in a headless browser"""
     sets, items = (40, 100) if bench.quick else (400, 250)
-    device = make_library(bench, sets, items)
+    device = make_backup(bench, sets, items)
     print(f"{sets * items:,} items made", flush=True)
     whole, unchanged, changed = generate(bench, device)
     rows = [(f"generator, {name}: time, of the processor", f"{taken:.2f} s, {used:.2f} s", "")
