@@ -118,17 +118,23 @@ Credentials readWhatThereIs(const std::string& path) {
                           " is not made of lines like \"api_key = VALUE\"; see flickr-backup configure "
                           "--help.");
     }
-    const auto value = [&](const char* key, bool inAddress = false) {
+    enum class Goes { Anywhere, IntoAnAddress };
+    const auto value = [&](const char* key, Goes where = Goes::Anywhere) {
         std::string found = file->has(key) ? file->getRawString(key) : std::string();
-        if (inAddress && !fitsAddress(found)) {
+        if (where == Goes::IntoAnAddress && !fitsAddress(found)) {
             throw CannotBegin("The value of \"" + std::string(key) + "\" in the credentials file " + path +
                               " holds a character that cannot be part of it; check it.");
         }
         return found;
     };
-    Credentials credentials{value("api_key", true), value("api_secret"), value("token", true),
-                            value("token_secret"),  value("user_id"),    value("user_name"),
-                            value("service"),       value("ca")};
+    Credentials credentials{value("api_key", Goes::IntoAnAddress),
+                            value("api_secret"),
+                            value("token", Goes::IntoAnAddress),
+                            value("token_secret"),
+                            value("user_id"),
+                            value("user_name"),
+                            value("service"),
+                            value("ca")};
     if (!credentials.service.empty()) checkService(credentials.service, path);
     return credentials;
 }

@@ -147,15 +147,16 @@ std::string summaryText(const RunReport& report) {
     if (report.isDry) text << planText(report);
     const long kept = keptItems(done), lost = static_cast<long>(done.failures.size()) - kept;
 
-    const auto listFailures = [&](const char* title, long count, bool onDevice) {
+    enum class Item { Lost, Kept };
+    const auto listFailures = [&](const char* title, long count, Item item) {
         if (count > 0) text << title << " (" << count << "):\n";
         for (const auto& failure : done.failures) {
-            if (failure.onDevice != onDevice) continue;
+            if (failure.onDevice != (item == Item::Kept)) continue;
             text << "  " << nameOf(failure) << ": " << printable(failure.reason) << "\n";
         }
     };
-    listFailures("Not backed up", lost, false);
-    listFailures("On the device from an earlier run, and perhaps not as it is now", kept, true);
+    listFailures("Not backed up", lost, Item::Lost);
+    listFailures("On the device from an earlier run, and perhaps not as it is now", kept, Item::Kept);
     const auto list = [&](const char* title, const std::vector<std::string>& lines) {
         if (lines.empty()) return;
         text << title << "\n";

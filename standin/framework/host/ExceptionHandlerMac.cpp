@@ -17,7 +17,8 @@ void ExceptionHandlerMac::handleException(Poco::Exception& exception, std::strin
     DevLogger::writeLog(source_ + ": " + message, LogLevelFailure, __FILE__, __LINE__);
 
     const bool lastAttempt = value >= retryAttempts();
-    if (RunJournal::instance().exception(message, lastAttempt) == RunJournal::Told::Already) return;
+    const auto next = lastAttempt ? RunJournal::Next::Nothing : RunJournal::Next::AnotherAttempt;
+    if (RunJournal::instance().exception(message, next) == RunJournal::Told::Already) return;
     if (dynamic_cast<CSConfigException*>(&exception)) {
         recordCatastrophe(runErrorOf(exception), message);
     } else if (lastAttempt) {

@@ -114,7 +114,7 @@ int PluginCore::getAutheticationMechanism(char* out, char* error) {
 
 void PluginCore::handleException(std::string source, Poco::Exception& exception, std::string message) {
     DevLogger::writeLog(source + ": " + message, LogLevelFailure, __FILE__, __LINE__);
-    RunJournal::instance().exception(message, true);
+    RunJournal::instance().exception(message, RunJournal::Next::Nothing);
     const std::lock_guard<std::mutex> lock(impl_->mutex);
     impl_->exceptionCode = runErrorOf(exception);
     impl_->exceptionText = maskSecrets(std::move(message));

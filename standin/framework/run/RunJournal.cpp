@@ -168,7 +168,8 @@ void RunJournal::endItem() {
     beginItem("", "");
 }
 
-RunJournal::Told RunJournal::exception(const std::string& message, bool lastAttempt) {
+RunJournal::Told RunJournal::exception(const std::string& message, Next next) {
+    const bool lastAttempt = next == Next::Nothing;
     const std::lock_guard<std::mutex> lock(mutex_);
     const std::string text = maskSecrets(message);
     if (startsWith(message, kRenditionsFail)) {

@@ -76,8 +76,9 @@ public:
     void logLine(const std::string& message);
     /// Whether a failure is news to the journal, or the file service has told it already in its own words.
     enum class Told { Now, Already };
-    /// lastAttempt: nothing more is tried for what failed.
-    Told exception(const std::string& message, bool lastAttempt);
+    /// What is done about what failed.
+    enum class Next { AnotherAttempt, Nothing };
+    Told exception(const std::string& message, Next next);
     void fileOpened(const std::string& path);
     void fileServiceFailed(const std::string& explanation);
     /// In a dry run, instead of the old files' steps aside and of the new one's opening.
