@@ -65,7 +65,6 @@ private:
     std::string apiSecret_;
     std::string mediaToBackup_;
     std::multimap<Poco::DateTime, Photo> videoMap_;
-    Poco::DateTime createdOn_;
 };
 
 /// Makes the core object; the result is the handle for the other functions and the caller's to delete. See
