@@ -118,9 +118,9 @@ bool DownloadPhotoListActivity::parseDataV2(std::istream& body) {
         throw;
     }
     leftOut_ += handler.leftOut();
-    photoMap_.merge(std::move(handler).getPhotoList());
     bool namesNew = false;
     for (const std::string& id : handler.namedIds()) namesNew = met_.insert(id).second || namesNew;
+    photoMap_.merge(std::move(handler).getPhotoList());
     return namesNew;
 }
 
@@ -134,8 +134,11 @@ void DownloadPhotoListActivity::sortPhotos() {
                 ++ofOtherKind;
                 continue;
             }
-            if (mediaType == "photo") photos_.emplace(updated, std::move(photo));
-            if (mediaType == "video") videos_.emplace(updated, std::move(photo));
+            if (mediaType == "photo") {
+                photos_.emplace(updated, std::move(photo));
+            } else if (mediaType == "video") {
+                videos_.emplace(updated, std::move(photo));
+            }
         } else if (photo.getRawPhotoID() == photoSet_.getCoverImageID()) {
             photos_.emplace(updated, std::move(photo));
         } else {

@@ -38,10 +38,11 @@ public:
 
     /// The photos and the videos to back up, oldest update first; of equal times in the order of their ids.
     /// The set's cover is among the photos even when it did not change, unless it would be the only one.
-    std::multimap<Poco::DateTime, Photo> getPhotos() const& { return photos_; }
-    std::multimap<Poco::DateTime, Photo> getPhotos() && { return std::move(photos_); }
-    std::multimap<Poco::DateTime, Photo> getVideos() const& { return videos_; }
-    std::multimap<Poco::DateTime, Photo> getVideos() && { return std::move(videos_); }
+    std::multimap<Poco::DateTime, Photo> getPhotos() const { return photos_; }
+    std::multimap<Poco::DateTime, Photo> getVideos() const { return videos_; }
+    /// The same without a copy; none are left here.
+    std::multimap<Poco::DateTime, Photo> takePhotos() { return std::move(photos_); }
+    std::multimap<Poco::DateTime, Photo> takeVideos() { return std::move(videos_); }
 
 private:
     void tryGettingPhotoList();

@@ -19,7 +19,6 @@ namespace Norvale_Plugin_Flickr {
 
 using Norvale_Plugin_Core::HostServiceUsageParams;
 using Norvale_Plugin_Core::kSuccess;
-using Norvale_Plugin_Core::PluginCore;
 
 namespace {
 

@@ -43,7 +43,7 @@ public:
 protected:
     void connect(const Poco::Net::SocketAddress& address) override {
         attachSocket(stoppableSocket());
-        HTTPSession::connect(address);
+        HTTPSession::connect(address);  // NOLINT(bugprone-parent-virtual-call): TLS is attached below
         attachSocket(Poco::Net::SecureStreamSocket::attach(socket(), getHost(), context_, former_));
     }
 

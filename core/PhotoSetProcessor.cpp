@@ -69,8 +69,8 @@ void PhotoSetProcessor::processOneSet(PhotoSet& set, const Poco::DateTime& since
         exceptionHandler_.handleException(
             exception, std::string(kListFails) + "() : " + exception.displayText(), retryAttempts());
     }
-    const std::multimap<Poco::DateTime, Photo> videos = std::move(list).getVideos();
-    const std::multimap<Poco::DateTime, Photo> photos = std::move(list).getPhotos();
+    const std::multimap<Poco::DateTime, Photo> videos = list.takeVideos();
+    const std::multimap<Poco::DateTime, Photo> photos = list.takePhotos();
 
     if (!videos.empty() || !photos.empty()) {
         const std::string storedName = database_.getPhotoSetNameById(set.getPhotoSetID());

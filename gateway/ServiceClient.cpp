@@ -74,10 +74,10 @@ void pauseFor(milliseconds time, const Cancelled& cancelled) {
     }
 }
 
-ServiceClient::ServiceClient(std::string restAddress, OAuthKeys keys, const std::string& budgetFile,
+ServiceClient::ServiceClient(std::string restAddress, const OAuthKeys& keys, const std::string& budgetFile,
                              const PatienceLimits& limits)
     : address_(std::move(restAddress)),
-      keys_(std::move(keys)),
+      keys_(keys),
       budget_(budgetFile),
       patience_(limits),
       retryPause_(limits.first / 2) {}

@@ -21,7 +21,7 @@ namespace flickr_gateway {
 class ServiceClient {
 public:
     /// restAddress: "https://api.flickr.com/services/rest/". budgetFile: as HourlyBudget has it.
-    ServiceClient(std::string restAddress, OAuthKeys keys, const std::string& budgetFile,
+    ServiceClient(std::string restAddress, const OAuthKeys& keys, const std::string& budgetFile,
                   const PatienceLimits& limits);
 
     /// One call. The answer is never a failure: what the service refuses is thrown as Failure, with its kind

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <string_view>
 #include <utility>
@@ -42,8 +43,8 @@ std::string activity(const RunMoment& moment, std::size_t room) {
 }
 
 std::string roughly(double seconds) {
-    if (seconds < 59.5) return std::to_string(std::max(1L, static_cast<long>(seconds + 0.5))) + " s";
-    const long minutes = static_cast<long>(seconds / 60 + 0.5);
+    if (seconds < 59.5) return std::to_string(std::max(1L, std::lround(seconds))) + " s";
+    const long minutes = std::lround(seconds / 60);
     if (minutes < 60) return std::to_string(minutes) + " min";
     if (minutes < 48 * 60)
         return std::to_string(minutes / 60) + " h " + std::to_string(minutes % 60) + " min";
