@@ -19,6 +19,7 @@ import time
 import unittest
 import urllib.parse
 import urllib.request
+import xml.sax.saxutils
 
 import browser
 
@@ -28,7 +29,7 @@ TITLES = ["Harbour", "Straße", "東京タワー", "Οδός", "Ёлка", "Nigh
 # Those in no set, too, and a film that is in two sets.
 ITEMS = len(TITLES) * (len(SETS) + 1) + 2
 HOSTILE = ["<img src=x onerror=\"window.owned=1\">", "</script><script>window.owned=1</script>",
-           "javascript:window.owned=1", "\u202egpj.exe \u2028\u2029 x", "-->]]>{{7*7}}${owned=1}'\"", "long " * 200]
+           "javascript:window.owned=1", "\u202egpj.exe \u2028\u2029 x", "-->]]>{{7*7}}${owned=1}'\"", "long " * 800]
 
 # A landscape of some hills, as a JPEG file.
 DRAW = """
@@ -382,13 +383,27 @@ class Gallery(unittest.TestCase):
                 database.execute("UPDATE backupmetadata SET ItemName = ? WHERE OriginalItemId = ?",
                                  (title + ".jpg", item))
             database.execute("UPDATE backupmetadata SET ItemName = ? WHERE ItemId = ?", (HOSTILE[1], changed))
+        record = next(path for path in self.device.rglob(".records/*.xml")
+                      if f"<ID>{items[0]}_{changed}<" in path.read_text())
+        escaped = [xml.sax.saxutils.escape(text) for text in HOSTILE]
+        record.write_text(record.read_text()
+                          .replace("<Description>", "<Description>" + "\n".join(escaped))
+                          .replace("<Tags>", "<Tags>" + "".join(f"<Tag>{text}</Tag>" for text in escaped[:5])))
         self.flickr("gallery", "--device", self.device)
         self.show(f"set={changed}")
         self.browser.wait("document.querySelectorAll('.tile').length === arguments[0]", len(HOSTILE))
         self.assertEqual(self.text("h1"), HOSTILE[1])
         self.assertEqual(set(self.texts(".tile")), set(HOSTILE))
-        self.browser.run("document.querySelector('.tile').click()")
+        self.browser.run("location.hash += `&item=${arguments[0]}_${arguments[1]}`", items[0], changed)
         self.browser.wait("document.getElementById('viewer').open")
+        self.assertEqual(self.texts("#details h2"), HOSTILE[:1])
+        self.assertEqual(self.texts("#details .text"), ["\n".join(HOSTILE)])
+        self.assertEqual(self.texts("#details .tags a"), HOSTILE[:5])
+        self.assertEqual(self.browser.run("return [...new Set([...document.links].map((link) => link.protocol))]"),
+                         ["file:"])
+        self.browser.run("document.querySelectorAll('#details .tags a')[2].click()")
+        self.browser.wait("document.querySelector('h1').textContent === `“${arguments[0]}”`", HOSTILE[2])
+        self.summary("2 items")
         # Nothing ran, nothing came from elsewhere, and nothing could: not even what is put into the page.
         outside = self.browser.run("""
             return performance.getEntriesByType('resource').map((e) => e.name)

@@ -441,7 +441,8 @@ const gallery = (() => {
   const render = () => {
     const from = scrollY - grid.offsetTop;
     const below = from + innerHeight;
-    const margin = view.rows.size ? innerHeight : 0; // at first what is seen, and the rest when that is shown
+    // Of what is found, what is seen comes first.
+    const margin = view.rows.size || !view.words.length ? innerHeight : 0;
     const keys = new Set();
     let after = null;
     const want = (part, row, name, above, height) => {
@@ -854,14 +855,12 @@ const gallery = (() => {
       chunk.items = lines.map((line) => new Item(chunk.set, line));
     },
     texts: (entries) => {
-      for (const [name, ids, lines] of entries) {
-        const known = { photos: ids.split(" "), text: lines + "\n", ends: [] };
+      for (const [name, ids, text] of entries) {
+        const known = { photos: ids.split(" "), text, ends: [] };
         searched.set(name, known);
-        let end = -1;
-        for (const photo of known.photos) {
-          known.ends.push(end = known.text.indexOf("\n", end + 1));
-          (photos.has(photo) ? shared : photos).add(photo);
-        }
+        for (let end = -1; (end = text.indexOf("\n", end + 1)) >= 0;) known.ends.push(end);
+        known.ends.push(text.length);
+        for (const photo of known.photos) (photos.has(photo) ? shared : photos).add(photo);
       }
     },
   };
