@@ -133,6 +133,25 @@ TEST_F(AppTest, ReadsCredentialsOnlyFromPrivateCompleteFiles) {
     EXPECT_THAT(refusal([&] { readCredentials(foreign); }), HasSubstr("belongs to another user"));
 }
 
+TEST_F(AppTest, WritesCredentialsForTheirOwnerOnlyAndKeepsWhatItDoesNotKnow) {
+    const auto modeOf = [](const std::string& path) {
+        struct stat status {};
+        return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 0777 : 0u;
+    };
+    const std::string path = folder_ + "/deep/folder/credentials";
+    changeCredentials(path, {{"api_key", "k"}, {"user_name", "A\nservice = https://127.0.0.1:1\r\nB"}});
+    EXPECT_EQ(modeOf(folder_ + "/deep"), 0700u);
+    EXPECT_EQ(modeOf(folder_ + "/deep/folder"), 0700u);
+    EXPECT_EQ(modeOf(path), 0600u);
+    const Credentials read = readWhatThereIs(path);
+    EXPECT_EQ(read.service, "");
+    EXPECT_EQ(read.userName, "A service = https://127.0.0.1:1  B");
+
+    const std::string other = write("other", "Token = old\r\nfuture = 1\r\n; token = mine\r\n");
+    changeCredentials(other, {{"token", ""}, {"user_id", "7"}});
+    EXPECT_EQ(readFile(other), "future = 1\r\n; token = mine\r\nuser_id = 7\n");
+}
+
 TEST_F(AppTest, KeepsSecretsOutOfMemoryThatIsNotTheirs) {
     alignas(Credentials) char memory[sizeof(Credentials)];
     const std::string path = write("good", "api_key = k1k1\napi_secret = s2s2\ntoken = t3t3\n");

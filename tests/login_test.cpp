@@ -99,7 +99,18 @@ protected:
     static SimOptions today() {
         SimOptions options;
         options.today.emplace();
+        options.credentials.userName = "Sim\nservice = https://127.0.0.1:1\nOwner\xc2\x9b";
         return options;
+    }
+
+    /// As a person's browser goes back to the program.
+    static std::string visit(const Poco::URI& back, const std::string& target) {
+        Poco::Net::HTTPClientSession session(back.getHost(), back.getPort());
+        Poco::Net::HTTPRequest request("GET", target, "HTTP/1.1");
+        session.sendRequest(request);
+        Poco::Net::HTTPResponse response;
+        std::istream& body = session.receiveResponse(response);
+        return std::to_string(response.getStatus()) + std::string(std::istreambuf_iterator<char>(body), {});
     }
 
     std::string file() const { return folder_ + "/config/flickr-backup/credentials"; }
@@ -166,7 +177,9 @@ TEST_F(LoginTest, SignsInBacksUpAndSignsOut) {
         typed << sim_->today().oauth().decide(waitForToken(), true) << std::endl;
     }
     EXPECT_EQ(login.get(), 0) << err();
-    EXPECT_THAT(out(), HasSubstr("Signed in as " + sim_->credentials().userName));
+    EXPECT_THAT(out(), HasSubstr("Signed in as Sim?service = https://127.0.0.1:1?Owner? (12345678@N00)"));
+    EXPECT_THAT(readFile(file()), HasSubstr("user_name = Sim service = https://127.0.0.1:1 Owner"))
+        << "no line of the service's own";
     EXPECT_THAT(readFile(file()), AllOf(HasSubstr("# mine\n"), HasSubstr("ca = " + folder_ + "/ca.pem"),
                                         HasSubstr("service = https://"), HasSubstr("token_secret = "),
                                         HasSubstr("user_id = " + sim_->credentials().userId)));
@@ -229,7 +242,7 @@ TEST_F(LoginTest, SignsInBacksUpAndSignsOut) {
     other.replace(other.find(sim_->credentials().userId), sim_->credentials().userId.size(), "99@N01");
     write(other);
     EXPECT_EQ(command("configure --check --retries 2"), 0) << err();
-    EXPECT_THAT(out(), HasSubstr("accepts the sign-in of " + sim_->credentials().userName));
+    EXPECT_THAT(out(), HasSubstr("accepts the sign-in of Sim?service"));
     EXPECT_EQ(command("run --device device"), 3);
     EXPECT_THAT(err(), AllOf(HasSubstr("of the account " + sim_->credentials().userId), HasSubstr("99@N01")));
     write(mine);
@@ -243,17 +256,9 @@ TEST_F(LoginTest, SignsInBacksUpAndSignsOut) {
     // By the page to which the service sends the user back.
     login = std::async(std::launch::async, [&] { return command("login"); });
     const Poco::URI back(sim_->today().oauth().decide(waitForToken(), true));
-    const auto visit = [&](const std::string& target) {
-        Poco::Net::HTTPClientSession session(back.getHost(), back.getPort());
-        Poco::Net::HTTPRequest request("GET", target, "HTTP/1.1");
-        session.sendRequest(request);
-        Poco::Net::HTTPResponse response;
-        std::istream& body = session.receiveResponse(response);
-        return std::to_string(response.getStatus()) + std::string(std::istreambuf_iterator<char>(body), {});
-    };
-    EXPECT_EQ(visit("/?" + back.getRawQuery()), "404") << "a stranger who does not know the address";
-    EXPECT_EQ(visit(back.getPath() + "?oauth_token=x&oauth_verifier=1"), "404");
-    EXPECT_THAT(visit(back.getPathAndQuery()), HasSubstr("You are signed in"));
+    EXPECT_EQ(visit(back, "/?" + back.getRawQuery()), "404") << "a stranger who does not know the address";
+    EXPECT_EQ(visit(back, back.getPath() + "?oauth_token=x&oauth_verifier=1"), "404");
+    EXPECT_THAT(visit(back, back.getPathAndQuery()), HasSubstr("You are signed in"));
     EXPECT_EQ(login.get(), 0) << err();
     EXPECT_EQ(command("run --device device"), 0) << out() << err();
 
@@ -276,6 +281,17 @@ TEST_F(LoginTest, SignsInBacksUpAndSignsOut) {
     }
     EXPECT_THAT(out(), AllOf(HasSubstr(key), HasSubstr("Signed in as"), Not(HasSubstr(secret))));
     EXPECT_THAT(readFile(file()), AllOf(HasSubstr("api_key = " + key), HasSubstr("api_secret = " + secret)));
+}
+
+TEST_F(LoginTest, SaysWhatToDoWhenTheUserHasRefused) {
+    write(readFile(file()) + "ca = " + folder_ + "/ca.pem\n");
+    const std::string before = readFile(file());
+    auto login = std::async(std::launch::async, [&] { return command("login"); });
+    const Poco::URI back(sim_->today().oauth().decide(waitForToken(), false));
+    EXPECT_THAT(visit(back, back.getPathAndQuery()), HasSubstr("You are not signed in"));
+    EXPECT_EQ(login.get(), 3);
+    EXPECT_THAT(err(), AllOf(HasSubstr("not allowed"), HasSubstr("run \"flickr-backup login\" again")));
+    EXPECT_EQ(readFile(file()), before);
 }
 
 }  // namespace

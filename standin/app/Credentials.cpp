@@ -17,7 +17,6 @@
 #include <filesystem>
 #include <memory>
 #include <sstream>
-#include <system_error>
 
 #include "standin/app/PrivateFile.h"
 #include "standin/app/Refusal.h"
@@ -168,11 +167,14 @@ void changeCredentials(const std::string& path,
             if (!changes) text += line + "\n";
         }
     } else {
-        std::error_code ignored;  // Writing tells.
-        std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
+        makePrivateFolder(std::filesystem::absolute(path).parent_path().string());
     }
-    for (const auto& [key, value] : values) {
+    for (auto [key, value] : values) {
+        // A name of the service's must not bring lines of its own.
+        std::replace_if(
+            value.begin(), value.end(), [](char c) { return c == '\n' || c == '\r' || c == '\0'; }, ' ');
         if (!value.empty()) text += key + " = " + value + "\n";
+        flickr_standin::wipe(value);
     }
     const std::string reason = replacePrivateFile(path, text);
     flickr_standin::wipe(text);

@@ -52,7 +52,8 @@ Credentials readCredentials(const std::string& path);
 Credentials readWhatThereIs(const std::string& path);
 
 /// Sets the values in the file, which is made with its folders when it is missing, and removes those that are
-/// empty; other lines stay. Whole or not at all. Throws CannotBegin when it cannot be written.
+/// empty; other lines stay. A line break in a value becomes a blank. Whole or not at all. Throws CannotBegin
+/// when it cannot be written.
 void changeCredentials(const std::string& path,
                        const std::vector<std::pair<std::string, std::string>>& values);
 

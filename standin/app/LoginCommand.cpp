@@ -14,6 +14,7 @@
 #include "standin/app/Commands.h"
 #include "standin/app/Configuration.h"
 #include "standin/app/Credentials.h"
+#include "standin/app/Format.h"
 #include "standin/app/GatewayRun.h"
 #include "standin/app/Json.h"
 #include "standin/app/Profile.h"
@@ -118,8 +119,13 @@ flickr_gateway::SignedIn signIn(const Credentials& credentials, bool noBrowser, 
                   << std::endl;
         out << attempt.page() << std::endl;
     }
-    const std::string verifier = page.await(attempt.requestToken(), kTimeForThePage);
-    if (verifier.empty()) throw Poco::RuntimeException("The program was not allowed to read the account.");
+    const std::string verifier =
+        beforehand([&] { return page.await(attempt.requestToken(), kTimeForThePage); });
+    if (verifier.empty()) {
+        throw CannotBegin(
+            "The program was not allowed to read the account; run \"flickr-backup login\" again to allow "
+            "it.");
+    }
     return attempt.finish(verifier, kNever);
 }
 
@@ -147,7 +153,8 @@ void login(const std::string& file, const Options& options, bool json) {
         object.set("credentials", validUtf8(file));
         return printJson(std::cout, object);
     }
-    std::cout << "Signed in as " << signedIn.userName << " (" << signedIn.userId << "), to read only.\n"
+    std::cout << "Signed in as " << printable(signedIn.userName) << " (" << printable(signedIn.userId)
+              << "), to read only.\n"
               << "Credentials: " << file << std::endl;
 }
 
