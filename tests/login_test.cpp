@@ -294,4 +294,23 @@ TEST_F(LoginTest, SaysWhatToDoWhenTheUserHasRefused) {
     EXPECT_EQ(readFile(file()), before);
 }
 
+TEST_F(LoginTest, TiesADeviceToTheAccountBeforeItsFirstRunHasEnded) {
+    const Credentials& known = sim_->credentials();
+    const std::string account = folder_ + "/device/Brightkettle/My Flickr Items/.records/.account";
+    write(readFile(file()) + "ca = " + folder_ + "/ca.pem\ntoken = " + known.token +
+          "\ntoken_secret = " + known.tokenSecret + "\nuser_id = " + known.userId + "\nfuture = 1\r\n");
+    account_.addItem("", photo("p"));
+    std::atomic<bool> goesOn{false};
+    sim_->faults().add(media(), always(), [&](const Request&, Reply&) {
+        while (!goesOn) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    });
+    auto run = std::async(std::launch::async, [&] { return command("run --device device"); });
+    for (int i = 0; i < 3000 && readFile(account).find(known.userId) == std::string::npos; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    EXPECT_THAT(readFile(account), HasSubstr(known.userId));
+    goesOn = true;
+    EXPECT_EQ(run.get(), 0) << out() << err();
+}
+
 }  // namespace

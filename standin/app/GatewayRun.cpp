@@ -60,7 +60,6 @@ flickr_gateway::GatewaySettings settingsOf(const Credentials& credentials, const
 int openAccountFile(const std::string& serviceFolder, int flags) {
     const int folder = ::open(serviceFolder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (folder < 0) return -1;
-    if ((flags & O_CREAT) != 0) ::mkdirat(folder, ".records", 0700);
     const int records = ::openat(folder, ".records", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     ::close(folder);
     if (records < 0) return -1;
@@ -138,15 +137,16 @@ void refuseOtherAccount(const DeviceLayout& layout, const Credentials& credentia
                       "; sign in as the other, or use another device.");
 }
 
-void tieToAccount(const DeviceLayout& layout, const Credentials& credentials) {
+bool tieToAccount(const DeviceLayout& layout, const Credentials& credentials) {
     refuseOtherAccount(layout, credentials);
-    if (credentials.userId.empty() || !accountOn(layout.serviceFolder).empty()) return;
+    if (credentials.userId.empty() || !accountOn(layout.serviceFolder).empty()) return true;
     const int file = openAccountFile(layout.serviceFolder, O_WRONLY | O_CREAT | O_TRUNC);
-    if (file < 0) return;
+    if (file < 0) return false;
     const std::string line = credentials.userId + " " + credentials.userName + "\n";
     const bool written = ::write(file, line.data(), line.size()) == static_cast<ssize_t>(line.size());
     if (written) ::fsync(file);
     ::close(file);
+    return written;
 }
 
 }  // namespace flickr_app

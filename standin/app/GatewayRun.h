@@ -57,8 +57,8 @@ private:
 /// A device belongs to one account: ".records/.account" in the service folder holds its id, a blank and its
 /// name. Throws CannotBegin when the device is another account's.
 void refuseOtherAccount(const DeviceLayout& layout, const Credentials& credentials);
-/// The same, and writes that file when there is none and the folder is there.
-void tieToAccount(const DeviceLayout& layout, const Credentials& credentials);
+/// The same, and writes that file when there is none and ".records" is there. Whether nothing is left to do.
+bool tieToAccount(const DeviceLayout& layout, const Credentials& credentials);
 
 }  // namespace flickr_app
 

@@ -351,6 +351,10 @@ RunReport perform(Beginning& beginning, const Options& options, ServiceAccess& a
             recover();
         };
         settings.waitText = [&] { return access.waitText(); };
+        // A first run that is killed leaves files of this account, in a folder that only the run has made.
+        settings.eachSecond = [&, tied = options.isDry]() mutable {
+            tied = tied || tieToAccount(beginning.layout, beginning.credentials);
+        };
         RunDisplay display(std::move(settings));
         report.outcome = performRun(beginning.request, display);
         display.tellItems();

@@ -81,6 +81,7 @@ double RunDisplay::elapsed() const {
 
 void RunDisplay::progress(double, double bytes) {
     bytes_ = bytes;
+    settings_.eachSecond();
     pace_.add(elapsed(), bytes, RunProgress::instance().moment().done);
     show(stopsSeen_ ? "stopping" : settings_.waitText());
 }

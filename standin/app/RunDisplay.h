@@ -31,6 +31,7 @@ struct DisplaySettings {
     std::string pauseWhen;                  ///< while that file is there the run pauses; empty for none
     std::function<void()> beforeResume;     ///< called while a run that paused is still at rest
     std::function<std::string()> waitText;  ///< what the run waits for, empty for nothing
+    std::function<void()> eachSecond;       ///< called about once a second
 };
 
 /// Shows a run's progress on standard error, and passes on the wishes to pause and to stop.
