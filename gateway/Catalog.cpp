@@ -86,13 +86,23 @@ std::string Catalog::setList(const Tick& tick) {
     return setListXml(sets);
 }
 
+ServiceAnswer Catalog::askForSets(HttpClient& http, std::size_t page, const Cancelled& cancelled) {
+    try {
+        return service_.call(http, "flickr.photosets.getList",
+                             {{"page", std::to_string(page)}, {"per_page", std::to_string(kItemsPerPage)}},
+                             cancelled);
+    } catch (Failure& failure) {
+        // The plug-in takes every failure of this list for a sign-in that is refused.
+        if (failure.kind() != Failure::Kind::NotFound) throw;
+        throw Failure(Failure::Kind::Unavailable, failure.what(), failure.code());
+    }
+}
+
 std::vector<ListedSet> Catalog::fetchSets(HttpClient& http, const Cancelled& cancelled) {
     std::vector<ListedSet> sets;
     std::set<std::string> met;
     for (std::size_t page = 1, pages = 1, emptyPages = 0; page <= pages; ++page) {
-        ServiceAnswer answer = service_.call(
-            http, "flickr.photosets.getList",
-            {{"page", std::to_string(page)}, {"per_page", std::to_string(kItemsPerPage)}}, cancelled);
+        ServiceAnswer answer = askForSets(http, page, cancelled);
         // The announced count may hold sets that the caller may not see; a page without any is no end.
         emptyPages = answer.sets.empty() ? emptyPages + 1 : 0;
         if (emptyPages == kEmptyPages) break;

@@ -67,6 +67,7 @@ private:
     using Page = std::shared_future<ServiceAnswer>;
     using PageKey = std::pair<std::string, unsigned>;  // set, number
 
+    ServiceAnswer askForSets(HttpClient& http, std::size_t page, const Cancelled& cancelled);
     std::vector<ListedSet> fetchSets(HttpClient& http, const Cancelled& cancelled);
     Page requestPage(const std::string& setId, unsigned page);
     Page takePage(const std::string& setId, unsigned page);

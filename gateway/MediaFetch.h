@@ -39,6 +39,12 @@ public:
     std::int64_t length() const { return length_; }
     /// Nobody wants it any more.
     void cancel() { cancelled_ = true; }
+    /// It waits for the body, and is to be told why it fails.
+    void attach() {
+        spool_.attachReader();
+        isAwaited_ = true;
+    }
+    bool isAwaited() const { return isAwaited_; }
 
     Spool& spool() { return spool_; }
 
@@ -49,6 +55,7 @@ private:
     State state_ = State::Waiting;
     std::int64_t length_ = -1;
     std::atomic<bool> cancelled_{false};
+    std::atomic<bool> isAwaited_{false};
 };
 
 /// Brings the file at the address into the body: a transfer that breaks off goes on from where it was when

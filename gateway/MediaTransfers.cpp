@@ -73,9 +73,9 @@ std::shared_ptr<MediaBody> MediaTransfers::open(const KnownItem& item, bool isTh
     }
     if (body == nullptr) {
         body = std::make_shared<MediaBody>(room_);
-        asked_.push_back({item, isThumbnail, body, true});
+        asked_.push_back({item, isThumbnail, body});
     }
-    body->spool().attachReader();
+    body->attach();
     changed_.notify_all();
     return body;
 }
@@ -118,7 +118,7 @@ bool MediaTransfers::nextJob(Job& job) {
     if (running_ >= limits_.atATime || next_ >= 2 * items_.size()) return false;
     if (ahead_.size() >= kMostAhead || !room_.hasMemory()) return false;
     const std::size_t entry = next_++;
-    job = {*items_[entry / 2], entry % 2 == 1, std::make_shared<MediaBody>(room_), false};
+    job = {*items_[entry / 2], entry % 2 == 1, std::make_shared<MediaBody>(room_)};
     ahead_[entry] = job.body;
     return true;
 }
@@ -127,7 +127,9 @@ void MediaTransfers::fetch(HttpClient& http, Job& job) {
     MediaBody& body = *job.body;
     const Cancelled cancelled = [&] { return stopping_ || body.isCancelled(); };
     const auto fail = [&](const std::string& sentence, Failure::Kind kind) {
-        if (job.isAsked) report_(job.item, sentence, kind);
+        // One step: whoever has begun to wait by now is told, and whoever comes later asks again.
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (body.isAwaited()) report_(job.item, sentence, kind);
         body.fail(kind);
     };
     try {

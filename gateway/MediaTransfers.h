@@ -67,7 +67,6 @@ private:
         KnownItem item;
         bool isThumbnail = false;
         std::shared_ptr<MediaBody> body;
-        bool isAsked = false;  // by the plug-in
     };
 
     void work();

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <future>
 #include <memory>
 #include <set>
@@ -107,15 +108,16 @@ protected:
                                                  : std::vector<ListedItem>();
     }
 
-    /// All that comes for these bytes, until the connection ends.
-    std::string send(const std::string& bytes) {
+    /// All that comes for these bytes, until the connection ends. onPiece: called when something has come.
+    std::string send(
+        const std::string& bytes, const std::function<void()>& onPiece = [] {}) {
         const Poco::URI address(url_);
         Poco::Net::StreamSocket socket(Poco::Net::SocketAddress(address.getHost(), address.getPort()));
         socket.sendBytes(bytes.data(), static_cast<int>(bytes.size()));
         std::string all;
         char block[4096];
         try {
-            for (int got; (got = socket.receiveBytes(block, sizeof block)) > 0;)
+            for (int got; (got = socket.receiveBytes(block, sizeof block)) > 0; onPiece())
                 all.append(block, static_cast<std::size_t>(got));
         } catch (Poco::Exception&) {
             all += "RESET";
@@ -382,6 +384,10 @@ TEST_F(GatewayTest, SaysWhatItCannotHelp) {
     fails("error 105");
     EXPECT_EQ(names(), "") << "no list was taken for empty";
 
+    sim_->faults().clear();
+    sim_->faults().add(flickr_sim::parseFault("method=flickr.photosets.getList,error=1"));
+    fails("error 1:");
+
     // A file that cannot be had costs that item only.
     for (const char* text :
          {"kind=media,item=%,length=99999999", "kind=media,item=%,cut=0", "kind=media,item=%,status=404",
@@ -448,6 +454,33 @@ TEST_F(GatewayTest, GivesSignsOfLifeAndStopsWhateverIsUnderWay) {
         gateway_.reset();
         asked.wait();
     }
+}
+
+TEST_F(GatewayTest, TellsWhyAFileFailsThatWasUnderWayAlready) {
+    const std::string set = account_.addSet("S");
+    const std::string id = account_.addItem(set, photo("gone"));
+    serveToday();
+    std::atomic<bool> goesOn{false};
+    std::atomic<int> came{0};
+    sim_->faults().add(flickr_sim::media(), flickr_sim::always(),
+                       [&](const flickr_sim::Request&, flickr_sim::Reply& reply) {
+                           ++came;
+                           while (!goesOn) std::this_thread::sleep_for(10ms);
+                           reply.status = 404;
+                       });
+    start();
+    call("flickr.photosets.getList");
+    page(set, 1);
+    while (came == 0) std::this_thread::sleep_for(10ms);
+    const std::string sizes = call("flickr.photos.getSizes", {{"photo_id", id}});
+    const std::size_t at = sizes.rfind("http://");
+    // The sign of life says that the request waits for what is under way.
+    const std::string answer = send("GET " + sizes.substr(at, sizes.find('"', at) - at) +
+                                        " HTTP/1.1\r\nHost: " + Poco::URI(url_).getAuthority() + "\r\n\r\n",
+                                    [&] { goesOn = true; });
+    EXPECT_THAT(answer, HasSubstr("HTTP/1.1 404"));
+    EXPECT_EQ(came, 1);
+    EXPECT_THAT(gateway_->problems(), Contains(HasSubstr("status 404")));
 }
 
 TEST_F(GatewayTest, SignsIn) {
