@@ -35,7 +35,7 @@ struct GatewaySettings {
     OAuthKeys keys;
     std::string userId;  ///< the account's; empty: the service is asked
     /// The user's folder for what is kept from run to run, for its owner only; made when it is missing.
-    /// Empty: nothing is kept, and the hourly limit is not minded.
+    /// Empty: nothing is kept, and the hourly limit is this gateway's own.
     std::string stateFolder;
     TransferLimits transfers;
     std::uint64_t bytesPerSecond = 0;  ///< of all transfers; 0: no limit

@@ -28,10 +28,8 @@ struct Record {
     std::int64_t next = 0;
     std::map<std::int64_t, unsigned> minutes;
 
-    static Record read(int file) {
-        char text[kLargestFile];
-        const ssize_t size = ::pread(file, text, sizeof text, 0);
-        std::istringstream stream(std::string(text, size > 0 ? static_cast<std::size_t>(size) : 0));
+    static Record read(const std::string& text) {
+        std::istringstream stream(text);
         Record record;
         std::string word;
         if (!(stream >> word >> record.next) || word != "next") return Record();
@@ -41,13 +39,12 @@ struct Record {
         return stream.eof() ? record : Record();
     }
 
-    bool write(int file) const {
+    std::string text() const {
         std::string text = "next " + std::to_string(next) + "\n";
         for (const auto& [minute, count] : minutes) {
             text += std::to_string(minute) + " " + std::to_string(count) + "\n";
         }
-        return ::pwrite(file, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()) &&
-               ::ftruncate(file, static_cast<off_t>(text.size())) == 0;
+        return text;
     }
 
     /// Keeps what counts now. What lies in the future was written before the clock was set back.
@@ -77,6 +74,17 @@ public:
     LockedFile(const LockedFile&) = delete;
     LockedFile& operator=(const LockedFile&) = delete;
 
+    std::string text() const {
+        char text[kLargestFile];
+        const ssize_t size = ::pread(descriptor, text, sizeof text, 0);
+        return std::string(text, size > 0 ? static_cast<std::size_t>(size) : 0);
+    }
+
+    bool write(const std::string& text) const {
+        return ::pwrite(descriptor, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()) &&
+               ::ftruncate(descriptor, static_cast<off_t>(text.size())) == 0;
+    }
+
     [[noreturn]] static void fail(const std::string& path) {
         throw Failure(Failure::Kind::Unavailable,
                       "The count of requests cannot be kept in " + path + ": " + std::strerror(errno) + ".");
@@ -91,11 +99,21 @@ HourlyBudget::HourlyBudget(std::string file, unsigned limit, Now now)
     : file_(std::move(file)), limit_(limit), now_(std::move(now)) {}
 
 milliseconds HourlyBudget::take() {
-    if (file_.empty()) return milliseconds(0);
+    if (file_.empty()) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return takeFrom(count_);
+    }
     const LockedFile file(file_);
+    std::string count = file.text();
+    const milliseconds wait = takeFrom(count);
+    if (wait.count() == 0 && !file.write(count)) LockedFile::fail(file_);
+    return wait;
+}
+
+milliseconds HourlyBudget::takeFrom(std::string& count) const {
     const std::int64_t now = std::chrono::duration_cast<milliseconds>(now_().time_since_epoch()).count();
     const std::int64_t minute = now / kMinute;
-    Record record = Record::read(file.descriptor);
+    Record record = Record::read(count);
     record.forget(minute);
 
     const unsigned used = record.used();
@@ -109,7 +127,7 @@ milliseconds HourlyBudget::take() {
 
     record.next = low ? now + relief / left : now;
     ++record.minutes[minute];
-    if (!record.write(file.descriptor)) LockedFile::fail(file_);
+    count = record.text();
     return milliseconds(0);
 }
 

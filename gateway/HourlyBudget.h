@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <string>
 
 namespace flickr_gateway {
@@ -25,17 +26,22 @@ class HourlyBudget {
 public:
     using Now = std::function<std::chrono::system_clock::time_point()>;
 
-    /// file: in the user's state folder; empty: every request is free. Other processes may use it too.
+    /// file: in the user's state folder; other processes may use it too. Empty: this object counts its own
+    /// requests only.
     explicit HourlyBudget(std::string file, unsigned limit = 3600, Now now = &std::chrono::system_clock::now);
 
     /// Takes one request: 0 when it may be sent now, and otherwise, with nothing taken, the time after which
-    /// to ask again. Throws Failure when the file cannot be kept.
+    /// to ask again. Throws Failure when the file cannot be kept. Can be used from several threads.
     std::chrono::milliseconds take();
 
 private:
+    std::chrono::milliseconds takeFrom(std::string& count) const;
+
     const std::string file_;
     const unsigned limit_;
     const Now now_;
+    std::mutex mutex_;
+    std::string count_;  // what the file would hold
 };
 
 }  // namespace flickr_gateway

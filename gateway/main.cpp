@@ -18,6 +18,7 @@
 
 #include "gateway/Gateway.h"
 #include "gateway/SizeOption.h"
+#include "gateway/UserFolder.h"
 
 namespace {
 
@@ -105,7 +106,10 @@ int main(int argc, char** argv) {
     app.add_option("--credentials", options.credentials, "File with the sign-in")
         ->required()
         ->type_name("FILE");
-    app.add_option("--state", options.state, "Folder for what is kept from run to run")->type_name("DIR");
+    options.state = userFolder("XDG_STATE_HOME", "/.local/state");
+    app.add_option("--state", options.state,
+                   "Folder for what is kept from run to run; without it the user's, as of \"flickr-backup\"")
+        ->type_name("DIR");
     app.add_option("--ca", options.ca, "Authorities to trust instead of the system's")->type_name("FILE");
     app.add_option("--port", gateway.port, "Port on loopback; 0: the system picks")->capture_default_str();
     app.add_option("--transfers", gateway.transfers.atATime, "Files fetched at a time")

@@ -178,6 +178,12 @@ TEST(Budget, GivesNoMoreThanTheLimitInAnyHourAndGoesOnEvenlyWhenLow) {
     EXPECT_EQ(::stat(file.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0600u);
 
+    // Without a file the object counts by itself.
+    HourlyBudget alone("", 60, clock);
+    unsigned given = 0;
+    while (given < 1000 && alone.take().count() == 0) ++given;
+    EXPECT_EQ(given, 51u);
+
     now -= 300h;  // the clock was wrong
     EXPECT_EQ(first.take().count(), 0);
     std::ofstream(file) << "next \xff\n1 2 x";

@@ -6,28 +6,14 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
+#include "gateway/UserFolder.h"
 #include "standin/framework/base/Descriptor.h"
 
 namespace flickr_app {
 
 using flickr_standin::Descriptor;
-
-namespace {
-
-std::string folderBelow(const char* variable, const char* inHome) {
-    // Only an absolute one counts, as the desktop's rules for these folders say.
-    if (const char* folder = std::getenv(variable); folder != nullptr && folder[0] == '/') {
-        return std::string(folder) + "/flickr-backup";
-    }
-    const char* const home = std::getenv("HOME");
-    if (home == nullptr || home[0] != '/') return std::string();
-    return std::string(home) + inHome + "/flickr-backup";
-}
-
-}  // namespace
 
 std::string replacePrivateFile(const std::string& path, const std::string& content) {
     std::string temporary = path + ".XXXXXX";
@@ -54,11 +40,11 @@ void makePrivateFolder(const std::string& path) {
 }
 
 std::string userConfigurationFolder() {
-    return folderBelow("XDG_CONFIG_HOME", "/.config");
+    return flickr_gateway::userFolder("XDG_CONFIG_HOME", "/.config");
 }
 
 std::string userStateFolder() {
-    return folderBelow("XDG_STATE_HOME", "/.local/state");
+    return flickr_gateway::userFolder("XDG_STATE_HOME", "/.local/state");
 }
 
 }  // namespace flickr_app
