@@ -108,7 +108,7 @@ int main(int argc, char** argv) {
         ->type_name("FILE");
     options.state = userFolder("XDG_STATE_HOME", "/.local/state");
     app.add_option("--state", options.state,
-                   "Folder for what is kept from run to run; without it the user's, as of \"flickr-backup\"")
+                   "Folder for what is kept from run to run; flickr-backup's when it is left out")
         ->type_name("DIR");
     app.add_option("--ca", options.ca, "Authorities to trust instead of the system's")->type_name("FILE");
     app.add_option("--port", gateway.port, "Port on loopback; 0: the system picks")->capture_default_str();

@@ -173,7 +173,7 @@ void changeCredentials(const std::string& path,
         // A name of the service's must not bring lines of its own.
         std::replace_if(
             value.begin(), value.end(), [](char c) { return c == '\n' || c == '\r' || c == '\0'; }, ' ');
-        if (!value.empty()) text += key + " = " + value + "\n";
+        if (!value.empty()) text.append(key).append(" = ").append(value).append("\n");
         flickr_standin::wipe(value);
     }
     const std::string reason = replacePrivateFile(path, text);

@@ -227,7 +227,9 @@ bool Device::isOne(const std::string& path, const std::string& other) {
     if (!status(path) || !status(other)) return false;
     const std::string folder = folderOf(path), otherFolder = folderOf(other);
     if (folder != otherFolder && !isOne(folder, otherFolder)) return false;
-    return isOneEntry(openFolder(folder).get(), nameOf(path), nameOf(other));
+    const std::optional<bool> answer = isOneEntry(openFolder(folder).get(), nameOf(path), nameOf(other));
+    if (!answer) fail("list", folder, errno);  // whoever takes one file for two may remove it
+    return *answer;
 }
 
 bool Device::owns(const std::string& path, const std::string& item) {

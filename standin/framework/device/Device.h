@@ -62,7 +62,7 @@ public:
     /// What stands at path, or none.
     std::optional<struct stat> status(const std::string& path);
     /// True when both paths lead to one file or folder: they are equal, or the file system does not see in
-    /// what they differ.
+    /// what they differ. Throws DeviceFailure when the folder that could tell cannot be read.
     bool isOne(const std::string& path, const std::string& other);
     /// Whether something stands there; a spelling that is remembered of what has gone does not.
     bool stands(const std::string& path);

@@ -86,22 +86,29 @@ Descriptor makeFile(int folder, const std::string& name) {
 
 std::optional<long> entriesLike(int folder, const std::string& name) {
     Descriptor listed(::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!listed.isOpen()) return std::nullopt;
     const std::unique_ptr<DIR, int (*)(DIR*)> entries(::fdopendir(listed.get()), &::closedir);
     if (!entries) return std::nullopt;
     listed.release();
     const std::string key = nameKey(name);
     long count = 0;
-    while (const dirent* entry = ::readdir(entries.get())) count += nameKey(entry->d_name) == key;
-    return count;
+    errno = 0;  // which tells the end from a failure
+    while (const dirent* entry = ::readdir(entries.get())) {
+        count += nameKey(entry->d_name) == key;
+        errno = 0;
+    }
+    return errno == 0 ? std::optional(count) : std::nullopt;
 }
 
-bool isOneEntry(int folder, const std::string& name, const std::string& other) {
+std::optional<bool> isOneEntry(int folder, const std::string& name, const std::string& other) {
     if (areOne(folder, name, folder, other)) return true;
     struct stat status = {};
     const auto stands = [&](const std::string& each) {
         return ::fstatat(folder, each.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
     };
-    return nameKey(name) == nameKey(other) && stands(name) && stands(other) && entriesLike(folder, name) == 1;
+    if (nameKey(name) != nameKey(other) || !stands(name) || !stands(other)) return false;
+    const std::optional<long> count = entriesLike(folder, name);
+    return count ? std::optional(*count == 1) : std::nullopt;
 }
 
 int renameWithoutReplacing(int fromFolder, const std::string& from, int toFolder, const std::string& to) {
@@ -113,7 +120,7 @@ int renameWithoutReplacing(int fromFolder, const std::string& from, int toFolder
     struct stat target = {};
     const bool stands = ::fstatat(toFolder, to.c_str(), &target, AT_SYMLINK_NOFOLLOW) == 0;
     const bool isItself = stands && nameKey(from) == nameKey(to) && areOne(fromFolder, ".", toFolder, ".") &&
-                          isOneEntry(fromFolder, from, to);
+                          isOneEntry(fromFolder, from, to) == true;
     if (stands && !isItself && entriesLike(toFolder, to) != 0) return EEXIST;
     return ::renameat(fromFolder, from.c_str(), toFolder, to.c_str()) == 0 ? 0 : errno;
 }

@@ -35,14 +35,14 @@ bool isLinkOrFile(int error);
 Descriptor makeFile(int folder, const std::string& name);
 
 /// How many names in the folder's list are equal to this one but for what file systems may not see (case,
-/// say); none when it cannot be read. The list is right where a look at the name is not: of a file that has
-/// gone from a file system in user space the kernel remembers other spellings for a second.
+/// say); none, with errno, when it cannot be read. The list is right where a look at the name is not: of a
+/// file that has gone from a file system in user space the kernel remembers other spellings for a second.
 std::optional<long> entriesLike(int folder, const std::string& name);
 
 /// True when two names lead to one file or folder of a folder: they are equal, or differ in a way that the
 /// file system does not see (case, say). The numbers of files alone do not tell: a file system in user space
-/// may give each spelling a number of its own.
-bool isOneEntry(int folder, const std::string& name, const std::string& other);
+/// may give each spelling a number of its own. None, with errno, when the list cannot be read.
+std::optional<bool> isOneEntry(int folder, const std::string& name, const std::string& other);
 
 /// Renames without replacing anything; 0 or an error number.
 int renameWithoutReplacing(int fromFolder, const std::string& from, int toFolder, const std::string& to);

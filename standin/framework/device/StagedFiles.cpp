@@ -61,7 +61,7 @@ void StagedFile::finish(const std::string& item, const std::string& description)
     text_ = own ? withDescriptionField(description, "PhysicalFileName", nameOf(path_)) : description;
     const int failure = writer_->finish();
     if (failure != 0) device_.fail("write", path_, failure);
-    if (device_.status(path_) && !device_.owns(path_, item_) && device_.stands(path_)) {
+    if (device_.stands(path_) && !device_.owns(path_, item_)) {
         throw DeviceException("Cannot write \"" + path_ + "\": something else stands there already");
     }
 }
