@@ -14,6 +14,10 @@ namespace flickr_standin {
 /// Key of the word that names the folders of thumbnails.
 constexpr const char* kThumbnailKey = "ThumbnailKey";
 
+/// Keys of the words for the months, from January on.
+constexpr const char* kMonthKeys[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                      "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+
 /// The cultures for which there are words: "de", "en", "fr", "ja".
 std::vector<std::string> knownCultures();
 

@@ -22,9 +22,6 @@ namespace flickr_standin {
 
 namespace {
 
-constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                   "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-
 // What a date that could not be read was recorded as.
 constexpr const char* kEpoch = "1970-01-01 00:00:00";
 
@@ -55,7 +52,7 @@ int monthOf(const std::string& word) {
     static const std::map<std::string, int> kWords = [] {
         std::map<std::string, int> words;
         for (const std::string& culture : knownCultures()) {
-            for (int i = 0; i < 12; ++i) words[localisedKeyword(culture, kMonths[i])] = i + 1;
+            for (int i = 0; i < 12; ++i) words[localisedKeyword(culture, kMonthKeys[i])] = i + 1;
         }
         return words;
     }();

@@ -182,11 +182,9 @@ std::string DbInterface::convertToString(Poco::DateTime date) {
 std::string DbInterface::createFormattedDate(Poco::DateTime date) {
     itemInHand().setTaken(date);
     static constexpr const char* kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-    static constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                              "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
     char number[32];
     std::string text = wordOf(kDays[date.dayOfWeek()]) + ", " + std::to_string(date.day()) + " " +
-                       wordOf(kMonths[date.month() - 1]) + " " + std::to_string(date.year()) + " ";
+                       wordOf(kMonthKeys[date.month() - 1]) + " " + std::to_string(date.year()) + " ";
     std::snprintf(number, sizeof number, "%d:%02d:%02d ", date.hourAMPM(), date.minute(), date.second());
     return text + number + wordOf(date.isAM() ? "AM" : "PM");
 }
