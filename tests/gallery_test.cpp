@@ -252,6 +252,19 @@ TEST_F(GalleryTest, WritesWhatChangedAndNothingElse) {
         if (was == before.end() || name == "index.html") continue;
         EXPECT_EQ(inode, was->second) << name;
     }
+
+    // A photo that another set begins to hold is counted once for both.
+    const auto month = [this](unsigned set) {
+        return sets()[set]->getArray(7)->getArray(0)->getArray(1)->getArray(0);
+    };
+    EXPECT_EQ(month(1)->size(), 2u);
+    account_.addToSet(other, account_.items(trip)[2]->id);
+    EXPECT_EQ(update().written, 4) << "the chunk of the one, and the line of either";
+    EXPECT_EQ(month(0)->size(), 2u);
+    ASSERT_EQ(month(1)->size(), 3u);
+    EXPECT_EQ(month(1)->getElement<int>(1), 5);
+    EXPECT_EQ(month(1)->getElement<int>(2), 1);
+
     account_.renameSet(trip, "Voyage");
     update();
     EXPECT_EQ(sets()[1]->getElement<std::string>(3), "Voyage");

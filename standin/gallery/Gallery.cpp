@@ -65,6 +65,7 @@ struct Line {
     std::string taken;
     std::string id;
     std::string text;
+    bool isAgain = false;
 };
 
 std::vector<std::string> linesOf(const std::string& text) {
@@ -424,6 +425,7 @@ private:
                 const ImageShape shape = shapeOfThumbnail(device_, set, item);
                 items.push_back({item.taken, item.id, itemLine(item, shape)});
             }
+            items.back().isAgain = item.isAgain;
         }
         std::sort(items.begin(), items.end(), [](const Line& a, const Line& b) {
             return std::tie(a.taken, a.id) < std::tie(b.taken, b.id);
@@ -464,13 +466,22 @@ private:
         return name;
     }
 
-    /// The months of a chunk, with the number of items of each.
+    /// The months of a chunk, with the number of items of each, and of those that are there again.
     static std::string monthsText(const std::vector<Line>& items, std::size_t begin, std::size_t end) {
-        std::map<std::string, long> months;
-        for (std::size_t i = begin; i < end; ++i) ++months[monthOf(items[i])];
+        struct Counts {
+            long items = 0, again = 0;
+        };
+        std::map<std::string, Counts> months;
+        for (std::size_t i = begin; i < end; ++i) {
+            Counts& counts = months[monthOf(items[i])];
+            ++counts.items;
+            counts.again += items[i].isAgain;
+        }
         std::string text;
-        for (const auto& [month, count] : months) {
-            text += (text.empty() ? "[" : ",[") + scriptString(month) + "," + std::to_string(count) + "]";
+        for (const auto& [month, counts] : months) {
+            text += (text.empty() ? "[" : ",[") + scriptString(month) + "," + std::to_string(counts.items);
+            if (counts.again != 0) text += "," + std::to_string(counts.again);
+            text += "]";
         }
         return text;
     }

@@ -15,9 +15,10 @@
 //
 // Data are scripts, since a page from the disk may load nothing else. A set's line is the JSON array
 //
-//   [id, digest, title, folder, cover, coverFile, number of items, [[HASH, [[month, number of items], ...]],
-//   ...]]
+//   [id, digest, title, folder, cover, coverFile, number of items,
+//    [[HASH, [[month, number of items, of them again], ...]], ...]]
 //
+// where "again" counts the photos that a set before it holds, too, and is left out when there are none,
 // and an item's line
 //
 //   [id, stamp, taken, width, height, title, file, thumbnail, uploaded, updated, 1 for a video, description,

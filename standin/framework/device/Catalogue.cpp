@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <map>
 #include <string_view>
+#include <unordered_set>
 
 #include "standin/framework/base/Localisation.h"
 #include "standin/framework/base/Names.h"
@@ -98,6 +99,21 @@ std::string setIdOf(const std::vector<Item>& items) {
     return id == kNoSetId ? std::string() : id;
 }
 
+/// Marks the items whose photo a set before theirs holds, too; which these are is part of a set's digest.
+void markPhotosAgain(std::vector<Set>& sets) {
+    std::unordered_set<std::string> photos;
+    for (Set& set : sets) {
+        std::string again;
+        for (Item& item : set.items) {
+            if (!item.isPlaced) continue;
+            std::string photo = item.id.substr(0, item.id.find('_'));
+            item.isAgain = !photos.insert(photo).second;
+            if (item.isAgain) again += joined({photo});
+        }
+        if (!again.empty()) set.digest = hashOf(set.digest + again);
+    }
+}
+
 /// A field of a description when the description has it, otherwise what is known without it.
 std::string preferred(const std::string& fromRecord, const std::string& known) {
     return fromRecord.empty() ? known : fromRecord;
@@ -119,6 +135,7 @@ std::vector<Set> Catalogue::sets() {
         if (aLoose != bLoose) return bLoose;
         return std::make_pair(nameKey(a.title), a.id) < std::make_pair(nameKey(b.title), b.id);
     });
+    markPhotosAgain(sets);
     return sets;
 }
 

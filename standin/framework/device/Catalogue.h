@@ -34,6 +34,7 @@ struct Item {
     std::string updated;
     bool isVideo = false;
     bool isPlaced = true;  ///< false: a rename of the set is not settled, and may not have reached the item
+    bool isAgain = false;  ///< the same photo stands in a set before this one
     std::string description;
     std::vector<std::string> tags;
     std::vector<std::string> versions;  ///< older ones, relative to the set's folder, the newest first
@@ -56,7 +57,7 @@ public:
     Catalogue(Device& device, BackupDatabase* database) : device_(device), database_(database) {}
 
     /// All sets by title, the items in no set last; their items have id, stamp, title, files, older versions,
-    /// dates of the service and kind. Throws Poco::Exception when database or device cannot be read.
+    /// dates of the service and kind, and isAgain. Throws Poco::Exception when database or device cannot be read.
     std::vector<Set> sets();
 
     /// Fills in what the item's description tells. What is missing or damaged stays as it is.

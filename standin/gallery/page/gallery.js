@@ -95,7 +95,10 @@ const gallery = (() => {
       key: searchKey(name),
       path: (name) => (folder ? `${folder}/${name}` : name),
     };
-    set.chunks = parts.map(([name, months]) => ({ name, set, months: new Map(months) }));
+    set.chunks = parts.map(([name, months]) => ({
+      name, set, months: new Map(months),
+      fresh: new Map(months.map(([month, n, again = 0]) => [month, n - again])),
+    }));
     for (const chunk of set.chunks) chunks.set(chunk.name, chunk);
     sets.set(id, set);
   };
@@ -199,7 +202,8 @@ const gallery = (() => {
   const monthSections = (mine) => {
     const sections = new Map();
     for (const chunk of mine.scope.flatMap((set) => set.chunks)) {
-      for (const [month, total] of mine.words.length ? foundIn(chunk, mine) : chunk.months) {
+      const all = mine.scope.length > 1 ? chunk.fresh : chunk.months;
+      for (const [month, total] of mine.words.length ? foundIn(chunk, mine) : all) {
         const part = sections.get(month) ||
           { month, months: new Set([month]), total: 0, chunks: [], rows: [], top: 0, height: 0 };
         sections.set(month, part);
@@ -211,6 +215,8 @@ const gallery = (() => {
     const sign = mine.order === "takenOldest" ? 1 : -1;
     return [...sections.values()].sort((a, b) => !a.month - !b.month || sign * compare(a.month, b.month));
   };
+
+  const sumOf = (sections) => sections.reduce((sum, { total }) => sum + total, 0);
 
   /** Neighbouring sections put together until they have so many items. */
   const together = (sections, items) => {
@@ -233,14 +239,14 @@ const gallery = (() => {
 
   const show = () => {
     const order = state.sort || (state.set ? "takenOldest" : "takenNewest");
-    const scope = sets.has(state.set) ? [sets.get(state.set)] : [...sets.values()];
-    const total = scope.reduce((sum, set) => sum + set.total, 0);
+    const only = sets.get(state.set);
+    const scope = only ? [only] : [...sets.values()];
     const words = searchKey(state.q || "").split(/\s+/).filter(Boolean).sort((a, b) => b.length - a.length);
     // In parts that are loaded as they come into sight, with headings or without; or all at once.
-    const inParts = order.startsWith("taken") && Boolean(state.q || !state.set || total > SECTIONED);
+    const inParts = order.startsWith("taken") && Boolean(state.q || !only || only.total > SECTIONED);
     const above = inParts && !state.q ? HEADING : 0;
     view = {
-      key: keyOf(state), order, scope, total, words, inParts, above, sections: [], width: 0, rows: new Map(),
+      key: keyOf(state), order, scope, words, inParts, above, sections: [], width: 0, rows: new Map(),
       found: new Map(), counted: new Set(),
     };
     grid.replaceChildren();
@@ -251,7 +257,7 @@ const gallery = (() => {
     for (const id of ["sort", "jump", "rail"]) byId(id).hidden = true;
     if (document.activeElement !== search) search.value = state.q || "";
     const names = state.q ? [say("found", { q: state.q })] : [];
-    if (sets.has(state.set)) names.push(sets.get(state.set).name);
+    if (only) names.push(only.name);
     const name = names.join(" · ") || say(state.view ? "timeline" : "title");
     byId("heading").textContent = name;
     document.title = name.replace(/[\u200e\u200f\u202a-\u202e\u2066-\u2069]/g, "");
@@ -273,19 +279,17 @@ const gallery = (() => {
       cover.append(image);
       if (set.coverFile) sharpenWhenSeen(cover, address(set.coverFile));
     }
-    const open = element("a", { href: link({ set: set.id }) }, cover, userText("span", "name", set.name),
-      element("span", { class: "count" }, count("item", set.total)));
-    return element("li", {}, open);
+    return element("li", {}, element("a", { href: link({ set: set.id }) }, cover,
+      userText("span", "name", set.name), element("span", { class: "count" }, count("item", set.total))));
   };
 
   const showSets = () => {
-    const all = [...sets.values()];
-    byId("sets").append(...all.map(cardOf));
-    const years = [...chunks.values()].flatMap((chunk) => [...chunk.months.keys()])
-      .filter(Boolean).map((month) => month.slice(0, 4)).sort();
-    const parts = [count("item", view.total), count("set", all.filter((set) => set.id !== LOOSE).length)];
+    byId("sets").append(...view.scope.map(cardOf));
+    const months = monthSections(view);
+    const years = months.map(({ month }) => month.slice(0, 4)).filter(Boolean).sort();
+    const parts = [count("item", sumOf(months)), count("set", sets.size - sets.has(LOOSE))];
     if (years.length) parts.push(years[0] === years.at(-1) ? years[0] : `${years[0]} – ${years.at(-1)}`);
-    tell(view.total || all.length ? parts.join(" · ") : say("empty"));
+    tell(sets.size ? parts.join(" · ") : say("empty"));
     scrollTo(0, scrolled.get(view.key) || 0);
   };
 
@@ -306,7 +310,7 @@ const gallery = (() => {
     }
     await showParts(mine);
     if (view !== mine || missing) return;
-    const total = mine.sections.reduce((sum, part) => sum + part.total, 0);
+    const total = sumOf(mine.sections);
     tell(total ? count("item", total) : say(words.length ? "noTitles" : "empty"));
   };
 
@@ -319,11 +323,13 @@ const gallery = (() => {
       if (first && !mine.inParts) first.total = first.items.length;
     }
     if (view !== mine) return;
+    const held = document.activeElement.dataset.item;
     grid.replaceChildren();
     mine.rows.clear();
     mine.sections = sections;
     if (mine.above) showTimeline();
     layOut();
+    if (held) tileFor(held)?.focus({ preventScroll: true });
   };
 
   // ---- The grid: rows of pictures of one height, of which those near the window are in the page
@@ -601,15 +607,14 @@ const gallery = (() => {
 
   const openItem = async (id) => {
     const set = sets.get(id.slice(id.indexOf("_") + 1)); // a photo's own id has no "_"
-    if (!set) return closeViewer();
+    if (!set) { closeViewer(); return; }
     const find = () => set.chunks.flatMap((chunk) => chunk.items || []).find((entry) => entry.id === id);
     await view.ready;
     const item = find() || (await loadAll(set.chunks).then(find));
-    if (!item || state.item !== id) return undefined;
+    if (!item || state.item !== id) return;
     const part = view.sections.find(({ months }) => months.has(item.month));
     if (part && !part.items) await fetchSection(part);
     showItem(item);
-    return undefined;
   };
 
   const showItem = (item) => {
@@ -691,7 +696,7 @@ const gallery = (() => {
     stage.replaceChildren(); // ends a film
     const item = shown;
     shown = null;
-    focusItem(item);
+    if (document.activeElement !== search) focusItem(item);
     rest();
   };
 
@@ -702,6 +707,8 @@ const gallery = (() => {
 
   // ---- Focus among the tiles
 
+  const tileFor = (id) => grid.querySelector(`[data-item="${CSS.escape(id)}"]`);
+
   const focusItem = (item) => {
     const found = placeOf(item);
     if (!found?.row) return;
@@ -710,15 +717,14 @@ const gallery = (() => {
     if (top < scrollY + 70) scrollTo(0, top - 70);
     else if (below > scrollY) scrollTo(0, below + 12);
     render();
-    grid.querySelector(`[data-item="${CSS.escape(item.id)}"]`)?.focus({ preventScroll: true });
+    tileFor(item.id)?.focus({ preventScroll: true });
   };
 
   /** Arrow keys: beside in reading order, or the nearest tile of the row above or below. */
   const moveFocus = async (tile, key) => {
-    const item = view.sections.flatMap((part) => part.items || []).find(({ id }) => id === tile.dataset.item);
-    if (!item) return;
     if (key === "ArrowLeft" || key === "ArrowRight") {
-      const beside = await neighbour(item, key === "ArrowRight" ? 1 : -1);
+      const [photo] = tile.dataset.item.split("_");
+      const beside = await neighbour({ photo }, key === "ArrowRight" ? 1 : -1);
       if (beside) focusItem(beside);
       return;
     }
@@ -816,26 +822,24 @@ const gallery = (() => {
     addEventListener("keydown", (event) => {
       const { key, target } = event;
       if (event.altKey || event.ctrlKey || event.metaKey) return;
-      if (viewer.open) {
+      if (key === "/" && target !== search) {
+        event.preventDefault();
+        viewer.close();
+        search.focus();
+        search.select();
+      } else if (viewer.open) {
         if (target.tagName === "VIDEO") return;
         if (key === "ArrowLeft") turn(-1);
         else if (key === "ArrowRight") turn(1);
         else if (key === "i") turnDetails();
-      } else if (target === search) {
-        if (key === "Escape" && search.value) {
-          event.preventDefault();
-          search.value = "";
-          searchFor("");
-        } else if (key === "ArrowDown" || key === "Enter") {
-          event.preventDefault();
-          grid.querySelector(".tile")?.focus();
-        }
-      } else if (key === "/") {
+      } else if (key === "Escape") {
         event.preventDefault();
-        search.focus();
-        search.select();
-      } else if (key === "Escape" && (state.q || state.set || state.view)) {
-        location.hash = link(state.q ? { ...state, q: "", item: "" } : {});
+        search.value = "";
+        if (state.q || state.set || state.view) location.hash = link(state.q ? { ...state, q: "" } : {});
+      } else if (target === search) {
+        if (key !== "ArrowDown" && key !== "Enter") return;
+        event.preventDefault();
+        grid.querySelector(".tile")?.focus();
       } else if (key.startsWith("Arrow") && target.classList.contains("tile")) {
         event.preventDefault();
         moveFocus(target, key);
