@@ -61,7 +61,7 @@ const gallery = (() => {
   const address = (path) => "./" + path.split("/").map(encodeURIComponent).join("/");
   const link = (fields) => "#" + new URLSearchParams(Object.entries(fields).filter(([, value]) => value));
 
-  const tell = (text) => { byId("summary").textContent = text; };
+  const tell = (text) => { byId("summary").textContent = missing ? say("missing") : text; };
 
   // ---- Data
 
@@ -110,7 +110,7 @@ const gallery = (() => {
         script.remove();
         missing ||= type === "error" || Boolean(file.set && !file.items);
         file.items ??= [];
-        if (missing) tell(say("missing"));
+        if (missing) tell();
         done();
       };
       document.head.append(script);
@@ -280,7 +280,7 @@ const gallery = (() => {
       if (set.coverFile) sharpenWhenSeen(cover, address(set.coverFile));
     }
     return element("li", {}, element("a", { href: link({ set: set.id }) }, cover,
-      userText("span", "name", set.name), element("span", { class: "count" }, count("item", set.total))));
+      userText("span", "name", set.name), userText("span", "count", count("item", set.total))));
   };
 
   const showSets = () => {
@@ -295,11 +295,10 @@ const gallery = (() => {
 
   const showItems = async () => {
     const mine = view;
-    const { words, scope } = mine;
-    if (words.length) {
-      const found = scope.filter((set) => set.id !== LOOSE && words.every((word) => set.key.includes(word)));
+    if (mine.words.length) {
+      const found = mine.scope.filter(({ id, key }) => id !== LOOSE && mine.words.every((word) => key.includes(word)));
       if (!state.set) byId("sets").append(...found.slice(0, 24).map(cardOf));
-      // What the first files have is shown while others are read.
+      // What the first files have is shown at once.
       let early = !mine.inParts;
       await loadTexts((n) => {
         if (view !== mine) return;
@@ -309,20 +308,23 @@ const gallery = (() => {
       await early;
     }
     await showParts(mine);
-    if (view !== mine || missing) return;
-    const total = sumOf(mine.sections);
-    tell(total ? count("item", total) : say(words.length ? "noTitles" : "empty"));
   };
 
   const showParts = async (mine) => {
     let sections = monthSections(mine);
+    const tellCount = () => {
+      const total = sumOf(sections);
+      tell(total ? count("item", total) : say(mine.words.length ? "noTitles" : "empty"));
+    };
+    if (mine.inParts) tellCount();
     if (!mine.above) {
       sections = together(sections, mine.inParts ? FOUND : Infinity);
-      const first = sections[0];
+      const [first] = sections;
       if (first) await fill(first, mine, (n) => { if (view === mine && !mine.inParts) tell(say("loading", { n })); });
-      if (first && !mine.inParts) first.total = first.items.length;
+      if (first) first.total = first.items.length;
     }
     if (view !== mine) return;
+    if (!mine.inParts) tellCount();
     const held = document.activeElement.dataset.item;
     grid.replaceChildren();
     mine.rows.clear();
@@ -332,7 +334,7 @@ const gallery = (() => {
     if (held) tileFor(held)?.focus({ preventScroll: true });
   };
 
-  // ---- The grid: rows of pictures of one height, of which those near the window are in the page
+  // ---- The grid: rows of pictures of one height; those near the window are in it
 
   const rowHeight = (width) => Math.min(Math.max(width / 6.5, 104), 250);
 
