@@ -57,7 +57,8 @@ public:
     Catalogue(Device& device, BackupDatabase* database) : device_(device), database_(database) {}
 
     /// All sets by title, the items in no set last; their items have id, stamp, title, files, older versions,
-    /// dates of the service and kind, and isAgain. Throws Poco::Exception when database or device cannot be read.
+    /// dates of the service and kind, and isAgain. Throws Poco::Exception when database or device cannot be
+    /// read.
     std::vector<Set> sets();
 
     /// Fills in what the item's description tells. What is missing or damaged stays as it is.
