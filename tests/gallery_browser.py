@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
-"""Opens the gallery of a backup in a real browser: gallery_browser.py APPLICATION_FOLDER FLICKR_SIM [SHOTS]
+"""Opens the gallery of a backup in a real browser: gallery_browser.py APPLICATION_FOLDER FLICKR_SIM [SHOTS | firefox]
 
-The account is served by the simulated service and backed up by real runs. Exit status 77, with a word, where there is
-no browser. SHOTS is a folder for pictures of the page; docs/ holds three of them.
+The account is served by the simulated service and backed up by real runs. The browser is Chromium, but with the word
+"firefox"; exit status 77, with a word, where it cannot be had. SHOTS is a folder for pictures of the page; docs/ holds
+three of them.
 """
 
 import base64
@@ -22,7 +23,9 @@ import urllib.request
 import xml.sax.saxutils
 
 import browser
+import firefox
 
+IN_FIREFOX = sys.argv[3:] == ["firefox"]
 SHAPES = [(900, 600), (900, 675), (600, 900), (900, 506), (700, 700)]
 SETS = ["Trip to the sea", "Été à Łódź", "海の写真", "Αθήνα", "שלום עולם", "Москва"]
 TITLES = ["Harbour", "Straße", "東京タワー", "Οδός", "Ёлка", "Night"]
@@ -81,7 +84,7 @@ class Gallery(unittest.TestCase):
     def setUpClass(cls):
         cls.addClassCleanup(shutil.rmtree, work := tempfile.mkdtemp(prefix="gallery-test-"))
         cls.work = pathlib.Path(work)
-        cls.browser = cls.enterClassContext(browser.Browser())
+        cls.browser = cls.enterClassContext((firefox if IN_FIREFOX else browser).Browser())
         cls.browser.open("about:blank")
         photos = cls.work / "photos"
         number = 0
@@ -329,6 +332,7 @@ class Gallery(unittest.TestCase):
             self.browser.keys("Escape")
         self.browser.log()  # holds the made-up items' pictures
 
+    @unittest.skipIf(IN_FIREFOX, "only Chromium is told to make touches")
     def test_swipes_turn_the_picture(self):
         self.show("view=all&sort=takenOldest")
         self.browser.wait("document.querySelectorAll('.tile').length > 4")
@@ -347,6 +351,7 @@ class Gallery(unittest.TestCase):
                 self.assertIn(f"item={shown[expected]}", self.browser.run("return location.hash"))
         self.browser.devtools("Emulation.setTouchEmulationEnabled", enabled=False)
 
+    @unittest.skipIf(IN_FIREFOX, "only Chromium changes its language while it runs")
     def test_speaks_the_readers_language(self):
         agent = self.browser.run("return navigator.userAgent")
         for languages, language, sets, search, summary in [
@@ -440,7 +445,7 @@ class Gallery(unittest.TestCase):
                 self.browser.size(width, height)
                 self.browser.wait("document.documentElement.scrollWidth <= innerWidth")
 
-    @unittest.skipUnless(len(sys.argv) > 3, "no folder for pictures is named")
+    @unittest.skipUnless(sys.argv[3:] and not IN_FIREFOX, "no folder for pictures is named")
     def test_shots(self):
         for name, width, height, dark, fields in [
                 ("sets", 1024, 640, False, ""), ("timeline", 1024, 640, True, "view=all"),
@@ -461,7 +466,7 @@ class Gallery(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    if browser.missing():
-        print(f"There is no {browser.missing()}: the gallery was not tried in a browser.")
+    if lacks := (firefox if IN_FIREFOX else browser).missing():
+        print(f"There is no {lacks}: the gallery was not tried in a browser.")
         sys.exit(77)
     unittest.main(argv=[sys.argv[0], "-v"])
