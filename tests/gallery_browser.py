@@ -178,11 +178,19 @@ class Gallery(unittest.TestCase):
                                          ON Folder = DerivedItemName WHERE ItemId <> 'Anonymous'"""):
             self.assertEqual(cards.pop(title), f"{count} items")
         self.assertEqual(cards, {})
+        if not IN_FIREFOX:
+            self.browser.size(320, 200)
+            nodes = self.browser.devtools("Accessibility.getFullAXTree")["nodes"]
+            read = [node["name"]["value"] for node in nodes if node.get("role", {}).get("value") == "link"]
+            for title in SETS:
+                self.assertTrue(any(name.startswith(title) for name in read), f"out of sight, but told: {title}")
         self.show("view=all")
         self.browser.wait("document.querySelector('#rail .month.shown[aria-current]')")
         self.summary(f"{items - 1} items")
         counts = [int(re.search(r"\((\d+)\)", text)[1]) for text in self.texts("#jump option")]
         self.assertEqual(sum(counts), items - 1)
+        for heading in self.texts("#grid h2"):
+            self.assertRegex(heading, r"^\w+ 20\d\d \d+ items?$")
         seen, end = set(), False
         while not end:
             end = self.browser.run("""

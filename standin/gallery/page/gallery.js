@@ -431,7 +431,7 @@ const gallery = (() => {
   const rowNode = (part, row) => {
     const node = element("div", { class: "row" });
     if (!row) {
-      node.append(element("h2", {}, monthText(part.month),
+      node.append(element("h2", {}, monthText(part.month), " ",
         element("span", {}, count("item", part.items ? part.items.length : part.total))));
     } else if (row === part) {
       node.classList.add("waiting");
@@ -572,7 +572,7 @@ const gallery = (() => {
         resizeWidth: Math.ceil(image.naturalWidth * fit), resizeHeight: Math.ceil(image.naturalHeight * fit),
         resizeQuality: "high",
       });
-      const canvas = element("canvas", { width: bitmap.width, height: bitmap.height });
+      const canvas = element("canvas", { width: bitmap.width, height: bitmap.height, "aria-hidden": true });
       canvas.getContext("bitmaprenderer").transferFromImageBitmap(bitmap);
       if (thumbnail) thumbnail.after(canvas);
       else tile.prepend(canvas);
@@ -816,9 +816,8 @@ const gallery = (() => {
     stage.addEventListener("touchend", (event) => {
       const end = event.changedTouches[0];
       const far = touch ? end.clientX - touch.clientX : 0;
-      const zoomed = visualViewport?.scale > 1.05;
       const aside = Math.abs(far) > 50 && Math.abs(far) > 2 * Math.abs(end.clientY - touch.clientY);
-      if (aside && !zoomed) turn(far < 0 ? 1 : -1);
+      if (aside && !(visualViewport?.scale > 1.05)) turn(far < 0 ? 1 : -1);
     }, { passive: true });
 
     addEventListener("keydown", (event) => {
