@@ -3,6 +3,7 @@
 #include <Poco/Buffer.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <map>
 #include <optional>
@@ -21,6 +22,27 @@ using namespace flickr_standin;
 namespace {
 
 using NamesTest = FrameworkTest;
+
+/// Counts the statements and rows of every database that is opened while it lives.
+class QuestionCount {
+public:
+    QuestionCount() {
+        number = 0;
+        sqlite3_auto_extension(reinterpret_cast<void (*)()>(watch));
+    }
+    ~QuestionCount() { sqlite3_cancel_auto_extension(reinterpret_cast<void (*)()>(watch)); }
+
+    static inline long number = 0;
+
+private:
+    static int watch(sqlite3* database, char**, const void*) {
+        const auto count = [](unsigned, void*, void*, void*) {
+            ++number;
+            return 0;
+        };
+        return sqlite3_trace_v2(database, SQLITE_TRACE_STMT | SQLITE_TRACE_ROW, count, nullptr);
+    }
+};
 
 TEST_F(NamesTest, MakesEveryTitleASafeNameAndKeepsSafeOnes) {
     const std::map<std::string, std::string> expected = {
@@ -125,16 +147,22 @@ TEST_F(NamesTest, GivesNamesThatFitAndNeverClash) {
 }
 
 TEST_F(NamesTest, AsksLittleForTheThousandthItemOfOneTitle) {
+    const QuestionCount questions;
     BackupDatabase open((folder_ / "backup.db").string());
     Database database(open.path());
     std::set<std::string> keys;
+    long mostAsked = 0;
     for (int i = 0; i < 1000; ++i) {
         const std::string id = std::to_string(i) + "_72";
+        const long before = questions.number;
         const std::string name = database.generateFileName("Untitled.jpg", "Trip", "72", id);
+        mostAsked = std::max(mostAsked, questions.number - before);
         EXPECT_TRUE(keys.insert(nameKey(name)).second) << name;
         database.item(id, "72", name, "Trip");
     }
     EXPECT_EQ(keys.count("untitled (1000).jpg"), 1);
+    EXPECT_GT(mostAsked, 10) << "the questions are counted";
+    EXPECT_LT(mostAsked, 100) << "names that are taken are not tried one by one";
     EXPECT_EQ(database.getTotalCountInContainer("Trip"), 1000);
 }
 
