@@ -13,7 +13,6 @@
 
 #include <algorithm>
 
-#include "core/FileServiceCall.h"
 #include "core/MediaSession.h"
 #include "core/PhotoSetProcessor.h"
 #include "core/RunLines.h"

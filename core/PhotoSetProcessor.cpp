@@ -8,7 +8,6 @@
 #include <memory>
 
 #include "core/DownloadPhotoListActivity.h"
-#include "core/FileServiceCall.h"
 #include "core/MediaDownloadActivity.h"
 #include "core/RunLines.h"
 #include "core/RunSupport.h"

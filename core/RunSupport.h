@@ -1,4 +1,5 @@
-// What every activity needs of a run: its log lines, its stop flag and its attempts.
+// What every activity needs of a run: its log lines, its stop flag, its attempts and its calls of the file
+// service.
 
 #ifndef CORE_RUNSUPPORT_H
 #define CORE_RUNSUPPORT_H
@@ -8,6 +9,7 @@
 #include <string>
 #include <utility>
 
+#include "hostapi/Conventions.h"
 #include "hostapi/DevLogger.h"
 #include "hostapi/HostServiceUsageParams.h"
 
@@ -53,6 +55,33 @@ void tryAttempts(const char* attemptLine, const char* stopLine, Attempt attempt,
         logInfo(attemptLine + std::to_string(number), file, line);
         if (attempt(number)) return;
     }
+}
+
+/// The three texts by which the file service answers.
+struct FileServiceAnswer {
+    std::string command;
+    std::string result;
+    std::string error;
+
+    bool isSuccess() const { return result == Norvale_Plugin_Core::kFileServiceSuccess; }
+};
+
+/// Makes one call of the file service: call gets the three texts to hand on.
+template <typename Call>
+FileServiceAnswer askFileService(Call call) {
+    FileServiceAnswer answer;
+    call(answer.command, answer.result, answer.error);
+    return answer;
+}
+
+/// The same; whether the call succeeded. When not, failureLine is logged at level 0 for the caller's source
+/// position.
+template <typename Call>
+bool fileServiceDoes(Call call, const std::string& failureLine, const char* file = __builtin_FILE(),
+                     int line = __builtin_LINE()) {
+    if (askFileService(call).isSuccess()) return true;
+    logFailure(failureLine, file, line);
+    return false;
 }
 
 /// Overwrites a secret, so that it does not stay in memory behind its use.
