@@ -37,9 +37,9 @@ struct Answers {
 };
 
 std::string ask(const SignedRequest& request) {
-    std::string answer;
-    request.send([&](std::istream& body) { answer.assign(std::istreambuf_iterator<char>(body), {}); });
-    return answer;
+    Norvale_Plugin_Flickr::HttpExchange call = request.prepared();
+    if (call.exchange().getStatus() != Poco::Net::HTTPResponse::HTTP_OK) return {};
+    return {std::istreambuf_iterator<char>(call.body()), {}};
 }
 
 /// Asks an account of many small sets for their list, and one of a large set for a page and an item's sizes.

@@ -79,11 +79,11 @@ int DownloadPhotoListActivity::getAllPages() {
     for (int page = 1; anonymous || page <= pages; ++page) {
         if (stoppedAt(kStopLine)) return 0;
 
-        bool namesNew = false;
-        const int status = pageRequest(page).send([&](std::istream& body) { namesNew = parseDataV2(body); });
-        if (status != Poco::Net::HTTPResponse::HTTP_OK) {
+        HttpExchange call = pageRequest(page).prepared();
+        if (call.exchange().getStatus() != Poco::Net::HTTPResponse::HTTP_OK) {
             throw Poco::Exception("UNABLE TO DOWNLOAD PHOTOSET", 0);
         }
+        const bool namesNew = parseDataV2(call.body());
         if (anonymous && !namesNew) return kSuccess;
     }
     const std::size_t listed = photoMap_.size() + leftOut_;

@@ -50,9 +50,12 @@ void DownloadPhotoSetListActivity::tryGettingPhotoSetList() {
 
 int DownloadPhotoSetListActivity::getPhotoSetList(int attempt) {
     try {
-        const SignedRequest request = SignedRequest(access_, "flickr.photosets.getList").addToken();
-        const int status = request.send([this](std::istream& body) { insertPhotoSets(parseDataV2(body)); });
-        if (status == HTTPResponse::HTTP_OK) return kSuccess;
+        HttpExchange call = SignedRequest(access_, "flickr.photosets.getList").addToken().prepared();
+        const HTTPResponse::HTTPStatus status = call.exchange().getStatus();
+        if (status == HTTPResponse::HTTP_OK) {
+            insertPhotoSets(parseDataV2(call.body()));
+            return kSuccess;
+        }
 
         const std::string message =
             "UNABLE TO DOWNLOAD PHOTOSET. Response Status - " + std::to_string(status);

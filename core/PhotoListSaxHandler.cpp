@@ -182,11 +182,11 @@ void PhotoListSaxHandler::finishPhoto() {
 bool PhotoListSaxHandler::getPhotoInformation(Photo& photo) {
     try {
         SignedRequest request(access_, "flickr.photos.getSizes");
-        request.add("photo_id", photo.getPhotoID()).addToken();
-        const int status = request.send([&](std::istream& body) { parsePhotoInformationV2(body, photo); });
-        if (status != Poco::Net::HTTPResponse::HTTP_OK) {
+        HttpExchange call = request.add("photo_id", photo.getPhotoID()).addToken().prepared();
+        if (call.exchange().getStatus() != Poco::Net::HTTPResponse::HTTP_OK) {
             throw Poco::Exception("UNABLE TO DOWNLOAD PHOTOSET", 0);
         }
+        parsePhotoInformationV2(call.body(), photo);
         return true;
     } catch (StoppedException&) {
         logInfo("Backup Stopped in getPhotoInformation()");

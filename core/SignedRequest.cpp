@@ -3,17 +3,13 @@
 #include <Poco/DigestEngine.h>
 #include <Poco/Exception.h>
 #include <Poco/MD5Engine.h>
-#include <Poco/Net/HTTPResponse.h>
 #include <Poco/URI.h>
 
 #include <algorithm>
 
-#include "core/HttpExchange.h"
 #include "core/RunSupport.h"
 
 namespace Norvale_Plugin_Flickr {
-
-using Poco::Net::HTTPResponse;
 
 namespace {
 
@@ -95,13 +91,10 @@ void SignedRequest::requireSendable(const std::string& path) const {
     }
 }
 
-int SignedRequest::send(const std::function<void(std::istream& body)>& read) const {
+HttpExchange SignedRequest::prepared() const {
     const Poco::URI endpoint(access_.dataUrl);
     requireSendable(endpoint.getPath());
-    HttpExchange exchange(endpoint.getHost(), endpoint.getPort(), endpoint.getPath() + query());
-    const HTTPResponse::HTTPStatus status = exchange.exchange().getStatus();
-    if (status == HTTPResponse::HTTP_OK) read(exchange.body());
-    return status;
+    return HttpExchange(endpoint.getHost(), endpoint.getPort(), endpoint.getPath() + query());
 }
 
 }  // namespace Norvale_Plugin_Flickr

@@ -13,11 +13,11 @@
 #ifndef CORE_SIGNEDREQUEST_H
 #define CORE_SIGNEDREQUEST_H
 
-#include <functional>
-#include <istream>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "core/HttpExchange.h"
 
 namespace Norvale_Plugin_Flickr {
 
@@ -50,11 +50,10 @@ public:
     /// The request target: the endpoint's path and the query.
     std::string target() const;
 
-    /// Sends the call over a connection of its own, plain HTTP, and returns the status of the answer. With
-    /// 200, and only then, read() gets the body before the connection is closed. Throws Poco::Exception when
-    /// there is no answer or the request cannot be sent, with words that say what of it is wrong;
-    /// StoppedException when a stop ended the connection; and whatever read() throws.
-    int send(const std::function<void(std::istream& body)>& read) const;
+    /// The call over a connection of its own, plain HTTP, ready for its exchange(). Throws
+    /// Poco::InvalidArgumentException when the request cannot be sent, with words that say what of it is
+    /// wrong.
+    HttpExchange prepared() const;
 
 private:
     struct Parameter {

@@ -112,7 +112,7 @@ TEST(Requests, CarryNothingThatBreaksTheirLinesUp) {
     for (const auto& call : calls) {
         const ServiceAccess access{call.address, call.token, call.key, "S"};
         try {
-            SignedRequest(access, "m").add("photoset_id", call.id).addToken().send([](std::istream&) {});
+            SignedRequest(access, "m").add("photoset_id", call.id).addToken().prepared().exchange();
             ADD_FAILURE() << call.told;
         } catch (Poco::Exception& exception) {
             EXPECT_THAT(exception.displayText(), HasSubstr(call.told));

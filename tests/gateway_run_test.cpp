@@ -94,10 +94,10 @@ protected:
             gateway_->dataUrl(), gateway_->keys().token, gateway_->keys().apiKey, gateway_->keys().apiSecret};
         Norvale_Plugin_Flickr::SignedRequest request(access, method);
         for (const auto& [name, value] : parameters) request.add(name, value);
-        std::string body;
-        const int status = request.addToken().send(
-            [&](std::istream& stream) { body.assign(std::istreambuf_iterator<char>(stream), {}); });
-        return std::to_string(status) + " " + body;
+        Norvale_Plugin_Flickr::HttpExchange exchange = request.addToken().prepared();
+        const int status = exchange.exchange().getStatus();
+        if (status != 200) return std::to_string(status) + " ";
+        return "200 " + std::string(std::istreambuf_iterator<char>(exchange.body()), {});
     }
 
     std::vector<ListedItem> page(const std::string& set, unsigned number) {
