@@ -3,7 +3,6 @@
 #include <Poco/Data/SessionFactory.h>
 #include <Poco/DateTimeFormatter.h>
 #include <Poco/Exception.h>
-#include <Poco/TemporaryFile.h>
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -24,6 +23,7 @@
 #include "core/RunSupport.h"
 #include "core/SignedRequest.h"
 #include "core/StopWatcher.h"
+#include "tests/TestFolder.h"
 
 using namespace Norvale_Plugin_Flickr;
 using Norvale_Plugin_Core::HostServiceUsageParams;
@@ -99,6 +99,24 @@ TEST(SignedRequest, TargetAndSignatureOfEveryMethod) {
         "?method=flickr.photosets.getList&api_key=K&auth_token=T&api_sig=4327c7f4fdcaa6d0bf22092d3ed612a5");
 }
 
+TEST(FlickrPluginCore, TellsWhatItsConfigurationHoldsAndItsWords) {
+    const TestFolder folder;
+    std::string path = folder.path().string() + "/", out(kTextCapacity, '\0'), error = out;
+    writeFile(path + "Flickr_plugin_config.xml",
+              "<config><plugin><targetHostVersion>the host</targetHostVersion><legend>Pictures</legend>"
+              "</plugin></config>");
+    void* core = createObject(path.data(), path.data(), error.data());
+    EXPECT_EQ(getTargetHostVersion(core, out.data(), error.data()), 1);
+    EXPECT_STREQ(out.c_str(), "the host");
+    EXPECT_EQ(getLegend(core, out.data(), error.data()), 1);
+    EXPECT_STREQ(out.c_str(), "Pictures");
+    getKeywords(out.data());
+    EXPECT_STREQ(out.c_str(),
+                 "HarbourlineKey||FlickrKey||ThumbnailKey||Sun||Mon||Tue||Wed||Thu||Fri||Sat||Jan||Feb||Mar||"
+                 "Apr||May||Jun||Jul||Aug||Sep||Oct||Nov||Dec||AM||PM||");
+    deleteObject(core, error.data());
+}
+
 TEST(Requests, CarryNothingThatBreaksTheirLinesUp) {
     struct {
         const char *address, *token, *key, *id, *told;
@@ -137,12 +155,14 @@ TEST(ErrorTexts, AreCutBetweenCharacters) {
 }
 
 TEST(FlickrDbInterface, ReleasesTheConnectorAfterAFailedUpdate) {
-    const Poco::TemporaryFile empty;
+    const TestFolder folder;
+    const std::string empty = folder.path() / "empty.db";
+    writeFile(empty, "");
     FlickrDbInterface database;
-    database.setConnectionString(empty.path());
+    database.setConnectionString(empty);
     EXPECT_FALSE(database.updateFileTitleV2("1", "a", "b", "c"));
     EXPECT_FALSE(database.updateContainerTitleV2("1", "a", "b", "", "c"));
-    EXPECT_ANY_THROW(Poco::Data::SessionFactory::instance().create("SQLite", empty.path()));
+    EXPECT_ANY_THROW(Poco::Data::SessionFactory::instance().create("SQLite", empty));
 }
 
 TEST(SaxReader, RefusesWhatIsNoAnswerOrCostsTooMuch) {
@@ -292,20 +312,20 @@ TEST(SizeSelection, TakesTheLastSuitableRendition) {
     struct {
         const char* mediaType;
         std::string sizes, thumbnail, path;
-        int width;
+        int width, height;
     } const cases[] = {
-        {"photo", square + thumb + small + medium + medium800 + large + original, "th", "o", 4000},
-        {"photo", square + thumb + small + medium + medium800 + large, "th", "l", 1024},
-        {"photo", thumb + large + hidden, "th", "l", 4000},
-        {"photo", thumb + original + medium, "th", "m", 500},
-        {"photo", thumb, "th", "th", 0},
-        {"photo", thumb + size("medium", "x", 1, 1) + player, "th", "th", 0},
-        {"photo", square, "", "", 0},
-        {"video", thumb + large + player + site + video, "th", "vo", 1920},
-        {"video", thumb + video + site, "th", "site", 640},
-        {"video", thumb + video + unsized, "th", "mob", 0},
-        {"video", thumb + original, "th", "", 0},
-        {"", thumb + original, "", "", 0},
+        {"photo", square + thumb + small + medium + medium800 + large + original, "th", "o", 4000, 3000},
+        {"photo", square + thumb + small + medium + medium800 + large, "th", "l", 1024, 768},
+        {"photo", thumb + large + hidden, "th", "l", 4000, 3000},
+        {"photo", thumb + original + medium, "th", "m", 500, 375},
+        {"photo", thumb, "th", "th", 0, 0},
+        {"photo", thumb + size("medium", "x", 1, 1) + player, "th", "th", 0, 0},
+        {"photo", square, "", "", 0, 0},
+        {"video", thumb + large + player + site + video, "th", "vo", 1920, 1080},
+        {"video", thumb + video + site, "th", "site", 640, 360},
+        {"video", thumb + video + unsized, "th", "mob", 0, 0},
+        {"video", thumb + original, "th", "", 0, 0},
+        {"", thumb + original, "", "", 0, 0},
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(test.sizes);
@@ -313,6 +333,7 @@ TEST(SizeSelection, TakesTheLastSuitableRendition) {
         EXPECT_EQ(photo.getThumbnailUrl(), test.thumbnail);
         EXPECT_EQ(photo.getImagePath(), test.path);
         EXPECT_EQ(photo.getWidth(), test.width);
+        EXPECT_EQ(photo.getHeight(), test.height);
     }
     Photo untouched;
     untouched.setMediaType("photo");
