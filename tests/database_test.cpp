@@ -249,6 +249,21 @@ TEST_F(DatabaseTest, SessionsByNameReachTheRunsDatabaseAndNoOther) {
     EXPECT_EQ(nameIn(other), "a.jpg") << "without a run names lead where they lead";
 }
 
+TEST_F(DatabaseTest, TimesAreReadAndChangedInTheirOwnRows) {
+    BackupDatabase database(path());
+    fill(database);
+    put(database, "latest", "", "latest", "", "FlickrLatestBackUpDateTime");
+    FlickrDbInterface session;
+    session.setConnectionString(path());
+    const std::string other = session.getPhotoUpdatedById("2_Anonymous");
+    session.updateLatestBackupTime(Poco::DateTime(2024, 2, 29, 23, 59, 58));
+    session.updatePhotoUpdatedTime("2025-01-02 03:04:05", "1_72");
+    EXPECT_EQ(session.convertToString(session.getLatestBackupTime()), "2024-02-29 23:59:58");
+    EXPECT_EQ(session.getPhotoUpdatedById("1_72"), "2025-01-02 03:04:05");
+    EXPECT_EQ(session.getPhotoUpdatedById("2_Anonymous"), other);
+    EXPECT_EQ(session.getPhotoUpdatedById("latest"), "2024-02-29 23:59:58");
+}
+
 TEST_F(DatabaseTest, AStopEndsAStatementWithoutEnd) {
     BackupDatabase database(path());
     fill(database);
@@ -260,7 +275,12 @@ TEST_F(DatabaseTest, AStopEndsAStatementWithoutEnd) {
     FlickrDbInterface session;
     session.setConnectionString(path());
     std::thread stop([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        sqlite3* other = nullptr;
+        sqlite3_open_v2(path().c_str(), &other, SQLITE_OPEN_READWRITE | SQLITE_OPEN_PRIVATECACHE, nullptr);
+        // When the statement has begun it holds the lock.
+        while (sqlite3_exec(other, "BEGIN IMMEDIATE; COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        sqlite3_close(other);
         params_->setBackupState(true);
     });
     EXPECT_FALSE(session.updateFileTitleV2("1_72", "b", "b.jpg", "2024-01-01 00:00:00"));
