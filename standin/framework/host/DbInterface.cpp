@@ -81,7 +81,8 @@ void guarded(ExceptionHandlerMac& handler, const std::string& path, const char* 
             retryAttempts());
     };
     try {
-        withDatabase(path, work);
+        const UsedDatabase database(path);
+        work(*database);
     } catch (DeviceFailure& failure) {
         recordDeviceFailure(failure);
         failed(failure);
@@ -92,14 +93,12 @@ void guarded(ExceptionHandlerMac& handler, const std::string& path, const char* 
 
 /// The item's row, if it has one.
 std::optional<ItemRow> recorded(const std::string& path, const std::string& item) {
-    std::optional<ItemRow> row;
-    if (item.empty()) return row;
+    if (item.empty()) return std::nullopt;
     try {
-        withDatabase(path, [&](BackupDatabase& database) { row = database.item(item); });
+        return UsedDatabase(path)->item(item);
     } catch (Poco::Exception&) {
-        // The plug-in's own statement meets it as well, and says so.
+        return std::nullopt;  // the plug-in's own statement meets it as well, and says so
     }
-    return row;
 }
 
 /// The update time that the row of the item in hand holds; empty when there is none.

@@ -256,19 +256,16 @@ BackupDatabase::~BackupDatabase() {
     if (found != registry().open.end() && found->second == this) registry().open.erase(found);
 }
 
-void withDatabase(const std::string& path, const std::function<void(BackupDatabase&)>& work) {
-    BackupDatabase* open = nullptr;
+UsedDatabase::UsedDatabase(const std::string& path) {
     {
         const std::lock_guard<std::mutex> lock(registry().mutex);
         const auto found = registry().open.find(path);
-        if (found != registry().open.end()) open = found->second;
+        if (found != registry().open.end()) database_ = found->second;
     }
-    if (open) {
-        open->requireThere();
-        work(*open);
+    if (database_) {
+        database_->requireThere();
     } else {
-        BackupDatabase database(path, BackupDatabase::Missing::Refuse);
-        work(database);
+        database_ = &own_.emplace(path, BackupDatabase::Missing::Refuse);
     }
 }
 

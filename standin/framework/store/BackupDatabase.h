@@ -134,9 +134,19 @@ private:
     std::unique_ptr<Impl> impl_;
 };
 
-/// Calls work with the BackupDatabase that is open for path, or with one opened for this call. Throws
-/// Poco::Exception, also for a file that does not exist.
-void withDatabase(const std::string& path, const std::function<void(BackupDatabase&)>& work);
+/// The BackupDatabase that is open for a path, or one of its own, opened for the object's life.
+class UsedDatabase {
+public:
+    /// Throws Poco::Exception, also for a file that does not exist.
+    explicit UsedDatabase(const std::string& path);
+
+    BackupDatabase& operator*() const { return *database_; }
+    BackupDatabase* operator->() const { return database_; }
+
+private:
+    std::optional<BackupDatabase> own_;
+    BackupDatabase* database_ = nullptr;
+};
 
 /// Puts every change of the databases that are open in this process on the disk.
 void flushOpenDatabases();
