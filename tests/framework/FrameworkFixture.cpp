@@ -35,7 +35,7 @@ std::string FrameworkTest::store(HostServiceClientMac& client, const std::string
     const std::string closed = result_, reason = error_;
     if (closed != "SUC") client.deleteFile(7, command_, result_, error_);
     error_ = reason;
-    if (closed == "SUC") flickr_standin::placeNewFiles();
+    if (closed == "SUC") flickr_standin::runDeviceIfThere()->staged().place();
     return closed;
 }
 

@@ -65,7 +65,7 @@ TEST_F(FileServiceTest, WritesLargeFilesWholeOrSaysThatItCannot) {
             client.writeFileV2(7, &data[at], static_cast<int>(count), command_, result_, error_);
         }
         if (result_ == "SUC") client.closeFile(7, nullptr, 0, command_, result_, error_);
-        placeNewFiles();
+        runDeviceIfThere()->staged().place();
         return result_ == "SUC";
     };
     HostServiceClientMac client;

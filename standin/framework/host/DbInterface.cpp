@@ -107,6 +107,21 @@ std::string recordedUpdate(const std::string& path) {
     return row ? row->updated : std::string();
 }
 
+/// The new files take their names, on the disk: the row of the details' item is about to be written. Throws
+/// the DeviceException of the first that cannot; a failure of the device is recorded.
+void placeNewFiles(const ItemDetails& details) {
+    const std::shared_ptr<RunDevice> device = deviceInUse();
+    if (!device) return;
+    try {
+        device->staged().place(details);
+    } catch (DeviceException& exception) {
+        const auto* failure = dynamic_cast<const DeviceFailure*>(&exception);
+        if (failure) recordDeviceFailure(*failure);
+        RunJournal::instance().fileServiceFailed(exception.message());
+        throw;
+    }
+}
+
 /// What has passed through here of the item in hand: a title when its name was made, the date taken when its
 /// description was. For several threads.
 class ItemInHand {

@@ -123,6 +123,11 @@ std::shared_ptr<RunDevice> runDeviceIfThere() {
     return openRunDevice();
 }
 
+std::shared_ptr<RunDevice> deviceInUse() {
+    const std::lock_guard<std::mutex> lock(sharedDevice().mutex);
+    return sharedDevice().device;
+}
+
 void closeRunDevice() {
     std::shared_ptr<RunDevice> last;
     {
@@ -130,23 +135,6 @@ void closeRunDevice() {
         last.swap(sharedDevice().device);
     }
     if (last) last->finish();
-}
-
-void placeNewFiles(const ItemDetails& details) {
-    std::shared_ptr<RunDevice> device;
-    {
-        const std::lock_guard<std::mutex> lock(sharedDevice().mutex);
-        device = sharedDevice().device;
-    }
-    if (!device) return;
-    try {
-        device->staged().place(details);
-    } catch (DeviceException& exception) {
-        const auto* failure = dynamic_cast<const DeviceFailure*>(&exception);
-        if (failure) recordDeviceFailure(*failure);
-        RunJournal::instance().fileServiceFailed(exception.message());
-        throw;
-    }
 }
 
 void noteRecorded(const std::string& itemId) {

@@ -56,13 +56,12 @@ std::shared_ptr<RunDevice> openRunDevice();
 /// The same, or none when there is no service folder yet.
 std::shared_ptr<RunDevice> runDeviceIfThere();
 
+/// The device that is open, or none.
+std::shared_ptr<RunDevice> deviceInUse();
+
 /// Lets go of the device, with everything that was put off on the disk; whoever still holds it keeps it open.
 void closeRunDevice();
 
-/// The new files on the device that is open take their names, on the disk: the row of the details' item is
-/// about to be written. Throws the DeviceException of the first that cannot; a failure of the device is
-/// recorded.
-void placeNewFiles(const ItemDetails& details = {});
 /// The item's row is in the backup database: nothing of it is pending on the device that is open.
 void noteRecorded(const std::string& itemId);
 /// The set's row is in the backup database and names that folder: it is the set's from now on.
