@@ -81,7 +81,7 @@ int DownloadPhotoListActivity::getAllPages() {
 
         HttpExchange call = pageRequest(page).prepared();
         if (call.exchange().getStatus() != Poco::Net::HTTPResponse::HTTP_OK) {
-            throw Poco::Exception("UNABLE TO DOWNLOAD PHOTOSET", 0);
+            throw Poco::Exception(kNoList, 0);
         }
         const bool namesNew = parseDataV2(call.body());
         if (anonymous && !namesNew) return kSuccess;

@@ -57,8 +57,7 @@ int DownloadPhotoSetListActivity::getPhotoSetList(int attempt) {
             return kSuccess;
         }
 
-        const std::string message =
-            "UNABLE TO DOWNLOAD PHOTOSET. Response Status - " + std::to_string(status);
+        const std::string message = kNoList + (". " + kStatusRefused.with(std::to_string(status)));
         if (status == HTTPResponse::HTTP_UNAUTHORIZED) {
             Norvale_Plugin_Core::CSConfigException refused(0);
             exceptionHandler_.handleException(refused, message, retryAttempts());

@@ -107,7 +107,7 @@ int stopBackup(void* core, char* error);
 /// plug-in's key and secret, in plain text. backupFrom: month/day/year; items updated after it are
 /// candidates. dataTypes: "Images" and "Videos", each followed by ";". videoListOut (1,000 bytes): the videos
 /// met, as "image path|set title|photo title.mp4|photo id;", written only when there is one; what does not
-/// fit is left out in whole entries. The set title is the one in the video's record, which a run leaves
+/// fit is left out in whole entries. The set title is the one that the video has, which a run leaves
 /// empty, and the photo title there ends in ".mp4" already: "http://…/a.mp4||a.mp4.mp4|1_2;". serviceFolder:
 /// the service's folder on the device. cek: content encryption key text or empty. mountPoint: the device's
 /// mount point. modeFlag: the device's mode is 0. culture: the host's culture text. errorOut (2,048 bytes):

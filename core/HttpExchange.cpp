@@ -17,7 +17,6 @@
 
 namespace Norvale_Plugin_Flickr {
 
-using Poco::Net::HTTPClientSession;
 using Poco::Net::HTTPMessage;
 using Poco::Net::HTTPRequest;
 using Poco::Net::HTTPResponse;
@@ -46,27 +45,27 @@ bool isInterim(const HTTPResponse& response) {
 }  // namespace
 
 HttpExchange::HttpExchange(const std::string& host, std::uint16_t port, std::string target)
-    : HttpExchange(std::make_unique<RawSession<StoppableSession>>(host, port), std::move(target)) {}
+    : HttpExchange(rawConnection<StoppableSession>(host, port), std::move(target)) {}
 
-HttpExchange::HttpExchange(std::unique_ptr<HTTPClientSession> session, std::string target)
-    : session_(std::move(session)), target_(std::move(target)) {}
+HttpExchange::HttpExchange(RawConnection connection, std::string target)
+    : connection_(std::move(connection)), target_(std::move(target)) {}
 
 HttpExchange::~HttpExchange() = default;
 
 HTTPRequest HttpExchange::request() const {
-    if (!fitsRequestLine(target_) || !fitsHost(session_->getHost())) {
+    if (!fitsRequestLine(target_) || !fitsHost(session().getHost())) {
         throw Poco::InvalidArgumentException("the address holds what no request can carry");
     }
     HTTPRequest request(HTTPRequest::HTTP_GET, target_, HTTPRequest::HTTP_1_1);
     request.setKeepAlive(false);
-    request.setHost(session_->getHost(), session_->getPort());
+    request.setHost(session().getHost(), session().getPort());
     return request;
 }
 
 const HTTPResponse& HttpExchange::exchange() {
     HTTPRequest built = request();
     try {
-        session_->sendRequest(built).flush();
+        session().sendRequest(built).flush();
         rethrowNetworkFailure();
         int answers = 0;
         do {
@@ -83,13 +82,13 @@ const HTTPResponse& HttpExchange::exchange() {
 
 void HttpExchange::readHeader() {
     response_.clear();
-    Poco::Net::HTTPHeaderInputStream header(*session_);
+    Poco::Net::HTTPHeaderInputStream header(session());
     response_.read(header);
 }
 
 std::istream& HttpExchange::body() {
     if (body_) return *body_;
-    auto& bytes = dynamic_cast<RawBytes&>(*session_);
+    RawBytes& bytes = *connection_.bytes;
     if (isChunked()) {
         bodyBuffer_ = std::make_unique<ChunkedBody>(bytes);
     } else {
@@ -126,10 +125,10 @@ std::int64_t HttpExchange::contentLength() const {
 }
 
 void HttpExchange::rethrowNetworkFailure() const {
-    if (session_->networkException() == nullptr) return;
+    if (session().networkException() == nullptr) return;
     if (connectionsEndedByStop() != endedBefore_) throw StoppedException();
     try {
-        session_->networkException()->rethrow();
+        session().networkException()->rethrow();
     } catch (Poco::Exception&) {
         rethrowWithPeer();
     }
@@ -137,7 +136,7 @@ void HttpExchange::rethrowNetworkFailure() const {
 
 void HttpExchange::rethrowWithPeer() const {
     // The library's texts leave it out. They stay what they are otherwise.
-    const std::string peer = session_->getHost() + ":" + std::to_string(session_->getPort());
+    const std::string peer = session().getHost() + ":" + std::to_string(session().getPort());
     try {
         throw;
     } catch (Poco::TimeoutException&) {

@@ -32,6 +32,20 @@ public:
     int readBytes(char* buffer, std::streamsize count) override { return Session::read(buffer, count); }
 };
 
+/// A session of any kind, and its own bytes.
+struct RawConnection {
+    std::unique_ptr<Poco::Net::HTTPClientSession> session;
+    RawBytes* bytes;
+};
+
+/// Makes a session from the arguments of its constructor.
+template <typename Session, typename... Arguments>
+RawConnection rawConnection(Arguments&&... arguments) {
+    auto session = std::make_unique<RawSession<Session>>(std::forward<Arguments>(arguments)...);
+    RawBytes* const bytes = session.get();
+    return {std::move(session), bytes};
+}
+
 /// One GET over a connection of its own, which a stop request shuts down.
 class HttpExchange {
 public:
@@ -64,16 +78,16 @@ public:
     [[noreturn]] void rethrowWithPeer() const;
 
 protected:
-    /// Over another kind of session, whose type is made by RawSession.
-    HttpExchange(std::unique_ptr<Poco::Net::HTTPClientSession> session, std::string target);
+    /// Over another kind of session.
+    HttpExchange(RawConnection connection, std::string target);
 
-    Poco::Net::HTTPClientSession& session() const { return *session_; }
+    Poco::Net::HTTPClientSession& session() const { return *connection_.session; }
 
 private:
     bool isChunked() const;
     void readHeader();
 
-    std::unique_ptr<Poco::Net::HTTPClientSession> session_;
+    RawConnection connection_;
     std::string target_;
     std::uint64_t endedBefore_ = connectionsEndedByStop();
     Poco::Net::HTTPResponse response_;

@@ -291,19 +291,19 @@ int MediaDownloadActivity::writeFile(std::istream& body, long fileHandle, bool i
 
 std::string MediaDownloadActivity::metadataText() {
     HostServiceUsageParams* params = HostServiceUsageParams::getInstance();
-    Norvale_Plugin_Core::MediaTemplate record;
-    record.setID(photo_.getPhotoID());
-    record.setPhysicalFileName(setFolder() + photo_.getPhotoTitle());
-    record.setDataXMLPath(params->getValue("FlickrKey") + "/" + (isVideo() ? "Video" : "Image"));
-    record.setFileName(photo_.getPhotoTitle());
-    record.setMediaType(photo_.getMediaType());
-    record.setThumbnailName(params->getValue("ThumbnailKey") + "/" +
-                            thumbnailName(photo_.getPhotoTitle(), thumbnailExtension()));
-    record.setDescription(photo_.getDescription());
-    record.setDateTaken(database_.createFormattedDate(photo_.getTakenDateTime()));
-    record.setDateUpdated(database_.createLatestUpdatedItemDate(photo_.getUpdatedDateTime()));
-    record.setTags(photo_.getTags());
-    return Norvale_Plugin_Core::ItemDataManager().saveItemData(&record);
+    Norvale_Plugin_Core::MediaTemplate description;
+    description.setID(photo_.getPhotoID());
+    description.setPhysicalFileName(setFolder() + photo_.getPhotoTitle());
+    description.setDataXMLPath(params->getValue("FlickrKey") + "/" + (isVideo() ? "Video" : "Image"));
+    description.setFileName(photo_.getPhotoTitle());
+    description.setMediaType(photo_.getMediaType());
+    description.setThumbnailName(params->getValue("ThumbnailKey") + "/" +
+                                 thumbnailName(photo_.getPhotoTitle(), thumbnailExtension()));
+    description.setDescription(photo_.getDescription());
+    description.setDateTaken(database_.createFormattedDate(photo_.getTakenDateTime()));
+    description.setDateUpdated(database_.createLatestUpdatedItemDate(photo_.getUpdatedDateTime()));
+    description.setTags(photo_.getTags());
+    return Norvale_Plugin_Core::ItemDataManager().saveItemData(&description);
 }
 
 void MediaDownloadActivity::moveFiles(const ItemPaths& from, const ItemPaths& to) {

@@ -21,7 +21,7 @@
 namespace Norvale_Plugin_Flickr {
 
 using Poco::Net::Context;
-using Poco::Net::HTTPClientSession;
+
 using Poco::Net::HTTPSClientSession;
 
 namespace {
@@ -61,8 +61,8 @@ public:
         return client;
     }
 
-    std::unique_ptr<HTTPClientSession> connect(const std::string& host) {
-        return std::make_unique<RawSession<TlsSession>>(host, context_, sessionOf(host));
+    RawConnection connect(const std::string& host) {
+        return rawConnection<TlsSession>(host, context_, sessionOf(host));
     }
 
     void remember(const std::string& host, Poco::Net::Session::Ptr session) {
@@ -101,9 +101,9 @@ std::string targetOf(const Poco::URI& address, const std::string& url) {
     return path.empty() ? "/" : path;
 }
 
-std::unique_ptr<HTTPClientSession> sessionFor(const Poco::URI& address) {
+RawConnection connectionFor(const Poco::URI& address) {
     if (address.getScheme() == "https") return TlsClient::instance().connect(address.getHost());
-    return std::make_unique<RawSession<StoppableSession>>(address.getHost(), address.getPort());
+    return rawConnection<StoppableSession>(address.getHost(), address.getPort());
 }
 
 }  // namespace
@@ -113,7 +113,7 @@ bool MediaSession::supports(const Poco::URI& address) {
 }
 
 MediaSession::MediaSession(const Poco::URI& address, const std::string& url)
-    : HttpExchange(sessionFor(address), targetOf(address, url)) {}
+    : HttpExchange(connectionFor(address), targetOf(address, url)) {}
 
 MediaSession::~MediaSession() {
     if (!session().secure() || !session().connected()) return;

@@ -1,4 +1,4 @@
-// The record of one photo or video.
+// One photo or video, as the service lists it.
 
 #ifndef CORE_PHOTO_H
 #define CORE_PHOTO_H
@@ -17,7 +17,7 @@ namespace Norvale_Plugin_Flickr {
 /// UTC.
 class Photo {
 public:
-    /// Empties the record but for the nested set: texts and tags empty, sizes 0, times the current moment.
+    /// Empties it but for the nested set: texts and tags empty, sizes 0, times the current moment.
     void Initialize();
 
     /// Takes over every field of other but the nested set. The image extension becomes other's description,

@@ -18,7 +18,7 @@
 
 namespace Norvale_Plugin_Flickr {
 
-/// Completes a record with the addresses and the size of the rendition to back up: the last one in the answer
+/// Completes an item with the addresses and the size of the rendition to back up: the last one in the answer
 /// that is suitable for its media type.
 class PhotoInformationSaxHandler : public SaxReader {
 public:
@@ -26,7 +26,7 @@ public:
     Photo getPhoto() const& { return photo_; }
     Photo getPhoto() && { return std::move(photo_); }
 
-    /// An item of which the service tells no renditions is left out by its record: it has no address.
+    /// An item of which the service tells no renditions is left out, since it has no address.
     bool readsFailure() const override { return true; }
     void startElement(const Poco::XML::XMLString& uri, const Poco::XML::XMLString& localName,
                       const Poco::XML::XMLString& qname, const Poco::XML::Attributes& attributes) override;

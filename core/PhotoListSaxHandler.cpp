@@ -184,7 +184,7 @@ bool PhotoListSaxHandler::getPhotoInformation(Photo& photo) {
         SignedRequest request(access_, "flickr.photos.getSizes");
         HttpExchange call = request.add("photo_id", photo.getPhotoID()).addToken().prepared();
         if (call.exchange().getStatus() != Poco::Net::HTTPResponse::HTTP_OK) {
-            throw Poco::Exception("UNABLE TO DOWNLOAD PHOTOSET", 0);
+            throw Poco::Exception(kNoList, 0);
         }
         parsePhotoInformationV2(call.body(), photo);
         return true;

@@ -32,7 +32,7 @@ namespace Norvale_Plugin_Flickr {
 /// have given. After a stop request it passes over every element.
 class PhotoListSaxHandler : public SaxReader {
 public:
-    /// photoMap holds the items that are known already, by their PhotoID; a known one keeps its record.
+    /// photoMap holds the items that are known already, by their PhotoID; a known one stays as it is.
     void setData(std::string apiSecret, std::string apiKey, std::string authToken, PhotoSet set,
                  std::map<std::string, Photo> photoMap, std::string dataUrl);
 
@@ -52,11 +52,11 @@ public:
     /// How many items were left out.
     std::size_t leftOut() const { return leftOut_; }
 
-    /// Asks flickr.photos.getSizes for the item's renditions and completes its record. A failure is reported,
-    /// leaves the record as it was and answers false. A benchmark answers from memory instead.
+    /// Asks flickr.photos.getSizes for the item's renditions and completes it. A failure is reported,
+    /// leaves the item as it was and answers false. A benchmark answers from memory instead.
     virtual bool getPhotoInformation(Photo& photo);
 
-    /// Completes the record from the answer. Throws Poco::Exception for one that cannot be read.
+    /// Completes the item from the answer. Throws Poco::Exception for one that cannot be read.
     void parsePhotoInformationV2(std::istream& body, Photo& photo);
 
     /// The text without the line feeds, then the tabs, then the white space at its ends.

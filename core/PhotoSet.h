@@ -1,4 +1,4 @@
-// The record of one photo set.
+// One photo set, as the service lists it.
 
 #ifndef CORE_PHOTOSET_H
 #define CORE_PHOTOSET_H
@@ -17,7 +17,7 @@ public:
     /// Takes over every field of other, as assignment does.
     void Clone(PhotoSet other);
 
-    /// Always true: whether a set is new is decided against the metadata store, not by its record.
+    /// Always true: whether a set is new is decided against the metadata store, not by this.
     bool isNew() const { return true; }
 
     std::string getPhotoSetID() const { return photoSetId_; }

@@ -224,20 +224,20 @@ void PhotoSetProcessor::writeDataXML(PhotoSet set, Photo latest, std::string cov
     const std::string thumbFolder = thumbnailFolder();
     const int count = database_.getTotalCountInContainer(set.getTitle());
 
-    auto record = std::make_unique<Norvale_Plugin_Core::MediaFolderTemplate>();
-    record->setID(set.getPhotoSetID());
-    record->setPhysicalFileName(set.getTitle());
-    record->setName(set.getTitle());
-    record->setTotalItems(std::to_string(count));
+    auto description = std::make_unique<Norvale_Plugin_Core::MediaFolderTemplate>();
+    description->setID(set.getPhotoSetID());
+    description->setPhysicalFileName(set.getTitle());
+    description->setName(set.getTitle());
+    description->setTotalItems(std::to_string(count));
     if (!coverDeviceName.empty()) {
         const std::string base = coverDeviceName.substr(0, coverDeviceName.rfind('.'));
-        record->setCoverImage(set.getTitle() + "/" + thumbFolder + "/" + base + "_" + set.getCoverImageID() +
-                              "_" + set.getPhotoSetID() + "." + coverExtension);
+        description->setCoverImage(set.getTitle() + "/" + thumbFolder + "/" + base + "_" +
+                                   set.getCoverImageID() + "_" + set.getPhotoSetID() + "." + coverExtension);
     }
-    record->setLatestUpdatedDate(database_.createLatestUpdatedItemDate(latest.getUpdatedDateTime()));
-    record->setLatestUpdatedItem(latest.getPhotoTitle());
-    const std::string text = Norvale_Plugin_Core::ItemDataManager().saveItemData(record.get());
-    record.reset();
+    description->setLatestUpdatedDate(database_.createLatestUpdatedItemDate(latest.getUpdatedDateTime()));
+    description->setLatestUpdatedItem(latest.getPhotoTitle());
+    const std::string text = Norvale_Plugin_Core::ItemDataManager().saveItemData(description.get());
+    description.reset();
 
     client_.writeFolderDataXML(HostServiceUsageParams::getInstance()->getPluginRoot() + "/", text, "");
 }

@@ -53,7 +53,7 @@ public:
     /// Whether what follows the name's first "." is the extension of a video.
     bool isVideo(std::string fileName);
 
-    /// Writes the set's description record. latest: the item that changed last. coverDeviceName: the cover's
+    /// Writes the set's description. latest: the item that changed last. coverDeviceName: the cover's
     /// file name on the device, or empty. coverExtension: the extension of its thumbnail.
     void writeDataXML(PhotoSet set, Photo latest, std::string coverDeviceName, std::string coverExtension);
 

@@ -13,7 +13,7 @@ namespace Norvale_Plugin_Flickr {
 
 namespace {
 
-// Far more than an account holds: the records of so many take some 60 MB.
+// Far more than an account holds: so many take some 60 MB.
 constexpr std::size_t kMostSets = 100000;
 
 }  // namespace

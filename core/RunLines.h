@@ -106,6 +106,9 @@ constexpr TextLine kLeftOutByKind{"Items left out for their kind: "};
 /// The service refuses the list of sets: its error code with ":", and its words.
 constexpr RunLine kServiceRefuses{"The service answers with error "};
 
+/// What an exception says of a list that the service did not give.
+constexpr const char* kNoList = "UNABLE TO DOWNLOAD PHOTOSET";
+
 /// How the message of an exception begins that is handed to the host: what it ends.
 constexpr std::string_view kListFails = "Exception occurred in DownloadPhotoListActivity";
 constexpr std::string_view kRenditionsFail = "Exception occurred in getPhotoInformation()";

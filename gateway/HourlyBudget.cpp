@@ -24,19 +24,19 @@ constexpr std::int64_t kMinute = 60000;
 constexpr std::int64_t kMinutesKept = 61;
 constexpr std::size_t kLargestFile = 16 << 10;
 
-struct Record {
+struct Usage {
     std::int64_t next = 0;
     std::map<std::int64_t, unsigned> minutes;
 
-    static Record read(const std::string& text) {
+    static Usage read(const std::string& text) {
         std::istringstream stream(text);
-        Record record;
+        Usage usage;
         std::string word;
-        if (!(stream >> word >> record.next) || word != "next") return Record();
+        if (!(stream >> word >> usage.next) || word != "next") return Usage();
         std::int64_t minute = 0;
         unsigned count = 0;
-        while (stream >> minute >> count) record.minutes[minute] += count;
-        return stream.eof() ? record : Record();
+        while (stream >> minute >> count) usage.minutes[minute] += count;
+        return stream.eof() ? usage : Usage();
     }
 
     std::string text() const {
@@ -113,21 +113,21 @@ milliseconds HourlyBudget::take() {
 milliseconds HourlyBudget::takeFrom(std::string& count) const {
     const std::int64_t now = std::chrono::duration_cast<milliseconds>(now_().time_since_epoch()).count();
     const std::int64_t minute = now / kMinute;
-    Record record = Record::read(count);
-    record.forget(minute);
+    Usage usage = Usage::read(count);
+    usage.forget(minute);
 
-    const unsigned used = record.used();
+    const unsigned used = usage.used();
     // Until the oldest minute no longer counts.
     const std::int64_t relief =
-        record.minutes.empty() ? 0 : (record.minutes.begin()->first + kMinutesKept) * kMinute - now;
+        usage.minutes.empty() ? 0 : (usage.minutes.begin()->first + kMinutesKept) * kMinute - now;
     if (used >= limit_) return milliseconds(std::max<std::int64_t>(relief, 1));
     const unsigned left = limit_ - used;
     const bool low = left <= limit_ / 6;
-    if (low && record.next > now) return milliseconds(record.next - now);
+    if (low && usage.next > now) return milliseconds(usage.next - now);
 
-    record.next = low ? now + relief / left : now;
-    ++record.minutes[minute];
-    count = record.text();
+    usage.next = low ? now + relief / left : now;
+    ++usage.minutes[minute];
+    count = usage.text();
     return milliseconds(0);
 }
 

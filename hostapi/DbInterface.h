@@ -35,10 +35,10 @@ public:
     /// A date as ItemUpdatedOn holds it: UTC, in whole seconds. convertToDateTime() reads it back.
     std::string convertToString(Poco::DateTime date);
 
-    /// A date as an item's description record shows it.
+    /// A date as an item's description shows it.
     std::string createFormattedDate(Poco::DateTime date);
 
-    /// A date as the last change stands in an item's and in a folder's description record.
+    /// A date as the last change stands in an item's and in a folder's description.
     std::string createLatestUpdatedItemDate(Poco::DateTime date);
 
     /// A file name made from title that is safe on the device and not the name of another item in the same

@@ -41,7 +41,7 @@ public:
                      std::string& error);
 
     /// Completes an open file: its bytes are on the disk and it stands under its final name before this
-    /// answers "SUC". metadata is the item's description record (length bytes), or empty for a file that is
+    /// answers "SUC". metadata is the item's description (length bytes), or empty for a file that is
     /// no item of its own. After any other answer the file is still open and wants deleteFile(handle).
     void closeFile(long handle, char* metadata, int length, std::string& command, std::string& result,
                    std::string& error);
@@ -66,7 +66,7 @@ public:
     /// Removes an empty directory; refused for one that holds anything.
     void deleteDirectory(std::string path, std::string& command, std::string& result, std::string& error);
 
-    /// Places a folder's description record: the plug-in's root folder with a "/" at its end, the text that
+    /// Places a folder's description: the plug-in's root folder with a "/" at its end, the text that
     /// ItemDataManager::saveItemData() gave for the folder, and a text that is empty.
     void writeFolderDataXML(std::string root, std::string record, std::string reserved);
 

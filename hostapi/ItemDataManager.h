@@ -1,4 +1,4 @@
-// Turns description records into the text that the host stores.
+// Turns descriptions into the text that the host stores.
 
 #ifndef HOSTAPI_ITEMDATAMANAGER_H
 #define HOSTAPI_ITEMDATAMANAGER_H

@@ -1,4 +1,4 @@
-// The description record of a photo set's folder.
+// The description of a photo set's folder.
 
 #ifndef HOSTAPI_MEDIAFOLDERTEMPLATE_H
 #define HOSTAPI_MEDIAFOLDERTEMPLATE_H
@@ -10,7 +10,7 @@
 
 namespace Norvale_Plugin_Core {
 
-/// The description record of one folder.
+/// The description of one folder.
 class MediaFolderTemplate : public Template {
 public:
     /// Display name.

@@ -1,4 +1,4 @@
-// The description record of a photo or video.
+// The description of a photo or video.
 
 #ifndef HOSTAPI_MEDIATEMPLATE_H
 #define HOSTAPI_MEDIATEMPLATE_H
@@ -11,7 +11,7 @@
 
 namespace Norvale_Plugin_Core {
 
-/// The description record of one photo or video.
+/// The description of one photo or video.
 class MediaTemplate : public Template {
 public:
     /// Display file name.

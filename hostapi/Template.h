@@ -1,4 +1,4 @@
-// What the description records of items and folders have in common.
+// What the descriptions of items and folders have in common.
 
 #ifndef HOSTAPI_TEMPLATE_H
 #define HOSTAPI_TEMPLATE_H
@@ -8,7 +8,7 @@
 
 namespace Norvale_Plugin_Core {
 
-/// A description record. Every value is UTF-8 text, empty until set.
+/// A description. Every value is UTF-8 text, empty until set.
 class Template {
 public:
     virtual ~Template() = default;

@@ -137,7 +137,8 @@ std::optional<OAuthProvider::Question> OAuthProvider::question(const std::string
     return found == questions_.end() ? std::nullopt : std::optional<Question>(found->second);
 }
 
-std::string OAuthProvider::decide(const std::string& requestToken, bool allow) {
+std::string OAuthProvider::decide(const std::string& requestToken, Answer answer) {
+    const bool allow = answer == Answer::Allow;
     std::lock_guard<std::mutex> lock(mutex_);
     const auto found = questions_.find(requestToken);
     if (found == questions_.end()) throw Poco::NotFoundException("there is no such request token");

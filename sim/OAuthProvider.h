@@ -30,6 +30,8 @@ namespace flickr_sim {
 /// One application and its tokens. All operations can be called from any thread.
 class OAuthProvider {
 public:
+    enum class Answer { Allow, Deny };
+
     /// What the user is asked to allow.
     struct Question {
         std::string callback;  ///< an address or "oob"
@@ -58,7 +60,7 @@ public:
     /// The user's answer to it; gives the address to which the user is sent back, or the verifier when there
     /// is none ("oob"; "denied" instead of it). Throws Poco::NotFoundException when there is no such
     /// question.
-    std::string decide(const std::string& requestToken, bool allow);
+    std::string decide(const std::string& requestToken, Answer answer);
     /// Whether a call is signed with an access token; what is wrong with it if not.
     std::optional<Refusal> checkCall(const Request& request);
 

@@ -106,7 +106,9 @@ Reply TodayApi::authorize(const Request& request) {
         const std::string asked = given.value("perms");
         return pageReply(200, authorizeForm(credentials_.userName, token, asked.empty() ? "read" : asked));
     }
-    return decided(question->callback, oauth_.decide(token, !isAnswer || given.value("answer") == "allow"));
+    const bool allows = !isAnswer || given.value("answer") == "allow";
+    return decided(question->callback,
+                   oauth_.decide(token, allows ? OAuthProvider::Answer::Allow : OAuthProvider::Answer::Deny));
 }
 
 }  // namespace flickr_sim

@@ -47,7 +47,9 @@ std::optional<std::string> carryOutToday(const std::string& name, const Request&
     }
     if (name == "limits") return setLimits(order, *today);
     if (name == "sign-in") {
-        return today->oauth().decide(order.parameter("oauth_token"), order.parameter("answer") != "deny");
+        const bool allows = order.parameter("answer") != "deny";
+        return today->oauth().decide(order.parameter("oauth_token"),
+                                     allows ? OAuthProvider::Answer::Allow : OAuthProvider::Answer::Deny);
     }
     if (name == "clock") {
         std::int64_t offset = 0;

@@ -493,7 +493,8 @@ TEST_F(GatewayTest, SignsIn) {
     EXPECT_THAT(attempt->page(),
                 AllOf(StartsWith(sim_->serviceUrl() + "/services/oauth/authorize?oauth_token="),
                       HasSubstr("perms=read")));
-    const std::string code = sim_->today().oauth().decide(attempt->requestToken(), true);
+    const std::string code =
+        sim_->today().oauth().decide(attempt->requestToken(), flickr_sim::OAuthProvider::Answer::Allow);
     const SignedIn signedIn = attempt->finish(" " + code + "\n", kNever);
     EXPECT_EQ(signedIn.userId, sim_->credentials().userId);
     EXPECT_EQ(signedIn.userName, sim_->credentials().userName);
@@ -514,10 +515,10 @@ TEST_F(GatewayTest, SignsIn) {
     };
     EXPECT_THAT(failure([&] { signIn("wrong")->begin("oob", kNever); }), HasSubstr("API key and secret"));
     attempt->begin("oob", kNever);
-    sim_->today().oauth().decide(attempt->requestToken(), false);
+    sim_->today().oauth().decide(attempt->requestToken(), flickr_sim::OAuthProvider::Answer::Deny);
     EXPECT_THAT(failure([&] { attempt->finish("1", kNever); }), HasSubstr("not allowed"));
     attempt->begin("oob", kNever);
-    sim_->today().oauth().decide(attempt->requestToken(), true);
+    sim_->today().oauth().decide(attempt->requestToken(), flickr_sim::OAuthProvider::Answer::Allow);
     EXPECT_THAT(failure([&] { attempt->finish("000-000-000", kNever); }),
                 HasSubstr("does not accept this code"));
     sim_->today().oauth().setClockOffset(3600);

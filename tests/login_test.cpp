@@ -174,7 +174,7 @@ TEST_F(LoginTest, SignsInBacksUpAndSignsOut) {
                             [&] { return command("login --no-browser --ca ca.pem", folder_ + "/typed"); });
     {
         std::ofstream typed(folder_ + "/typed");
-        typed << sim_->today().oauth().decide(waitForToken(), true) << std::endl;
+        typed << sim_->today().oauth().decide(waitForToken(), OAuthProvider::Answer::Allow) << std::endl;
     }
     EXPECT_EQ(login.get(), 0) << err();
     EXPECT_THAT(out(), HasSubstr("Signed in as Sim?service = https://127.0.0.1:1?Owner? (12345678@N00)"));
@@ -255,7 +255,7 @@ TEST_F(LoginTest, SignsInBacksUpAndSignsOut) {
 
     // By the page to which the service sends the user back.
     login = std::async(std::launch::async, [&] { return command("login"); });
-    const Poco::URI back(sim_->today().oauth().decide(waitForToken(), true));
+    const Poco::URI back(sim_->today().oauth().decide(waitForToken(), OAuthProvider::Answer::Allow));
     EXPECT_EQ(visit(back, "/?" + back.getRawQuery()), "404") << "a stranger who does not know the address";
     EXPECT_EQ(visit(back, back.getPath() + "?oauth_token=x&oauth_verifier=1"), "404");
     EXPECT_THAT(visit(back, back.getPathAndQuery()), HasSubstr("You are signed in"));
@@ -276,7 +276,7 @@ TEST_F(LoginTest, SignsInBacksUpAndSignsOut) {
         typed << key << std::endl;
         waitFor("Secret: ");
         typed << secret << std::endl;
-        typed << sim_->today().oauth().decide(waitForToken(), true) << std::endl;
+        typed << sim_->today().oauth().decide(waitForToken(), OAuthProvider::Answer::Allow) << std::endl;
         EXPECT_EQ(login.get(), 0) << out();
     }
     EXPECT_THAT(out(), AllOf(HasSubstr(key), HasSubstr("Signed in as"), Not(HasSubstr(secret))));
@@ -287,7 +287,7 @@ TEST_F(LoginTest, SaysWhatToDoWhenTheUserHasRefused) {
     write(readFile(file()) + "ca = " + folder_ + "/ca.pem\n");
     const std::string before = readFile(file());
     auto login = std::async(std::launch::async, [&] { return command("login"); });
-    const Poco::URI back(sim_->today().oauth().decide(waitForToken(), false));
+    const Poco::URI back(sim_->today().oauth().decide(waitForToken(), OAuthProvider::Answer::Deny));
     EXPECT_THAT(visit(back, back.getPathAndQuery()), HasSubstr("You are not signed in"));
     EXPECT_EQ(login.get(), 3);
     EXPECT_THAT(err(), AllOf(HasSubstr("not allowed"), HasSubstr("run \"flickr-backup login\" again")));

@@ -22,7 +22,7 @@ void printDisagreements(std::ostream& out, const flickr_standin::BackupReport& r
     list("Altered since it was backed up", report.altered);
     list("On the device, but not recorded", report.unrecorded);
     list("Marked to be fetched again by the next run", report.toFetchAgain);
-    list("Description records that are missing or cannot be read", report.descriptions);
+    list("Descriptions that are missing or cannot be read", report.descriptions);
 }
 
 void addDisagreements(Poco::JSON::Object& object, const flickr_standin::BackupReport& report) {

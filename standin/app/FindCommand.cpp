@@ -185,7 +185,7 @@ void addFindCommand(CLI::App& program, CommandContext& context) {
         std::string(
             "Searches titles, descriptions, tags, titles of sets, file names and dates for parts of texts,\n"
             "without regard to case and accents, and ids of photos, items and sets for the whole. Needs no\n"
-            "right to write; without a database it reads the description records.\n") +
+            "right to write; without a database it reads the descriptions.\n") +
         kExitStatuses +
         "\n"
         "Example:\n"

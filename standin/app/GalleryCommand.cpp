@@ -27,7 +27,7 @@ int makeGallery(const Options& options, bool json) {
     const auto lock = beforehand([&] { return flickr_standin::DeviceLock(layout.device); });
     std::unique_ptr<flickr_standin::BackupDatabase> database;
     if (layout.databasePath.empty()) {
-        std::cerr << "There is no database; the gallery is made from the description records.\n";
+        std::cerr << "There is no database; the gallery is made from the descriptions.\n";
     } else {
         database = beforehand([&] {
             return std::make_unique<flickr_standin::BackupDatabase>(
@@ -62,7 +62,7 @@ void addGalleryCommand(CLI::App& program, CommandContext& context) {
     addBackupOptions(*command, *options);
     addJsonOption(*command, context);
     command->add_flag("--anew", options->anew,
-                      "Read all records and thumbnails again, not only what changed");
+                      "Read all descriptions and thumbnails again, not only what changed");
     command->footer(std::string("Each run does so at its end. The page needs no network and no server.\n") +
                     kExitStatuses +
                     "\n"

@@ -9,14 +9,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 
-#include "hostapi/Conventions.h"
 #include "hostapi/DbInterface.h"
 #include "standin/app/Configuration.h"
 #include "standin/app/PrivateFile.h"
 #include "standin/app/Refusal.h"
+#include "standin/framework/base/Descriptor.h"
+#include "standin/framework/base/Names.h"
 #include "standin/framework/run/RunConfiguration.h"
 #include "standin/framework/run/RunState.h"
 
@@ -24,6 +23,7 @@ namespace flickr_app {
 namespace {
 
 using flickr_standin::BackupDatabase;
+using flickr_standin::Descriptor;
 
 bool holds(const std::vector<std::string>& types, const char* type) {
     return std::find(types.begin(), types.end(), type) != types.end();
@@ -49,34 +49,30 @@ flickr_gateway::GatewaySettings settingsOf(const Credentials& credentials, const
                                                                                     const std::string& set,
                                                                                     std::int64_t updated) {
         if (isDry) return true;  // nothing is fetched ahead
-        const auto row = database.item(item + "_" + (set.empty() ? Norvale_Plugin_Core::kAnonymousSet : set));
+        const auto row = database.item(item + "_" + (set.empty() ? flickr_standin::kNoSetId : set));
         const Poco::DateTime date(Poco::Timestamp::fromEpochTime(updated));
         return row && row->updated == Norvale_Plugin_Core::DbInterface().convertToString(date);
     };
     return settings;
 }
 
-/// The account's file, seen from the service folder, without a way through links. -1 with errno.
-int openAccountFile(const std::string& serviceFolder, int flags) {
-    const int folder = ::open(serviceFolder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (folder < 0) return -1;
-    const int records = ::openat(folder, ".records", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    ::close(folder);
-    if (records < 0) return -1;
-    const int file = ::openat(records, ".account", flags | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (file >= 0 && (flags & O_CREAT) != 0) ::fsync(records);
-    ::close(records);
+/// The account's file, seen from the service folder, without a way through links.
+Descriptor openAccountFile(const std::string& serviceFolder, int flags) {
+    constexpr int kFolder = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    const Descriptor folder(::open(serviceFolder.c_str(), kFolder));
+    const Descriptor descriptions(
+        folder.isOpen() ? ::openat(folder.get(), flickr_standin::kDescriptionFolder, kFolder) : -1);
+    if (!descriptions.isOpen()) return Descriptor();
+    Descriptor file(::openat(descriptions.get(), ".account", flags | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (file.isOpen() && (flags & O_CREAT) != 0) ::fsync(descriptions.get());
     return file;
 }
 
 /// The first word of the file; empty when there is none, or when a power cut has left no whole one.
 std::string accountOn(const std::string& serviceFolder) {
-    const int file = openAccountFile(serviceFolder, O_RDONLY | O_NONBLOCK);
-    if (file < 0) return std::string();
-    char text[256] = "";
-    const ssize_t size = ::read(file, text, sizeof text);
-    ::close(file);
-    const std::string line(text, size > 0 ? static_cast<std::size_t>(size) : 0);
+    const Descriptor file = openAccountFile(serviceFolder, O_RDONLY | O_NONBLOCK);
+    std::string line;
+    if (!file.isOpen() || flickr_standin::readAll(file, line, 255) != 0) return std::string();
     return line.find(' ') == std::string::npos ? std::string() : line.substr(0, line.find(' '));
 }
 
@@ -140,13 +136,11 @@ void refuseOtherAccount(const DeviceLayout& layout, const Credentials& credentia
 bool tieToAccount(const DeviceLayout& layout, const Credentials& credentials) {
     refuseOtherAccount(layout, credentials);
     if (credentials.userId.empty() || !accountOn(layout.serviceFolder).empty()) return true;
-    const int file = openAccountFile(layout.serviceFolder, O_WRONLY | O_CREAT | O_TRUNC);
-    if (file < 0) return false;
+    const Descriptor file = openAccountFile(layout.serviceFolder, O_WRONLY | O_CREAT | O_TRUNC);
     const std::string line = credentials.userId + " " + credentials.userName + "\n";
-    const bool written = ::write(file, line.data(), line.size()) == static_cast<ssize_t>(line.size());
-    if (written) ::fsync(file);
-    ::close(file);
-    return written;
+    if (!file.isOpen() || flickr_standin::writeAll(file, line.data(), line.size()) != 0) return false;
+    ::fsync(file.get());
+    return true;
 }
 
 }  // namespace flickr_app

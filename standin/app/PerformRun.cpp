@@ -7,12 +7,13 @@
 #include <functional>
 #include <memory>
 
+#include "hostapi/Conventions.h"
 #include "standin/app/PluginHost.h"
+#include "standin/framework/base/Text.h"
 
 namespace flickr_app {
 namespace {
 
-constexpr int kSuccess = 1;
 constexpr int kFailed = 2;
 constexpr const char* kDetailStopped = "501";
 
@@ -84,7 +85,7 @@ private:
 /// The plug-in logs "Backup Info STATUS : TEXT" for a run that failed.
 std::string errorTextOf(const std::string& message) {
     const std::string start = "Backup Info ";
-    if (message.compare(0, start.size(), start) != 0) return message;
+    if (!flickr_standin::startsWith(message, start)) return message;
     const std::string::size_type colon = message.find(" : ");
     return colon == std::string::npos ? std::string() : message.substr(colon + 3);
 }
@@ -126,8 +127,11 @@ RunOutcome performRun(const RunRequest& request, RunListener& listener) {
     listener.progress(outcome.items, outcome.bytes);
     outcome.stopped = outcome.detail == kDetailStopped && relay.stopRequested();
     outcome.errorText = errorTextOf(message);
-    outcome.status = ended.backupStatus == kSuccess ? kSuccess : std::atoi(outcome.detail.c_str());
-    if (outcome.status == kSuccess && ended.backupStatus != kSuccess) outcome.status = kFailed;
+    outcome.status = ended.backupStatus == Norvale_Plugin_Core::kSuccess ? Norvale_Plugin_Core::kSuccess
+                                                                         : std::atoi(outcome.detail.c_str());
+    if (outcome.status == Norvale_Plugin_Core::kSuccess &&
+        ended.backupStatus != Norvale_Plugin_Core::kSuccess)
+        outcome.status = kFailed;
     return outcome;
 }
 

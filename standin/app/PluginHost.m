@@ -272,31 +272,33 @@ char* PluginHostBackUp(const PluginHostRun* run, PluginHostOutcome* outcome) {
     return result;
 }
 
+typedef enum { Plain, Secret } Kind;
+
 /// A value for the user's eyes: "none" for nothing, and nothing of a secret.
-static NSString* shown(id value, BOOL isSecret) {
+static NSString* shown(id value, Kind kind) {
     if ([value isKindOfClass:[NSArray class]]) value = [value componentsJoinedByString:@", "];
     if (value == nil || [value isEqual:@""]) return @"none";
-    return isSecret ? @"********" : [value description];
+    return kind == Secret ? @"********" : [value description];
 }
 
 char* PluginHostDescribe(void (*line)(void* context, const char* label, const char* value), void* context) {
     static const struct {
         NSString* label;
         NSString* key;  // of NVServiceSettings
-        BOOL isSecret;
-    } kSettings[] = {{@"Service", @"serviceName", NO},
-                     {@"Service id", @"serviceID", NO},
-                     {@"Legend", @"legend", NO},
-                     {@"Sign-in", @"authMechanism", NO},
-                     {@"Data types", @"dataTypes", NO},
-                     {@"Enabled", @"enabled", NO},
-                     {@"Configured", @"configured", NO},
-                     {@"API key", @"serviceAPIKey", YES},
-                     {@"API secret", @"serviceAPISecret", YES},
-                     {@"CEK", @"cEK", YES},
-                     {@"PKEK", @"pKEK", YES},
-                     {@"Backup status", @"backupStatus", NO},
-                     {@"Backup error", @"backupError", NO}};
+        Kind kind;
+    } kSettings[] = {{@"Service", @"serviceName", Plain},
+                     {@"Service id", @"serviceID", Plain},
+                     {@"Legend", @"legend", Plain},
+                     {@"Sign-in", @"authMechanism", Plain},
+                     {@"Data types", @"dataTypes", Plain},
+                     {@"Enabled", @"enabled", Plain},
+                     {@"Configured", @"configured", Plain},
+                     {@"API key", @"serviceAPIKey", Secret},
+                     {@"API secret", @"serviceAPISecret", Secret},
+                     {@"CEK", @"cEK", Secret},
+                     {@"PKEK", @"pKEK", Secret},
+                     {@"Backup status", @"backupStatus", Plain},
+                     {@"Backup error", @"backupError", Plain}};
     NSString* secrets =
         @"service.apiKey service.apiSecret service.autheticationToken service.tokenFrob service.CEK";
 
@@ -304,18 +306,18 @@ char* PluginHostDescribe(void (*line)(void* context, const char* label, const ch
     NSString* problem = nil;
     Plugin* plugin = [newPlugin(&problem) autorelease];
     if (plugin != nil) {
-        line(context, "Version", [shown([plugin getVersion], NO) UTF8String]);
-        line(context, "For host version", [shown([plugin getTargetHostVersion], NO) UTF8String]);
-        line(context, "Keywords", [shown([plugin getKeywordString], NO) UTF8String]);
+        line(context, "Version", [shown([plugin getVersion], Plain) UTF8String]);
+        line(context, "For host version", [shown([plugin getTargetHostVersion], Plain) UTF8String]);
+        line(context, "Keywords", [shown([plugin getKeywordString], Plain) UTF8String]);
         NVServiceSettings* settings = [plugin getPluginSettingsV2];
         for (size_t i = 0; i < sizeof kSettings / sizeof *kSettings; ++i) {
             id value = [settings valueForKey:kSettings[i].key];
-            line(context, [kSettings[i].label UTF8String], [shown(value, kSettings[i].isSecret) UTF8String]);
+            line(context, [kSettings[i].label UTF8String], [shown(value, kSettings[i].kind) UTF8String]);
         }
         NSDictionary* dictionary = [[plugin getPluginSettings] settings];
         for (NSString* key in [[dictionary allKeys] sortedArrayUsingSelector:@selector(compare:)]) {
-            const BOOL isSecret = [secrets rangeOfString:key].location != NSNotFound;
-            line(context, [key UTF8String], [shown([dictionary objectForKey:key], isSecret) UTF8String]);
+            const Kind kind = [secrets rangeOfString:key].location != NSNotFound ? Secret : Plain;
+            line(context, [key UTF8String], [shown([dictionary objectForKey:key], kind) UTF8String]);
         }
     }
     char* result = problem == nil ? NULL : copyOf(problem);

@@ -7,12 +7,14 @@
 #include <string_view>
 #include <utility>
 
-namespace flickr_app {
-namespace {
+#include "standin/framework/base/Text.h"
+#include "standin/framework/run/RunJournal.h"
 
-bool startsWith(const std::string& text, std::string_view start) {
-    return text.compare(0, start.size(), start) == 0;
-}
+namespace flickr_app {
+
+using namespace flickr_standin;
+
+namespace {
 
 /// Takes the place in the code off the front: "Exception occurred in NAME(): ", and the kind of exception.
 void removeOrigin(std::string& text) {
@@ -41,10 +43,9 @@ bool isXmlError(const std::string& text) {
 std::string plainReason(const std::string& text) {
     std::string reason = text;
     // A reason inside another: what failed stands in front, why behind.
-    constexpr std::string_view kRenditions = "The service's list of its renditions is of no use: ";
-    if (startsWith(reason, kRenditions)) {
-        const std::string inner = plainReason(reason.substr(kRenditions.size()));
-        if (startsWith(inner, "It offers no file")) return "The service offers no file of it";
+    if (startsWith(reason, kRenditionsReason)) {
+        const std::string inner = plainReason(reason.substr(kRenditionsReason.size()));
+        if (inner == kNoFileReason) return "The service offers no file of it";
         return "The service does not say where its files are (" + inner + ")";
     }
     removeOrigin(reason);
@@ -57,13 +58,15 @@ std::string plainReason(const std::string& text) {
     for (const auto& [start, end] : ofPeer) {
         if (startsWith(reason, start)) return reason.substr(start.size()) + std::string(end);
     }
-    constexpr std::string_view kHost = "Host not found: ", kStatus = "Response Status - ",
-                               kDownload = "Unable to download from ";
+    constexpr std::string_view kHost = "Host not found: ";
     if (startsWith(reason, kHost)) return "There is no host " + reason.substr(kHost.size());
-    if (startsWith(reason, kStatus))
-        return "The service answers with status " + reason.substr(kStatus.size());
-    if (startsWith(reason, kDownload)) return "It cannot be fetched from " + reason.substr(kDownload.size());
-    if (reason == "UNABLE TO DOWNLOAD PHOTOSET") return "The service gives no list";
+    if (startsWith(reason, kStatusReason)) {
+        return "The service answers with status " + reason.substr(kStatusReason.size());
+    }
+    if (startsWith(reason, kAddressReason)) {
+        return "It cannot be fetched from " + reason.substr(kAddressReason.size());
+    }
+    if (reason == kNoListReason) return "The service gives no list";
     if (isXmlError(reason)) return "The service's answer is cut off or garbled";
     if (!reason.empty()) {
         reason.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(reason.front())));

@@ -100,7 +100,7 @@ int rebuild(const BackupOptions& options, bool json) {
 void addRebuildCommand(CLI::App& program, CommandContext& context) {
     auto options = std::make_shared<BackupOptions>();
     CLI::App* command = program.add_subcommand(
-        "rebuild", "Make a lost or damaged database anew from the description records and the files");
+        "rebuild", "Make a lost or damaged database anew from the descriptions and the files");
     addBackupOptions(*command, *options);
     addJsonOption(*command, context);
     command->footer(

@@ -24,7 +24,7 @@ std::vector<std::string> errorsOf(const RunReport& report) {
     if (report.outcome.status == kPluginSuccess || report.outcome.stopped) return errors;
     const std::string& text = report.outcome.errorText;
     if (!text.empty()) {
-        const auto tells = [&](const std::string& error) { return error.compare(0, text.size(), text) == 0; };
+        const auto tells = [&](const std::string& error) { return flickr_standin::startsWith(error, text); };
         if (std::none_of(errors.begin(), errors.end(), tells)) errors.push_back(text);
     } else if (report.outcome.detail == "110") {
         errors.push_back("The user is not signed in with OAuth, or the token is empty");

@@ -133,7 +133,7 @@ int verify(const Options& options, bool json) {
     }
     if (!problem.empty())
         std::cout << "The database is damaged: " << printable(problem)
-                  << "\nflickr-backup rebuild makes it anew from the records and the files.\n";
+                  << "\nflickr-backup rebuild makes it anew from the descriptions and the files.\n";
     if (problem.empty() || !report.agrees()) printDisagreements(std::cout, report);
     if (marked > 0) {
         std::cout << formatCount(marked, "item")

@@ -25,6 +25,7 @@ namespace flickr_app {
 namespace {
 
 using flickr_standin::BackupDatabase;
+using flickr_standin::startsWith;
 using flickr_standin::validUtf8;
 using flickr_standin::Version;
 
@@ -94,7 +95,7 @@ int restore(const RestoreOptions& options, bool json) {
     const DeviceLayout layout = existingBackup(options.device, options.database);
     // A shell completes whole paths.
     const std::string before = layout.serviceFolder + "/";
-    const bool isWhole = options.version.compare(0, before.size(), before) == 0;
+    const bool isWhole = startsWith(options.version, before);
     const std::string version = isWhole ? options.version.substr(before.size()) : options.version;
     const auto lock = beforehand([&] { return flickr_standin::DeviceLock(layout.device); });
     BackupDatabase database =

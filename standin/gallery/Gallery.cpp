@@ -122,7 +122,7 @@ std::string searchedText(const std::string& line) {
     std::vector<std::string> strings = stringsOf(line, line.size());
     if (strings.size() < 9) return {};
     const std::string &taken = strings[2], &title = strings[3], &file = strings[4];
-    std::string text = file.compare(0, title.size(), title) == 0 ? file : title + " " + file;
+    std::string text = startsWith(file, title) ? file : title + " " + file;
     text += " " + taken.substr(0, 10);
     for (std::size_t i = 8; i < strings.size(); ++i) text += " " + strings[i];
     const std::string key = searchKey(text);
@@ -238,7 +238,7 @@ public:
 
 private:
     static bool isOurs(const std::string& name) {
-        if (name.compare(0, std::char_traits<char>::length(kPartPrefix), kPartPrefix) == 0) return true;
+        if (startsWith(name, kPartPrefix)) return true;
         const NameParts parts = splitName(name);
         const bool script = parts.extension == ".js" || parts.extension == ".css";
         if (!script || parts.base.size() < kHashLength) return false;
@@ -250,10 +250,7 @@ private:
         const Descriptor file(
             ::openat(folder.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
         std::string text;
-        char block[1 << 16];
-        for (ssize_t count; file.isOpen() && (count = ::read(file.get(), block, sizeof block)) > 0;) {
-            text.append(block, static_cast<std::size_t>(count));
-        }
+        if (!file.isOpen() || readAll(file, text) != 0) return {};
         return text;
     }
 

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace flickr_standin {
@@ -30,6 +31,18 @@ int writeAll(const Descriptor& file, const char* data, std::size_t size) {
         if (written < 0 && errno == EINTR) continue;
         if (written < 0) return errno;
         at += static_cast<std::size_t>(written);
+    }
+    return 0;
+}
+
+int readAll(const Descriptor& file, std::string& text, std::size_t limit) {
+    char block[1 << 16];
+    for (std::size_t left = limit + 1; left > 0;) {
+        const ssize_t count = ::read(file.get(), block, std::min(left, sizeof block));
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return count < 0 ? errno : 0;
+        text.append(block, static_cast<std::size_t>(count));
+        left -= static_cast<std::size_t>(count);
     }
     return 0;
 }

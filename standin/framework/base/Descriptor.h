@@ -4,6 +4,7 @@
 #define STANDIN_FRAMEWORK_BASE_DESCRIPTOR_H
 
 #include <cstddef>
+#include <string>
 
 namespace flickr_standin {
 
@@ -25,6 +26,10 @@ private:
 
 /// Writes all of the bytes, in as many calls as it takes. Gives 0 or an error number.
 int writeAll(const Descriptor& file, const char* data, std::size_t size);
+
+/// Appends the file's bytes to text, in as many calls as it takes; not more than limit and one of them, which
+/// tells that there are more. Gives 0 or an error number.
+int readAll(const Descriptor& file, std::string& text, std::size_t limit = std::string::npos - 1);
 
 }  // namespace flickr_standin
 

@@ -52,7 +52,7 @@ std::string::size_type deviceNameEnd(const std::string& name) {
     static constexpr std::string_view kDevices[] = {"CON",    "PRN",     "AUX",   "NUL",
                                                     "CONIN$", "CONOUT$", "CLOCK$"};
     if (std::find(std::begin(kDevices), std::end(kDevices), stem) != std::end(kDevices)) return stem.size();
-    if (stem.compare(0, 3, "COM") == 0 || stem.compare(0, 3, "LPT") == 0) {
+    if (startsWith(stem, "COM") || startsWith(stem, "LPT")) {
         static constexpr std::string_view kDigits[] = {"0", "1", "2", "3",      "4",      "5",     "6",
                                                        "7", "8", "9", "\u00b9", "\u00b2", "\u00b3"};
         const std::string_view rest = std::string_view(stem).substr(3);
@@ -148,9 +148,8 @@ bool isBackupName(const std::string& name) {
     const auto first = static_cast<unsigned char>(name[0]);
     if (first != '.' && first < 0x80) return true;  // most are so, and their keys need no look
     const std::string key = nameKey(name);
-    return key != kDescriptionFolder && key != kVersionFolder &&
-           key.compare(0, std::strlen(kPartPrefix), kPartPrefix) != 0 &&
-           key.compare(0, std::strlen(kKeptPrefix), kKeptPrefix) != 0;
+    return key != kDescriptionFolder && key != kVersionFolder && !startsWith(key, kPartPrefix) &&
+           !startsWith(key, kKeptPrefix);
 }
 
 NameParts splitName(const std::string& name) {

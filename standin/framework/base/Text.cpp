@@ -59,6 +59,10 @@ std::string escaped(utf8proc_int32_t character) {
 
 }  // namespace
 
+bool startsWith(std::string_view text, std::string_view start) {
+    return text.substr(0, start.size()) == start;
+}
+
 bool isAscii(const std::string& text) {
     return std::none_of(text.begin(), text.end(), [](unsigned char c) { return c >= 0x80; });
 }

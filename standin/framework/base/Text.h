@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace flickr_standin {
 
@@ -18,6 +19,9 @@ std::string withoutCharacters(const std::string& text, bool (*isUnwanted)(std::i
 
 /// The text cut to at most limit bytes, between two characters.
 std::string cutUtf8(const std::string& text, std::size_t limit);
+
+/// True when the text begins with start.
+bool startsWith(std::string_view text, std::string_view start);
 
 /// True when the text is ASCII only.
 bool isAscii(const std::string& text);

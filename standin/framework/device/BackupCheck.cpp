@@ -14,6 +14,7 @@
 #include "standin/framework/base/Checksum.h"
 #include "standin/framework/base/Names.h"
 #include "standin/framework/base/Paths.h"
+#include "standin/framework/base/Text.h"
 #include "standin/framework/device/Description.h"
 #include "standin/framework/device/Device.h"
 #include "standin/framework/device/ItemFiles.h"
@@ -36,8 +37,7 @@ bool isOfSystem(const std::string& name) {
         }
         return keys;
     }();
-    return name.compare(0, 2, "._") == 0 || name.compare(0, 7, ".Trash-") == 0 ||
-           kNames.count(nameKey(name)) != 0;
+    return startsWith(name, "._") || startsWith(name, ".Trash-") || kNames.count(nameKey(name)) != 0;
 }
 
 /// Whether a viewer can read the description, and finds that id in it.
@@ -193,7 +193,7 @@ private:
         if (path == ".backup.lock") return true;
         // The database may lie in the service folder.
         const std::string full = device_.path() + "/" + path;
-        return full.compare(0, database_.path().size(), database_.path()) == 0;
+        return startsWith(full, database_.path());
     }
 
     static bool isOfGallery(const std::string& name) {

@@ -17,6 +17,7 @@
 
 #include "standin/framework/base/Localisation.h"
 #include "standin/framework/base/Paths.h"
+#include "standin/framework/base/Text.h"
 #include "standin/framework/device/Description.h"
 #include "standin/framework/device/DeviceFiles.h"
 #include "standin/framework/device/VersionDays.h"
@@ -54,8 +55,7 @@ enum class WhenMissing { Make, Refuse };
 Descriptor openServiceFolder(const std::string& serviceFolder, const std::string& mountPoint,
                              WhenMissing whenMissing, std::string& real) {
     if (serviceFolder.empty()) throw DeviceException("No folder on a backup device has been named");
-    const bool below =
-        !mountPoint.empty() && serviceFolder.compare(0, mountPoint.size() + 1, mountPoint + "/") == 0;
+    const bool below = !mountPoint.empty() && startsWith(serviceFolder, mountPoint + "/");
     std::string::size_type end = below ? mountPoint.size() : serviceFolder.rfind('/');
     if (end == std::string::npos) end = 0;
     const std::string base = end != 0 ? serviceFolder.substr(0, end) : serviceFolder[0] == '/' ? "/" : ".";
@@ -173,9 +173,7 @@ void Device::checkPath(const std::string& path) {
             throw DeviceException("The path " + quoted(path) + " holds a name of more than 255 bytes");
         }
         const std::string key = nameKey(name);
-        const auto begins = [&](const char* prefix) {
-            return key.compare(0, std::strlen(prefix), prefix) == 0;
-        };
+        const auto begins = [&](const char* prefix) { return startsWith(key, prefix); };
         if (key == kDescriptionFolder || key == kVersionFolder || begins(kPartPrefix) ||
             begins(kKeptPrefix)) {
             throw DeviceException("The path " + quoted(path) + " leads into the file service's own files");
@@ -683,11 +681,7 @@ std::string Device::readDescription(const std::string& folder, const std::string
     const Descriptor file = openRegular(descriptions.get(), name);
     if (!file.isOpen()) return {};
     std::string text;
-    char block[4096];
-    for (ssize_t count; (count = ::read(file.get(), block, sizeof block)) > 0;) {
-        text.append(block, static_cast<std::size_t>(count));
-        if (text.size() > kLongestDescription) return {};
-    }
+    if (readAll(file, text, kLongestDescription) != 0 || text.size() > kLongestDescription) return {};
     return text;
 }
 

@@ -73,8 +73,8 @@ bool compress(const std::string& path, const std::string& compressed) {
 bool isDetail(const std::string& message) {
     using namespace Norvale_Plugin_Flickr;
     constexpr std::string_view kElement = "***********************";
-    const bool isElement = message.compare(0, kElement.size(), kElement) == 0 &&
-                           message.find_first_not_of('*') != std::string::npos;
+    const bool isElement =
+        startsWith(message, kElement) && message.find_first_not_of('*') != std::string::npos;
     return isElement || kItemNamed.read(message) || kPhotoUnchanged.read(message) ||
            kVideoUnchanged.read(message);
 }

@@ -16,14 +16,16 @@ using namespace Norvale_Plugin_Flickr;  // the lines
 
 namespace {
 
-bool startsWith(const std::string& text, std::string_view start) {
-    return text.compare(0, start.size(), start) == 0;
-}
-
 constexpr const char* kIdRefused =
     "Its id holds characters that the service's ids never hold, so it was not asked for";
 
 }  // namespace
+
+const std::string_view kStatusReason = kStatusRefused.start;
+const std::string_view kAddressReason = kAddressRefused.start;
+const std::string_view kRenditionsReason = "The service's list of its renditions is of no use: ";
+const std::string_view kNoFileReason = "It offers no file to download";
+const std::string_view kNoListReason = kNoList;
 
 RunJournal& RunJournal::instance() {
     static RunJournal& journal = *new RunJournal;
@@ -248,7 +250,7 @@ void RunJournal::folderDescriptionFailed(const std::string& folder, const std::s
     const std::lock_guard<std::mutex> lock(mutex_);
     if (descriptionFailed_) return;
     descriptionFailed_ = true;
-    addFailure(folder, "Its description record could not be written: " + explanation);
+    addFailure(folder, "Its description could not be written: " + explanation);
 }
 
 void RunJournal::leaveOutItem(const std::string& id, const std::string& title) {
@@ -256,8 +258,9 @@ void RunJournal::leaveOutItem(const std::string& id, const std::string& title) {
     const auto first = summary_.failures.begin() + static_cast<std::ptrdiff_t>(leftOutFrom_);
     const auto known = [&](const Failure& failure) { return failure.id == id; };
     if (std::any_of(first, summary_.failures.end(), known)) return;
-    const std::string reason = lookupFailure_.empty() ? "It offers no file to download" : lookupFailure_;
-    addFailure(title, "The service's list of its renditions is of no use: " + reason, id);
+    std::string reason(kRenditionsReason);
+    reason += lookupFailure_.empty() ? kNoFileReason : lookupFailure_;
+    addFailure(title, reason, id);
 }
 
 void RunJournal::addFailureOnce(const std::string& name, const std::string& set, const std::string& reason) {

@@ -15,6 +15,7 @@
 
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -28,6 +29,14 @@ struct Failure {
     std::string id;         ///< the item's PhotoID, as in its row; empty for a folder or list
     bool onDevice = false;  ///< an earlier version is; the journal itself does not know
 };
+
+/// What reasons begin with or are, for who words them for people.
+extern const std::string_view kStatusReason;   ///< begins one: the status of an answer follows
+extern const std::string_view kAddressReason;  ///< begins one: what is wrong with an address follows
+extern const std::string_view
+    kRenditionsReason;                        ///< begins one: why an item's renditions are of no use follows
+extern const std::string_view kNoFileReason;  ///< no rendition has a file
+extern const std::string_view kNoListReason;  ///< the service did not give a list
 
 /// An item that was begun and has ended.
 struct SettledItem {
