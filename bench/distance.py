@@ -100,7 +100,7 @@ def today(bench, line, *account):
 
 def alone(bench, line, trip):
     """What the plug-in takes for an item of a first and of an unchanged run without the gateway, in seconds: the
-    difference between two libraries."""
+    difference between two accounts."""
     few, many = (5, 15) if bench.quick else (10, 40)
     taken = {}
     # Without distance the line would still cost something; and more items let the difference stand out.
@@ -207,12 +207,12 @@ def distance(bench):
             for trip, taken in unchanged(bench, line, rounds).items():
                 through["unchanged", trip] = taken
             requests(bench, line)
-    bench.tables.append(libraries(without, through))
+    bench.tables.append(accounts(without, through))
     print(bench.tables[-1], flush=True)
 
 
-def libraries(without, through):
-    """What whole libraries take, from the times for an item."""
+def accounts(without, through):
+    """What whole accounts take, from the times for an item."""
     rows = [("account", "run", *(f"alone, {trip} ms" for trip in without), "alone, 20 ms, with the hourly limit",
              "gateway, 20 ms", "gateway, 100 ms", "gateway, 20 ms, with the hourly limit")]
     rows.append(("---",) * len(rows[0]))
@@ -232,7 +232,7 @@ def libraries(without, through):
         for kind in ("first", "unchanged"))
     table = "\n".join("| " + " | ".join(row) + " |" for row in rows)
     return (f"Time for a photo of 100 KiB with its thumbnail, by round trip: {measured}. From these, what whole "
-            f"libraries of photos take:\n\n{table}")
+            f"accounts take:\n\n{table}")
 
 
 def duration(amount):

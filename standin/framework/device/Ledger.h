@@ -10,9 +10,8 @@
 //       item      id of the item, also for its thumbnail
 //       was       its name before a rename that is not settled yet
 //       pending   a FileState
-//   versions  One row for each older version that is kept: the folder in whose ".versions" it stands, whose
-//   it
-//             is, its size and checksum.
+//   versions  One row for each older version that is kept: the folder in whose ".versions" it stands, the
+//             item's id, its size and checksum.
 //       aside     the name in that folder that it leaves, until the disk knows that it did; then empty
 //   state     A row while the ledger is in use. One that is found when it is opened was left by a kill or a
 //             power cut: rows of then may be missing, and half-written files may be there.
