@@ -16,8 +16,9 @@ typedef struct {
     int (*ticked)(void* context, double items, double bytes, int isMainThread);
     /// monitorBandwidth, which every begin of a backup sends.
     int (*begins)(void* context);
-    /// baseAKEKey, which only the resume of a pause asks for, before it begins again. May be null.
-    void (*resumes)(void* context);
+    /// baseAKEKey, which only the resume of a pause asks for, before it begins again, and what it answers.
+    /// May be null.
+    void (*resumes)(void* context, const char* key);
     /// deviceCulture, which a backup asks for between the start of its timer and its core's work. May be
     /// null.
     void (*cultureAsked)(void* context);
@@ -58,8 +59,10 @@ void HostStart(Host* host, const char* message);
 /// many seconds. Returns whether that came.
 int HostRunLoop(Host* host, double seconds, int (*done)(void* context), void* context);
 
-/// Whether a backup waits for bandwidth, and whether one that was started here is going on.
+/// Whether a backup waits for bandwidth, how often the last one has laid its thread to rest for that, and
+/// whether one that was started here is going on.
 int HostIsWaiting(Host* host);
+int HostRests(Host* host);
 int HostIsRunning(Host* host);
 
 /// A property of the plug-in by its name, or "settings KEY" or "settingsV2 KEY" for the settings that it

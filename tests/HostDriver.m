@@ -62,13 +62,14 @@
 
 static TestHost* host;  // the one that there is
 static int plugins;     // plug-in objects alive
-static IMP baseDealloc, baseMonitor, baseKey;
+static int rests;       // of the run's thread, on a condition
+static IMP baseDealloc, baseMonitor, baseKey, conditionWait;
 
 void HostRaise(const char* reason) {
     [NSException raise:@"TestException" format:@"%s", reason];
 }
 
-// Observers before three methods of the base class.
+// Observers before three methods of the base class and one of Foundation's.
 
 typedef id (*Original)(id, SEL);  // also for methods without a result
 
@@ -85,12 +86,19 @@ static id observeMonitor(id self, SEL selector) {
 }
 
 static id observeKey(id self, SEL selector) {
-    if (host->m_Callbacks.resumes != NULL) host->m_Callbacks.resumes(host->m_Callbacks.context);
-    return ((Original)baseKey)(self, selector);
+    NSString* key = ((Original)baseKey)(self, selector);
+    if (host->m_Callbacks.resumes != NULL)
+        host->m_Callbacks.resumes(host->m_Callbacks.context, [key UTF8String]);
+    return key;
 }
 
-static IMP replaceMethod(SEL selector, IMP replacement) {
-    Class class = [PluginBase class];
+static id observeWait(id self, SEL selector) {
+    if ([NSThread currentThread] == host->m_pThread) __sync_fetch_and_add(&rests, 1);
+    ((Original)conditionWait)(self, selector);
+    return nil;
+}
+
+static IMP replaceMethod(Class class, SEL selector, IMP replacement) {
     Method method = class_getInstanceMethod(class, selector);
     IMP original = method_getImplementation(method);
     class_replaceMethod(class, selector, replacement, method_getTypeEncoding(method));
@@ -201,9 +209,11 @@ int HostLoadBundle(const char* path) {
 Host* HostNew(const HostCallbacks* callbacks) {
     NSAutoreleasePool* pool = [[NSAutoreleasePool alloc] init];
     if (baseDealloc == NULL) {
-        baseDealloc = replaceMethod(@selector(dealloc), (IMP)countDealloc);
-        baseKey = replaceMethod(@selector(baseAKEKey), (IMP)observeKey);
-        baseMonitor = replaceMethod(@selector(monitorBandwidth), (IMP)observeMonitor);
+        Class base = [PluginBase class];
+        baseDealloc = replaceMethod(base, @selector(dealloc), (IMP)countDealloc);
+        baseKey = replaceMethod(base, @selector(baseAKEKey), (IMP)observeKey);
+        baseMonitor = replaceMethod(base, @selector(monitorBandwidth), (IMP)observeMonitor);
+        conditionWait = replaceMethod([NSCondition class], @selector(wait), (IMP)observeWait);
     }
     [NVHLLogger forgetLastMessage];
     host = [[TestHost alloc] init];
@@ -297,6 +307,7 @@ void HostStart(Host* unused, const char* message) {
     host->m_pMessage = [[NSString alloc] initWithUTF8String:message];
     host->m_pThread = [[NSThread alloc] initWithTarget:host selector:@selector(run) object:nil];
     host->m_bIsRunning = YES;
+    rests = 0;
     [host->m_pThread start];
     [pool release];
 }
@@ -325,6 +336,10 @@ int HostIsWaiting(Host* unused) {
     }
     [pool release];
     return isWaiting;
+}
+
+int HostRests(Host* unused) {
+    return __sync_fetch_and_add(&rests, 0);
 }
 
 int HostIsRunning(Host* unused) {

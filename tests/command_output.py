@@ -101,6 +101,12 @@ class Output(Rig):
         status = json.loads(self.call("status", "--device", device, "--json").stdout)
         self.assertEqual([run["result"] for run in status["runs"]], ["success", "failed"])
         self.assertEqual(status["runs"][0]["new"], 8)
+        sizes = {}
+        for path in device.rglob("*.jpg"):
+            folder = path.parent.parent if path.parent.name == "Thumbnail" else path.parent
+            sizes[folder.name] = sizes.get(folder.name, 0) + path.stat().st_size
+        self.assertEqual(status["bytes"], sum(sizes.values()))
+        self.assertEqual(sorted(entry["bytes"] for entry in status["sets"]), sorted(sizes.values()))
         for path in device.rglob("sunset.jpg"):
             path.unlink()
         for command in "status", "verify":

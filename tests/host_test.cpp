@@ -170,8 +170,9 @@ protected:
             if (self.onBegin_) self.onBegin_(++self.begins_);
             return self.raising_ == "begin" ? 1 : 0;
         };
-        callbacks.resumes = [](void* test) {
+        callbacks.resumes = [](void* test, const char* key) {
             HostTest& self = *static_cast<HostTest*>(test);
+            EXPECT_STREQ(key, "key");
             if (self.onResume_) self.onResume_();
         };
         callbacks.cultureAsked = [](void* test) {
@@ -272,15 +273,19 @@ TEST_F(HostTest, IdentityAndSettings) {
         {"settings service.name", "Flickr"},
         {"settings service.regionalName", "Flickr"},
         {"settings service.CEK", "the cek"},
+        {"settings service.legend", "Bilder \xc3\xa4"},
         {"settings service.enabled", "true"},
         {"settings service.autheticationToken", "48213377650912846-3f9e0c2b7a6d1e54"},
+        {"settings service.tokenFrob", "none"},
         {"settings service.apiKey", "key 1"},
         {"settings service.userSelectedDataType", "[Images|Videos]"},
         {"settings service.autheticationMechanism", "OAuth"},
         {"settings service.backupState", "4"},
+        {"settings service.backupError", "0"},
         {"settingsV2 serviceID", "the id"},
         {"settingsV2 serviceName", "Flickr"},
         {"settingsV2 cEK", "the cek"},
+        {"settingsV2 legend", "Bilder \xc3\xa4"},
         {"settingsV2 enabled", "1"},
         {"settingsV2 configured", "0"},
         {"settingsV2 dataTypes", "[Images|Videos]"},
@@ -479,6 +484,7 @@ TEST_F(HostTest, PauseAndWhatEndsIt) {
                 ASSERT_TRUE(wait([] { return fake.begun.load(); }));
                 ASSERT_TRUE(wait([&] { return HostIsWaiting(host_) || !HostIsRunning(host_); }));
                 ASSERT_TRUE(HostIsWaiting(host_)) << "the pause was undone";
+                ASSERT_TRUE(wait([&] { return HostRests(host_) > 0; })) << "it asks again without rest";
                 for (const std::string& message : c.waiting) send(message.c_str());
             }
             ASSERT_TRUE(HostRunLoop(host_, 60, nullptr, nullptr)) << "the run waits for ever";

@@ -63,7 +63,7 @@ TEST_F(JournalTest, TellsWhatBecameOfEachItem) {
     }
     log(kItemListed.with(""));
     log(kItemLeftOut.with("83_72", "nothing"));
-    log(kListEnds.with("9"));
+    log(kListEnds.with("11"));
     log(kPhotoUnchanged.with("same.jpg"));
 
     HostServiceClientMac client;
@@ -107,6 +107,11 @@ TEST_F(JournalTest, TellsWhatBecameOfEachItem) {
     client.createDirectory("none/Thumbnail", command_, result_, error_);
     begin("6", "Item to transfer - 7_72 evil.jpg");
     end("evil.jpg");
+    begin("7", "lost.jpg");
+    handler.handleException(network, std::string(kTransferFails) + " - downloadMedia(): lost", 2);
+    end("lost.jpg");
+    begin("8", "odd.jpg");
+    handler.handleException(network, std::string(kItemFails) + ": odd", 2);
     params_->setBackupState(true);
     begin("5", "cut.jpg");
     store(client, "cut.jpg", "x", "5");
@@ -117,7 +122,7 @@ TEST_F(JournalTest, TellsWhatBecameOfEachItem) {
     EXPECT_EQ(summary.editedItems, 1);
     EXPECT_EQ(summary.unchangedItems, 1);
     EXPECT_EQ(summary.interruptedItems, 1);
-    EXPECT_EQ(summary.untriedItems, 2) << "of 9";
+    EXPECT_EQ(summary.untriedItems, 2) << "of 11";
     EXPECT_EQ(summary.untriedSets, 1) << "of 2";
     std::vector<std::string> failures;
     for (const Failure& failure : summary.failures) {
@@ -126,12 +131,16 @@ TEST_F(JournalTest, TellsWhatBecameOfEachItem) {
     }
     EXPECT_THAT(
         failures,
-        ElementsAre(HasSubstr("81_72 left out: The service's list of its renditions is of no use: Exception"),
-                    HasSubstr("82_72 left out: "), HasSubstr("83_72 nothing: "),
-                    HasSubstr("3_72 short.jpg: The transfer ended early"),
-                    HasSubstr("4_72 x.jpg: Cannot open the folder \"none\""), HasSubstr(" Trip to Voyage: "),
-                    HasSubstr(" good.jpg: "), HasSubstr(" none: "),
-                    HasSubstr("6_72 Item to transfer - 7_72 evil.jpg: No attempt was made")));
+        ElementsAre(
+            HasSubstr("81_72 left out: The service's list of its renditions is of no use: Exception"),
+            HasSubstr("82_72 left out: "), HasSubstr("83_72 nothing: "),
+            HasSubstr("3_72 short.jpg: The transfer ended early"),
+            HasSubstr("4_72 x.jpg: Cannot open the folder \"none\""), HasSubstr(" Trip to Voyage: "),
+            HasSubstr(" good.jpg: "), HasSubstr(" none: "),
+            HasSubstr("6_72 Item to transfer - 7_72 evil.jpg: No attempt was made"),
+            HasSubstr("7_72 lost.jpg: Exception occurred in Media Download Activity - downloadMedia(): lost"),
+            HasSubstr("8_72 odd.jpg: Exception occurred in ProcessPhoto(): odd")));
+    EXPECT_THAT(summary.errors, testing::IsEmpty());
     EXPECT_THAT(failures[2], HasSubstr("It offers no file"));
 
     journal.begin();
