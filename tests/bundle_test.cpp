@@ -4,6 +4,7 @@
 #include "tests/BundleHost.h"
 
 #include <Poco/Exception.h>
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -14,7 +15,28 @@
 #include <stdexcept>
 #include <thread>
 
+#include "hostapi/HostServiceClientMac.h"
+#include "hostapi/HostServiceUsageParams.h"
 #include "standin/app/PerformRun.h"
+
+namespace {
+
+std::atomic<bool> holdsBeginning{false};  // of a run, until it is asked to stop
+
+bool isStopped() {
+    return Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->isBackupStopped();
+}
+
+}  // namespace
+
+// A run calls it before it forgets what was asked of the one before.
+void Norvale_Plugin_Core::HostServiceClientMac::disConnect() {
+    while (holdsBeginning && !isStopped()) std::this_thread::yield();
+    holdsBeginning = false;
+    static const auto real = reinterpret_cast<void (*)(HostServiceClientMac*)>(
+        ::dlsym(RTLD_NEXT, "_ZN19Norvale_Plugin_Core20HostServiceClientMac10disConnectEv"));
+    real(this);
+}
 
 namespace {
 
@@ -36,6 +58,8 @@ protected:
         request_.culture = "en";
         // From its third file on the service is slow enough for what is asked for then.
         host_.sim.onRequest([this](const flickr_sim::Request& request) {
+            for (; stopsFirst_ && patience_ > 0 && !isStopped(); --patience_)
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
             if (!slow_ || request.kind != flickr_sim::Kind::Media) return;
             if (++media_ >= 3) std::this_thread::sleep_for(std::chrono::milliseconds(50));
         });
@@ -47,7 +71,7 @@ protected:
     }
     bool stopRequested() override {
         if (failing_ && !pause_ && media_ >= 3) throw std::logic_error("of the listener");
-        return stop_ && (media_ >= 3 || pauses_.size() >= 1);
+        return stopsFirst_ || (stop_ && (media_ >= 3 || pauses_.size() >= 1));
     }
     bool pauseRequested() override {
         if (!pause_ || media_ < 3) return false;
@@ -65,8 +89,8 @@ protected:
 
     BundleHost host_;
     RunRequest request_;
-    std::atomic<int> media_{0};
-    bool slow_ = false, stop_ = false, pause_ = false, failing_ = false;
+    std::atomic<int> media_{0}, patience_{500};
+    bool slow_ = false, stop_ = false, stopsFirst_ = false, pause_ = false, failing_ = false;
     int restingPolls_ = 3;
     std::vector<bool> pauses_;
     std::uint64_t requests_ = 0;  // of the service, at the last change to or from a pause
@@ -135,9 +159,17 @@ TEST_F(BundleTest, FailedRunsSayWhy) {
 }
 
 TEST_F(BundleTest, StopAndPause) {
+    // A stop that the beginning of the run forgets is asked for again.
+    stopsFirst_ = holdsBeginning = true;
+    RunOutcome outcome = run();
+    EXPECT_EQ(outcome.detail, "501");
+    EXPECT_EQ(host_.sim.counts().media, 0u);
+    EXPECT_FALSE(holdsBeginning);
+
+    stopsFirst_ = false;
     slow_ = true;
     stop_ = true;
-    RunOutcome outcome = run();
+    outcome = run();
     EXPECT_EQ(outcome.detail, "501");
     EXPECT_TRUE(outcome.stopped);
     EXPECT_LT(outcome.items, 13);
