@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -19,6 +20,7 @@
 #include "gateway/PluginXml.h"
 #include "gateway/SizeOption.h"
 #include "gateway/Spool.h"
+#include "tests/TestFolder.h"
 
 namespace {
 
@@ -156,7 +158,8 @@ TEST(Answers, AreReadAndWrittenWhole) {
 }
 
 TEST(Budget, GivesNoMoreThanTheLimitInAnyHourAndGoesOnEvenlyWhenLow) {
-    const std::string file = "/tmp/flickr-budget-" + randomHex(8);
+    const TestFolder folder;
+    const std::string file = folder.path() / "budget";
     std::chrono::system_clock::time_point now(std::chrono::hours(400000));
     const auto clock = [&now] { return now; };
     HourlyBudget first(file, 60, clock), second(file, 60, clock);
@@ -188,7 +191,6 @@ TEST(Budget, GivesNoMoreThanTheLimitInAnyHourAndGoesOnEvenlyWhenLow) {
     EXPECT_EQ(first.take().count(), 0);
     std::ofstream(file) << "next \xff\n1 2 x";
     EXPECT_EQ(first.take().count(), 0);
-    std::remove(file.c_str());
 }
 
 TEST(Sizes, AreTakenAsPeopleWriteThemOrRefused) {
@@ -252,13 +254,15 @@ TEST(Spool, KeepsTheOrderThroughMemoryAndFile) {
     Spool spool(room);
     std::string sent;
     for (int i = 0; sent.size() < (12u << 20); ++i) sent += std::to_string(i) + ",";
+    std::atomic<int> blocks{0};
     std::thread writer([&] {
         for (std::size_t at = 0; at < sent.size(); at += 100000) {
             spool.append(sent.data() + at, std::min<std::size_t>(100000, sent.size() - at), kNever);
+            ++blocks;
         }
         spool.end(Spool::End::Whole);
     });
-    std::this_thread::sleep_for(50ms);
+    while (blocks < 60) std::this_thread::yield();  // the memory is full
     spool.attachReader();
     std::string received;
     std::vector<char> block(70000);

@@ -6,7 +6,6 @@
 #include <Poco/Net/SecureStreamSocket.h>
 #include <Poco/Net/StreamSocket.h>
 #include <Poco/StreamCopier.h>
-#include <Poco/TemporaryFile.h>
 #include <Poco/URI.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -377,19 +376,19 @@ TEST_F(Sim, EndsWhateverItIsDoing) {
 }
 
 TEST(Content, HoldsWhatItSays) {
-    Poco::TemporaryFile file;
-    file.keepUntilExit();
+    const TestFolder folder;
+    const std::string file = folder.path() / "content";
     const std::uint64_t odd = 3 * 65536 + 4242;
     for (const Content& content :
          {Content::pattern(odd, 5), Content::video(odd, 5), Content::video(0, 5), Content::bytes(""),
           Content::picture(3, 64, 48, "mark", 66000), Content::picture(3, 64, 48, "mark", 140001)}) {
         const std::string text = content.text();
         ASSERT_EQ(text.size(), content.size());
-        std::ofstream(file.path(), std::ios::binary) << text;
-        EXPECT_TRUE(content.equalsFile(file.path()));
-        EXPECT_TRUE(Content::file(file.path()).text() == text);
-        std::ofstream(file.path(), std::ios::binary) << text << 'x';
-        EXPECT_FALSE(content.equalsFile(file.path()));
+        std::ofstream(file, std::ios::binary) << text;
+        EXPECT_TRUE(content.equalsFile(file));
+        EXPECT_TRUE(Content::file(file).text() == text);
+        std::ofstream(file, std::ios::binary) << text << 'x';
+        EXPECT_FALSE(content.equalsFile(file));
     }
     EXPECT_EQ(Content::picture(3, 64, 48, "mark", 140001).size(), 140001u);
     const std::string pattern = Content::pattern(9 * 65536, 5).text();

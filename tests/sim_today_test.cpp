@@ -8,7 +8,6 @@
 #include <Poco/Net/HTTPSClientSession.h>
 #include <Poco/Net/SSLException.h>
 #include <Poco/StreamCopier.h>
-#include <Poco/TemporaryFile.h>
 #include <Poco/URI.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -19,6 +18,7 @@
 
 #include "sim/FlickrSim.h"
 #include "sim/OAuthSignature.h"
+#include "tests/TestFolder.h"
 
 namespace flickr_sim {
 namespace {
@@ -42,9 +42,8 @@ protected:
         SimOptions options;
         options.today = today;
         sim_ = std::make_unique<FlickrSim>(account_, options);
-        authority_.keepUntilExit();
-        std::ofstream(authority_.path(), std::ios::trunc) << sim_->authorityPem();
-        trust_ = new Poco::Net::Context(Poco::Net::Context::TLS_CLIENT_USE, authority_.path(),
+        std::ofstream(authority_, std::ios::trunc) << sim_->authorityPem();
+        trust_ = new Poco::Net::Context(Poco::Net::Context::TLS_CLIENT_USE, authority_,
                                         Poco::Net::Context::VERIFY_STRICT);
         session_ = std::make_unique<Poco::Net::HTTPSClientSession>("127.0.0.1", sim_->httpsPort(), trust_);
         session_->setKeepAlive(true);
@@ -92,7 +91,8 @@ protected:
     }
 
     Account account_;
-    Poco::TemporaryFile authority_;
+    const TestFolder folder_;
+    const std::string authority_ = folder_.path() / "authority.pem";
     std::unique_ptr<FlickrSim> sim_;
     Poco::Net::Context::Ptr trust_;
     std::unique_ptr<Poco::Net::HTTPSClientSession> session_;
@@ -149,7 +149,7 @@ TEST_F(SimToday, AcceptsAndRefusesTheSignaturesOfAnotherImplementation) {
     serve();
     const Credentials& known = sim_->credentials();
     const std::string command = std::string("/usr/bin/python3 ") + SIM_TODAY_OAUTH + ' ' +
-                                sim_->serviceUrl() + ' ' + authority_.path() + ' ' + known.apiKey + ' ' +
+                                sim_->serviceUrl() + ' ' + authority_ + ' ' + known.apiKey + ' ' +
                                 known.apiSecret + ' ' + known.token + ' ' + known.tokenSecret;
     EXPECT_EQ(std::system(command.c_str()), 0);
     EXPECT_GT(sim_->counts().oauth, 0u);
