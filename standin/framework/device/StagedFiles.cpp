@@ -1,20 +1,16 @@
 #include "standin/framework/device/StagedFiles.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <functional>
+#include <optional>
 #include <set>
 #include <utility>
 
 #include "standin/framework/base/Names.h"
 #include "standin/framework/base/Paths.h"
 #include "standin/framework/device/Description.h"
-#include "standin/framework/device/DeviceFiles.h"
+#include "standin/framework/device/NewDescription.h"
 #include "standin/framework/store/BackupDatabase.h"
 
 namespace flickr_standin {
@@ -33,46 +29,61 @@ int errorOf(const std::function<void()>& database) {
 
 }  // namespace
 
-StagedFile::StagedFile(Device& device, const std::string& path)
-    : device_(device), path_(path), folder_(device.openFolder(folderOf(path))) {
-    device.ledger().markInUse();
-    Descriptor file;
-    do {
-        partName_ = newOwnName(kPartPrefix);
-        file = makeFile(folder_.get(), partName_);
-    } while (!file.isOpen() && errno == EEXIST);
-    if (!file.isOpen()) device.fail("make a file for", path, errno);
-    writer_ = std::make_unique<FileWriter>(std::move(file));
-}
+/// A whole file that has not taken its name, with what is known of it besides its bytes.
+class StagedFile {
+public:
+    StagedFile(Device& device, std::unique_ptr<NewFile> file, std::string item,
+               const std::string& description);
+    /// Without its name it goes, and the ledger says of the path what it said before.
+    ~StagedFile();
+    StagedFile(const StagedFile&) = delete;
+    StagedFile& operator=(const StagedFile&) = delete;
 
-StagedFile::~StagedFile() {
-    if (placed_) return;
-    // On a device that fails it stays, for the next run to remove.
-    if (::unlinkat(folder_.get(), partName_.c_str(), 0) != 0 && errno != ENOENT)
-        device_.ledger().leaveInUse();
-    device_.flushFolderWithRows(folderOf(path_));
-    if (entered_) undo();
-}
+    const std::string& path() const { return path_; }
 
-void StagedFile::finish(const std::string& item, const std::string& description) {
-    item_ = item;
+private:
+    friend class StagedFiles;
+
+    void describe(const ItemDetails& details);
+    void enter();
+    void takeName();
+    void undo();
+
+    Device& device_;
+    std::unique_ptr<NewFile> file_;
+    const std::string path_;
+    const std::string item_;
+    std::string text_;  // of the description; empty for none
+    std::optional<NewDescription> description_;
+    std::optional<LedgerFile> before_;  // the ledger's row of what stands at the path
+    std::vector<Descriptor> left_;      // folders in which an older version made way
+    bool entered_ = false;
+    bool stands_ = false;    // something of the item's stands at the path
+    bool kept_ = false;      // it was put aside, to come back when the new file is deleted
+    bool replaces_ = false;  // it goes when the name is taken
+};
+
+StagedFile::StagedFile(Device& device, std::unique_ptr<NewFile> file, std::string item,
+                       const std::string& description)
+    : device_(device), file_(std::move(file)), path_(file_->path()), item_(std::move(item)) {
     // Where the description stands says where its file is; see Description.h.
     const bool own = descriptionField(description, "PhysicalFileName") == path_;
     text_ = own ? withDescriptionField(description, "PhysicalFileName", nameOf(path_)) : description;
-    const int failure = writer_->finish();
-    if (failure != 0) device_.fail("write", path_, failure);
-    if (device_.stands(path_) && !device_.owns(path_, item_)) {
-        throw DeviceException("Cannot write \"" + path_ + "\": something else stands there already");
-    }
+}
+
+StagedFile::~StagedFile() {
+    if (file_->isPlaced()) return;
+    file_.reset();  // the file, then its row, and its description at the very end
+    if (entered_) undo();
 }
 
 void StagedFile::describe(const ItemDetails& details) {
     if (text_.empty()) return;
     if (details.item == item_) {
         text_ = withDetails(text_, details);
-        if (const auto time = modificationTime(details)) writer_->setTime(*time);
+        if (const auto time = modificationTime(details)) file_->setTime(*time);
     }
-    description_.emplace(device_, folderOf(path_), partName_);
+    description_.emplace(device_, folderOf(path_), file_->partName());
     description_->write(text_);
 }
 
@@ -85,7 +96,7 @@ void StagedFile::enter() {
     const bool recorded = stands_ && (!before_ || before_->state == FileState::Settled);
     kept_ = recorded && device_.keepReplaced(path_, item_);
     replaces_ = stands_ && !kept_;
-    ledger.putFile({path_, item_, writer_->size(), writer_->checksum(), "",
+    ledger.putFile({path_, item_, file_->size(), file_->checksum(), "",
                     replaces_ ? FileState::PendingOlder : FileState::Pending});
     entered_ = true;
     left_ = device_.leftByOlderVersion(path_, item_);
@@ -93,16 +104,8 @@ void StagedFile::enter() {
 }
 
 void StagedFile::takeName() {
-    const std::string name = nameOf(path_);
-    if (description_) description_->place(name + kDescriptionExtension);
-    int error = 0;
-    if (!replaces_) {
-        error = renameWithoutReplacing(folder_.get(), partName_, folder_.get(), name);
-    } else if (::renameat(folder_.get(), partName_.c_str(), folder_.get(), name.c_str()) != 0) {
-        error = errno;
-    }
-    if (error != 0) device_.fail("write", path_, error);
-    placed_ = true;
+    if (description_) description_->place(nameOf(path_) + kDescriptionExtension);
+    file_->place(replaces_);
 }
 
 void StagedFile::undo() {
@@ -120,10 +123,16 @@ void StagedFile::undo() {
     }
 }
 
-void StagedFiles::add(std::unique_ptr<StagedFile> file) {
+StagedFiles::StagedFiles(Device& device) : device_(device) {}
+
+StagedFiles::~StagedFiles() = default;
+
+void StagedFiles::add(std::unique_ptr<NewFile> file, const std::string& item,
+                      const std::string& description) {
     if (holds(file->path())) place();
+    auto staged = std::make_unique<StagedFile>(device_, std::move(file), item, description);
     const std::lock_guard<std::mutex> lock(mutex_);
-    files_.push_back(std::move(file));
+    files_.push_back(std::move(staged));
 }
 
 bool StagedFiles::holds(const std::string& path) {
@@ -153,7 +162,7 @@ void StagedFiles::place(const ItemDetails& details) {
         file->describe(details);
         file->enter();
         StagedFile& staged = *file;
-        flushes.push_back({staged.path_, [&] { return staged.writer_->flush(); }});
+        flushes.push_back({staged.path_, [&] { return staged.file_->flush(); }});
         if (staged.description_)
             flushes.push_back({staged.path_, [&] { return staged.description_->flush(); }});
         for (Descriptor& folder : staged.left_) flushes.push_back(flushOf(folder, staged.path_));
@@ -176,7 +185,7 @@ void StagedFiles::place(const ItemDetails& details) {
     std::set<std::string> folders;
     for (const auto& file : files) {
         const std::string folder = folderOf(file->path_);
-        if (folders.insert(folder).second) flushes.push_back(flushOf(file->folder_, file->path_));
+        if (folders.insert(folder).second) flushes.push_back(flushOf(file->file_->folder(), file->path_));
         if (file->description_ && folders.insert(joinPath(folder, kDescriptionFolder)).second) {
             flushes.push_back(flushOf(file->description_->folder(), file->path_));
         }

@@ -17,67 +17,28 @@
 
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "standin/framework/device/Device.h"
-#include "standin/framework/device/FileWriter.h"
 #include "standin/framework/device/ItemDetails.h"
-#include "standin/framework/device/NewDescription.h"
+#include "standin/framework/device/NewFile.h"
 
 namespace flickr_standin {
 
-/// A file that is being written, or is whole and has not taken its name. Its temporary file goes with it
-/// until it is placed.
-class StagedFile {
-public:
-    /// Makes the temporary file for path, beside it. Throws a DeviceException.
-    StagedFile(Device& device, const std::string& path);
-    ~StagedFile();
-    StagedFile(const StagedFile&) = delete;
-    StagedFile& operator=(const StagedFile&) = delete;
-
-    const std::string& path() const { return path_; }
-    FileWriter& writer() { return *writer_; }
-
-    /// All bytes are there: writes what is left of them. The description, unless it is empty, is written
-    /// beside when the file is about to take its name. Throws a DeviceException, also when somebody else's
-    /// file stands at the path.
-    void finish(const std::string& item, const std::string& description);
-
-private:
-    friend class StagedFiles;
-
-    void describe(const ItemDetails& details);
-    void enter();
-    void takeName();
-    void undo();
-
-    Device& device_;
-    std::string path_;
-    std::string item_;
-    std::string text_;  // of the description; empty for none
-    std::string partName_;
-    Descriptor folder_;
-    std::unique_ptr<FileWriter> writer_;
-    std::optional<NewDescription> description_;
-    std::optional<LedgerFile> before_;  // the ledger's row of what stands at the path
-    std::vector<Descriptor> left_;      // folders in which an older version made way
-    bool entered_ = false;
-    bool stands_ = false;    // something of the item's stands at the path
-    bool kept_ = false;      // it was put aside, to come back when the new file is deleted
-    bool replaces_ = false;  // it goes when the name is taken
-    bool placed_ = false;
-};
+class StagedFile;
 
 /// The whole files of a device that have no names yet. May be called from any thread.
 class StagedFiles {
 public:
-    explicit StagedFiles(Device& device) : device_(device) {}
+    explicit StagedFiles(Device& device);
+    ~StagedFiles();
+    StagedFiles(const StagedFiles&) = delete;
+    StagedFiles& operator=(const StagedFiles&) = delete;
 
-    /// Takes a finished file. One of the same path takes its name first.
-    void add(std::unique_ptr<StagedFile> file);
+    /// Takes a finished file of the item. One of the same path takes its name first. The description, unless
+    /// it is empty, is written beside when the file is about to take its name.
+    void add(std::unique_ptr<NewFile> file, const std::string& item, const std::string& description);
 
     bool holds(const std::string& path);
 

@@ -2,7 +2,7 @@
 // name or all of it:
 //
 //   openFile     the ledger is marked as in use, then Trip/.part-PID-N is made
-//   writeFileV2  bytes go there, see FileWriter.h
+//   writeFileV2  bytes go there, see NewFile.h
 //   closeFile    the rest of the bytes; the description waits for what the item's row will say
 //
 // Then the file counts as one of its name for every operation. It takes the name together with the item's
@@ -31,6 +31,7 @@
 #include "standin/framework/base/Paths.h"
 #include "standin/framework/device/Description.h"
 #include "standin/framework/device/ItemFiles.h"
+#include "standin/framework/device/NewFile.h"
 #include "standin/framework/device/StagedFiles.h"
 #include "standin/framework/host/ExceptionCode.h"
 #include "standin/framework/run/RunDevice.h"
@@ -67,7 +68,7 @@ std::string standingCover(Device& device, const std::string& cover) {
 
 struct HostServiceClientMac::Impl {
     std::shared_ptr<RunDevice> device;
-    std::map<long, std::unique_ptr<StagedFile>> files;
+    std::map<long, std::unique_ptr<NewFile>> files;
     std::string lastItem;  // the item closed last: the next file without a description is its thumbnail
 
     /// The device of the run; the service folder may have changed since the last call.
@@ -83,7 +84,7 @@ struct HostServiceClientMac::Impl {
         return opened;
     }
 
-    StagedFile& file(long handle) {
+    NewFile& file(long handle) {
         const auto found = files.find(handle);
         if (found == files.end()) throw DeviceException("No file is open under " + std::to_string(handle));
         return *found->second;
@@ -177,7 +178,7 @@ long HostServiceClientMac::openFile(std::string path, long mode, std::string& co
         impl_->files.erase(mode);
         RunDevice& device = impl_->deviceFor({path});
         makeThumbnailFolder(device, folderOf(path));
-        impl_->files.emplace(mode, std::make_unique<StagedFile>(device, path));
+        impl_->files.emplace(mode, std::make_unique<NewFile>(device, path));
     });
     return mode;
 }
@@ -186,11 +187,10 @@ void HostServiceClientMac::writeFileV2(int handle, char* buffer, int count, std:
                                        std::string& result, std::string& error) {
     answer("WRITE " + std::to_string(handle) + " " + std::to_string(count), {command, result, error},
            Refused::ItemFails, [&] {
-               StagedFile& open = impl_->file(handle);
+               NewFile& open = impl_->file(handle);
                if (count < 0 || (count > 0 && !buffer)) throw DeviceException("There are no bytes to write");
                const auto size = static_cast<std::size_t>(count);
-               const int failure = open.writer().add(buffer, size);
-               if (failure != 0) impl_->device->fail("write", open.path(), failure);
+               open.add(buffer, size);
                addWrittenBytes(size);
            });
 }
@@ -206,8 +206,13 @@ void HostServiceClientMac::closeFile(long handle, char* metadata, int length, st
 
 void HostServiceClientMac::Impl::close(long handle, const std::string& metadata) {
     const std::string item = metadata.empty() ? lastItem : descriptionField(metadata, "ID");
-    file(handle).finish(item, metadata);
-    device->staged().add(std::move(files.extract(handle).mapped()));
+    NewFile& open = file(handle);
+    open.finish();
+    // Refused, it stays open.
+    if (device->stands(open.path()) && !device->owns(open.path(), item)) {
+        throw DeviceException("Cannot write \"" + open.path() + "\": something else stands there already");
+    }
+    device->staged().add(std::move(files.extract(handle).mapped()), item, metadata);
     if (!metadata.empty()) {
         lastItem = item;
         addFinishedItem();

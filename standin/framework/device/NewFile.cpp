@@ -1,12 +1,18 @@
-#include "standin/framework/device/FileWriter.h"
+#include "standin/framework/device/NewFile.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <system_error>
 #include <utility>
+
+#include "standin/framework/base/Names.h"
+#include "standin/framework/base/Paths.h"
+#include "standin/framework/device/Device.h"
+#include "standin/framework/device/DeviceFiles.h"
 
 namespace flickr_standin {
 
@@ -19,11 +25,24 @@ constexpr std::uint64_t kSendFrom = 8 << 20;    // so much at a time is sent to 
 
 }  // namespace
 
-FileWriter::FileWriter(Descriptor file) : file_(std::move(file)) {
+NewFile::NewFile(Device& device, const std::string& path)
+    : device_(device), path_(path), folder_(device.openFolder(folderOf(path))) {
+    device.ledger().markInUse();
+    do {
+        partName_ = newOwnName(kPartPrefix);
+        file_ = makeFile(folder_.get(), partName_);
+    } while (!file_.isOpen() && errno == EEXIST);
+    if (!file_.isOpen()) device.fail("make a file for", path, errno);
     piece_.reserve(kPiece);
 }
 
-FileWriter::~FileWriter() {
+NewFile::~NewFile() {
+    if (!placed_) {
+        // On a device that fails it stays, for the next run to remove.
+        if (::unlinkat(folder_.get(), partName_.c_str(), 0) != 0 && errno != ENOENT)
+            device_.ledger().leaveInUse();
+        device_.flushFolderWithRows(folderOf(path_));
+    }
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         pieces_ = {};
@@ -31,30 +50,43 @@ FileWriter::~FileWriter() {
     endThread();
 }
 
-int FileWriter::add(const char* data, std::size_t size) {
+void NewFile::add(const char* data, std::size_t size) {
     piece_.append(data, size);
     added_ += size;
-    return piece_.size() < kPiece ? 0 : pass();
+    const int error = piece_.size() < kPiece ? 0 : pass();
+    if (error != 0) device_.fail("write", path_, error);
 }
 
-int FileWriter::finish() {
+void NewFile::finish() {
     pass();
     endThread();
-    if (error_ == 0) send();
-    return error_;
+    if (error_ != 0) device_.fail("write", path_, error_);
+    send();
 }
 
-void FileWriter::setTime(std::time_t time) {
+void NewFile::setTime(std::time_t time) {
     const timespec times[] = {{0, UTIME_OMIT}, {time, 0}};
     ::futimens(file_.get(), times);  // the bytes matter more than their date
 }
 
-int FileWriter::flush() {
+int NewFile::flush() {
     return ::fsync(file_.get()) == 0 ? 0 : errno;
 }
 
+void NewFile::place(bool replaces) {
+    const std::string name = nameOf(path_);
+    int error = 0;
+    if (!replaces) {
+        error = renameWithoutReplacing(folder_.get(), partName_, folder_.get(), name);
+    } else if (::renameat(folder_.get(), partName_.c_str(), folder_.get(), name.c_str()) != 0) {
+        error = errno;
+    }
+    if (error != 0) device_.fail("write", path_, error);
+    placed_ = true;
+}
+
 /// Writes the piece, or hands it on to the thread, which there is only for a large file.
-int FileWriter::pass() {
+int NewFile::pass() {
     if (!thread_.joinable() && (added_ < kThreadFrom || !startThread())) {
         if (error_ == 0) error_ = write(piece_);
         piece_.clear();
@@ -75,7 +107,7 @@ int FileWriter::pass() {
     return error;
 }
 
-bool FileWriter::startThread() {
+bool NewFile::startThread() {
     try {
         thread_ = std::thread([this] { writePieces(); });
         return true;
@@ -84,7 +116,7 @@ bool FileWriter::startThread() {
     }
 }
 
-void FileWriter::endThread() {
+void NewFile::endThread() {
     if (!thread_.joinable()) return;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
@@ -95,7 +127,7 @@ void FileWriter::endThread() {
     ended_ = false;  // who writes on after a failure gets a thread again
 }
 
-void FileWriter::writePieces() {
+void NewFile::writePieces() {
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
         changed_.wait(lock, [this] { return !pieces_.empty() || ended_; });
@@ -113,7 +145,7 @@ void FileWriter::writePieces() {
     }
 }
 
-int FileWriter::write(const std::string& piece) {
+int NewFile::write(const std::string& piece) {
     const int error = writeAll(file_, piece.data(), piece.size());
     if (error != 0) return error;
     checksum_.update(piece.data(), piece.size());
@@ -122,7 +154,7 @@ int FileWriter::write(const std::string& piece) {
     return 0;
 }
 
-void FileWriter::send() {
+void NewFile::send() {
     ::sync_file_range(file_.get(), static_cast<off64_t>(sent_), static_cast<off64_t>(size_ - sent_),
                       SYNC_FILE_RANGE_WRITE);
     sent_ = size_;
