@@ -9,7 +9,9 @@
 #include <functional>
 #include <mutex>
 #include <optional>
+#include <string_view>
 
+#include "hostapi/Conventions.h"
 #include "standin/framework/base/Localisation.h"
 #include "standin/framework/base/Names.h"
 #include "standin/framework/base/Paths.h"
@@ -23,6 +25,9 @@ namespace Norvale_Plugin_Core {
 using namespace flickr_standin;
 
 namespace {
+
+// Rows hold the plug-in's id of the set for items in no set; the rooms below know it by a name of their own.
+static_assert(std::string_view(kNoSetId) == kAnonymousSet);
 
 constexpr const char* kSource = "Flickr";
 
