@@ -12,6 +12,7 @@
 #include <memory>
 #include <streambuf>
 #include <string>
+#include <utility>
 
 #include "core/RawBytes.h"
 #include "core/StopWatcher.h"

@@ -21,7 +21,6 @@
 namespace Norvale_Plugin_Flickr {
 
 using Poco::Net::Context;
-
 using Poco::Net::HTTPSClientSession;
 
 namespace {

@@ -50,8 +50,8 @@ public:
     /// The request target: the endpoint's path and the query.
     std::string target() const;
 
-    /// The call over a connection of its own, plain HTTP, ready for its exchange(). Throws
-    /// Poco::InvalidArgumentException when the request cannot be sent, with words that say what of it is
+    /// The call over a connection of its own, plain HTTP, ready for its exchange(). Throws Poco::Exception
+    /// when the service's address is none or the request cannot be sent, with words that say what of it is
     /// wrong.
     HttpExchange prepared() const;
 

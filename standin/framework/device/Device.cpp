@@ -173,9 +173,8 @@ void Device::checkPath(const std::string& path) {
             throw DeviceException("The path " + quoted(path) + " holds a name of more than 255 bytes");
         }
         const std::string key = nameKey(name);
-        const auto begins = [&](const char* prefix) { return startsWith(key, prefix); };
-        if (key == kDescriptionFolder || key == kVersionFolder || begins(kPartPrefix) ||
-            begins(kKeptPrefix)) {
+        if (key == kDescriptionFolder || key == kVersionFolder || startsWith(key, kPartPrefix) ||
+            startsWith(key, kKeptPrefix)) {
             throw DeviceException("The path " + quoted(path) + " leads into the file service's own files");
         }
     }

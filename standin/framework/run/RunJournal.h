@@ -30,13 +30,14 @@ struct Failure {
     bool onDevice = false;  ///< an earlier version is; the journal itself does not know
 };
 
-/// What reasons begin with or are, for who words them for people.
-extern const std::string_view kStatusReason;   ///< begins one: the status of an answer follows
-extern const std::string_view kAddressReason;  ///< begins one: what is wrong with an address follows
-extern const std::string_view
-    kRenditionsReason;                        ///< begins one: why an item's renditions are of no use follows
-extern const std::string_view kNoFileReason;  ///< no rendition has a file
-extern const std::string_view kNoListReason;  ///< the service did not give a list
+/// What reasons begin with or are, for who words them for people: behind the first three stand the status of
+/// an answer, what is wrong with an address, and why an item's renditions are of no use.
+extern const std::string_view kStatusReason;
+extern const std::string_view kAddressReason;
+extern const std::string_view kRenditionsReason;
+/// No rendition has a file; the service did not give a list.
+extern const std::string_view kNoFileReason;
+extern const std::string_view kNoListReason;
 
 /// An item that was begun and has ended.
 struct SettledItem {
