@@ -122,18 +122,23 @@ def fail(bench, case):
 
 
 def order_faults(trace):
-    """Files that took their final name before their bytes were flushed. The records of folders are left out: each
-    run writes them again."""
-    flushed, faults = {}, []
+    """Files that took their final name before their bytes were flushed, and rows that were written before the folders
+    were that hold the new names. The records of folders are left out: each run writes them again."""
+    flushed, named, faults = {}, set(), []
     for number, call, path, source in trace:
         if call in ("write", "writev", "pwrite", "pwrite64"):
             flushed[path] = False
+            if path.endswith("/backup.db-wal"):
+                faults += [f"{number}: a row is written, {folder} is unflushed" for folder in sorted(named)]
+                named.clear()
         elif call in ("fsync", "fdatasync"):
             flushed[path] = True
+            named.discard(path)
         elif call.startswith("rename") and ".part-" in source and not path.endswith("/.folder.xml"):
             name = source if source.startswith("/") else str(pathlib.Path(path).parent / source)
-            if not flushed.get(name, False) and ".part-" in name:
+            if not flushed.get(name, False):
                 faults.append(f"{number}: {path} takes its name unflushed")
+            named.add(str(pathlib.Path(path).parent))
     return faults
 
 
