@@ -10,6 +10,8 @@
 /// The last message of any logger or exception manager; nil when there is none since forgetLastMessage.
 + (NSString*)lastMessage;
 + (void)forgetLastMessage;
+/// What the loggers themselves say.
++ (void)rememberMessage:(NSString*)message;
 
 @end
 

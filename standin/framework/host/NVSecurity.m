@@ -2,7 +2,6 @@
 
 #include <stdlib.h>
 
-#import "hostapi/NSData+Base64.h"
 #include "standin/framework/host/ObjectiveCBridge.h"
 
 enum { kKeyBits = 8 * NVKeyLength };
@@ -36,17 +35,6 @@ enum { kKeyBits = 8 * NVKeyLength };
                             [data length], &length);
     if (plain == NULL) return nil;
     return [NSData dataWithBytesNoCopy:plain length:length freeWhenDone:YES];
-}
-
-@end
-
-@implementation NSData (Base64)
-
-+ (NSData*)dataFromBase64String:(NSString*)text {
-    if (text == nil) return nil;
-    return [[[NSData alloc] initWithBase64EncodedString:text
-                                                options:NSDataBase64DecodingIgnoreUnknownCharacters]
-        autorelease];
 }
 
 @end

@@ -1,9 +1,6 @@
-// CSConfigException and CSNetworkException.
+#include "hostapi/CSConfigException.h"
 
 #include <typeinfo>
-
-#include "hostapi/CSConfigException.h"
-#include "hostapi/CSNetworkException.h"
 
 namespace Norvale_Plugin_Core {
 
@@ -24,25 +21,6 @@ Poco::Exception* CSConfigException::clone() const {
     return new CSConfigException(*this);
 }
 void CSConfigException::rethrow() const {
-    throw *this;
-}
-
-CSNetworkException::CSNetworkException(const std::string& message, int code)
-    : Poco::Exception(message, code) {}
-CSNetworkException::CSNetworkException(const CSNetworkException& other) = default;
-CSNetworkException::~CSNetworkException() noexcept = default;
-CSNetworkException& CSNetworkException::operator=(const CSNetworkException& other) = default;
-
-const char* CSNetworkException::name() const noexcept {
-    return "Network exception";
-}
-const char* CSNetworkException::className() const noexcept {
-    return typeid(*this).name();
-}
-Poco::Exception* CSNetworkException::clone() const {
-    return new CSNetworkException(*this);
-}
-void CSNetworkException::rethrow() const {
     throw *this;
 }
 
