@@ -50,7 +50,7 @@ void DownloadPhotoListActivity::runActivity() {
 }
 
 void DownloadPhotoListActivity::tryGettingPhotoList() {
-    tryAttempts(kListAttempt.start.data(), "Backup Stopped in tryGettingPhotoList()",
+    tryAttempts(kListAttempt.start, "Backup Stopped in tryGettingPhotoList()",
                 [this](int attempt) { return getPhotoList(attempt) == kSuccess; });
 }
 
@@ -61,7 +61,7 @@ int DownloadPhotoListActivity::getPhotoList(int attempt) {
         logInfo(kStopLine);
         return 0;
     } catch (Poco::Exception& exception) {
-        logFailure("Unable to downlod / parse / sort photo list - " + exception.displayText());
+        logFailure(kListUnread + exception.displayText());
         exceptionHandler_.handleException(
             exception, std::string(kListFails) + "::getPhotoList(): " + exception.displayText(), attempt);
         return 0;
@@ -89,7 +89,7 @@ int DownloadPhotoListActivity::getAllPages() {
     const std::size_t listed = photoMap_.size() + leftOut_;
     const bool isShort = items > 0 && listed < static_cast<std::size_t>(items);
     // A stop inside the last page is no shortness of the service's.
-    if (isShort && !Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->isBackupStopped()) {
+    if (isShort && !isStopped()) {
         logFailure(kFewerListed.with(std::to_string(listed) + " of " + std::to_string(items)));
     }
     return kSuccess;

@@ -27,8 +27,7 @@ constexpr int kLockTimeout = 10000;
 constexpr int kLockPause = 10;
 
 int waitForLock(void*, int count) {
-    const bool stopped = Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->isBackupStopped();
-    if (stopped || count >= kLockTimeout / kLockPause) return 0;
+    if (isStopped() || count >= kLockTimeout / kLockPause) return 0;
     sqlite3_sleep(kLockPause);
     return 1;
 }

@@ -260,7 +260,7 @@ int MediaDownloadActivity::writeFile(std::istream& body, long fileHandle, bool i
 
     std::int64_t total = 0;
     for (; count > 0; count = readBlock(body, block.begin())) {
-        const bool stopped = HostServiceUsageParams::getInstance()->isBackupStopped();
+        const bool stopped = isStopped();
         if (stopped) {
             logInfo("Delete file due to stop backup called: " + std::to_string(stopped));
             deleteFile(fileHandle);
@@ -279,8 +279,7 @@ int MediaDownloadActivity::writeFile(std::istream& body, long fileHandle, bool i
     }
 
     // A stop request ends the connection, and with it a body of unknown length.
-    const bool stopped = HostServiceUsageParams::getInstance()->isBackupStopped();
-    const bool complete = !body.bad() && (contentLength == -1 ? !stopped : total == contentLength);
+    const bool complete = !body.bad() && (contentLength == -1 ? !isStopped() : total == contentLength);
     if (!complete) {
         logFailure(kCutShort.with(""));
         deleteFile(fileHandle);

@@ -154,7 +154,7 @@ void PhotoListSaxHandler::endElement(const Poco::XML::XMLString&, const Poco::XM
 void PhotoListSaxHandler::leaveOut(const std::string& line) {
     ++leftOut_;
     // What a stop cut off is not the service's fault.
-    if (Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->isBackupStopped()) return;
+    if (isStopped()) return;
     logFailure(line);
 }
 
@@ -192,7 +192,7 @@ bool PhotoListSaxHandler::getPhotoInformation(Photo& photo) {
         logInfo("Backup Stopped in getPhotoInformation()");
         return false;
     } catch (Poco::Exception& exception) {
-        logFailure("Unable to downlod / parse / sort photo list - " + exception.displayText());
+        logFailure(kListUnread + exception.displayText());
         Norvale_Plugin_Core::ExceptionHandlerMac(kServiceName)
             .handleException(exception, std::string(kRenditionsFail) + " : " + exception.displayText(),
                              retryAttempts());

@@ -27,6 +27,9 @@
 
 namespace Norvale_Plugin_Flickr {
 
+/// How the log tells of a list, or of an item's renditions, that cannot be had or understood.
+constexpr const char* kListUnread = "Unable to downlod / parse / sort photo list - ";
+
 /// Collects the photos and videos of one page. For each of them it asks the service, while it reads, for the
 /// item's renditions; an item without one to download is left out, and so is one whose id the service cannot
 /// have given. After a stop request it passes over every element.

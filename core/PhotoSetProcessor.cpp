@@ -9,7 +9,6 @@
 
 #include "core/DownloadPhotoListActivity.h"
 #include "core/MediaDownloadActivity.h"
-#include "core/RunLines.h"
 #include "core/RunSupport.h"
 #include "hostapi/HostServiceUsageParams.h"
 #include "hostapi/ItemDataManager.h"
@@ -83,7 +82,7 @@ void PhotoSetProcessor::processOneSet(PhotoSet& set, const Poco::DateTime& since
     for (const auto& [updated, listed] : videos) {
         if (stoppedAt(kStopLine)) break;
         Photo video = listed;
-        const Change change = changeOf(video, "Video");
+        const Change change = changeOf(video, kVideoUnchanged);
         if (change == Change::New) {
             logInfo("Video ID - " + video.getPhotoID() + "URL - " + video.getImagePath());
         }
@@ -96,25 +95,23 @@ void PhotoSetProcessor::processOneSet(PhotoSet& set, const Poco::DateTime& since
         if (stoppedAt(kStopLine)) break;
         if (isVideo(listed.getPhotoTitle())) continue;
         Photo photo = listed;
-        processItem(set, photo, changeOf(photo, "Photo"), factoryRegistered);
+        processItem(set, photo, changeOf(photo, kPhotoUnchanged), factoryRegistered);
     }
 
     writeSetDescription(set, photos);
 }
 
-PhotoSetProcessor::Change PhotoSetProcessor::changeOf(const Photo& item, const char* kind) {
+PhotoSetProcessor::Change PhotoSetProcessor::changeOf(const Photo& item, const TextLine& unchanged) {
     if (database_.getPhotoSetNameById(item.getPhotoID()).empty()) return Change::New;
 
     const std::string stored = database_.getPhotoUpdatedById(item.getPhotoID());
     const std::string updated = database_.convertToString(item.getUpdatedDateTime());
-    const std::string name = std::string(kind) + " - " + item.getPhotoTitle();
     if (stored == updated) {
-        logInfo((kind == std::string_view("Video") ? kVideoUnchanged : kPhotoUnchanged)
-                    .with(item.getPhotoTitle()));
+        logInfo(unchanged.with(item.getPhotoTitle()));
         return Change::None;
     }
     logInfo("Org date -" + stored + " Changed date - " + updated);
-    logInfo(name + " is edited, Downloading again.");
+    logInfo(std::string(unchanged.start) + item.getPhotoTitle() + " is edited, Downloading again.");
     return Change::Edited;
 }
 

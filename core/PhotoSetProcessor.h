@@ -11,6 +11,7 @@
 #include "core/FlickrDbInterface.h"
 #include "core/Photo.h"
 #include "core/PhotoSet.h"
+#include "core/RunLines.h"
 #include "core/SignedRequest.h"
 #include "hostapi/ExceptionHandlerMac.h"
 #include "hostapi/HostServiceClientMac.h"
@@ -62,7 +63,8 @@ private:
 
     void processOneSet(PhotoSet& set, const Poco::DateTime& since, bool& factoryRegistered,
                        std::multimap<Poco::DateTime, Photo>& videosMet);
-    Change changeOf(const Photo& item, const char* kind);
+    /// unchanged is the line for an item that is as it was recorded; it begins with the item's kind.
+    Change changeOf(const Photo& item, const TextLine& unchanged);
     void processItem(PhotoSet& set, Photo& item, Change change, bool& factoryRegistered);
     void writeSetDescription(PhotoSet& set, const std::multimap<Poco::DateTime, Photo>& photos);
 

@@ -52,7 +52,7 @@ std::streamsize readBlock(std::istream& body, char* block) {
         const std::streamsize available = std::max<std::streamsize>(body.rdbuf()->in_avail(), 1);
         body.read(block + count, std::min(available, capacity - count));
         count += body.gcount();
-        if (Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->isBackupStopped()) break;
+        if (isStopped()) break;
     }
     return count;
 }

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <istream>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "hostapi/Conventions.h"
@@ -31,10 +32,15 @@ inline void logFailure(std::string message, const char* file = __builtin_FILE(),
                                              line);
 }
 
+/// Whether the backup is to stop.
+inline bool isStopped() {
+    return Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->isBackupStopped();
+}
+
 /// The checkpoint of every loop: true after a stop request, which is then logged with stopLine.
 inline bool stoppedAt(const char* stopLine, const char* file = __builtin_FILE(),
                       int line = __builtin_LINE()) {
-    if (!Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->isBackupStopped()) return false;
+    if (!isStopped()) return false;
     logInfo(stopLine, file, line);
     return true;
 }
@@ -48,11 +54,11 @@ inline int retryAttempts() {
 /// between attempts. Each one is logged as attemptLine followed by its number. A stop request ends the loop
 /// before the next attempt, with stopLine in the log. The lines' source position is the caller's.
 template <typename Attempt>
-void tryAttempts(const char* attemptLine, const char* stopLine, Attempt attempt,
+void tryAttempts(std::string_view attemptLine, const char* stopLine, Attempt attempt,
                  const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
     for (int number = 1; number <= retryAttempts(); ++number) {
         if (stoppedAt(stopLine, file, line)) return;
-        logInfo(attemptLine + std::to_string(number), file, line);
+        logInfo(std::string(attemptLine) + std::to_string(number), file, line);
         if (attempt(number)) return;
     }
 }

@@ -29,10 +29,6 @@ constexpr int kMaximumDepth = 64;
 // Bytes that the parser takes at a time.
 constexpr std::size_t kPiece = 4096;
 
-bool isStopped() {
-    return Norvale_Plugin_Core::HostServiceUsageParams::getInstance()->isBackupStopped();
-}
-
 /// A part of a document: a text, or a tag, comment, instruction or CDATA section.
 struct Token {
     std::size_t begin = 0;

@@ -1,6 +1,5 @@
 #include "standin/framework/base/Names.h"
 
-#include <Poco/Ascii.h>
 #include <unistd.h>
 #include <utf8proc.h>
 
@@ -9,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <memory>
 #include <string_view>
 
 #include "standin/framework/base/Paths.h"
@@ -126,21 +124,7 @@ std::string safeName(const std::string& text) {
 }
 
 std::string nameKey(const std::string& name) {
-    if (isAscii(name)) {
-        std::string key = name;
-        std::transform(key.begin(), key.end(), key.begin(),
-                       [](char c) { return static_cast<char>(Poco::Ascii::toLower(c)); });
-        return key;
-    }
-    utf8proc_uint8_t* folded = nullptr;
-    const auto options = static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_COMPOSE |
-                                                        UTF8PROC_CASEFOLD | UTF8PROC_IGNORE);
-    const utf8proc_ssize_t length =
-        utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(name.data()),
-                     static_cast<utf8proc_ssize_t>(name.size()), &folded, options);
-    const std::unique_ptr<utf8proc_uint8_t, decltype(&std::free)> owner(folded, &std::free);
-    if (length < 0) return nameKey(validUtf8(name));
-    return {reinterpret_cast<const char*>(folded), static_cast<std::size_t>(length)};
+    return folded(name, UTF8PROC_STABLE | UTF8PROC_COMPOSE | UTF8PROC_CASEFOLD | UTF8PROC_IGNORE);
 }
 
 bool isBackupName(const std::string& name) {

@@ -67,22 +67,25 @@ bool isAscii(const std::string& text) {
     return std::none_of(text.begin(), text.end(), [](unsigned char c) { return c >= 0x80; });
 }
 
-std::string searchKey(const std::string& text) {
-    std::string key = text;
+std::string folded(const std::string& text, int options) {
     if (isAscii(text)) {
-        std::transform(key.begin(), key.end(), key.begin(),
+        std::string small = text;
+        std::transform(small.begin(), small.end(), small.begin(),
                        [](char c) { return static_cast<char>(Poco::Ascii::toLower(c)); });
-        return key;
+        return small;
     }
-    utf8proc_uint8_t* folded = nullptr;
-    const auto options = static_cast<utf8proc_option_t>(
-        UTF8PROC_STABLE | UTF8PROC_COMPAT | UTF8PROC_DECOMPOSE | UTF8PROC_CASEFOLD | UTF8PROC_STRIPMARK);
-    const utf8proc_ssize_t length =
-        utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(text.data()),
-                     static_cast<utf8proc_ssize_t>(text.size()), &folded, options);
-    const std::unique_ptr<utf8proc_uint8_t, decltype(&std::free)> owner(folded, &std::free);
-    if (length < 0) return searchKey(validUtf8(text));
-    key.assign(reinterpret_cast<const char*>(folded), static_cast<std::size_t>(length));
+    utf8proc_uint8_t* mapped = nullptr;
+    const utf8proc_ssize_t length = utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(text.data()),
+                                                 static_cast<utf8proc_ssize_t>(text.size()), &mapped,
+                                                 static_cast<utf8proc_option_t>(options));
+    const std::unique_ptr<utf8proc_uint8_t, decltype(&std::free)> owner(mapped, &std::free);
+    if (length < 0) return folded(validUtf8(text), options);
+    return {reinterpret_cast<const char*>(mapped), static_cast<std::size_t>(length)};
+}
+
+std::string searchKey(const std::string& text) {
+    std::string key = folded(text, UTF8PROC_STABLE | UTF8PROC_COMPAT | UTF8PROC_DECOMPOSE |
+                                       UTF8PROC_CASEFOLD | UTF8PROC_STRIPMARK);
     // Letters that no rule of Unicode takes apart, and that a keyboard may not have.
     for (const auto& [letter, plain] :
          {std::pair("ł", "l"), {"ø", "o"}, {"đ", "d"}, {"ı", "i"}, {"æ", "ae"}, {"œ", "oe"}}) {

@@ -26,6 +26,10 @@ bool startsWith(std::string_view text, std::string_view start);
 /// True when the text is ASCII only.
 bool isAscii(const std::string& text);
 
+/// The text as utf8proc maps it with the options (UTF8PROC_..., fold case among them); what is no UTF-8
+/// becomes "_" before. ASCII is only made small.
+std::string folded(const std::string& text, int options);
+
 /// The whole number that the text is; 0 for any other text.
 long wholeNumber(const std::string& text);
 

@@ -77,22 +77,24 @@ bool fits(const std::string& name, const std::function<std::string(long)>& candi
     return number > 1 && name == candidate(number);
 }
 
+/// The known name when it may stay, otherwise one that is free.
+std::string keptOrFree(const std::string& known, const std::function<std::string(long)>& candidate,
+                       const std::function<bool(const std::string&)>& isFree) {
+    const bool keeps = !known.empty() && fits(known, candidate) && isFree(known);
+    return keeps ? known : freeName(candidate, isFree);
+}
+
 /// Does work over the database; a failure goes to the handler and ends it.
 template <typename Work>
 void guarded(ExceptionHandlerMac& handler, const std::string& path, const char* operation, Work work) {
-    const auto failed = [&](Poco::Exception& exception) {
-        handler.handleException(
-            exception, std::string("Exception occurred in ") + operation + "() : " + exception.displayText(),
-            retryAttempts());
-    };
     try {
         const UsedDatabase database(path);
         work(*database);
-    } catch (DeviceFailure& failure) {
-        recordDeviceFailure(failure);
-        failed(failure);
     } catch (Poco::Exception& exception) {
-        failed(exception);
+        recordIfDeviceFailure(exception);
+        handler.handleException(
+            exception, std::string("Exception occurred in ") + operation + "() : " + exception.displayText(),
+            retryAttempts());
     }
 }
 
@@ -120,8 +122,7 @@ void placeNewFiles(const ItemDetails& details) {
     try {
         device->staged().place(details);
     } catch (DeviceException& exception) {
-        const auto* failure = dynamic_cast<const DeviceFailure*>(&exception);
-        if (failure) recordDeviceFailure(*failure);
+        recordIfDeviceFailure(exception);
         RunJournal::instance().fileServiceFailed(exception.message());
         throw;
     }
@@ -227,9 +228,7 @@ std::string DbInterface::generateFileName(std::string title, std::string contain
             const std::string path = joinPath(atRoot ? "" : containerName, wanted);
             return !device || !device->isTaken(path, itemId);
         };
-        const std::string known = database.derivedName(itemId);
-        const bool keeps = !known.empty() && fits(known, candidate) && isFree(known);
-        name = keeps ? known : freeName(candidate, isFree);
+        name = keptOrFree(database.derivedName(itemId), candidate, isFree);
     });
     return name;
 }
@@ -245,8 +244,7 @@ std::string DbInterface::generateFolderName(std::string title, std::string id) {
             if (database.nameTaken("", nameKey(wanted), id)) return false;
             return !device || device->isFolderFree(wanted, known, id);
         };
-        const bool keeps = !known.empty() && fits(known, candidate) && isFree(known);
-        name = keeps ? known : freeName(candidate, isFree);
+        name = keptOrFree(known, candidate, isFree);
     });
     return name;
 }
@@ -286,9 +284,9 @@ int DbInterface::createEntry(std::string itemId, std::string itemName, std::stri
         database.put({itemId, itemName, itemContainerName, derivedItemName, derivedContainerName,
                       originalItemId, originalContainerId, createdOn, updatedOn, itemType, imageExtension,
                       reserved1, reserved2, reserved3});
-        status = 1;
+        status = kSuccess;
     });
-    if (status == 0) return status;
+    if (status != kSuccess) return status;
     if (itemType == kFolderType) {
         noteFolder(itemId, derivedItemName);
     } else {

@@ -33,9 +33,8 @@ void withOpenDevice(Work work) {
     if (!sharedDevice().device) return;
     try {
         work(*sharedDevice().device);
-    } catch (DeviceFailure& failure) {
-        recordDeviceFailure(failure);
-    } catch (Poco::Exception&) {
+    } catch (Poco::Exception& exception) {
+        recordIfDeviceFailure(exception);
     }
 }
 
@@ -44,8 +43,7 @@ void writeOrTell(Device& device, const std::string& folder, const std::string& t
     try {
         if (device.isFolder(folder)) writeFolderDescription(device, folder, text);
     } catch (Poco::Exception& exception) {
-        const auto* failure = dynamic_cast<const DeviceFailure*>(&exception);
-        if (failure) recordDeviceFailure(*failure);
+        recordIfDeviceFailure(exception);
         writeLogLine(LogLine::Failure, "RECORD " + folder + " - " + exception.message(), __FILE__, __LINE__);
         RunJournal::instance().folderDescriptionFailed(folder, exception.message());
     }
@@ -147,6 +145,10 @@ void noteFolder(const std::string& setId, const std::string& folder) {
     withOpenDevice([&](Device& device) {
         if (setId != kNoSetId && device.isFolder(folder)) device.ledger().setFolderOwner(folder, setId);
     });
+}
+
+void recordIfDeviceFailure(const Poco::Exception& exception) {
+    if (const auto* failure = dynamic_cast<const DeviceFailure*>(&exception)) recordDeviceFailure(*failure);
 }
 
 void recordDeviceFailure(const DeviceFailure& failure) {

@@ -69,6 +69,8 @@ void noteFolder(const std::string& setId, const std::string& folder);
 
 /// Records the failure as the run's error, and stops the run.
 void recordDeviceFailure(const DeviceFailure& failure);
+/// The same for an exception that is one; any other is passed over.
+void recordIfDeviceFailure(const Poco::Exception& exception);
 
 }  // namespace flickr_standin
 

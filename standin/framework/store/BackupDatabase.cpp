@@ -177,6 +177,13 @@ struct BackupDatabase::Impl {
         return use.step() ? use->text(0) : std::string();
     }
 
+    /// A statement that is run too seldom to stay prepared.
+    template <typename... Values>
+    void execute(const char* statement, const Values&... values) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        StatementUse(*file.prepare(statement), values...).run();
+    }
+
     SqliteFile open(Missing missing);
     void create();
     void refreshNames();
@@ -372,18 +379,14 @@ std::string BackupDatabase::folderIdByDeviceName(const std::string& deviceFolder
 }
 
 void BackupDatabase::moveItems(const std::string& setId, const std::string& deviceFolder) {
-    const std::lock_guard<std::mutex> lock(impl_->mutex);
-    const auto statement = impl_->file.prepare(
+    impl_->execute(
         "UPDATE backupmetadata SET ItemContainerName = ?1, DerivedContainerName = ?1 "
-        "WHERE OriginalContainerId = ?2 AND DerivedContainerName IS NOT ?1");
-    StatementUse(*statement, deviceFolder, setId).run();
+        "WHERE OriginalContainerId = ?2 AND DerivedContainerName IS NOT ?1",
+        deviceFolder, setId);
 }
 
 void BackupDatabase::setDerivedName(const std::string& id, const std::string& name) {
-    const std::lock_guard<std::mutex> lock(impl_->mutex);
-    const auto statement =
-        impl_->file.prepare("UPDATE backupmetadata SET DerivedItemName = ? WHERE ItemId = ?");
-    StatementUse(*statement, name, id).run();
+    impl_->execute("UPDATE backupmetadata SET DerivedItemName = ? WHERE ItemId = ?", name, id);
 }
 
 void BackupDatabase::fetchAgain(const std::set<std::string>& ids) {
@@ -396,11 +399,10 @@ void BackupDatabase::fetchAgain(const std::set<std::string>& ids) {
 }
 
 void BackupDatabase::setImageExtension(const std::string& id, const std::string& extension) {
-    const std::lock_guard<std::mutex> lock(impl_->mutex);
-    const auto statement = impl_->file.prepare(
+    impl_->execute(
         "UPDATE backupmetadata SET ImageExtension = ?1 WHERE ItemId = ?2 AND "
-        "ImageExtension IS NOT ?1");
-    StatementUse(*statement, extension, id).run();
+        "ImageExtension IS NOT ?1",
+        extension, id);
 }
 
 }  // namespace flickr_standin
