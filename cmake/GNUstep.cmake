@@ -12,8 +12,8 @@ if(NOT GNUSTEP_FLAGS)
 endif()
 separate_arguments(GNUSTEP_FLAGS UNIX_COMMAND "${GNUSTEP_FLAGS}")
 list(FILTER GNUSTEP_FLAGS EXCLUDE REGEX "^(-MMD|-MP|-g|-O.*|-Wall|-I.*)$")
-# gcc takes the parameter of every synthesized setter for unused, and "#pragma mark" for unknown.
-list(APPEND GNUSTEP_FLAGS -Wno-unused-parameter -Wno-unknown-pragmas)
+# gcc takes the parameter of every synthesized setter for unused.
+list(APPEND GNUSTEP_FLAGS -Wno-unused-parameter)
 # Its default for Objective-C is the C of 1989, which CMake does not know.
 list(APPEND GNUSTEP_FLAGS -std=gnu11)
 

@@ -79,6 +79,7 @@ static NSString* backupFromText(id backupFrom) {
 
 @interface FlickrPlugin (Private)
 - (void)runBackup:(BackupParameters*)parameters timer:(NSTimer**)timer error:(char*)error;
+- (void)runEndedWithStatus:(int)status error:(const char*)error;
 - (int)callCore:(BackupParameters*)parameters
             token:(NSString*)token
            apiKey:(NSString*)apiKey
@@ -146,7 +147,7 @@ static NSString* backupFromText(id backupFrom) {
     [super dealloc];
 }
 
-#pragma mark Identity and settings
+// MARK: Identity and settings
 
 - (void)initialize {
     static const struct {
@@ -305,7 +306,7 @@ static NSString* backupFromText(id backupFrom) {
     return settings;
 }
 
-#pragma mark A backup
+// MARK: A backup
 
 - (void)beginBackup:(NSString*)connection
         appSettings:(id)appSettings
@@ -433,6 +434,11 @@ static NSString* backupFromText(id backupFrom) {
                             dataTypes:dataTypes
                         serviceFolder:serviceFolder
                                 error:error];
+    [self runEndedWithStatus:status error:error];
+}
+
+/// Tells what became of a run that the core has been asked for, or waits with its rest for the bandwidth.
+- (void)runEndedWithStatus:(int)status error:(const char*)error {
     BOOL stopped;
     @synchronized(self) {
         stopped = m_bIsStopBackup;
@@ -530,7 +536,7 @@ static NSString* backupFromText(id backupFrom) {
     }
 }
 
-#pragma mark Pause, resume and stop
+// MARK: Pause, resume and stop
 
 /// Waits until the pause is over, then begins the backup again or ends it as stopped. A release or stop that
 /// came before the wait ends it at once.
@@ -642,7 +648,7 @@ static NSString* backupFromText(id backupFrom) {
     }
 }
 
-#pragma mark Progress
+// MARK: Progress
 
 - (void)startUpdater:(NSTimeInterval)interval device:(NVDeviceSettings*)device {
     (void)interval;

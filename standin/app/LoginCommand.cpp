@@ -193,7 +193,7 @@ void addLoginCommand(CLI::App& program, CommandContext& context) {
     CLI::App* command = program.add_subcommand("login", "Sign in to the service, to read only");
     addCredentialsOption(*command, *options);
     command->add_option("--ca", options->ca, "Authorities to trust instead of the system's; kept in the file")
-        ->check(CLI::ExistingFile)
+        ->check(CLI::ExistingFile.description(""))
         ->type_name("FILE");
     addJsonOption(*command, context);
     context.profile.addOptions(*command);

@@ -300,9 +300,9 @@ Beginning beginningOf(const Options& options, const Profile& profile) {
 
 /// The way to the service: through a gateway when the credentials are of today. The secrets of both are
 /// hidden while it lives.
-class ServiceAccess {
+class WayToService {
 public:
-    ServiceAccess(Beginning& beginning, const GatewayOptions& options, BackupDatabase& database) {
+    WayToService(Beginning& beginning, const GatewayOptions& options, BackupDatabase& database) {
         const Credentials& credentials = beginning.credentials;
         std::vector<std::string> secrets = {credentials.token, credentials.apiKey, credentials.apiSecret};
         if (credentials.isOfToday()) {
@@ -330,7 +330,7 @@ private:
 
 /// Has the plug-in do the run, which may pause and resume. recover puts the device in order before it
 /// resumes.
-RunReport perform(Beginning& beginning, const Options& options, ServiceAccess& access,
+RunReport perform(Beginning& beginning, const Options& options, WayToService& service,
                   const std::function<void()>& recover) {
     RunReport report;
     report.isDry = options.isDry;
@@ -350,7 +350,7 @@ RunReport perform(Beginning& beginning, const Options& options, ServiceAccess& a
             editedItems += pass.editedItems;
             recover();
         };
-        settings.waitText = [&] { return access.waitText(); };
+        settings.waitText = [&] { return service.waitText(); };
         // A first run that is killed leaves files of this account, in a folder that only the run has made.
         settings.eachSecond = [&, tied = options.isDry]() mutable {
             tied = tied || tieToAccount(beginning.layout, beginning.credentials);
@@ -364,7 +364,7 @@ RunReport perform(Beginning& beginning, const Options& options, ServiceAccess& a
     report.done = flickr_standin::RunJournal::instance().summary();
     report.done.bytes = report.outcome.bytes;
     addEarlierPasses(newItems, editedItems, report.done);
-    for (std::string& problem : access.close()) report.done.warnings.push_back(std::move(problem));
+    for (std::string& problem : service.close()) report.done.warnings.push_back(std::move(problem));
     return report;
 }
 
@@ -401,9 +401,9 @@ int rehearse(const Options& options, const CommandContext& context) {
     BackupDatabase database =
         beforehand([&] { return BackupDatabase(reading.folder() + "/" + options.database); });
     refuseLostFiles(database, layout);
-    ServiceAccess access(beginning, options.gateway, database);
+    WayToService service(beginning, options.gateway, database);
     const Clock::time_point start = Clock::now();
-    RunReport report = perform(beginning, options, access, [] {});
+    RunReport report = perform(beginning, options, service, [] {});
     report.goneItems = goneItems(database, report);
     markKept(database, layout, report.done);
     report.seconds = secondsSince(start);
@@ -428,13 +428,13 @@ int run(const Options& options, const CommandContext& context) {
         recover();
         tieToAccount(layout, beginning.credentials);
     });
-    ServiceAccess access(beginning, options.gateway, database);
+    WayToService service(beginning, options.gateway, database);
     DeviceHistory history(layout.device);
     std::vector<std::string> notes = {context.profile.logProblem(), history.begin(),
                                       removeOldVersions(layout)};
 
     const Clock::time_point start = Clock::now();
-    RunReport report = perform(beginning, options, access, recover);
+    RunReport report = perform(beginning, options, service, recover);
     tieToAccount(layout, beginning.credentials);
     try {
         recover();
@@ -463,75 +463,87 @@ int run(const Options& options, const CommandContext& context) {
     return tell(report, options, context, beginning.talk);
 }
 
-}  // namespace
-
-void addRunCommand(CLI::App& program, CommandContext& context) {
-    auto options = std::make_shared<Options>();
-    CLI::App* command = program.add_subcommand("run", "Back up what is new or changed");
-    command->add_option("--device", options->device, "Directory to which the backup goes")
+/// What is backed up, and to where.
+void addBackupOptions(CLI::App& command, Options& options) {
+    command.add_option("--device", options.device, "Directory to which the backup goes")
         ->required()
         ->type_name("DIR");
     command
-        ->add_option("--credentials", options->credentials,
-                     "File with api_key, api_secret and token; without it the configured one, or the sign-in")
+        .add_option("--credentials", options.credentials,
+                    "File with api_key, api_secret and token; without it the configured one, or the sign-in")
         ->type_name("FILE");
     command
-        ->add_option("--ca", options->ca,
-                     "Authorities to trust instead of the system's and the file's \"ca\"")
-        ->check(CLI::ExistingFile)
+        .add_option("--ca", options.ca, "Authorities to trust instead of the system's and the file's \"ca\"")
+        ->check(CLI::ExistingFile.description(""))
         ->type_name("FILE");
-    command->add_option("--from", options->from, "Back up items updated after the start of this day")
+    command.add_option("--from", options.from, "Back up items updated after the start of this day")
         ->type_name("YYYY-MM-DD")
         ->capture_default_str();
-    command->add_option("--media", options->media, "What to back up: images, videos or both")
+    command.add_option("--media", options.media, "What to back up: images, videos or both")
         ->delimiter(',')
         ->type_name("KINDS")
         ->default_str("images,videos");
     command
-        ->add_option("--culture", options->culture,
-                     "Language of folder names: de, en, fr or ja; without it that of the backup there, or en")
+        .add_option("--culture", options.culture,
+                    "Language of folder names: de, en, fr or ja; without it that of the backup there, or en")
         ->type_name("TEXT");
-    command->add_option("--database", options->database, "The metadata database's name under the device")
+    command.add_option("--database", options.database, "The metadata database's name under the device")
         ->type_name("NAME")
         ->capture_default_str();
-    command->add_option("--pause-when", options->pauseWhen, "Pause while this file exists")
-        ->type_name("FILE");
-    command->add_option("--transfers", options->gateway.transfers, "Files fetched at a time")
+    command.add_option("--pause-when", options.pauseWhen, "Pause while this file exists")->type_name("FILE");
+}
+
+/// How today's service is asked.
+void addTransferOptions(CLI::App& command, Options& options) {
+    command.add_option("--transfers", options.gateway.transfers, "Files fetched at a time")
         ->check(CLI::Range(1, 8))
         ->type_name("N")
         ->capture_default_str();
     auto* readAhead =
         command
-            ->add_option(
-                "--read-ahead", options->gateway.readAhead,
-                "What is fetched ahead may fill so much of temporary files, besides 64 MiB of memory")
+            .add_option("--read-ahead", options.gateway.readAhead,
+                        "What is fetched ahead may fill so much of temporary files, besides 64 MiB of memory")
             ->type_name("SIZE")
             ->default_str("256MiB");
     flickr_gateway::takeSize(*readAhead, 0);
     auto* rate = command
-                     ->add_option("--limit-rate", options->gateway.bytesPerSecond,
-                                  "Fetch no more than so many bytes in a second, as in 2MiB")
+                     .add_option("--limit-rate", options.gateway.bytesPerSecond,
+                                 "Fetch no more than so many bytes in a second, as in 2MiB")
                      ->type_name("RATE");
     flickr_gateway::takeSize(*rate, flickr_gateway::kLeastRate);
+}
+
+/// What is written besides, and under which conditions.
+void addDeviceOptions(CLI::App& command, Options& options) {
     command
-        ->add_option("--log-level", options->logLevel,
-                     "What the log gets: failures, normal (nothing for unchanged items) or all")
+        .add_option("--log-level", options.logLevel,
+                    "What the log gets: failures, normal (nothing for unchanged items) or all")
         ->check(CLI::IsMember({"failures", "normal", "all"}))
         ->type_name("LEVEL")
         ->capture_default_str();
     command
-        ->add_option("--keep-versions", options->versionDays,
-                     "Keep what an edit replaces for so many days; 0 for not at all")
+        .add_option("--keep-versions", options.versionDays,
+                    "Keep what an edit replaces for so many days; 0 for not at all")
         ->check(CLI::Range(0, 36500))
         ->type_name("DAYS")
         ->capture_default_str();
-    command->add_flag("--shared", options->shared,
-                      "Let other users of the machine read what is written, as far as the umask allows it");
-    command->add_flag("--no-gallery", options->noGallery, "Leave the page that shows the backup as it is");
-    command->add_flag("--new", options->isNew,
-                      "Begin a new backup where an earlier one stood that is not there any more");
-    command->add_flag("--dry-run", options->isDry,
-                      "Tell what would be fetched, replaced and renamed, and change nothing on the device");
+    command.add_flag("--shared", options.shared,
+                     "Let other users of the machine read what is written, as far as the umask allows it");
+    command.add_flag("--no-gallery", options.noGallery, "Leave the page that shows the backup as it is");
+    command.add_flag("--new", options.isNew,
+                     "Begin a new backup where an earlier one stood that is not there any more");
+    command.add_flag("--dry-run", options.isDry,
+                     "Tell what would be fetched, replaced and renamed, and change nothing on the device");
+}
+
+}  // namespace
+
+void addRunCommand(CLI::App& program, CommandContext& context) {
+    auto options = std::make_shared<Options>();
+    CLI::App* command = program.add_subcommand("run", "Back up what is new or changed");
+    addBackupOptions(*command, *options);
+    addTransferOptions(*command, *options);
+    addDeviceOptions(*command, *options);
     addJsonOption(*command, context);
     command->add_flag("--json-progress", options->events,
                       "Print what happens as lines of JSON, the summary last");
