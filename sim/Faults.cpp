@@ -179,6 +179,14 @@ Action ignoreRange() {
     };
 }
 
+Action weakTag() {
+    return [](const Request&, Reply& reply) {
+        for (auto& [name, value] : reply.headers) {
+            if (name == "ETag") value = "W/" + value;
+        }
+    };
+}
+
 Action hugeHeader(std::uint64_t bytes) {
     return raw([=](const Request&, Wire& wire) {
         const std::string line = "X-Filling: " + std::string(8000, 'x') + "\r\n";
@@ -328,6 +336,7 @@ Action takeAction(Pairs& pairs) {
     }
     if (pairs.take("retry-after", number)) actions.push_back(fault::retryAfter(number));
     if (pairs.take("ignore-range", text)) actions.push_back(fault::ignoreRange());
+    if (pairs.take("weak-tag", text)) actions.push_back(fault::weakTag());
     if (pairs.take("headers", number)) actions.push_back(fault::hugeHeader(number));
     pairs.requireNone();
     if (actions.empty())

@@ -15,7 +15,8 @@
 // rest of the announced body is missing), short=BYTES (so many fewer bytes than announced), slow=BYTES/MS,
 // length=TEXT (the content length announced), framing=chunked|close, redirect=URL or redirect=self,
 // malformed=1 (XML that ends in the middle), headers=BYTES (so many of them), retry-after=SECONDS
-// (announced), ignore-range=1 (the whole file, whatever part was asked for).
+// (announced), ignore-range=1 (the whole file, whatever part was asked for), weak-tag=1 (a tag that is good
+// for no part of a file).
 
 #ifndef SIM_FAULTS_H
 #define SIM_FAULTS_H
@@ -103,6 +104,8 @@ Action redirectForever(int status = 302);
 Action retryAfter(std::uint64_t seconds);
 /// All of a file in place of the part that was asked for.
 Action ignoreRange();
+/// The file's tag as a weak one: it says that the file means the same, and not that its bytes are.
+Action weakTag();
 /// Header lines of so many bytes in all before the rest.
 Action hugeHeader(std::uint64_t bytes);
 /// These bytes instead of a whole answer, then the connection is closed.

@@ -39,7 +39,8 @@ Faults are lists of key=value:
   which  kind=rest|media|thumbnail|oauth, method=NAME, item=ID, path=PART
   when   nth=N, from=N, count=N, every=N, rate=0..1, for=SECONDS
   what   status=CODE, error=CODE, drop=before|header|body, cut=BYTES, short=BYTES, slow=BYTES/MS,
-         length=TEXT, framing=chunked|close, redirect=URL|self, malformed=1, headers=BYTES, retry-after=SECONDS, ignore-range=1
+         length=TEXT, framing=chunked|close, redirect=URL|self, malformed=1, headers=BYTES,
+         retry-after=SECONDS, ignore-range=1, weak-tag=1
 
 With --today the service is the one of today: HTTPS with an authority of its own, OAuth 1.0a. The line behind
 the data URL (and the third one of the ready file) is then the address of the service; the data URL's port

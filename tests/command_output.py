@@ -51,6 +51,25 @@ class Output(Rig):
             status, text = self.on_terminal(80, "run", "--device", self.device("dumb" + str(len(more))), **more)
             self.assertRegex(text, r"(?s)^[^\x1b]*items[^\x1b]*Backup complete[^\x1b]*$")
 
+    def test_a_secret_is_typed_unseen(self):
+        ours, theirs = pty.openpty()
+
+        def echoes():
+            return bool(termios.tcgetattr(theirs)[3] & termios.ECHO)
+
+        process = subprocess.Popen([self.program(), "login", "--credentials", str(self.work / "none yet")],
+                                   stdin=theirs, stdout=theirs, stderr=theirs, env=self.environment())
+        text = ""
+        for question, echo, answer in ("Key: ", True, b"a key\n"), ("Secret: ", False, b"\n"):
+            while not text.endswith(question):
+                text += os.read(ours, 4096).decode().replace("\r", "")
+            self.assertEqual(echoes(), echo, question)
+            os.write(ours, answer)
+        self.assertEqual(process.wait(), 2)
+        self.assertTrue(echoes(), "the terminal is as it was")
+        os.close(theirs)
+        os.close(ours)
+
     def test_is_silent_where_nobody_looks(self):
         device = self.device("cron")
         done = self.call("run", "--device", device)

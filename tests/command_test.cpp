@@ -442,7 +442,8 @@ TEST_F(CommandTest, RefusesWhatCannotBeDone) {
     ASSERT_EQ(command(runWith({"--media", "videos"})), 0) << err_;
     EXPECT_THAT(out_, HasSubstr("new        0 items"));
     ASSERT_EQ(command(runWith({"--from", "2023-11-15"})), 0) << err_;
-    EXPECT_THAT(out_, HasSubstr("new        0 items"));
+    EXPECT_THAT(out_,
+                testing::AllOf(HasSubstr("new        0 items"), HasSubstr("left out   1 item by --from\n")));
     ASSERT_EQ(command(runArguments()), 0) << err_;
     EXPECT_THAT(out_, HasSubstr("new        1 item\n"));
 
@@ -454,6 +455,7 @@ TEST_F(CommandTest, RefusesWhatCannotBeDone) {
     for (const char* name : {"configure", "run", "status", "verify"}) {
         EXPECT_EQ(command({name, "--help"}), 0);
         EXPECT_THAT(out_, HasSubstr("Example:\n  flickr-backup " + std::string(name)));
+        if (name == std::string("run")) EXPECT_THAT(out_, HasSubstr("[0 - 36500]=30"));
     }
 }
 

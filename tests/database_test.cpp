@@ -247,6 +247,10 @@ TEST_F(DatabaseTest, SessionsByNameReachTheRunsDatabaseAndNoOther) {
         fs::rename(folder_ / "unplugged", device(""));
     }
     EXPECT_EQ(nameIn(other), "a.jpg") << "without a run names lead where they lead";
+    // A file that has no log beside it is inspected by an address, in which these signs mean something.
+    const std::string odd = device("50% of #1?.db");
+    fs::copy(path(), odd);
+    EXPECT_EQ(BackupDatabase(odd, BackupDatabase::Missing::Refuse).derivedName("1_72"), "a.jpg");
 }
 
 TEST_F(DatabaseTest, TimesAreReadAndChangedInTheirOwnRows) {
@@ -288,7 +292,7 @@ TEST_F(DatabaseTest, AStopEndsAStatementWithoutEnd) {
     EXPECT_EQ(database.derivedName("1_72"), "a.jpg");
 }
 
-TEST_F(DatabaseTest, VerifyReadsTheDescriptionRecords) {
+TEST_F(DatabaseTest, VerifyReadsTheDescriptions) {
     BackupDatabase database(path());
     fill(database);
     HostServiceClientMac client;
@@ -299,10 +303,10 @@ TEST_F(DatabaseTest, VerifyReadsTheDescriptionRecords) {
     const auto store = [&](const std::string& path, const std::string& id) {
         MediaTemplate item;
         item.setID(id);
-        std::string content = "x", record = id.empty() ? "" : ItemDataManager().saveItemData(&item);
+        std::string content = "x", description = id.empty() ? "" : ItemDataManager().saveItemData(&item);
         client.openFile(path, 7, command, result, error);
         client.writeFileV2(7, content.data(), 1, command, result, error);
-        client.closeFile(7, record.data(), static_cast<int>(record.size()), command, result, error);
+        client.closeFile(7, description.data(), static_cast<int>(description.size()), command, result, error);
         ASSERT_EQ(result, "SUC") << error;
     };
     store("Trip/a.jpg", "1_72");

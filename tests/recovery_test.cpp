@@ -1,4 +1,4 @@
-// Kills and failing calls, at every call that changes a device: the plug-in backs up a small account from a
+// Kills and failing calls, spread over the calls that change a device: the plug-in backs up a small account from a
 // simulated service, the account changes, and it is backed up again by a process that is killed, or whose
 // calls fail, from the n-th call on. Each run has a process of its own, the service in it as well, so that
 // this program has one thread whenever it makes one.
@@ -583,7 +583,7 @@ TEST_F(RecoveryTest, AKilledRunLosesNothingAndTheNextOneCompletes) {
     EXPECT_GT(killedAt, 150);
 }
 
-TEST_F(RecoveryTest, AFirstRunKilledAtAnyCallCompletesLater) {
+TEST_F(RecoveryTest, AFirstRunThatIsKilledCompletesLater) {
     newDevice();
     run(kBefore);
     const auto undisturbed = state();

@@ -578,6 +578,18 @@ TEST_F(Run, WaitsForALockedDatabaseAndAStopEndsTheWait) {
     isOver = true;
     holder.join();
     expectComplete();
+
+    const std::string before = read("Trip/beach.jpg");
+    account_.edit(beach_, flickr_sim::Content::bytes("edited"), kNew);
+    lockUntilItIsWaitedFor(true);
+    run();
+    isOver = true;
+    holder.join();
+    EXPECT_EQ(read("Trip/beach.jpg"), before) << "the file that the row knows is back";
+    EXPECT_THAT(names(), Not(HasSubstr("_Old")));
+    sim_->onRequest(nullptr);
+    EXPECT_EQ(run().status, 1);
+    expectComplete();
 }
 
 TEST_F(Run, StopsAtEveryRequestAndCompletesInTheNextRun) {
