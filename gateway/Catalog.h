@@ -2,9 +2,8 @@
 //
 //   the plug-in asks                     the service is asked
 //   list of sets                         page after page of 500, answered as one
-//   page of a set, page of no set        the page of 500 with the addresses of all renditions; the next page
-//   at
-//                                        the same time, for the plug-in's next question
+//   page of a set, page of no set        the page of 500 with the addresses of all renditions, and the next
+//                                        page at the same time, for the plug-in's next question
 //   sizes of an item                     nothing: the list had them
 //
 // The number of pages follows from the count that the list of sets gave. Items can be added meanwhile, so the

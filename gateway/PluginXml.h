@@ -1,7 +1,8 @@
 // Answers as the plug-in reads them: the service's XML, cut down to what it looks at.
 //
 // Titles and descriptions of sets with characters of XML in them are sent as CDATA: the plug-in keeps the
-// last piece in which they reach it, and a reference such as "&amp;" would split them.
+// last piece in which they reach it, and a reference such as "&amp;" would split them. A library's writer
+// leaves no such choice.
 
 #ifndef GATEWAY_PLUGINXML_H
 #define GATEWAY_PLUGINXML_H

@@ -1,9 +1,9 @@
 // The service's answers, in its XML form:
 //
 //   <rsp stat="ok">
-//     <photosets page="1" pages="1" perpage="500" total="2"> <photoset id="…" primary="…" photos="3"
-//     videos="0">
-//         <title>Trip</title> <description>…</description> </photoset> … </photosets>
+//     <photosets page="1" pages="1" perpage="500" total="2">
+//         <photoset id="…" primary="…" photos="3" videos="0">
+//             <title>Trip</title> <description>…</description> </photoset> … </photosets>
 //   or
 //     <photoset id="…" page="1" pages="3" total="1200"> or <photos page="1" pages="1" total="7">
 //         <photo id="…" title="…" dateupload="…" lastupdate="…" datetaken="…" media="photo" tags="…"

@@ -32,16 +32,18 @@ public:
     void disConnect();
 
     /// Opens a new file that is to stand at path. The caller chooses the handle: mode is the number by
-    /// which every later call of this client names the file. Returns that handle. The file takes its final
-    /// name in closeFile() only; until then what stands at path stays as it is.
+    /// which every later call of this client names the file. Returns that handle. What stands at path stays
+    /// as it is until closeFile().
     long openFile(std::string path, long mode, std::string& command, std::string& result, std::string& error);
 
     /// Appends count bytes to an open file.
     void writeFileV2(int handle, char* buffer, int count, std::string& command, std::string& result,
                      std::string& error);
 
-    /// Completes an open file: its bytes are on the disk and it stands under its final name before this
-    /// answers "SUC". metadata is the item's description (length bytes), or empty for a file that is
+    /// Completes an open file: after "SUC" it is whole, and every operation finds it at its path. The host
+    /// may put off the name and the wait for the disk, but not beyond the row of its item: that is written
+    /// (DbInterface::createEntry(), or a session after DbInterface::initialize()) when the file is on the
+    /// disk under its name. metadata is the item's description (length bytes), or empty for a file that is
     /// no item of its own. After any other answer the file is still open and wants deleteFile(handle).
     void closeFile(long handle, char* metadata, int length, std::string& command, std::string& result,
                    std::string& error);
@@ -67,8 +69,9 @@ public:
     void deleteDirectory(std::string path, std::string& command, std::string& result, std::string& error);
 
     /// Places a folder's description: the plug-in's root folder with a "/" at its end, the text that
-    /// ItemDataManager::saveItemData() gave for the folder, and a text that is empty.
-    void writeFolderDataXML(std::string root, std::string record, std::string reserved);
+    /// ItemDataManager::saveItemData() gave for the folder, and a text that is empty. The host may write it
+    /// later: the last one of a folder counts, at the end of the run at the latest.
+    void writeFolderDataXML(std::string root, std::string description, std::string reserved);
 
 private:
     struct Impl;

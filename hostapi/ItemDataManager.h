@@ -13,10 +13,10 @@ class ItemDataManager {
 public:
     ItemDataManager() = default;
 
-    /// The stored form of a filled MediaTemplate or MediaFolderTemplate. The record stays the caller's. For
+    /// The stored form of a filled MediaTemplate or MediaFolderTemplate. It stays the caller's. For
     /// an item the text goes to the device with HostServiceClientMac::closeFile(), for a folder with
     /// writeFolderDataXML().
-    std::string saveItemData(Template* record);
+    std::string saveItemData(Template* description);
 };
 
 }  // namespace Norvale_Plugin_Core

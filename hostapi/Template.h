@@ -21,7 +21,7 @@ public:
     void setPhysicalFileName(std::string name) { physicalFileName_ = std::move(name); }
     const std::string& getPhysicalFileName() const { return physicalFileName_; }
 
-    /// Where the host's browser is to show the record.
+    /// Where the host's browser is to show the description.
     void setDataXMLPath(std::string path) { dataXMLPath_ = std::move(path); }
     const std::string& getDataXMLPath() const { return dataXMLPath_; }
 

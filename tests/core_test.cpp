@@ -1,4 +1,5 @@
-// The records, the readers of the service's answers and the small rules, without a network.
+// The values that the core passes on, the readers of the service's answers and the small rules, without a
+// network.
 
 #include <Poco/Data/SessionFactory.h>
 #include <Poco/DateTimeFormatter.h>
@@ -50,7 +51,7 @@ TEST(StopWatcher, LetsARunGoOnWithoutAThread) {
     threadsCanBeHad = true;
 }
 
-TEST(Records, CloneAndInitializeKeepTheirOddities) {
+TEST(Values, CloneAndInitializeKeepTheirOddities) {
     PhotoSet trip, other;
     trip.setTitle("Trip");
     other.setTitle("Other");

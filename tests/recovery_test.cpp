@@ -1,7 +1,7 @@
-// Kills and failing calls, spread over the calls that change a device: the plug-in backs up a small account from a
-// simulated service, the account changes, and it is backed up again by a process that is killed, or whose
-// calls fail, from the n-th call on. Each run has a process of its own, the service in it as well, so that
-// this program has one thread whenever it makes one.
+// Kills and failing calls, spread over the calls that change a device: the plug-in backs up a small account
+// from a simulated service, the account changes, and it is backed up again by a process that is killed, or
+// whose calls fail, from the n-th call on. Each run has a process of its own, the service in it as well, so
+// that this program has one thread whenever it makes one.
 //
 // The calls are counted by functions of this program that stand in front of the C library's.
 

@@ -11,7 +11,8 @@
 
 namespace flickr_app {
 
-/// Lists missing, altered, unrecorded and marked files and unusable descriptions, or says that there are none.
+/// Lists missing, altered, unrecorded and marked files and unusable descriptions, or says that there are
+/// none.
 void printDisagreements(std::ostream& out, const flickr_standin::BackupReport& report);
 
 /// The same as members of a JSON object: "missing", "altered", "unrecorded", "descriptions" and

@@ -23,10 +23,10 @@ std::string FrameworkTest::store(HostServiceClientMac& client, const std::string
                                  const std::string& item) {
     std::string metadata;
     if (!item.empty()) {
-        MediaTemplate record;
-        record.setID(item);
-        record.setPhysicalFileName(path);
-        metadata = ItemDataManager().saveItemData(&record);
+        MediaTemplate description;
+        description.setID(item);
+        description.setPhysicalFileName(path);
+        metadata = ItemDataManager().saveItemData(&description);
     }
     client.openFile(path, 7, command_, result_, error_);
     if (result_ != "SUC") return result_;

@@ -30,14 +30,14 @@ using DescriptionsTest = FrameworkTest;
 TEST_F(DescriptionsTest, KeepsFolderDescriptionsThatSayMore) {
     HostServiceClientMac client;
     client.createDirectory("Trip & more", command_, result_, error_);
-    MediaFolderTemplate record;
-    record.setID("72");
-    record.setPhysicalFileName("Trip & more");
-    record.setLatestUpdatedDate("now");
+    MediaFolderTemplate description;
+    description.setID("72");
+    description.setPhysicalFileName("Trip & more");
+    description.setLatestUpdatedDate("now");
     const auto place = [&](const std::string& latest) {
-        record.setLatestUpdatedItem(latest);
-        client.writeFolderDataXML(params_->getPluginRoot() + "/", ItemDataManager().saveItemData(&record),
-                                  "");
+        description.setLatestUpdatedItem(latest);
+        client.writeFolderDataXML(params_->getPluginRoot() + "/",
+                                  ItemDataManager().saveItemData(&description), "");
         flickr_standin::closeRunDevice();
         return readFile(device("Trip & more/.records/.folder.xml"));
     };
@@ -48,15 +48,15 @@ TEST_F(DescriptionsTest, KeepsFolderDescriptionsThatSayMore) {
     // which another set's folder may have.
     client.createDirectory("Trip & more/Thumbnail", command_, result_, error_);
     ASSERT_EQ(store(client, "Trip & more/Thumbnail/a_1_72.png", "thumb"), "SUC");
-    record.setCoverImage("Trip & more/Thumbnail/a_1_72.jpg");
-    record.setTotalItems("7");
+    description.setCoverImage("Trip & more/Thumbnail/a_1_72.jpg");
+    description.setTotalItems("7");
     const std::string written = place("");
     EXPECT_EQ(descriptionField(written, "CoverImage"), "Trip & more/Thumbnail/a_1_72.png");
     EXPECT_EQ(descriptionField(written, "TotalItems"), "7") << "only the latest item stays";
     EXPECT_EQ(descriptionField(written, "LatestUpdatedItem"), "<a>\"\r.jpg");
-    record.setID("73");
+    description.setID("73");
     EXPECT_EQ(place("b.jpg"), written);
-    record.setPhysicalFileName("Never made");
+    description.setPhysicalFileName("Never made");
     place("x");
     EXPECT_FALSE(fs::exists(device("Never made")));
 }
@@ -64,12 +64,12 @@ TEST_F(DescriptionsTest, KeepsFolderDescriptionsThatSayMore) {
 TEST_F(DescriptionsTest, WritesAFoldersDescriptionOnceForAllItsItems) {
     HostServiceClientMac client;
     const auto describe = [&](const std::string& folder, const std::string& latest) {
-        MediaFolderTemplate record;
-        record.setID("id of " + folder);
-        record.setPhysicalFileName(folder);
-        record.setLatestUpdatedItem(latest);
-        client.writeFolderDataXML(params_->getPluginRoot() + "/", ItemDataManager().saveItemData(&record),
-                                  "");
+        MediaFolderTemplate description;
+        description.setID("id of " + folder);
+        description.setPhysicalFileName(folder);
+        description.setLatestUpdatedItem(latest);
+        client.writeFolderDataXML(params_->getPluginRoot() + "/",
+                                  ItemDataManager().saveItemData(&description), "");
     };
     const auto latest = [&](const std::string& folder) {
         return descriptionField(readFile(device(folder + "/.records/.folder.xml")), "LatestUpdatedItem");
@@ -107,11 +107,11 @@ TEST_F(DescriptionsTest, FlushesManyFoldersDescriptionsWithFewFilesOpen) {
     for (int number = 0; number < 60; ++number) {
         const std::string folder = "Set " + std::to_string(number);
         client->createDirectory(folder, command_, result_, error_);
-        MediaFolderTemplate record;
-        record.setID(std::to_string(number));
-        record.setPhysicalFileName(folder);
-        client->writeFolderDataXML(params_->getPluginRoot() + "/", ItemDataManager().saveItemData(&record),
-                                   "");
+        MediaFolderTemplate description;
+        description.setID(std::to_string(number));
+        description.setPhysicalFileName(folder);
+        client->writeFolderDataXML(params_->getPluginRoot() + "/",
+                                   ItemDataManager().saveItemData(&description), "");
     }
     client.reset();
     rlimit before = {};

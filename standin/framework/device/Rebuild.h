@@ -1,11 +1,9 @@
 // Makes the databases of a backup anew, when its database is lost or damaged.
 //
 //   backup.db       a row for each item with a description and a file, and for each set with either; the
-//   dates
-//                   are those of the descriptions
+//                   dates are those of the descriptions
 //   .ledger.db      a row for each of these files; the checksum is the one that the ledger before held, where
-//   it
-//                   can be read, otherwise the file's as it is now
+//                   it can be read, otherwise the file's as it is now
 //
 // Both are made beside their places, and take them when they are whole and on the disk. What stood there is
 // kept as backup.db.old, .old-2 and so on.
