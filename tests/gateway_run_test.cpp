@@ -356,6 +356,28 @@ TEST_F(GatewayTest, GetsThroughWhatTheServiceDoes) {
     expectComplete();
 }
 
+TEST_F(GatewayTest, NeverMixesTwoStatesOfAFile) {
+    const std::string before(300000, 'a');
+    account_.addItem(account_.addSet("S"), photo("p", flickr_sim::Content::bytes(before)));
+    serveToday();
+    for (const std::string& after :
+         {std::string(300000, 'b'), before + "and more", before.substr(0, 290000)}) {
+        SCOPED_TRACE(after.size());
+        // Cut once, then another file, whatever part is asked for.
+        std::atomic<int> requests{0};
+        sim_->faults().clear();
+        sim_->faults().add(flickr_sim::media(), flickr_sim::always(),
+                           [&](const flickr_sim::Request& request, flickr_sim::Reply& reply) {
+                               (requests++ == 0 ? fault::dropInBody(100000) : fault::body(after))(request,
+                                                                                                  reply);
+                           });
+        emptyDevice();
+        EXPECT_EQ(runThrough().status, 1);
+        EXPECT_GT(requests, 2) << "what was begun is given up, and fetched from the start";
+        EXPECT_TRUE(read("S/p.jpg") == after);
+    }
+}
+
 TEST_F(GatewayTest, SaysWhatItCannotHelp) {
     const std::string set = account_.addSet("S");
     const std::string bad = account_.addItem(set, photo("bad"));
