@@ -129,6 +129,14 @@ TEST_F(LogTest, WritesOneLineForEachCallAndNoSecrets) {
     fill();
     EXPECT_LE(fs::file_size(log), 10u << 20);
 
+    const std::string earlier = (folder_ / "earlier.log").string();
+    std::ofstream(earlier).put('\n');
+    fs::resize_file(earlier, 10u << 20);
+    nameLogFile(earlier);
+    DevLogger::writeLog("one line more", LogLevelFailure, "x", 1);
+    EXPECT_TRUE(fs::exists(earlier + ".1.gz")) << "what an earlier process wrote counts";
+    EXPECT_THAT(readFile(earlier), testing::EndsWith(" one line more\n"));
+
     nameLogFile((folder_ / "none" / "x.log").string());
     DevLogger::writeLog("dropped", LogLevelInformation, "x", 1);
     setLogSecrets({});
