@@ -7,6 +7,7 @@ import json
 import os
 import pty
 import re
+import signal
 import struct
 import subprocess
 import sys
@@ -136,6 +137,13 @@ class Output(Rig):
         self.assertEqual({event["event"] for event in events}, {"progress", "item"})
         self.assertEqual(sum(event["event"] == "item" for event in events), 8)
         self.assertEqual(self.check("run", lines[-1])["event"], "summary")
+        with subprocess.Popen([self.program(), "run", "--device", self.device("c"), "--json-progress"], text=True,
+                              env=self.environment(), stdout=subprocess.PIPE, stderr=subprocess.DEVNULL) as stopped:
+            stopped.stdout.readline()
+            stopped.send_signal(signal.SIGINT)
+            *lines, last = stopped.stdout.read().splitlines()
+        self.assertIn("message", [self.check("event", line)["event"] for line in lines])
+        self.assertEqual(self.check("run", last)["result"], "stopped")
 
     def broken(self):
         """A configuration that leads nowhere."""
