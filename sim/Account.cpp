@@ -11,45 +11,48 @@ namespace flickr_sim {
 
 namespace {
 
+enum class Shape { Whole, Square };
+enum class Offered { Always, TodayOnly };
+
 /// A form that the service makes of an original: its label and longer side.
 struct Step {
     const char* label;
     int longestSide;
-    bool square = false;
-    bool isNew = false;  // offered today only
+    Shape shape = Shape::Whole;
+    Offered offered = Offered::Always;
 };
 
 constexpr Step kSteps[] = {
-    {"Square", 75, true},
-    {"Large Square", 150, true},
+    {"Square", 75, Shape::Square},
+    {"Large Square", 150, Shape::Square},
     {"Thumbnail", 100},
     {"Small", 240},
     {"Small 320", 320},
-    {"Small 400", 400, false, true},
+    {"Small 400", 400, Shape::Whole, Offered::TodayOnly},
     {"Medium", 500},
     {"Medium 640", 640},
     {"Medium 800", 800},
     {"Large", 1024},
-    {"Large 1600", 1600, false, true},
-    {"Large 2048", 2048, false, true},
-    {"X-Large 3K", 3072, false, true},
-    {"X-Large 4K", 4096, false, true},
-    {"X-Large 5K", 5120, false, true},
-    {"X-Large 6K", 6144, false, true},
+    {"Large 1600", 1600, Shape::Whole, Offered::TodayOnly},
+    {"Large 2048", 2048, Shape::Whole, Offered::TodayOnly},
+    {"X-Large 3K", 3072, Shape::Whole, Offered::TodayOnly},
+    {"X-Large 4K", 4096, Shape::Whole, Offered::TodayOnly},
+    {"X-Large 5K", 5120, Shape::Whole, Offered::TodayOnly},
+    {"X-Large 6K", 6144, Shape::Whole, Offered::TodayOnly},
 };
 
 /// A form that the service makes of a video: its label and height, 0 for the video's own.
 struct Film {
     const char* label;
     int height = 0;
-    bool isNew = true;
+    Offered offered = Offered::TodayOnly;
 };
 
 constexpr Film kFilms[] = {
-    {"Video Player", 0, false},
-    {"Site MP4", 0, false},
-    {"Mobile MP4", 0, false},
-    {"Video Original", 0, false},
+    {"Video Player", 0, Offered::Always},
+    {"Site MP4", 0, Offered::Always},
+    {"Mobile MP4", 0, Offered::Always},
+    {"Video Original", 0, Offered::Always},
     {"100", 100},
     {"288p", 288},
     {"300", 300},
@@ -113,8 +116,8 @@ std::vector<Rendition> renditionsOf(const Item& item, Labels labels) {
     made.reserve(std::size(kSteps) + std::size(kFilms));
     const int longest = std::max({item.width, item.height, 1});
     for (const Step& step : kSteps) {
-        if (step.isNew && labels == Labels::Former) continue;
-        if (step.square) {
+        if (step.offered == Offered::TodayOnly && labels == Labels::Former) continue;
+        if (step.shape == Shape::Square) {
             made.push_back(rendition(step.label, step.longestSide, step.longestSide));
         } else if (longest > step.longestSide || std::string(step.label) == "Thumbnail") {
             const int side = std::min(step.longestSide, longest);
@@ -125,7 +128,8 @@ std::vector<Rendition> renditionsOf(const Item& item, Labels labels) {
     }
     if (item.isVideo) {
         for (const Film& film : kFilms) {
-            if ((film.isNew && labels == Labels::Former) || film.height > item.height) continue;
+            if ((film.offered == Offered::TodayOnly && labels == Labels::Former) || film.height > item.height)
+                continue;
             const int height = film.height > 0 ? film.height : item.height;
             made.push_back(rendition(
                 film.label, static_cast<int>(1LL * item.width * height / std::max(item.height, 1)), height));
