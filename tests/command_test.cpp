@@ -455,7 +455,7 @@ TEST_F(CommandTest, RefusesWhatCannotBeDone) {
     for (const char* name : {"configure", "run", "status", "verify"}) {
         EXPECT_EQ(command({name, "--help"}), 0);
         EXPECT_THAT(out_, HasSubstr("Example:\n  flickr-backup " + std::string(name)));
-        if (name == std::string("run")) EXPECT_THAT(out_, HasSubstr("[0 - 36500]=30"));
+        EXPECT_EQ(out_.find("[0 - 36500]=30") != std::string::npos, name == std::string("run"));
     }
 }
 
