@@ -502,7 +502,9 @@ def check_stop(work, build, case):
         key = {"getPhotos": "7", "getSizes": "1", "media": "1", "thumb": "1"}.get(point, "")
         stage.service.answer = lambda *request: answer(*request) if request[:2] == (point, key) else None
         process = stage.program.start_backup(stage.device)
-        rig.require(stage.service.reached.wait(30), "the case was not reached")
+        if not stage.service.reached.wait(60):
+            process.kill()
+            raise rig.Failed(f"the case was not reached: {process.communicate()}")
         time.sleep(1)
         began = time.monotonic()
         process.send_signal(signal.SIGINT)
