@@ -326,7 +326,7 @@ def instructions(bench):
         with bench.service(1, size, "--item-bytes", 20000) as url:
             device, files = bench.fresh("ours"), bench.fresh("floor")
             database = device / "backup.db"
-            backup = (bench.application, "run", "--device", device, "--credentials", bench.credentials)
+            backup = (bench.application, "run", "--device", device, "--credentials", bench.credentials, "--new")
             floor, libraries = ((bench.program(name), url, KEY, SECRET, TOKEN, files)
                                 for name in ("floor_client", "library_floor"))
             for name, command in (("ours first", backup), ("ours unchanged", backup),
