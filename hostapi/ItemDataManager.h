@@ -13,8 +13,8 @@ class ItemDataManager {
 public:
     ItemDataManager() = default;
 
-    /// The stored form of a filled MediaTemplate or MediaFolderTemplate. It stays the caller's. For
-    /// an item the text goes to the device with HostServiceClientMac::closeFile(), for a folder with
+    /// The stored form of a filled MediaTemplate or MediaFolderTemplate, which stays the caller's. For an
+    /// item the text goes to the device with HostServiceClientMac::closeFile(), for a folder with
     /// writeFolderDataXML().
     std::string saveItemData(Template* description);
 };
